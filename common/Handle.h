@@ -1,0 +1,44 @@
+// Owners of file descriptors and stdio files: they close what they hold, move, and do not copy.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <unistd.h>
+#include <utility>
+
+class FileDescriptor {
+ public:
+  FileDescriptor() = default;
+  explicit FileDescriptor(int descriptor) : iDescriptor(descriptor) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : iDescriptor(other.release()) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    if (this != &other) reset(other.release());
+    return *this;
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  ~FileDescriptor() { reset(); }
+
+  [[nodiscard]] int get() const { return iDescriptor; }
+  [[nodiscard]] bool isOpen() const { return iDescriptor >= 0; }
+  int release() { return std::exchange(iDescriptor, -1); }
+  void reset(int descriptor = -1) {
+    if (iDescriptor >= 0) close(iDescriptor);
+    iDescriptor = descriptor;
+  }
+
+ private:
+  int iDescriptor = -1;
+};
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+// Empty when the file could not be opened. Close errors matter to nobody who uses it: whoever writes data
+// that must arrive flushes and checks before letting go.
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+inline File openFile(const char* path, const char* mode) {
+  return File(std::fopen(path, mode));
+}

@@ -1,0 +1,43 @@
+#include "engine/Glob.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+
+FixedText<256> Glob::pcKestrovaBin;
+FixedText<256> Glob::sAudioDirectory = [] {
+  FixedText<256> text;
+  text.assignCut("..\\audio\\");
+  return text;
+}();
+int Glob::iCPUPower = 5;
+int Glob::sAPIVersion = 0;
+
+std::mutex Glob::logMutex;
+std::mutex Glob::errMutex;
+std::mutex Glob::timeMutex;
+bool Glob::bLogMutexExists = false;
+bool Glob::bErrMutexExists = false;
+bool Glob::bTimeMutexExists = false;
+
+namespace {
+// Whatever is logged before this object exists is written without the mutexes: only one thread runs then.
+const Glob glob;
+}  // namespace
+
+Glob::Glob() {
+  // A std::mutex cannot fail to come into being; the flags say that static initialisation has reached this
+  // point.
+  bLogMutexExists = bErrMutexExists = bTimeMutexExists = true;
+}
+
+void Glob::initRandomPackage() {
+  std::srand(static_cast<unsigned>(std::time(nullptr)));
+}
+
+int Glob::getRandomInt(int lo, int hi) {
+  if (lo == hi) return hi;
+  constexpr int kRandMaximum = 2147483647;
+  const int step = std::max(1, kRandMaximum / (hi - lo + 1));
+  return std::min(hi, lo + std::rand() / step);
+}

@@ -1,0 +1,149 @@
+/* Kestrova, the voice engine of Quorvel: noise reduction with comfort noise, gain control, DTMF detection,
+ * voice learning (noise channels) and acoustic echo cancellation (echo channels) on 16-bit linear audio in
+ * short frames. This is the one header that users of the engine include; it is plain C.
+ *
+ * Calling order: KestrovaPackageInit once; per channel one of the init functions; then any number of frame
+ * calls; then the matching terminate. A channel may be initialised again without terminating it. Channel
+ * numbers are 0 to 5, for noise channels and, separately, for echo channels.
+ *
+ * Results: 0 success, 1 bad channel number or processing failure, 2 initialisation failure.
+ *
+ * Threads: KestrovaPackageInit must have returned before any channel is used. A channel is driven by one
+ * thread at a time; different channels are independent. The engine holds no lock, allocates only in the init
+ * functions and writes to no log.
+ */
+#ifndef ENGINE_KESTROVA_H
+#define ENGINE_KESTROVA_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define KESTROVA_API_VERSION 2
+#define KESTROVA_VERSION_NUMBER 593945u
+#define KESTROVA_MAX_CHANNEL 5
+
+/* Learned voice data, handed out by KestrovaCopySpeakerInformationAfterRegistration and taken by
+ * KestrovaIpsavoxInit. Its size is what KestrovaCompleteRegistration reports. */
+typedef struct sAPISpeaker sAPISpeaker;
+
+/* How a channel is to work. Values outside their range are clamped except where stated. */
+typedef struct sKestrovaInit {
+  uint16_t sBitsPerSample;           /* 16: 16-bit linear; anything else: 8-bit */
+  int32_t iSampleRate;               /* Hz, 8000..64000 */
+  uint16_t sFrameUnits;              /* frame length in units of 32 samples, 1..8, else the init fails */
+  uint16_t sInitialDelayUnits;       /* leading silence in units of 8 samples, at most 96 samples */
+  uint8_t bCheckDTMF;                /* run DTMF detection */
+  uint8_t bRemoveNonSelfFrequencies; /* suppress frequencies foreign to the learned speaker */
+  uint16_t sCNGInitialValue;         /* comfort noise at the start, percent */
+  uint16_t sCNGStep;                 /* comfort noise step, percent */
+  uint16_t sCNGEndValue;             /* comfort noise at the end, percent */
+  uint16_t sBurstEndDecrease;   /* decrease of the speech gain per period after confident speech, percent */
+  uint16_t sBurstEndMode;       /* periods per second; a period is 8000 / value samples */
+  uint16_t sBurstEndLowerValue; /* floor of the speech gain, percent */
+  uint16_t sBurstEndStep;       /* bonus added to the speech-gain target, percent */
+  uint16_t sMaxNumCyclesInDelayBuffer; /* 2..50 cycles of 32 samples */
+  uint16_t sDetectAggressiveLevel;     /* 0..4 */
+  uint16_t sCleanAggressiveLevel;      /* 5..12 */
+  uint8_t bCancelAcousticShock;
+  uint8_t bStartBypassed; /* the channel starts with processing bypassed */
+  uint8_t bBypassVAD;
+  uint8_t bDoAGC;
+  int32_t iAGCLevel;                       /* target level, linear amplitude */
+  int32_t iAGCMinPercent;                  /* negative is taken as 0 */
+  int32_t iAGCMaxPercent;                  /* raised to at least iAGCMinPercent */
+  int32_t iGroupType;                      /* voice group 0..3 */
+  uint8_t bStartRegistration;              /* voice init: record a new speaker */
+  const sAPISpeaker* psSpeakerInformation; /* voice init: learned speaker to load, or null */
+  uint16_t sAecAlgorithm;                  /* 0 basic .. 7 advanced */
+  uint16_t sSpkLagFrames;       /* frames the loudspeaker stream may lag the microphone stream, 0..50 */
+  uint16_t sMicLagFrames;       /* frames the microphone stream may lag the loudspeaker stream, 0..50 */
+  uint16_t sAecSupressionHold;  /* suppression hangover level, 0..10 */
+  uint16_t sAecAggressiveLevel; /* 0..20 */
+  uint16_t sAecHowlingLevel;    /* 0..20 */
+  uint16_t sAecMaxCoef;         /* percent, 10..300 */
+  uint16_t sAecMinCoef;         /* percent, 1..150 */
+  int16_t sAecTailType;         /* -58..5 */
+  int16_t sAecTailStart;        /* -58..0 */
+  int32_t iAecTalkHoldSamples;  /* talk hold length */
+  int32_t iAecHold2Samples;     /* strong-talk hold length */
+  uint16_t sMinOutputPercentDuringEcho; /* 0..100 */
+} sKestrovaInit;
+
+typedef struct sKestrovaPackage {
+  int32_t iAPIVersion;        /* must be KESTROVA_API_VERSION */
+  const char* pcBinDirectory; /* installation directory, or null */
+  int32_t iCPUPower;          /* processing effort, 0..10 */
+} sKestrovaPackage;
+
+/* What the engine says of one frame. */
+typedef struct sKestrovaFrameResult {
+  int32_t iOutBytes;       /* bytes written to the output */
+  int32_t iSpeech;         /* 1: speech was written */
+  int32_t iConfidentVoice; /* 1: speech that is certain */
+  int32_t iDtmf;           /* 1: a DTMF digit was written; fetch the text with KestrovaGetLastDTMFBuffer */
+  int32_t iNoiseLevel;     /* amplitude of the last noise stretch */
+  int32_t iSpeakerMatch;   /* level of the learned speaker */
+  int32_t iGainPercent;    /* gain of the automatic gain control */
+  int32_t iEchoLevel;      /* echo paths only */
+} sKestrovaFrameResult;
+
+/* Snapshot of an echo canceller, for support. */
+typedef struct sKestrovaAECStatus {
+  uint8_t bFlags[6];
+  int32_t iValues[8];
+} sKestrovaAECStatus;
+
+int KestrovaVersion(uint32_t* version);
+
+/* Once per process. 2 when the API version is not 2, the CPU power is above 10 or memory is short. */
+int KestrovaPackageInit(const sKestrovaPackage* package);
+
+/* Noise channel n. */
+int KestrovaInit(uint16_t channel, const sKestrovaInit* init);
+/* The same, with the learned pitch centre and spread preset from the voice group. */
+int KestrovaGroupInit(uint16_t channel, const sKestrovaInit* init);
+/* The same with a learned voice, or recording a new one. */
+int KestrovaIpsavoxInit(uint16_t channel, const sKestrovaInit* init);
+/* Echo channel n: a microphone stream and a loudspeaker stream. */
+int KestrovaAECInit(uint16_t channel, const sKestrovaInit* init);
+
+/* One frame, sFrameUnits x 4 ms. `in` and `out` may be the same buffer and hold inBytes bytes. Fields of
+ * `result` that a call does not produce keep their values. */
+int KestrovaProcessFrame(uint16_t channel, const void* in, int32_t inBytes, void* out,
+                         sKestrovaFrameResult* result);
+/* Sets iOutBytes and iEchoLevel of the result. */
+int KestrovaAECProcessMicFrame(uint16_t channel, const void* in, int32_t inBytes, void* out,
+                               sKestrovaFrameResult* result);
+int KestrovaAECProcessSpkFrame(uint16_t channel, const void* in, int32_t inBytes);
+/* Echo cancellation, then noise reduction of its output. */
+int KestrovaComboAECNRProcessFrame(uint16_t channel, const void* in, int32_t inBytes, void* out,
+                                   sKestrovaFrameResult* result);
+/* Noise reduction, then echo cancellation of its output. */
+int KestrovaComboNRAECProcessFrame(uint16_t channel, const void* in, int32_t inBytes, void* out,
+                                   sKestrovaFrameResult* result);
+
+/* The digits detected so far. 1 when there is no detector or the text with its terminator exceeds `capacity`.
+ */
+int KestrovaGetLastDTMFBuffer(uint16_t channel, char* text, int32_t capacity);
+
+/* Ends a registration. 1 when nothing usable was learned; else *size is the size in bytes of the speaker
+ * record. */
+int KestrovaCompleteRegistration(uint16_t channel, uint32_t* size);
+/* Writes the speaker record into a buffer of that size. 1 without a completed registration. */
+int KestrovaCopySpeakerInformationAfterRegistration(uint16_t channel, sAPISpeaker* speaker);
+
+int KestrovaTerminate(uint16_t channel);
+int KestrovaAECTerminate(uint16_t channel);
+
+int KestrovaGetAECInternalStatus(uint16_t channel, uint8_t* status);
+int KestrovaGetAECInternalStatusParameters(uint16_t channel, sKestrovaAECStatus* status);
+int KestrovaPrintInitValues(const sKestrovaInit* init);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,360 @@
+// The SIP engine: a back-to-back user agent. It terminates every dialog that passes through Quorvel and
+// originates a second one; every call occupies one orig slot and its partner. All state lives in tables
+// allocated by init; nothing is allocated per call or per message. Main thread only, numActiveCalls excepted.
+//
+//   1  Slots, calls and generators      Slots.cpp              RFC 3261 (8.1.1.7 branch, 19.3 tags, 8.1.1.4
+//   Call-ID) 2  Message text                     SipText.cpp, SipUri.cpp 3  Transport Transport.cpp 4  Main
+//   loop                        MainLoop.cpp 5  Dispatch                         Dispatch.cpp 6  Call set-up
+//   CallSetup.cpp, CallCommand.cpp 7  Route set                        RouteSet.cpp 8  Messages we build
+//   MessageBuilder.cpp 9  SDP                              SdpReader.cpp, SdpWriter.cpp  RFC 4566, RFC 3264,
+//   RFC 3551, RFC 4733
+//  10  Media relay calls                MediaCalls.cpp
+//  11  Call progress                    Progress.cpp
+//  12  Teardown                         Teardown.cpp
+//  13  Answers outside a call           GeneralAnswers.cpp
+//  14  Registration with the PBX        Registration.cpp
+//  15  Digest authentication            Authentication.cpp     RFC 2617 without quality of protection
+//  16  Mid-call changes                 ReInvite.cpp, Transfer.cpp, Notify.cpp, Redirection.cpp
+//  17  Bound phones                     Bindings.cpp, BoundRegistration.cpp, BoundSubscription.cpp,
+//  BindingFile.cpp
+//
+// A received message is a std::string_view that ends before the first NUL byte; it is never changed. "The
+// partner" of slot s is the other leg of its call. Status results: 0 (false) is success; failures are logged
+// where they are found.
+#pragma once
+
+#include <array>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <netinet/in.h>
+#include <string_view>
+#include <sys/types.h>
+
+#include "app/config/Settings.h"
+#include "common/FixedText.h"
+#include "common/Handle.h"
+#include "common/Relaxed.h"
+#include "rtp/Codec.h"
+#include "sip/CallIdIndex.h"
+#include "sip/sBinding.h"
+#include "sip/sPhone.h"
+
+inline constexpr const char* kUserAgent = "Kestrova Quorvel";
+inline constexpr const char* kAllow = "INVITE,ACK,CANCEL,INFO,BYE";
+
+// Room for a message while it is being built. What we send is shorter than 3,000 characters in practice; a
+// message that would not fit here is not sent.
+using MessageText = FixedText<12000>;
+
+// Whether a URI's host name is looked up. Asking the name service can block, so only callers that go on to
+// use the address ask for it; dotted addresses are always read.
+enum class HostLookup { eNo, eYes };
+
+struct sSipUri {
+  FixedText<kSipNameCapacity> pcName;  // user@host, or the host alone
+  int iPort = 5060;
+  bool bUdp = true;
+  FixedText<16> pcIP;        // dotted
+  FixedText<200> pcFullUri;  // without "sip:"
+};
+
+struct FreeDeleter {
+  void operator()(void* memory) const { std::free(memory); }
+};
+
+// A received message as the dispatch hands it on. All views point into the receive buffer.
+struct sSipMessage {
+  std::string_view text;
+  std::string_view firstLine;
+  std::string_view callId;
+  std::string_view cseqText;
+  int iCSeq = 0;
+  sockaddr_in sFrom{};
+};
+
+class MySip {
+ public:
+  // ---- 1 Slots, calls and generators ----
+
+  // Allocates and initialises everything from the settings. 0, or 2.
+  int init();
+  // Calls in use and not terminating. Any thread, also signal handlers.
+  int numActiveCalls() const { return iActiveCalls; }
+  // Copies a slot into the ring of old calls, overwriting the oldest copy.
+  void moveCallToOldCalls(int slot);
+  // Absorbs a message of an ended call, after at most one answer. True when it did.
+  bool checkOldCalls(std::string_view callId, std::string_view firstLine, int cseq,
+                     std::string_view cseqText);
+  void fillNewTagData(FixedText<17>& out);     // ";tag=" and 11 decimal digits
+  void fillNewBranchData(FixedText<41>& out);  // "z9hG4bK" and 33 upper-case hexadecimal digits
+  void fillNewCallID(std::string_view user,
+                     FixedText<60>& out);  // 59 characters ending in user@SipUAIP, or empty
+  void fillNewSessionID(int& out);
+  static void eraseOneTimeRoutingMsgAndDestinationIP(sPhone& leg);
+
+  int numSlots() const { return iNumSlots; }
+  int numOrigSlots() const { return iNumSlots / 2; }
+  bool isOrigSlot(int slot) const { return slot < numOrigSlots(); }
+  sPhone& phone(int slot) { return psPhones[static_cast<std::size_t>(slot)]; }
+  sPhone& oldCall(int index) { return psOldCalls[static_cast<std::size_t>(index)]; }
+  sPhone& partnerOf(int slot) { return phone(phone(slot).iPairIndex); }
+
+  // Call state changes only through these, which keep the count of active calls and the Call-ID index right.
+  void setCallID(int slot, std::string_view callId);
+  void occupySlot(int slot);                    // in use from now on
+  void markTerminating(int slot);               // both legs, from now on
+  void freeSlot(int slot);                      // not in use any more; nothing is kept
+  void releaseCall(int first);                  // both legs freed and moved to the old calls, `first` first
+  int findSlot(std::string_view callId) const;  // first slot with the Call-ID, or -1
+  int findSlotInUse(std::string_view callId) const;  // the same among slots in use
+
+  // ---- 2 Message text ----
+
+  // First occurrence of needle, letters compared without regard to case; npos if none. An empty haystack or
+  // needle gives 0, and so does, logged, a text of more than 9,999 characters.
+  static std::size_t stristr(std::string_view haystack, std::string_view needle);
+  static bool contains(std::string_view haystack, std::string_view needle) {
+    return !haystack.empty() && stristr(haystack, needle) != std::string_view::npos;
+  }
+  // Value of the header `name` (written with its colon), found anywhere in the message; consecutive lines of
+  // that header are one value. Empty, and logged, when absent or not shorter than `capacity`.
+  static std::string_view extractToken(std::string_view name, std::size_t capacity, std::string_view message);
+  // Writes compact header names out. False, and `message` unchanged, when the result would exceed 2,999
+  // characters.
+  static bool translateCompactHeaders(FixedText<3000>& message);
+  // Analyses the text from its first character, which begins "sip:". 0, or 1.
+  static int analyzeURIString(std::string_view text, sSipUri& out, HostLookup lookup = HostLookup::eNo);
+  static void extractShortSipName(std::string_view text, FixedText<kSipNameCapacity>& out);
+  static void extractFarEndURI(std::string_view message, FixedText<200>& out);
+  // The Via value without its rport parameter (RFC 3581), cut to the capacity.
+  static void removeRport(FixedText<1000>& via);
+  static void replaceProxyIPInSipName(FixedText<kSipNameCapacity>& name);
+  static void extractCallIDFromReferReplaces(std::string_view text, FixedText<367>& out);
+  static void prepareCallIDToUseInReferReplaces(std::string_view callId, FixedText<300>& out);
+  // Same length; '?' in the pattern stands for any one character.
+  static bool sipNameMatchRegularExpression(std::string_view name, std::string_view pattern);
+  static bool sipNameInDOSList(std::string_view name);
+  static bool sipNameInAOSList(std::string_view name);
+  // First row of the routing table with a matching expression, or -1.
+  static int getSipRoutingIndex(std::string_view name);
+  // Leading decimal, as "%d" scans it (blanks skipped, sign allowed). False without one, or out of int's
+  // range.
+  static bool readDecimal(std::string_view text, int& out);
+  // The tag after "tag=" in a To or From value, up to ';', '>' , blank or the end; false if there is none.
+  static bool extractTag(std::string_view headerValue, std::string_view& tag);
+  // Body: everything after the first empty line.
+  static std::string_view bodyOf(std::string_view message);
+
+  // ---- 3 Transport ----
+
+  // Opens and binds the SIP socket. 0, or 2.
+  int prepareConnection();
+  // Sends one message and, if a ring is given, stores it there. Bytes sent, or -1.
+  ssize_t sendSipMsg(std::array<sLastMsgData, kStoredMessages>* ring, int* ringIndex, std::string_view callId,
+                     int cseq, std::string_view text, const sockaddr_in& to);
+  // Sends the newest stored message with that CSeq again.
+  void resendLastSipMsg(const std::array<sLastMsgData, kStoredMessages>& ring, int ringIndex, int cseq);
+
+  // ---- 4 Main loop ----
+
+  // Runs until shutdown completes or the instance lock is lost. An exception ends the process with status 1.
+  void mainLoop();
+  // One pass of it: shutdown check, wait (at most `waitMilliseconds`), maintenance, one datagram. False:
+  // leave.
+  bool mainLoopPass(int waitMilliseconds);
+  void reloadFromConfiguration(std::string_view fileName);
+  void initiateShutdown();
+
+  // ---- 5 Dispatch ----
+
+  // Classifies one datagram (its text ends before the first NUL) and hands it to exactly one handler.
+  void analyzeSipMessage(std::string_view text, const sockaddr_in& from);
+
+  // ---- 6 Call set-up ----
+
+  void handleInviteMsg(int orig, std::string_view msg, const sockaddr_in& from,
+                       std::string_view replacesForOrig, std::string_view headersForPair);
+  void handleInviteMsgReplacingOldCall(int slot, FixedText<500>& out);
+  int analyzeToStringInInviteMessage(int orig, std::string_view to);
+  int analyzeFromStringAndCommandInInviteMessage(int orig, std::string_view from, std::string_view to);
+  int findMatchingCommand(int orig, int pair, std::string_view to);
+  int insertMatchingCmdData(int orig, int pair, std::string_view to, std::string_view destination, int type);
+  // Slot for a new INVITE, or -1.
+  int chooseOrigSlot(std::string_view msg, const sockaddr_in& from);
+  // The header lines of the message that the PSH expressions select.
+  void collectPreservedHeaders(std::string_view msg, FixedText<500>& out);
+
+  // ---- 7 Route set ----
+
+  void storeRoutingInformation(int slot, bool reverse, std::string_view msg);
+  void prepareOneTimeRecordRouteMsg(int slot, bool ownOnly, std::string_view msg);
+  void prepareOneTimeRoutingMsgAndDestinationIP(int slot, std::string_view msg);
+
+  // ---- 8 Messages we build ----
+
+  void prepareSDPAndsendInvite(int slot, std::string_view extra1, std::string_view extra2);
+  // Every other message on a leg. `tail` starts with CR LF: the further header lines, the empty line and the
+  // body.
+  void generalPrepareAndSendMsg(bool asRequest, sPhone& leg, const char* firstLine, const char* cseq,
+                                const char* tail, int contentLength, bool store, const char* remoteTag,
+                                const char* via, const char* branch);
+  // The same with the leg's own remote tag, Via and branch, and no body.
+  void sendRequest(sPhone& leg, const char* firstLine, int cseq, const char* method, bool store);
+  void sendResponse(sPhone& leg, const char* statusLine, int cseq, const char* method, bool store);
+  // "ACK sip:%s SIP/2.0" and its like.
+  static FixedText<300> requestLine(const char* method, std::string_view uri);
+
+  // ---- 9 SDP ----
+
+  void initializeCodecNegotiationList(int slot, bool unused = false);
+  void copyCodecNegotionList(int from, int to);
+  void narrowCodecNegotiationList(int slot, std::string_view formats, std::string_view sdpRest);
+  void initializeAudioWithoutSDP(int slot);
+  // From `position` in the text: where the next "m=" begins (npos: none), and whether it is audio.
+  static std::size_t findNextMediaSection(std::string_view text, std::size_t position, bool& isAudio);
+  int analyzeMediaInSDP(int slot, std::string_view msg);                                  // 0 is success
+  int analyzeAudioInSDPHelper(int slot, std::string_view section, std::string_view msg);  // 1 is success
+  // Quorvel's SDP for the leg; returns its text.
+  std::string_view prepareSDP(int slot, MessageText& out);
+  void learnExternalIP(int slot, std::string_view msg);
+
+  // ---- 10 Media relay calls ----
+
+  void openRtpSessionPair(int a, int b);
+  void closeRtpSessionPair(int a, int b);
+  void restartRtpSession(int a, int b);
+
+  // ---- 11 Call progress ----
+
+  void handleTryingMsg(int slot, std::string_view msg);
+  void handleRingingMsg(int slot, std::string_view msg);
+  void handleSessionProgressMsg(int slot, std::string_view msg);
+  void handleOKForInviteMsg(int slot, std::string_view msg);
+  void handleErrorForInviteMsg(int slot, std::string_view msg);
+  void handleACKMsg(int slot, std::string_view msg);
+  void prepareAndSendSessionProgress(int slot);
+  void prepareAndSendOKForInvite(int slot);
+
+  // ---- 12 Teardown ----
+
+  void handleCancelMsg(int slot, std::string_view msg);
+  void handleOKForCANCELMsg(int slot, std::string_view msg);
+  void handleBYEMsg(int slot, std::string_view msg);
+  void handleOKForBYEMsg(int slot, std::string_view msg);
+  void initiateCallTermination(int slot);
+
+  // ---- 13 Answers outside a call ----
+
+  void sendGeneralErrorMsg(int code, std::string_view msg, const sockaddr_in& to, int slot,
+                           std::string_view extraLines);
+  void handleOptionsMsg(std::string_view msg, const sockaddr_in& from);
+
+  // ---- 14 Registration with the PBX ----
+
+  int initRegistration();  // always 0
+  ssize_t sendRegistration(sPhone& identity, int expires);
+  void refreshRegistrations();
+
+  // ---- 15 Digest authentication ----
+
+  void handleUnauthorizedMsg(std::string_view msg, const sockaddr_in& from);
+  void sendAuthentication(sPhone& identity, int ringIndex, std::string_view challenge,
+                          const sockaddr_in& from);
+  // 32 hexadecimal digits.
+  static FixedText<33> prepareDigestResponse(std::string_view user, std::string_view realm,
+                                             std::string_view password, std::string_view method,
+                                             std::string_view uri, std::string_view nonce);
+  void generateUnauthorizedMsg(std::string_view challenge, const sockaddr_in& from);
+  void sendUnauthorizedMsg(std::string_view challenge, const char* via, const char* fromHeader,
+                           const char* toHeader, const char* callId, int cseq, const char* method,
+                           const sockaddr_in& destination);
+  // The request's credentials header line with CR LF, or empty.
+  static std::string_view extractAuthorizationLine(std::string_view msg);
+
+  // ---- 16 Mid-call changes ----
+
+  void handleReInviteMsg(int slot, std::string_view msg, const sockaddr_in& from);
+  void handleErrorForReInviteMsg(int slot, std::string_view msg);
+  void stopReInviteAndRollBack(int a, int b);
+  void sendRequestTerminatedOnFailedReInvite(int slot, std::string_view msg);
+  void sendACKOnFailedReInvite(int slot, std::string_view msg);
+  void handleACKForPreviousFailedReInvite(int slot, std::string_view msg);
+  void handleREFERMsg(int slot, std::string_view msg);
+  void handleAcceptedForREFERMsg(int slot, std::string_view msg);
+  void handleNOTIFYMsg(int slot, std::string_view msg);
+  void handleOKForNOTIFYMsg(int slot, std::string_view msg);
+  void handleNOTIFYMsgWithUnknownCallID(std::string_view msg, const sockaddr_in& from);
+  void handleMoveMsg(int slot, std::string_view msg);
+  bool reviewMoveStorage(int slot);  // true when a new INVITE was sent
+
+  // ---- 17 Bound phones ----
+
+  void handleRequestToRegisterWithUs(std::string_view msg, const sockaddr_in& from);
+  void handleRequestToSubscribeWithUs(std::string_view msg);
+  int processNewBindingInformation(std::string_view name, std::string_view nameAtUA,
+                                   std::string_view nameAtDomain, std::string_view user,
+                                   std::string_view contactIP, int contactPort, const sockaddr_in& address,
+                                   int expires);
+  int processNewSubscriptionInformation(int binding, std::string_view callId, int expires);
+  int getBindingIndex(std::string_view name);
+  bool doesAddressAppearInBindingTable(const sockaddr_in& address);
+  void sendRegistrationOnBehalfOfBindedPhone(int binding, int expires, std::string_view credentials,
+                                             bool repeat);
+  void sendSubscribeOnBehalfOfBindedPhone(int binding, int entry, std::string_view event,
+                                          std::string_view supported, std::string_view accept, int expires,
+                                          std::string_view credentials, bool repeat);
+  void handleOKForRegistrationOnBehalfOfBindedPhone(int binding, std::string_view msg);
+  void sendOKForRegistrationBackToBindedPhone(int binding);
+  void handleOKForSubscriptionOnBehalfOfBindedPhone(int binding, int entry, std::string_view msg);
+  void sendOKForSubscriptionBackToBindedPhone(int binding, int entry);
+  void handleNOTIFYMsgOnBehalfOfBindedPhone(int binding, int entry, std::string_view msg);
+  void handleOKForNOTIFYOnBehalfOfBindedPhone(int binding, int entry, std::string_view msg);
+  void handleERRORForNOTIFYOnBehalfOfBindedPhone(int binding, int entry, std::string_view msg);
+  void cleanupExpiredBindingsAndSubscriptions();
+  int saveBindingTable(const char* path);
+  int readBindingTable(const char* path);
+  // Start-up: "binding", else "binding-bkp", else an empty table in both.
+  void loadBindingFiles();
+  // Maintenance tick: first "binding", then "binding-bkp".
+  void saveBindingFiles();
+
+  // Lookups for the dispatch; -1 or false when nothing matches.
+  int findBindingByRelayedRegistration(std::string_view callId, int cseq);
+  struct sSubscriptionPlace {
+    int iBinding = -1;
+    int iEntry = -1;
+    explicit operator bool() const { return iBinding >= 0; }
+  };
+  sSubscriptionPlace findSubscriptionByRelayCallID(std::string_view callId, const int* relayCSeq);
+  sSubscriptionPlace findSubscriptionByPhoneCallID(std::string_view callId, int notifyRelayCSeq);
+
+  // ---- Fields ----
+
+  FileDescriptor iSocket;
+  sockaddr_in sProxyAddress{};  // SipProxyIP:SipProxyPort
+  sockaddr_in sLocalAddress{};  // SipUAIPForBinding:SipUAPort, the bound address
+  sPhone sTrunk;                // used only to register TrunkName
+  bool bTrunkExists = false;
+  std::unique_ptr<sPhone[]> psPhones;
+  std::unique_ptr<sPhone[]> psOldCalls;  // copies of ended calls' slots, absorbing their late messages
+  bool bAllPhonesActive = false;
+  std::time_t sTimeLastTick = 0;
+  int iNextOldCall = 0;
+  int iNumBindings = 0;
+  // kMaxBindings records from calloc: their pages come into memory only as bindings appear.
+  std::unique_ptr<sBinding[], FreeDeleter> psBindings;
+  std::time_t sTimeLastRegistrationCheck = 0;
+  std::time_t sTimeLastStatistics = 0;
+  std::unique_ptr<int[]>
+      piActiveRtpIndexes;  // relay index of every open session pair, NumCallsToFilter entries
+  int iNumActiveRtpIndexes = 0;
+
+ private:
+  int iNumSlots = 0;
+  Relaxed<int> iActiveCalls;
+  CallIdIndex slotIndex;
+  CallIdIndex oldCallIndex;
+};
+
+inline MySip mySip;
