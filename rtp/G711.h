@@ -1,0 +1,18 @@
+// G.711 companding: 16-bit linear samples to and from the 8-bit A-law and mu-law character signals as they
+// stand in an RTP payload (RFC 3551: A-law with its even bits inverted, mu-law with all bits inverted).
+//
+// Decoding gives the output values of ITU-T G.711 tables 1 and 2, 13-bit (A-law) and 14-bit (mu-law) values
+// aligned to the high end of 16 bits. Encoding cuts the sample to 13 or 14 bits by arithmetic shift; a value
+// that falls on one of the Recommendation's decision values belongs to the interval below it.
+//
+// These are the definitions, from which look-up tables are filled; the packet path reads only the tables.
+// Every argument value is valid.
+#pragma once
+
+// Linear value of a code: A-law -32256..32256, mu-law -32124..32124.
+[[nodiscard]] short alaw2linear(unsigned char code) noexcept;
+[[nodiscard]] short ulaw2linear(unsigned char code) noexcept;
+
+// Code of a linear sample. mu-law clips at 8159 of its 14 bits, the Recommendation's last decision value.
+[[nodiscard]] unsigned char linear2alaw(short sample) noexcept;
+[[nodiscard]] unsigned char linear2ulaw(short sample) noexcept;
