@@ -2,9 +2,9 @@
 // mean. The class has no data of its own; settings stand in Settings.h, the process's state in
 // ProcessState.h. Main thread only, except the signal handlers' pair allowShutdown / startShutdown.
 //
-//  1  Own addresses                 app/NetworkInformation.cpp
-//  2  Instance lock and shutdown    app/InstanceLock.cpp, app/Signals.cpp
-//  3  Configuration file            app/config/ConfigurationFile.cpp   (keys: KeyRegistry)
+//  1  Own addresses                 app/config/NetworkInformation.cpp
+//  2  Instance lock and shutdown    app/config/InstanceLock.cpp, app/Shutdown.cpp
+//  3  Configuration file            app/config/ConfigurationFile.cpp   (keys: KeyRegistry), AddressValue.cpp
 //  4  Single keys                   app/config/SingleKey.cpp
 //  5  Call commands                 app/config/CallCommands.cpp
 //  6  SIP routing file              app/config/RoutingFile.cpp

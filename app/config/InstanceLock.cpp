@@ -1,0 +1,69 @@
+#include <fcntl.h>
+#include <optional>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "app/config/InstanceFile.h"
+#include "app/config/Log.h"
+#include "app/config/MyConfiguration.h"
+#include "common/Handle.h"
+
+namespace {
+
+constexpr const char* kReadFunction = "MyConfiguration::readTmpFile";
+constexpr const char* kWriteFunction = "MyConfiguration::writeTmpFile";
+constexpr int kFailure = 2;
+constexpr int kToleratedFailures = 4;
+constexpr int kNiceValue = -15;
+
+// The process id in the lock file, or nothing (logged).
+std::optional<std::int32_t> readLock(const InstancePath& path) {
+  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.isOpen()) {
+    Log::error(kReadFunction, "Unable to open %s for reading\n", path.c_str());
+    return std::nullopt;
+  }
+  std::int32_t owner = 0;
+  if (read(file.get(), &owner, sizeof owner) == static_cast<ssize_t>(sizeof owner)) return owner;
+  Log::error(kReadFunction, "Unable to read from %s\n", path.c_str());
+  return std::nullopt;
+}
+
+bool lockIsOurs() {
+  const std::optional<std::int32_t> owner = readLock(instancePath(kLockFile));
+  if (!owner) return false;
+  if (*owner == getpid()) return true;
+  Log::error(kReadFunction, "Can't run more than one Quorvel (with same instance) on a single computer\n");
+  return false;
+}
+
+}  // namespace
+
+int MyConfiguration::writeTmpFile() {
+  const InstancePath path = instancePath(kLockFile);
+  switch (writeInstanceFile(path, getpid())) {
+    case InstanceFileResult::eWritten:
+      return 0;
+    case InstanceFileResult::eNotOpened:
+      Log::error(kWriteFunction, "Unable to open %s for writing\n", path.c_str());
+      return kFailure;
+    case InstanceFileResult::eNotWritten:
+      Log::error(kWriteFunction, "Unable to write to %s\n", path.c_str());
+      return kFailure;
+  }
+  return kFailure;
+}
+
+int MyConfiguration::readTmpFile() {
+  static int iFailureCount = 0;
+  iFailureCount = lockIsOurs() ? 0 : iFailureCount + 1;
+  if (iFailureCount <= kToleratedFailures) return 0;
+  Log::error(kReadFunction, "going to return fatal\n");
+  return kFailure;
+}
+
+void MyConfiguration::increaseProcessPriority() {
+  if (setpriority(PRIO_PROCESS, static_cast<id_t>(getpid()), kNiceValue) == 0) return;
+  Log::warning("MyConfiguration::increaseProcessPriority",
+               "Unable to set priority class - check your user has permission to change priority\n");
+}
