@@ -36,6 +36,8 @@
 #include "common/Handle.h"
 #include "common/Relaxed.h"
 #include "rtp/Codec.h"
+#include "sip/BindingFile.h"
+#include "sip/BindingIndex.h"
 #include "sip/CallIdIndex.h"
 #include "sip/sBinding.h"
 #include "sip/sPhone.h"
@@ -58,6 +60,8 @@ struct sSipUri {
   FixedText<16> pcIP;        // dotted
   FixedText<200> pcFullUri;  // without "sip:"
 };
+
+struct sRtpSessionPair;
 
 struct FreeDeleter {
   void operator()(void* memory) const { std::free(memory); }
@@ -109,13 +113,20 @@ class MySip {
   int findSlot(std::string_view callId) const;  // first slot with the Call-ID, or -1
   int findSlotInUse(std::string_view callId) const;  // the same among slots in use
 
+  // A new random branch, local tag or Call-ID on a leg.
+  void drawBranch(sPhone& leg);
+  void drawLocalTag(sPhone& leg);
+  void drawCallID(int slot);
+  // Begins a dialog of our own on the leg: new branch, local tag and Call-ID, CSeq 1, no remote tag.
+  void beginDialog(int slot);
+
   // ---- 2 Message text ----
 
-  // First occurrence of needle, letters compared without regard to case; npos if none. An empty haystack or
-  // needle gives 0, and so does, logged, a text of more than 9,999 characters.
+  // First occurrence of needle, letters compared without regard to case; npos if none. An empty needle gives
+  // 0, and so does, logged, a text of more than 9,999 characters.
   static std::size_t stristr(std::string_view haystack, std::string_view needle);
   static bool contains(std::string_view haystack, std::string_view needle) {
-    return !haystack.empty() && stristr(haystack, needle) != std::string_view::npos;
+    return stristr(haystack, needle) != std::string_view::npos;
   }
   // Value of the header `name` (written with its colon), found anywhere in the message; consecutive lines of
   // that header are one value. Empty, and logged, when absent or not shorter than `capacity`.
@@ -141,27 +152,46 @@ class MySip {
   // Leading decimal, as "%d" scans it (blanks skipped, sign allowed). False without one, or out of int's
   // range.
   static bool readDecimal(std::string_view text, int& out);
+  // The same for a port: 0 to 65535.
+  static bool readPort(std::string_view text, int& out);
   // The tag after "tag=" in a To or From value, up to ';', '>' , blank or the end; false if there is none.
   static bool extractTag(std::string_view headerValue, std::string_view& tag);
   // Body: everything after the first empty line.
   static std::string_view bodyOf(std::string_view message);
+  // Does a first line begin with the text (letters without regard to case)?
+  static bool isMethod(std::string_view firstLine, std::string_view start);
+  // CSeq number and header value. False, and logged for `function`, when the number cannot be read.
+  static bool readCSeq(std::string_view message, int& number, std::string_view& text);
+  // Content-Length, or the body's own length where the header is missing or unreadable (RFC 3261 18.3 for
+  // UDP).
+  static int contentLengthOf(std::string_view message);
+  // The same for requests of a call, logged as "error, reading seq from ...".
+  static bool readRequestCSeq(std::string_view msg, int& cseq, const char* function);
+  // The first URI of a header value. 0, or 1 after logging for `function`.
+  static int analyzeHeaderUri(std::string_view value, sSipUri& out, const char* function,
+                              HostLookup lookup = HostLookup::eNo);
+  // Takes the tag of the message's To header, if it has one, as the leg's remote tag.
+  static void learnRemoteTag(sPhone& leg, std::string_view msg);
 
   // ---- 3 Transport ----
+
+  static sockaddr_in addressOf(const char* ip, int port);
+  static FixedText<16> ipOf(const sockaddr_in& address);
 
   // Opens and binds the SIP socket. 0, or 2.
   int prepareConnection();
   // Sends one message and, if a ring is given, stores it there. Bytes sent, or -1.
-  ssize_t sendSipMsg(std::array<sLastMsgData, kStoredMessages>* ring, int* ringIndex, std::string_view callId,
-                     int cseq, std::string_view text, const sockaddr_in& to);
+  ssize_t sendSipMsg(MessageRing* ring, int* ringIndex, std::string_view callId, int cseq,
+                     std::string_view text, const sockaddr_in& to);
   // Sends the newest stored message with that CSeq again.
-  void resendLastSipMsg(const std::array<sLastMsgData, kStoredMessages>& ring, int ringIndex, int cseq);
+  void resendLastSipMsg(const MessageRing& ring, int ringIndex, int cseq);
 
   // ---- 4 Main loop ----
 
   // Runs until shutdown completes or the instance lock is lost. An exception ends the process with status 1.
   void mainLoop();
-  // One pass of it: shutdown check, wait (at most `waitMilliseconds`), maintenance, one datagram. False:
-  // leave.
+  // One pass of it (for tests): shutdown check, wait (at most `waitMilliseconds`), maintenance, one datagram.
+  // False: leave.
   bool mainLoopPass(int waitMilliseconds);
   void reloadFromConfiguration(std::string_view fileName);
   void initiateShutdown();
@@ -209,13 +239,20 @@ class MySip {
 
   void initializeCodecNegotiationList(int slot, bool unused = false);
   void copyCodecNegotionList(int from, int to);
+  // Keeps the codecs that the peer offers. `formats`: its media line after "m=audio ", a blank at the end or
+  // not; `sdpRest`: the rest of the section.
   void narrowCodecNegotiationList(int slot, std::string_view formats, std::string_view sdpRest);
   void initializeAudioWithoutSDP(int slot);
+  // Values of the "a=rtpmap:" and "a=fmtp:" lines. Too many values, and one that is too long, are logged and
+  // left out.
+  using SdpValues = std::array<std::string_view, 19>;
+  static void extractRTPMaps(SdpValues& out, int& count, std::string_view text);
+  static void extractFMTPs(SdpValues& out, int& count, std::string_view text);
   // From `position` in the text: where the next "m=" begins (npos: none), and whether it is audio.
   static std::size_t findNextMediaSection(std::string_view text, std::size_t position, bool& isAudio);
   int analyzeMediaInSDP(int slot, std::string_view msg);                                  // 0 is success
   int analyzeAudioInSDPHelper(int slot, std::string_view section, std::string_view msg);  // 1 is success
-  // Quorvel's SDP for the leg; returns its text.
+  // Quorvel's SDP for the leg; returns its text. It mirrors what the partner's peer offered.
   std::string_view prepareSDP(int slot, MessageText& out);
   void learnExternalIP(int slot, std::string_view msg);
 
@@ -312,8 +349,8 @@ class MySip {
   void handleOKForNOTIFYOnBehalfOfBindedPhone(int binding, int entry, std::string_view msg);
   void handleERRORForNOTIFYOnBehalfOfBindedPhone(int binding, int entry, std::string_view msg);
   void cleanupExpiredBindingsAndSubscriptions();
-  int saveBindingTable(const char* path);
-  int readBindingTable(const char* path);
+  int saveBindingTable(const char* path);  // 0, or 1
+  int readBindingTable(const char* path);  // 0, or 1 and the table is empty
   // Start-up: "binding", else "binding-bkp", else an empty table in both.
   void loadBindingFiles();
   // Maintenance tick: first "binding", then "binding-bkp".
@@ -329,6 +366,10 @@ class MySip {
   sSubscriptionPlace findSubscriptionByRelayCallID(std::string_view callId, const int* relayCSeq);
   sSubscriptionPlace findSubscriptionByPhoneCallID(std::string_view callId, int notifyRelayCSeq);
 
+  sBinding& bindingAt(int binding) { return psBindings[static_cast<std::size_t>(binding)]; }
+  // Whoever changes a record of the table says so afterwards: lookups and files go by it.
+  void bindingChanged(int binding);
+
   // ---- Fields ----
 
   FileDescriptor iSocket;
@@ -337,24 +378,120 @@ class MySip {
   sPhone sTrunk;                // used only to register TrunkName
   bool bTrunkExists = false;
   std::unique_ptr<sPhone[]> psPhones;
-  std::unique_ptr<sPhone[]> psOldCalls;  // copies of ended calls' slots, absorbing their late messages
+  std::unique_ptr<sPhone[], FreeDeleter>
+      psOldCalls;  // copies of ended calls' slots, absorbing their late messages
   bool bAllPhonesActive = false;
   std::time_t sTimeLastTick = 0;
   int iNextOldCall = 0;
   int iNumBindings = 0;
   // kMaxBindings records from calloc: their pages come into memory only as bindings appear.
   std::unique_ptr<sBinding[], FreeDeleter> psBindings;
+  FixedText<300> pcBindingFile;
+  FixedText<300> pcBindingBackupFile;
   std::time_t sTimeLastRegistrationCheck = 0;
   std::time_t sTimeLastStatistics = 0;
   std::unique_ptr<int[]>
       piActiveRtpIndexes;  // relay index of every open session pair, NumCallsToFilter entries
   int iNumActiveRtpIndexes = 0;
 
+  // Writes the statistics pages; set by start-up, so that the SIP engine need not know them. Null: nobody
+  // does.
+  void (*pGenerateStatistics)() = nullptr;
+
  private:
+  enum class Verdict { eDone, eContinue };
+  struct sDispatchRule;
+
+  // Parts of the operations above, file by file.
+
+  // Slots.cpp
+  int allocateTables();
+  void initTrunk();
+  int nameSlots();
+  void initRegistrationIdentity(sPhone& identity);
+  template <typename Change>
+  void changeState(int slot, Change change);
+  int firstFreeOrigSlot() const;
+
+  // MainLoop.cpp
+  void receiveMessage();
+  bool maintainTimers();   // false: leave the main loop
+  bool maintenanceTick();  // false: leave the main loop
+  void checkReadiness();
+  void sweepReleases();
+  void sweepSetUps();
+  void sweepMedia();
+  void checkMedia(int orig, const sRtpSessionPair& pair);
+  void repeatByes();
+
+  // Dispatch.cpp
+  Verdict dispatch(const sSipMessage& msg);
+  void callSlotHandler(const sSipMessage& msg, void (MySip::*handler)(int, std::string_view),
+                       const char* noMatch);
+  bool handleReloadDatagram(std::string_view text);
+  static void logReceived(const char* what, std::string_view text, const sockaddr_in& from);
+  Verdict onOKForRegister(const sSipMessage& msg);
+  Verdict onOKForSubscribe(const sSipMessage& msg);
+  Verdict onOKForInvite(const sSipMessage& msg);
+  Verdict onOKForNotify(const sSipMessage& msg);
+  Verdict onRegister(const sSipMessage& msg);
+  Verdict onSubscribe(const sSipMessage& msg);
+  Verdict onInvite(const sSipMessage& msg);
+  Verdict onCancel(const sSipMessage& msg);
+  Verdict onErrorForInvite(const sSipMessage& msg);
+  Verdict onErrorForNotify(const sSipMessage& msg);
+  Verdict onAck(const sSipMessage& msg);
+  Verdict onNotify(const sSipMessage& msg);
+  Verdict onOptions(const sSipMessage& msg);
+
+  // CallSetup.cpp
+  int chooseOrigSlotByPairPhoneName(std::string_view msg, const sockaddr_in& from);
+  int findPairPhone(std::string_view user);
+  void beginOrigLeg(int orig, const sockaddr_in& from, std::string_view replaces);
+  int readInviteOfCaller(int orig, std::string_view msg, bool& barred);
+  int readMediaAndContactOfCaller(int orig, std::string_view msg);
+  void beginPairLeg(int pair, std::string_view msg, std::string_view headers);
+  void choosePairDestination(int pair, const sockaddr_in& source);
+  void takeReplaces(std::string_view msg, FixedText<500>& forOrig, FixedText<500>& forPair);
+
+  // CallCommand.cpp
+  int takeExplicitCommand(int orig, std::string_view from, std::string_view& display, bool quoted,
+                          bool& found);
+  static int takeCallerTag(sPhone& leg, std::string_view from);
+  static int analyzeToUri(std::string_view to, sSipUri& out, const char* function);
+
+  // MessageBuilder.cpp
+  void sendSdpAnswer(int slot, const char* status);
+
+  // Progress.cpp
+  void relayProvisional(int slot, std::string_view msg, const char* statusLine, const char* function);
+  int takeAnswer(int slot, std::string_view msg, const char* function);
+  void takeRouteOfAnswer(int slot, std::string_view msg);
+
+  // Teardown.cpp
+  void beginBye(sPhone& leg);
+
+  // Authentication.cpp
+  sPhone* findSender(std::string_view callId, int cseq, int& record);
+  void handChallengeToPartner(int slot, std::string_view challenge, const sockaddr_in& from,
+                              const char* method);
+
+  // Room for one datagram and the NUL that ends it.
+  std::array<char, kMaxMessageLength + 1> pcReceiveBuffer{};
+
+  // Bit i: orig slot i is in use.
+  std::array<std::uint64_t, (kMaxPhonesToAllocate / 2 + 63) / 64> uOrigInUse{};
   int iNumSlots = 0;
   Relaxed<int> iActiveCalls;
-  CallIdIndex slotIndex;
+  CallIdIndex slotIndex;  // kept by setCallID and moveCallToOldCalls
   CallIdIndex oldCallIndex;
+
+  void emptyBindingTable();
+  void drawRelayCallID(const sBinding& record, FixedText<62>& out);
+
+  BindingIndex bindingIndex;
+  BindingFile bindingFile;
+  BindingFile backupBindingFile;
 };
 
 inline MySip mySip;

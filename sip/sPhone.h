@@ -125,6 +125,8 @@ struct sPhoneTail {
   FixedText<2150> pcOneTimeRoutingMsg;  // header lines for the next message only
   FixedText<202> pcOneTimeDestinationHost;
   sockaddr_in sOneTimeDestination{};
+
+  int iRegistrationCSeq = 0;  // CSeq of the last REGISTER of this identity
 };
 
 // One call leg, and at the same time one SIP identity of ours. Slots 0 to N/2 - 1 are orig phones (they face
@@ -133,6 +135,8 @@ struct sPhoneTail {
 struct sPhone : sPhoneHead, sDialog, sPhoneTail {
   sDialog& dialog() { return *this; }
 };
+
+using MessageRing = std::array<sLastMsgData, kStoredMessages>;
 
 static_assert(std::is_trivially_copyable_v<sPhone>, "slots are copied as blocks");
 static_assert(std::is_trivially_copyable_v<sDialog>, "the dialog block is saved and restored as one block");

@@ -1,0 +1,308 @@
+// Digest challenges (401 and 407): answered with our own credentials, or in the proxy arrangement handed on
+// to the party whose request was challenged. Quorvel never challenges anybody itself.
+#include <algorithm>
+
+#include "app/config/Log.h"
+#include "sip/MessageTemplates.h"
+#include "sip/MySip.h"
+
+namespace {
+
+constexpr std::size_t kMaxQuotedValue = 255;
+constexpr std::size_t kMaxFirstLine = 199;
+constexpr std::size_t kNoText = std::string_view::npos;
+
+std::string_view firstLineOf(std::string_view text) {
+  return text.substr(0, text.find("\r\n"));
+}
+
+std::size_t find(std::string_view text, std::string_view what, std::size_t from = 0) {
+  const std::size_t at = from < text.size() ? MySip::stristr(text.substr(from), what) : kNoText;
+  return at == kNoText ? kNoText : from + at;
+}
+
+// "17 INVITE": number and method, as "%d %s" reads them.
+bool readNumberAndMethod(std::string_view cseq, int& number, std::string_view& method) {
+  if (!MySip::readDecimal(cseq, number)) return false;
+  std::size_t at = cseq.find_first_of("0123456789");
+  at = cseq.find_first_not_of("0123456789", at);
+  at = at == kNoText ? kNoText : cseq.find_first_not_of(" \t\r\n", at);
+  if (at == kNoText) return false;
+  method = cseq.substr(at, cseq.find_first_of(" \t\r\n", at) - at);
+  return true;
+}
+
+// The text between `start` (which ends with a double quote) and the next double quote.
+bool readQuoted(std::string_view challenge, std::string_view start, const char* noStart, const char* noEnd,
+                std::string_view& out) {
+  constexpr const char* kFunction = "MySip::sendAuthentication";
+  const std::size_t at = find(challenge, start);
+  if (at == kNoText) {
+    Log::error(kFunction, "%s", noStart);
+    return false;
+  }
+  const std::string_view rest = challenge.substr(at + start.size(), kMaxQuotedValue + 1);
+  const std::size_t end = rest.find('"');
+  if (end == kNoText) {
+    Log::error(kFunction, "%s", noEnd);
+    return false;
+  }
+  out = rest.substr(0, end);
+  return true;
+}
+
+template <std::size_t N>
+FixedText<N> copyOf(std::string_view text) {
+  FixedText<N> copy;
+  copy.assignCut(text);
+  return copy;
+}
+
+// A stored request taken apart around its branch and its CSeq line, which the answer to a challenge replaces.
+struct sRequestParts {
+  std::string_view toBranch;   // up to and including "branch="
+  std::string_view toCSeq;     // from the end of the Via line up to "CSeq:"
+  std::string_view cseq;       // the CSeq value
+  std::string_view afterCSeq;  // from the line after it
+
+  bool split(std::string_view request) {
+    constexpr const char* kFunction = "MySip::sendAuthentication";
+    const auto missing = [](const char* what) {
+      Log::error(kFunction, "%s", what);
+      return false;
+    };
+    constexpr std::string_view kBranch = "branch=";
+    constexpr std::string_view kCSeq = "CSeq:";
+    const std::size_t branch = find(request, kBranch);
+    if (branch == kNoText) return missing("Did not find branch\n");
+    toBranch = request.substr(0, branch + kBranch.size());
+    const std::size_t viaEnd = request.find("\r\n", toBranch.size());
+    if (viaEnd == kNoText) return missing("Did not find end of branch\n");
+    const std::size_t cseqStart = find(request, kCSeq, viaEnd);
+    if (cseqStart == kNoText) return missing("Did not find CSeq\n");
+    toCSeq = request.substr(viaEnd, cseqStart - viaEnd);
+    const std::size_t cseqEnd = request.find("\r\n", cseqStart);
+    if (cseqEnd == kNoText) return missing("Did not find end of CSeq\n");
+    cseq = request.substr(cseqStart + kCSeq.size(), cseqEnd - cseqStart - kCSeq.size());
+    afterCSeq = request.substr(cseqEnd + 2);
+    return true;
+  }
+};
+
+}  // namespace
+
+// ---- A challenge arrives ----
+
+void MySip::handleUnauthorizedMsg(std::string_view msg, const sockaddr_in& from) {
+  if (iSipProxyArchitecture != 0) {
+    generateUnauthorizedMsg(msg, from);
+    return;
+  }
+  const std::string_view callId = extractToken("Call-ID:", 100, msg);
+  std::string_view cseqText;
+  int cseq = 0;
+  if (!readCSeq(msg, cseq, cseqText)) {
+    Log::error("MySip::handleUnauthorizedMsg", "reading seq from %.*s\n", static_cast<int>(cseqText.size()),
+               cseqText.data());
+    return;
+  }
+  int record = -1;
+  sPhone* identity = findSender(callId, cseq, record);
+  if (identity == nullptr) return;
+  if (contains(cseqText, "INVITE") && cseq == identity->iInviteCSeq) {
+    learnRemoteTag(*identity, msg);
+    sendRequest(*identity, requestLine("ACK", identity->pcRemoteSipName).c_str(), cseq, "ACK", false);
+  }
+  sendAuthentication(*identity, record, msg, from);
+}
+
+// The identity that sent the request with this Call-ID and CSeq, and the position in its ring; null if none
+// did.
+sPhone* MySip::findSender(std::string_view callId, int cseq, int& record) {
+  const auto searchRing = [&](const sPhone& identity) {
+    for (int back = 1; back <= kStoredMessages; ++back) {
+      const int position = (identity.iLastMsgIndex + kStoredMessages - back) % kStoredMessages;
+      const sLastMsgData& stored = identity.psLastMsgs[static_cast<std::size_t>(position)];
+      if (stored.iCSeq == cseq && stored.pcCallID == callId) return position;
+    }
+    return -1;
+  };
+  if ((record = searchRing(sTrunk)) >= 0) return &sTrunk;
+  // A Call-ID belongs to one slot; the index spares a walk over all rings where it is that of a call.
+  if (const int slot = findSlot(callId); slot >= 0 && (record = searchRing(phone(slot))) >= 0)
+    return &phone(slot);
+  for (int slot = 0; slot < iNumSlots; ++slot) {
+    if ((record = searchRing(phone(slot))) >= 0) return &phone(slot);
+  }
+  return nullptr;
+}
+
+// ---- Answering it ----
+
+void MySip::sendAuthentication(sPhone& identity, int ringIndex, std::string_view challenge,
+                               const sockaddr_in& from) {
+  constexpr const char* kFunction = "MySip::sendAuthentication";
+  std::string_view realm;
+  std::string_view nonce;
+  if (!readQuoted(challenge, "realm=\"", "unable to find realm in unauthorized msg\n",
+                  "unable to find end of realm in unauthorized msg\n", realm) ||
+      !readQuoted(challenge, "nonce=\"", "unable to find nonce in unauthorized msg\n",
+                  "unable to find end of nonce in unauthorized msg\n", nonce)) {
+    return;
+  }
+  const std::string_view request = identity.psLastMsgs[static_cast<std::size_t>(ringIndex)].pcMsg;
+  const std::string_view line = firstLineOf(request);
+  if (line.size() > kMaxFirstLine) {
+    Log::error(kFunction, "status line too long\n");
+    return;
+  }
+  const std::size_t methodEnd = line.find(' ');
+  const std::size_t uriStart = methodEnd == kNoText ? kNoText : line.find_first_not_of(' ', methodEnd);
+  if (uriStart == kNoText) {
+    Log::error(kFunction, "unable to find Status & Uri in unahotized msg %.*s\n",
+               static_cast<int>(line.size()), line.data());
+    return;
+  }
+  const std::string_view method = line.substr(0, methodEnd);
+  const std::string_view uri = line.substr(uriStart, line.find(' ', uriStart) - uriStart);
+
+  sRequestParts parts;
+  int storedCSeq = 0;
+  std::string_view cseqMethod;
+  if (!parts.split(request)) return;
+  if (!readNumberAndMethod(parts.cseq, storedCSeq, cseqMethod)) {
+    Log::error(kFunction, "reading seq & requestfrom %.*s\n", static_cast<int>(parts.cseq.size()),
+               parts.cseq.data());
+    return;
+  }
+  if (identity.iCSeq < storedCSeq) {
+    Log::error(kFunction, "Stored CSeq %d is greated than last sent CSeq %d\n", storedCSeq, identity.iCSeq);
+    return;
+  }
+  ++identity.iCSeq;
+  const bool isRegister = cseqMethod == "REGISTER";
+  if (isRegister) {
+    fillNewBranchData(identity.pcRegistrationBranch);
+    identity.iRegistrationCSeq = identity.iCSeq;
+  } else {
+    drawBranch(identity);
+  }
+  const FixedText<33> response =
+      prepareDigestResponse(identity.pcUserName, realm, identity.pcSecret, method, uri, nonce);
+  FixedText<1200> credentials;
+  const auto formatted =
+      contains(challenge, "401 Unauthorized")
+          ? credentials.format(kAuthorizationTemplate, identity.iCSeq, copyOf<50>(cseqMethod).c_str(),
+                               identity.pcUserName.c_str(), copyOf<256>(realm).c_str(),
+                               copyOf<256>(nonce).c_str(), response.c_str(), copyOf<200>(uri).c_str())
+          : credentials.format(kProxyAuthorizationTemplate, identity.iCSeq, copyOf<50>(cseqMethod).c_str(),
+                               identity.pcUserName.c_str(), copyOf<256>(realm).c_str(),
+                               copyOf<256>(nonce).c_str(), response.c_str(), copyOf<200>(uri).c_str());
+  MessageText text;
+  if (!formatted || !text.append(parts.toBranch) ||
+      !text.append(isRegister ? identity.pcRegistrationBranch.view() : identity.pcBranch.view()) ||
+      !text.append(parts.toCSeq) || !text.append(credentials) || !text.append(parts.afterCSeq)) {
+    Log::error(kFunction, "request with credentials is too long\n");
+    return;
+  }
+  if (cseqMethod == "INVITE") identity.iInviteCSeq = identity.iCSeq;
+  sendSipMsg(nullptr, nullptr, {}, identity.iCSeq, text, from);
+}
+
+// ---- Handing it on ----
+
+void MySip::generateUnauthorizedMsg(std::string_view challenge, const sockaddr_in& from) {
+  constexpr const char* kFunction = "MySip::generateUnauthorizedMsg";
+  const std::string_view callId = extractToken("Call-ID:", 100, challenge);
+  const std::string_view cseqText = extractToken("CSeq:", 50, challenge);
+  int cseq = 0;
+  std::string_view method;
+  if (!readNumberAndMethod(cseqText, cseq, method)) {
+    Log::error(kFunction, "reading seq from %.*s\n", static_cast<int>(cseqText.size()), cseqText.data());
+    return;
+  }
+  const FixedText<50> methodText = copyOf<50>(method);
+  const int slot = slotIndex.find(
+      callId, [&](int index) { return phone(index).pcCallID == callId && phone(index).iCSeq == cseq; });
+  if (slot >= 0) {
+    handChallengeToPartner(slot, challenge, from, methodText.c_str());
+  } else if (const int binding = findBindingByRelayedRegistration(callId, cseq); binding >= 0) {
+    const sBinding& phoneOf = psBindings[static_cast<std::size_t>(binding)];
+    FixedText<2000> via;
+    (void)via.format("%s%s", phoneOf.pcPhoneVia.c_str(), phoneOf.pcPhoneViaParams.c_str());
+    sendUnauthorizedMsg(challenge, via.c_str(), phoneOf.pcPhoneFrom.c_str(), phoneOf.pcPhoneTo.c_str(),
+                        phoneOf.pcPhoneCallID.c_str(), phoneOf.iPhoneCSeq, methodText.c_str(),
+                        phoneOf.sBindingAddress);
+  } else if (const auto place = findSubscriptionByRelayCallID(callId, &cseq)) {
+    const sBinding& phoneOf = psBindings[static_cast<std::size_t>(place.iBinding)];
+    const sSubscription& entry = phoneOf.psSubscriptions[static_cast<std::size_t>(place.iEntry)];
+    FixedText<2000> via;
+    (void)via.format("%s%s", entry.pcPhoneVia.c_str(), phoneOf.pcPhoneViaParams.c_str());
+    sendUnauthorizedMsg(challenge, via.c_str(), entry.pcPhoneFrom.c_str(), entry.pcPhoneTo.c_str(),
+                        entry.pcPhoneCallID.c_str(), entry.iPhoneCSeq, methodText.c_str(),
+                        phoneOf.sBindingAddress);
+  }
+}
+
+void MySip::handChallengeToPartner(int slot, std::string_view challenge, const sockaddr_in&,
+                                   const char* method) {
+  sPhone& leg = phone(slot);
+  const sPhone& partner = partnerOf(slot);
+  learnRemoteTag(leg, challenge);
+  FixedText<300> own;
+  FixedText<300> peer;
+  (void)own.format("<sip:%s>%s", partner.pcSipName.c_str(), partner.pcLocalTag.c_str());
+  (void)peer.format("<sip:%s>%s", partner.pcRemoteSipName.c_str(), partner.pcRemoteTag.c_str());
+  const bool weInvited = partner.bInviteSentByUs;
+  FixedText<2000> via;
+  (void)via.format("%s%s", partner.pcRemoteVia.c_str(), partner.pcViaParams.c_str());
+  sendUnauthorizedMsg(
+      challenge, via.c_str(), weInvited ? own.c_str() : peer.c_str(), weInvited ? peer.c_str() : own.c_str(),
+      partner.pcCallID.c_str(), partner.iRemoteInviteCSeq, method,
+      partner.pcOneTimeDestinationHost.empty() ? partner.sRemoteAddress : partner.sOneTimeDestination);
+  if (leg.bReInviteInProgress && !leg.bReInviteFromThisLeg) stopReInviteAndRollBack(slot, leg.iPairIndex);
+}
+
+void MySip::sendUnauthorizedMsg(std::string_view challenge, const char* via, const char* fromHeader,
+                                const char* toHeader, const char* callId, int cseq, const char* method,
+                                const sockaddr_in& destination) {
+  constexpr const char* kFunction = "MySip::sendUnauthorizedMsg";
+  std::size_t start = find(challenge, "Proxy-Authenticate:");
+  if (start == kNoText) start = find(challenge, "WWW-Authenticate:");
+  if (start == kNoText) {
+    Log::error(kFunction, "unrecorgnized authentication line in: \n %.*s \n",
+               static_cast<int>(challenge.size()), challenge.data());
+    return;
+  }
+  const std::size_t end = challenge.find("\r\n", start);
+  if (end == kNoText) {
+    Log::error(kFunction, "error during digest analyze\n");
+    return;
+  }
+  const std::string_view status = firstLineOf(challenge);
+  if (status.size() > kMaxFirstLine) {
+    Log::error(kFunction, "status line too long\n");
+    return;
+  }
+  MessageText text;
+  if (!text.format(kRelayedChallengeTemplate, copyOf<200>(status).c_str(), via, fromHeader, toHeader, callId,
+                   cseq, method, kUserAgent, kAllow,
+                   copyOf<3000>(challenge.substr(start, end - start)).c_str())) {
+    Log::error(kFunction, "challenge is too long\n");
+    return;
+  }
+  sendSipMsg(nullptr, nullptr, {}, cseq, text, destination);
+}
+
+std::string_view MySip::extractAuthorizationLine(std::string_view msg) {
+  constexpr std::size_t kMaxLine = 2998;
+  std::size_t start = find(msg, "Proxy-Authorization:");
+  if (start == kNoText) start = find(msg, "Authorization:");
+  if (start == kNoText) return {};
+  const std::size_t end = msg.find("\r\n", start);
+  if (end == kNoText || end + 2 - start > kMaxLine) {
+    Log::error("MySip::extractAuthorizationLine", "error during digest analyze\n");
+    return {};
+  }
+  return msg.substr(start, end + 2 - start);
+}

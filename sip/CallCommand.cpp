@@ -1,0 +1,226 @@
+// Who calls whom and what is processed: the From and To headers of a new INVITE and the call command that
+// they select.
+#include "app/config/Log.h"
+#include "sip/MySip.h"
+
+namespace {
+
+constexpr const char* kFromFunction = "MySip::analyzeFromStringAndCommandInInviteMessage";
+constexpr const char* kToFunction = "MySip::analyzeToStringInInviteMessage";
+constexpr std::size_t kMaxDisplayName = 99;
+
+void logWithText(const char* function, const char* what, std::string_view text) {
+  Log::error(function, "%s %.*s\n", what, static_cast<int>(text.size()), text.data());
+}
+
+std::string_view withoutTrailingBlanks(std::string_view text) {
+  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+  return text;
+}
+
+// The part of a From or To value that holds the display name: what follows a double quote, or everything
+// before '<', or before "sip:" where there is no '<'.
+struct sDisplayPart {
+  std::string_view text;  // from the name's first character to the end of the value
+  bool bQuoted = false;
+
+  explicit sDisplayPart(std::string_view value) : text(value) {
+    const std::size_t quote = value.substr(0, value.find('<')).find('"');
+    if (quote == std::string_view::npos) return;
+    bQuoted = true;
+    text = value.substr(quote + 1);
+  }
+
+  // The text up to the end of the display part. False: the closing quote is missing.
+  bool bounded(std::string_view& out) const {
+    if (bQuoted) {
+      const std::size_t quote = text.find('"');
+      out = text.substr(0, quote);
+      return quote != std::string_view::npos;
+    }
+    std::size_t end = text.find('<');
+    if (end == std::string_view::npos) end = MySip::stristr(text, "sip:");
+    out = withoutTrailingBlanks(text.substr(0, end));
+    return true;
+  }
+};
+
+// Reads and checks a display name. False, and logged, on failure.
+bool readDisplayName(const sDisplayPart& part, std::string_view value, const char* function,
+                     std::string_view& name) {
+  if (!part.bounded(name)) {
+    logWithText(function, "unable to find display name in", value);
+    return false;
+  }
+  if (name.size() > kMaxDisplayName) {
+    Log::error(function, "display name too long %d\n", static_cast<int>(name.size()));
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int MySip::analyzeHeaderUri(std::string_view value, sSipUri& out, const char* function, HostLookup lookup) {
+  const std::size_t start = value.empty() ? std::string_view::npos : stristr(value, "sip:");
+  if (start == std::string_view::npos) {
+    logWithText(function, "unable to find sip: in the string:", value);
+    return 1;
+  }
+  if (analyzeURIString(value.substr(start), out, lookup) != 0) {
+    logWithText(function, "error analyzing the URI String", value.substr(start));
+    return 1;
+  }
+  return 0;
+}
+
+int MySip::analyzeToStringInInviteMessage(int orig, std::string_view to) {
+  sPhone& leg = phone(orig);
+  if (!contains(to, "sip:")) {
+    logWithText(kToFunction, "unable to find sip: in", to);
+    return 1;
+  }
+  std::string_view name;
+  if (!readDisplayName(sDisplayPart(to), to, kToFunction, name)) return 1;
+  sSipUri uri;
+  if (analyzeHeaderUri(to, uri, kToFunction) != 0) return 1;
+  leg.pcDisplayName.assignCut(name);
+  partnerOf(orig).pcRemoteDisplayName.assignCut(name);
+  leg.pcSipName = uri.pcName;
+  return 0;
+}
+
+int MySip::analyzeFromStringAndCommandInInviteMessage(int orig, std::string_view from, std::string_view to) {
+  sPhone& leg = phone(orig);
+  sPhone& pair = partnerOf(orig);
+  if (!contains(from, "sip:")) {
+    logWithText(kFromFunction, "unable to find sip: in", from);
+    return 1;
+  }
+  sDisplayPart part(from);
+  bool hasDestination = false;
+  if (takeExplicitCommand(orig, from, part.text, part.bQuoted, hasDestination) != 0) return 1;
+  std::string_view name;
+  if (!readDisplayName(part, from, kFromFunction, name)) return 1;
+  sSipUri caller;
+  if (analyzeHeaderUri(from, caller, kFromFunction) != 0) return 1;
+
+  leg.pcRemoteSipName = caller.pcName;
+  pair.pcDisplayName.assignCut(name.empty() ? caller.pcName.view() : name);
+  leg.pcRemoteDisplayName = pair.pcDisplayName;
+  if (iPairPhoneShouldImpersonateTheOriginator == 1) {
+    pair.pcSipName.assignCut(caller.pcName.view().substr(0, kMaxDisplayName));
+    if (iSipProxyArchitecture != 0) replaceProxyIPInSipName(pair.pcSipName);
+  }
+  if (takeCallerTag(leg, from) != 0) return 1;
+  if (hasDestination || findMatchingCommand(orig, leg.iPairIndex, to) == 0) return 0;
+  Log::error(kFromFunction, "unable to find command\n");
+  return 1;
+}
+
+// The display name may carry a command: destination, separator, type, separator, name. `display` (from its
+// first character to the end of the header) is moved on to the name.
+int MySip::takeExplicitCommand(int orig, std::string_view from, std::string_view& display, bool quoted,
+                               bool& found) {
+  const std::string_view separator = pcSeparator;
+  std::string_view bounded = display.substr(0, display.find(quoted ? '"' : '<'));
+  const std::size_t first = separator.empty() ? std::string_view::npos : bounded.find(separator);
+  found = first != std::string_view::npos;
+  if (!found) return 0;
+
+  sPhone& pair = partnerOf(orig);
+  if (!pair.pcRemoteSipName.assign(bounded.substr(0, first))) {
+    Log::error(kFromFunction, "destination too long %d\n", static_cast<int>(first));
+    return 1;
+  }
+  const std::size_t typeStart = first + separator.size();
+  const std::size_t second = bounded.find(separator, typeStart);
+  if (second == std::string_view::npos) {
+    logWithText(kFromFunction, "unable to find cleaning type in", from);
+    return 1;
+  }
+  int type = 0;
+  if (!readDecimal(bounded.substr(typeStart, second - typeStart), type)) {
+    logWithText(kFromFunction, "unable to read cleaning type from", from);
+    return 1;
+  }
+  if (type < 0 || type > 3) {
+    Log::error(kFromFunction, "invalid cleaning type (%d) read from %.*s\n", type,
+               static_cast<int>(from.size()), from.data());
+    return 1;
+  }
+  phone(orig).iCleaningType = pair.iCleaningType = type;
+  display.remove_prefix(second + separator.size());
+  return 0;
+}
+
+int MySip::takeCallerTag(sPhone& leg, std::string_view from) {
+  const std::size_t start = stristr(from, ";tag=");
+  if (start == std::string_view::npos) {
+    logWithText(kFromFunction, "unable to find tag in", from);
+    return 1;
+  }
+  // Stored with its prefix in our own spelling, whatever the caller's letters.
+  const std::string_view tag = from.substr(start + 5, from.find(';', start + 1) - start - 5);
+  leg.pcRemoteTag.assignCut(";tag=");
+  if (leg.pcRemoteTag.append(withoutTrailingBlanks(tag))) return 0;
+  Log::error(kFromFunction, "tag is too long\n");
+  return 1;
+}
+
+int MySip::findMatchingCommand(int orig, int pair, std::string_view to) {
+  constexpr const char* kFunction = "MySip::findMatchingCommand";
+  const auto apply = [&](int rule, const RuleText& destination, int type) {
+    if (insertMatchingCmdData(orig, pair, to, destination, type) == 0) return 0;
+    Log::error(kFunction, "unable to insert cmd %d\n", rule);
+    return 1;
+  };
+  for (int rule = 0; rule < iNumCmdBasedOnCallerID; ++rule) {
+    const auto i = static_cast<std::size_t>(rule);
+    if (!sipNameMatchRegularExpression(phone(orig).pcRemoteSipName, ppcCmdBasedOnCallerIDFilter[i])) continue;
+    return apply(rule, ppcCmdBasedOnCallerIDDestination[i], piCmdBasedOnCallerIDFilteringType[i]);
+  }
+  if (iNumCmdBasedOnDestination > 0) {
+    sSipUri dialled;
+    if (analyzeToUri(to, dialled, kFunction) != 0) return 1;
+    for (int rule = 0; rule < iNumCmdBasedOnDestination; ++rule) {
+      const auto i = static_cast<std::size_t>(rule);
+      if (!sipNameMatchRegularExpression(dialled.pcName, ppcCmdBasedOnDestinationFilter[i])) continue;
+      return apply(rule, ppcCmdBasedOnDestinationDestination[i], piCmdBasedOnDestinationFilteringType[i]);
+    }
+  }
+  if (pcDefaultCmd.empty()) {
+    Log::error(kFunction, "there is no default commnad\n");
+    return 1;
+  }
+  if (insertMatchingCmdData(orig, pair, to, pcDefaultDestination, iDefaultFilteringType) == 0) return 0;
+  Log::error(kFunction, "unable to insert default cmd\n");
+  return 1;
+}
+
+int MySip::analyzeToUri(std::string_view to, sSipUri& out, const char* function) {
+  const std::size_t start = to.empty() ? std::string_view::npos : stristr(to, "sip:");
+  if (start == std::string_view::npos) {
+    logWithText(function, "unable to find sip: in To string:", to);
+    return 1;
+  }
+  if (analyzeURIString(to.substr(start), out) != 0) {
+    logWithText(function, "error analyzing the URI String", to.substr(start));
+    return 1;
+  }
+  return 0;
+}
+
+int MySip::insertMatchingCmdData(int orig, int pair, std::string_view to, std::string_view destination,
+                                 int type) {
+  phone(orig).iCleaningType = phone(pair).iCleaningType = type;
+  if (destination != "*") {
+    phone(pair).pcRemoteSipName.assignCut(destination);
+    return 0;
+  }
+  sSipUri dialled;
+  if (analyzeToUri(to, dialled, "MySip::insertMatchingCmdData") != 0) return 1;
+  phone(pair).pcRemoteSipName = dialled.pcName;
+  if (iSipProxyArchitecture != 0) replaceProxyIPInSipName(phone(pair).pcRemoteSipName);
+  return 0;
+}

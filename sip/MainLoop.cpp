@@ -1,0 +1,221 @@
+// The main loop and its one-second maintenance tick, reload and shutdown.
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "app/config/Log.h"
+#include "app/config/MyConfiguration.h"
+#include "app/config/ProcessState.h"
+#include "common/Clock.h"
+#include "rtp/MyRtp.h"
+#include "rtp/sRtpSessionPair.h"
+#include "sip/MySip.h"
+
+namespace {
+
+constexpr int kPassMilliseconds = 1000;
+constexpr double kTickSeconds = 1.0;
+constexpr double kClockMovedBackSeconds = -30.0;
+constexpr double kShutdownSeconds = 2.0;
+constexpr double kRegistrationRetrySeconds = 5.0;  // until every identity is active
+constexpr double kReleaseSeconds = 60.0;
+constexpr double kSetUpSeconds = 60.0;
+constexpr int kMaxSelectErrors = 100;
+
+bool hasPassed(std::time_t since, double seconds) {
+  return difftime(Clock::now(), since) >= seconds;
+}
+
+}  // namespace
+
+void MySip::mainLoop() {
+  try {
+    while (mainLoopPass(kPassMilliseconds)) {
+    }
+  } catch (...) {
+    Log::error("MySip::mainLoop", "exception caught");
+    _exit(1);  // media threads still run: no destructors
+  }
+}
+
+bool MySip::mainLoopPass(int waitMilliseconds) {
+  constexpr const char* kFunction = "MySip::mainLoop";
+  if (bDuringShutdown) {
+    if (bNeedToInitiateShutdown) {
+      initiateShutdown();
+      bNeedToInitiateShutdown = false;
+    }
+    if (hasPassed(sTimeStartShutDown, kShutdownSeconds)) return false;
+  }
+
+  fd_set readable;
+  FD_ZERO(&readable);
+  FD_SET(iSocket.get(), &readable);
+  timeval timeout{waitMilliseconds / 1000, (waitMilliseconds % 1000) * 1000};
+  const int ready = select(iSocket.get() + 1, &readable, nullptr, nullptr, &timeout);
+  if (ready < 0 && errno != EINTR) {
+    Log::error(kFunction, "error in select %s\n", std::strerror(errno));
+    return true;
+  }
+  if (!maintainTimers()) return false;
+  if (ready > 0) receiveMessage();
+  return true;
+}
+
+void MySip::receiveMessage() {
+  sockaddr_in from{};
+  socklen_t size = sizeof from;
+  ssize_t length;
+  do {
+    length = recvfrom(iSocket.get(), pcReceiveBuffer.data(), kMaxMessageLength, 0,
+                      reinterpret_cast<sockaddr*>(&from), &size);
+  } while (length < 0 && errno == EINTR);
+  if (length < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+    Log::warning("MySip::mainLoop", "unable to read socket %s\n", std::strerror(errno));
+  }
+  if (length <= 0) return;
+  // Messages are text: a NUL byte ends them.
+  analyzeSipMessage(
+      {pcReceiveBuffer.data(), strnlen(pcReceiveBuffer.data(), static_cast<std::size_t>(length))}, from);
+}
+
+bool MySip::maintainTimers() {
+  const std::time_t now = Clock::now();
+  const double sinceTick = difftime(now, sTimeLastTick);
+  if (sinceTick >= kTickSeconds) {
+    sTimeLastTick = now;
+    Log::rememberTimeZone();
+    return bDuringShutdown ? (repeatByes(), true) : maintenanceTick();
+  }
+  if (sinceTick < kClockMovedBackSeconds && !bDuringShutdown) {
+    Log::info("MySip::mainLoop",
+              "The date of the server was moved backwards. Going to reset the maintenance timers.\n");
+    sTimeLastTick = sTimeLastRegistrationCheck = sTimeLastStatistics = now;
+  }
+  return true;
+}
+
+bool MySip::maintenanceTick() {
+  checkReadiness();
+  if (bAllPhonesActive) {
+    refreshRegistrations();
+  } else if (hasPassed(sTimeLastRegistrationCheck, kRegistrationRetrySeconds)) {
+    sTimeLastRegistrationCheck = Clock::now();
+    refreshRegistrations();
+  }
+  cleanupExpiredBindingsAndSubscriptions();
+  sweepReleases();
+  sweepSetUps();
+  sweepMedia();
+  if (pGenerateStatistics != nullptr &&
+      (!pcRealTimeExtremeStatisticsFile.empty() || !pcRealTimeAverageStatisticsFile.empty()) &&
+      hasPassed(sTimeLastStatistics, iRefreshRateOfRealTimeStatistics / 2)) {
+    sTimeLastStatistics = Clock::now();
+    pGenerateStatistics();
+  }
+  if (myConfiguration.readTmpFile() != 0) {
+    Log::error("MySip::mainLoop", "error reading tmp file\n");
+    return false;
+  }
+  saveBindingFiles();
+  repeatByes();
+  return true;
+}
+
+void MySip::checkReadiness() {
+  if (bAllPhonesActive) return;
+  if (sTrunk.sTimeLastRegistration == 0) return;
+  for (int slot = 0; slot < iNumSlots; ++slot) {
+    if (phone(slot).sTimeLastRegistration == 0) return;
+  }
+  bAllPhonesActive = true;
+  Log::info("MySip::mainLoop", "All phones are active\n");
+}
+
+void MySip::sweepReleases() {
+  for (int orig = 0; orig < numOrigSlots(); ++orig) {
+    const sPhone& leg = phone(orig);
+    if (leg.bInUse && leg.bTerminating && hasPassed(leg.sTimeTerminationStart, kReleaseSeconds))
+      releaseCall(orig);
+  }
+}
+
+void MySip::sweepSetUps() {
+  for (int orig = 0; orig < numOrigSlots(); ++orig) {
+    const sPhone& leg = phone(orig);
+    if (leg.bInUse && !leg.bMediaEstablished && !leg.bTerminating &&
+        hasPassed(leg.sTimeCallStart, kSetUpSeconds)) {
+      markTerminating(orig);
+    }
+  }
+}
+
+void MySip::sweepMedia() {
+  const auto hasMedia = [](const sPhone& leg) {
+    return leg.bInUse && leg.bMediaEstablished && !leg.bTerminating;
+  };
+  for (int orig = 0; orig < numOrigSlots(); ++orig) {
+    if (!hasMedia(phone(orig)) || !hasMedia(partnerOf(orig))) continue;
+    const int index = myRtp.findRtpIndex(phone(orig).pcCallID.c_str(), partnerOf(orig).pcCallID.c_str());
+    if (index >= 0) checkMedia(orig, myRtp.psPairs[static_cast<std::size_t>(index)]);
+  }
+}
+
+void MySip::checkMedia(int orig, const sRtpSessionPair& pair) {
+  constexpr const char* kFunction = "MySip::mainLoop";
+  const int partner = phone(orig).iPairIndex;
+  if (!pair.bThreadRunning) {
+    restartRtpSession(orig, partner);
+    return;
+  }
+  if (const auto errors = pair.iSelectErrors.read(); errors && *errors > kMaxSelectErrors) {
+    Log::warning(kFunction, "going to cancel call due to many select errors %d %d\n", orig, partner);
+    markTerminating(orig);
+    closeRtpSessionPair(orig, partner);
+    return;
+  }
+  const bool onHold = phone(orig).bOnHold || phone(partner).bOnHold;
+  const int limit = onHold ? iRTPTimeoutWhenOnHoldInSeconds : iRTPTimeoutInSeconds;
+  for (const PublishedCounter& side : pair.iInactiveSeconds) {
+    const auto seconds = side.read();
+    if (!seconds || *seconds < limit) continue;
+    Log::warning(kFunction,
+                 "going to cancel call (OnHold=%s) due to RTP/RTCP inactivity (%d) between %s and %s\n",
+                 onHold ? "true" : "false", *seconds, phone(orig).pcRemoteSipName.c_str(),
+                 phone(partner).pcRemoteSipName.c_str());
+    initiateCallTermination(orig);
+    return;
+  }
+}
+
+void MySip::repeatByes() {
+  for (int orig = 0; orig < numOrigSlots(); ++orig) {
+    const sPhone& leg = phone(orig);
+    if (leg.bInUse && leg.bTerminating && leg.bByePending) initiateCallTermination(orig);
+  }
+}
+
+void MySip::reloadFromConfiguration(std::string_view fileName) {
+  FixedText<kMaxMessageLength + 1> path;
+  path.assignCut(fileName);
+  if (myConfiguration.readParams(path.c_str(), true) != 0) {
+    Log::error("MySip::reloadFromConfiguration", "problem reading parameters from %s\n", path.c_str());
+    return;
+  }
+  for (int orig = 0; orig < numOrigSlots(); ++orig) {
+    const sPhone& leg = phone(orig);
+    if (leg.bInUse && leg.bMediaEstablished && !leg.bTerminating) restartRtpSession(orig, leg.iPairIndex);
+  }
+}
+
+void MySip::initiateShutdown() {
+  for (int slot = 0; slot < iNumSlots; ++slot) initiateCallTermination(slot);
+  const auto withdraw = [this](sPhone& identity) {
+    if (identity.bShouldRegister && identity.sTimeLastRegistration != 0) sendRegistration(identity, 0);
+  };
+  if (bTrunkExists) withdraw(sTrunk);
+  for (int slot = 0; slot < iNumSlots; ++slot) withdraw(phone(slot));
+}

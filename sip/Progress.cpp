@@ -1,0 +1,142 @@
+// Progress of a call: what the destination says on the pair leg is said again to the caller, with our own
+// SDP. In every handler `slot` is the leg on which the message arrived and `other` its partner.
+#include "app/config/Log.h"
+#include "common/Clock.h"
+#include "sip/MySip.h"
+
+void MySip::relayProvisional(int slot, std::string_view msg, const char* statusLine, const char* function) {
+  sPhone& other = partnerOf(slot);
+  if (!other.bInUse) {
+    Log::error(function, "original phone %d is not during a call\n", phone(slot).iPairIndex);
+    return;
+  }
+  learnExternalIP(slot, msg);
+  learnRemoteTag(phone(slot), msg);
+  sendResponse(other, statusLine, other.iInviteCSeq, "INVITE", false);
+}
+
+void MySip::handleTryingMsg(int slot, std::string_view msg) {
+  relayProvisional(slot, msg, "SIP/2.0 100 Trying", "MySip::handleTryingMsg");
+}
+
+void MySip::handleRingingMsg(int slot, std::string_view msg) {
+  relayProvisional(slot, msg, "SIP/2.0 180 Ringing", "MySip::handleRingingMsg");
+}
+
+// What 183 and 200 have in common before they are told to the caller. Non-zero, logged: the message goes no
+// further.
+int MySip::takeAnswer(int slot, std::string_view msg, const char* function) {
+  sPhone& leg = phone(slot);
+  const int otherSlot = leg.iPairIndex;
+  phone(otherSlot).bReInviteInProgress = leg.bReInviteInProgress = false;
+  learnExternalIP(slot, msg);
+  learnRemoteTag(leg, msg);
+  // A final answer may leave out the SDP that its 183 has already carried.
+  if (contentLengthOf(msg) > 0 || !leg.bMediaEstablished) {
+    if (analyzeMediaInSDP(slot, msg) != 0) {
+      Log::error(function, "error during media analyze in SDP for phone %d\n", slot);
+      return 1;
+    }
+    if (iCopyCodecListFromInitialInvite != 0) copyCodecNegotionList(slot, otherSlot);
+  }
+  return 0;
+}
+
+void MySip::takeRouteOfAnswer(int slot, std::string_view msg) {
+  storeRoutingInformation(slot, true, msg);
+  prepareOneTimeRecordRouteMsg(phone(slot).iPairIndex, false, msg);
+}
+
+void MySip::handleSessionProgressMsg(int slot, std::string_view msg) {
+  constexpr const char* kFunction = "MySip::handleSessionProgressMsg";
+  const int otherSlot = phone(slot).iPairIndex;
+  sPhone& other = phone(otherSlot);
+  if (!other.bInUse) {
+    Log::error(kFunction, "original phone %d is not during a call\n", otherSlot);
+    return;
+  }
+  if (other.bTerminating) {
+    Log::warning(
+        kFunction,
+        "original phone %d is during cancel therefore it will not accept the Session Progress message\n",
+        otherSlot);
+    return;
+  }
+  if (contentLengthOf(msg) == 0) {  // progress without early media: there is nothing to relay yet
+    relayProvisional(slot, msg, "SIP/2.0 183 Session Progress", kFunction);
+    return;
+  }
+  if (takeAnswer(slot, msg, kFunction) != 0) return;
+  takeRouteOfAnswer(slot, msg);
+  prepareAndSendSessionProgress(otherSlot);
+  eraseOneTimeRoutingMsgAndDestinationIP(other);
+  phone(slot).bMediaEstablished = other.bMediaEstablished = true;
+  restartRtpSession(otherSlot, slot);
+}
+
+void MySip::handleOKForInviteMsg(int slot, std::string_view msg) {
+  constexpr const char* kFunction = "MySip::handleOKForInviteMsg";
+  sPhone& leg = phone(slot);
+  const int otherSlot = leg.iPairIndex;
+  sPhone& other = phone(otherSlot);
+  if (!other.bInUse) {
+    Log::error(kFunction, "original phone %d is not during a call\n", otherSlot);
+    return;
+  }
+  if (other.bTerminating) {
+    Log::info(kFunction,
+              "original phone %d is during cancel therefore it will not accept the OK for the Invite\n",
+              otherSlot);
+    return;
+  }
+  if (takeAnswer(slot, msg, kFunction) != 0) return;
+  sSipUri contact;
+  if (analyzeHeaderUri(extractToken("Contact:", 200, msg), contact, kFunction) != 0) return;
+  leg.pcRemoteContact = contact.pcFullUri;
+  takeRouteOfAnswer(slot, msg);
+  prepareAndSendOKForInvite(otherSlot);
+  eraseOneTimeRoutingMsgAndDestinationIP(other);
+  leg.bMediaEstablished = other.bMediaEstablished = true;
+  leg.bAnswered = other.bAnswered = true;
+  restartRtpSession(otherSlot, slot);
+}
+
+void MySip::handleErrorForInviteMsg(int slot, std::string_view msg) {
+  constexpr std::size_t kMaxStatusLine = 199;
+  if (reviewMoveStorage(slot)) return;
+  learnRemoteTag(phone(slot), msg);
+  markTerminating(slot);
+  sPhone& other = partnerOf(slot);
+  const std::string_view line = msg.substr(0, msg.find("\r\n"));
+  if (line.size() > kMaxStatusLine) {
+    Log::error("MySip::handleErrorForInviteMsg", "request line smaller than %d\n",
+               static_cast<int>(line.size()));
+  } else {
+    FixedText<kMaxStatusLine + 1> status;
+    status.assignCut(line);
+    sendResponse(other, status.c_str(), other.iInviteCSeq, "INVITE", true);
+  }
+  closeRtpSessionPair(phone(slot).iPairIndex, slot);
+}
+
+void MySip::handleACKMsg(int slot, std::string_view msg) {
+  constexpr const char* kFunction = "MySip::handleACKMsg";
+  sPhone& leg = phone(slot);
+  const int otherSlot = leg.iPairIndex;
+  sPhone& other = phone(otherSlot);
+  if (contentLengthOf(msg) > 0) {
+    if (analyzeMediaInSDP(slot, msg) != 0) {
+      Log::warning(kFunction, "error during SDP analysis\n");
+    } else if (leg.bMediaEstablished && !leg.bTerminating) {
+      restartRtpSession(slot, otherSlot);
+    }
+  }
+  if (other.bInviteSentByUs) {
+    prepareOneTimeRoutingMsgAndDestinationIP(otherSlot, msg);
+    sendRequest(other, requestLine("ACK", other.pcRemoteContact).c_str(), other.iInviteCSeq, "ACK", false);
+    eraseOneTimeRoutingMsgAndDestinationIP(other);
+  } else {
+    Log::warning(kFunction, "phone %d requested to send ACK but is not the originator\n", otherSlot);
+  }
+  if (leg.bInUse && leg.bTerminating) releaseCall(slot);  // the ACK completes a failed or cancelled INVITE
+}
