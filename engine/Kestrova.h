@@ -3,14 +3,35 @@
  * short frames. This is the one header that users of the engine include; it is plain C.
  *
  * Calling order: KestrovaPackageInit once; per channel one of the init functions; then any number of frame
- * calls; then the matching terminate. A channel may be initialised again without terminating it. Channel
- * numbers are 0 to 5, for noise channels and, separately, for echo channels.
+ * calls; then the matching terminate. A channel may be initialised again without terminating it and then
+ * starts a fresh stream. Channel numbers are 0 to 5, for noise channels and, separately, for echo channels:
+ * noise channel 2 and echo channel 2 share nothing but the number.
  *
- * Results: 0 success, 1 bad channel number or processing failure, 2 initialisation failure.
+ *   sKestrovaPackage package = {KESTROVA_API_VERSION, "/opt/quorvel/bin/", 5};
+ *   sKestrovaInit init = {0};            every field that is not set is 0
+ *   init.sBitsPerSample = 16;            16-bit samples in the machine's byte order
+ *   init.iSampleRate = 8000;
+ *   init.sFrameUnits = 1;                frames of 32 samples, 4 ms
+ *   ... the settings below ...
+ *   if (KestrovaPackageInit(&package) == 0 && KestrovaInit(0, &init) == 0)
+ *     while (read a frame) KestrovaProcessFrame(0, frame, 64, frame, &result);
+ *   KestrovaTerminate(0);
+ *
+ * Samples: 16-bit linear in the machine's byte order, or 8-bit with 128 as zero. Other rates than 8000 Hz are
+ * multiples of it; a frame is then longer by that factor: 32 x sFrameUnits x (rate / 8000) samples. A shorter
+ * or longer piece of up to 4096 bytes is processed too.
+ *
+ * Echo channels: feed what the loudspeaker plays with KestrovaAECProcessSpkFrame and what the microphone
+ * hears with KestrovaAECProcessMicFrame, the loudspeaker frame of a period before its microphone frame. The
+ * two streams are counted; when one runs ahead of the other by more than the other's lag setting, silence is
+ * fed in the place of the frames that are missing, one frame per call.
+ *
+ * Results: 0 success, 1 bad channel number or processing failure (also a frame without init, a null pointer,
+ * a length that is no whole number of samples), 2 initialisation failure.
  *
  * Threads: KestrovaPackageInit must have returned before any channel is used. A channel is driven by one
  * thread at a time; different channels are independent. The engine holds no lock, allocates only in the init
- * functions and writes to no log.
+ * functions and writes to no log. An init takes below 1 ms.
  */
 #ifndef ENGINE_KESTROVA_H
 #define ENGINE_KESTROVA_H
@@ -105,7 +126,8 @@ int KestrovaPackageInit(const sKestrovaPackage* package);
 int KestrovaInit(uint16_t channel, const sKestrovaInit* init);
 /* The same, with the learned pitch centre and spread preset from the voice group. */
 int KestrovaGroupInit(uint16_t channel, const sKestrovaInit* init);
-/* The same with a learned voice, or recording a new one. */
+/* The same with a learned voice, or recording a new one, and with a delay of at least 10 cycles. 2 when a voice
+ * is to be learned or loaded and this build of the engine cannot. */
 int KestrovaIpsavoxInit(uint16_t channel, const sKestrovaInit* init);
 /* Echo channel n: a microphone stream and a loudspeaker stream. */
 int KestrovaAECInit(uint16_t channel, const sKestrovaInit* init);

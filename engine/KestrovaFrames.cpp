@@ -1,0 +1,127 @@
+// The engine's call interface: frames, their results, and the state of an echo canceller.
+#include <algorithm>
+#include <cstring>
+
+#include "engine/ApiSupport.h"
+#include "engine/Kestrova.h"
+
+namespace {
+
+using api::guarded;
+using api::isChannel;
+using api::kBadChannelOrProcessing;
+using api::kSuccess;
+
+bool isFrame(const MyChannel& channel, const void* pIn, int iInBytes) {
+  return channel.isInitialized() && pIn != nullptr && iInBytes > 0 && iInBytes <= kMaxFrameBytes &&
+         iInBytes % channel.bytesPerSample() == 0;
+}
+
+// Samples at 8 kHz by which `ahead` has received more than `behind`.
+int leadOf(const MyChannel& ahead, const MyChannel& behind) {
+  return ahead.pInputData->getNumValues() - behind.pInputData->getNumValues();
+}
+
+// Runs one frame of silence, as long as a frame of iInBytes bytes, through an entry and discards what comes
+// out. The zeros are 16-bit ones whatever the entry's format, since the 8-bit zero is another number.
+int processZeros(MyChannel& entry, std::uint16_t uChannel, int iInBytes) {
+  const int iSamples = std::min(iInBytes / entry.bytesPerSample(), kMaxFrameBytes / 2);
+  int iOutBytes = 0;
+  return entry.pMyClean->cleanOneFrame(api::pbApiZeroes(), iSamples * 2, true, api::pbApiTmpOutput(uChannel),
+                                       &iOutBytes);
+}
+
+int processNoise(std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut,
+                 sKestrovaFrameResult* pResult) {
+  MyChannel& channel = api::noiseChannel(uChannel);
+  if (!isFrame(channel, pIn, iInBytes)) return kBadChannelOrProcessing;
+  return channel.pMyClean->cleanOneFrame(pIn, iInBytes, channel.b16Bit, pOut, &pResult->iOutBytes);
+}
+
+int processMic(std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut,
+               sKestrovaFrameResult* pResult) {
+  MyChannel& mic = api::micEntry(uChannel);
+  MyChannel& spk = api::spkEntry(uChannel);
+  if (!isFrame(mic, pIn, iInBytes) || !spk.isInitialized()) return kBadChannelOrProcessing;
+  if (leadOf(mic, spk) > spk.iLagLimit && processZeros(spk, uChannel, iInBytes) != 0) {
+    return kBadChannelOrProcessing;
+  }
+  return mic.pMyClean->cleanOneFrame(pIn, iInBytes, mic.b16Bit, pOut, &pResult->iOutBytes);
+}
+
+int processSpk(std::uint16_t uChannel, const void* pIn, int iInBytes) {
+  MyChannel& mic = api::micEntry(uChannel);
+  MyChannel& spk = api::spkEntry(uChannel);
+  if (!isFrame(spk, pIn, iInBytes) || !mic.isInitialized()) return kBadChannelOrProcessing;
+  if (leadOf(spk, mic) > mic.iLagLimit && processZeros(mic, uChannel, iInBytes) != 0) {
+    return kBadChannelOrProcessing;
+  }
+  int iOutBytes = 0;
+  return spk.pMyClean->cleanOneFrame(pIn, iInBytes, spk.b16Bit, api::pbApiTmpOutput(uChannel), &iOutBytes);
+}
+
+using Stage = int (*)(std::uint16_t, const void*, int, void*, sKestrovaFrameResult*);
+
+// The second stage works on the first one's output, once that is a frame's worth; until then the first one's
+// output is what the call gives back.
+int processBoth(Stage first, Stage second, std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut,
+                sKestrovaFrameResult* pResult) {
+  if (const int iError = first(uChannel, pIn, iInBytes, pOut, pResult); iError != 0) return iError;
+  if (pResult->iOutBytes < iInBytes) return kSuccess;
+  return second(uChannel, pOut, pResult->iOutBytes, pOut, pResult);
+}
+
+bool isCall(std::uint16_t uChannel, const void* pOut, const sKestrovaFrameResult* pResult) {
+  return isChannel(uChannel) && pOut != nullptr && pResult != nullptr;
+}
+
+}  // namespace
+
+int KestrovaProcessFrame(uint16_t channel, const void* in, int32_t inBytes, void* out,
+                         sKestrovaFrameResult* result) {
+  if (!isCall(channel, out, result)) return kBadChannelOrProcessing;
+  return guarded(kBadChannelOrProcessing, [&] { return processNoise(channel, in, inBytes, out, result); });
+}
+
+int KestrovaAECProcessMicFrame(uint16_t channel, const void* in, int32_t inBytes, void* out,
+                               sKestrovaFrameResult* result) {
+  if (!isCall(channel, out, result)) return kBadChannelOrProcessing;
+  return guarded(kBadChannelOrProcessing, [&] { return processMic(channel, in, inBytes, out, result); });
+}
+
+int KestrovaAECProcessSpkFrame(uint16_t channel, const void* in, int32_t inBytes) {
+  if (!isChannel(channel)) return kBadChannelOrProcessing;
+  return guarded(kBadChannelOrProcessing, [&] { return processSpk(channel, in, inBytes); });
+}
+
+int KestrovaComboAECNRProcessFrame(uint16_t channel, const void* in, int32_t inBytes, void* out,
+                                   sKestrovaFrameResult* result) {
+  if (!isCall(channel, out, result)) return kBadChannelOrProcessing;
+  return guarded(kBadChannelOrProcessing,
+                 [&] { return processBoth(processMic, processNoise, channel, in, inBytes, out, result); });
+}
+
+int KestrovaComboNRAECProcessFrame(uint16_t channel, const void* in, int32_t inBytes, void* out,
+                                   sKestrovaFrameResult* result) {
+  if (!isCall(channel, out, result)) return kBadChannelOrProcessing;
+  return guarded(kBadChannelOrProcessing,
+                 [&] { return processBoth(processNoise, processMic, channel, in, inBytes, out, result); });
+}
+
+// A channel without a detector has no text, not an empty one.
+int KestrovaGetLastDTMFBuffer(uint16_t /*channel*/, char* /*text*/, int32_t /*capacity*/) {
+  return kBadChannelOrProcessing;
+}
+
+int KestrovaGetAECInternalStatus(uint16_t channel, uint8_t* status) {
+  if (!isChannel(channel) || status == nullptr) return kBadChannelOrProcessing;
+  *status = 0;
+  return kSuccess;
+}
+
+int KestrovaGetAECInternalStatusParameters(uint16_t channel, sKestrovaAECStatus* status) {
+  if (!isChannel(channel) || status == nullptr) return kBadChannelOrProcessing;
+  *status = sKestrovaAECStatus{};
+  status->bFlags[0] = 1;
+  return kSuccess;
+}

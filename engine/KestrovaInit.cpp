@@ -1,0 +1,147 @@
+// The engine's call interface: package, channel life and learned voices.
+#include <algorithm>
+#include <string_view>
+
+#include "engine/ApiSupport.h"
+#include "engine/Glob.h"
+#include "engine/Kestrova.h"
+#include "engine/ZeroedArray.h"
+
+namespace {
+
+using api::guarded;
+using api::isChannel;
+using api::kBadChannelOrProcessing;
+using api::kInitFailure;
+using api::kSuccess;
+
+constexpr int kMaxCPUPower = 10;
+
+struct sScratch {
+  ZeroedArray<std::uint8_t> puZeroes;
+  ZeroedArray<std::uint8_t> puTmpOutput;
+};
+sScratch scratch;
+
+sScratch allocateScratch() {
+  return {.puZeroes = ZeroedArray<std::uint8_t>(kMaxFrameBytes),
+          .puTmpOutput = ZeroedArray<std::uint8_t>(std::size_t{kNoiseChannels} * kMaxFrameBytes)};
+}
+
+// A learned voice is told from others only with this much delay.
+constexpr std::uint16_t kMinDelayCyclesWithVoice = 10;
+
+[[nodiscard]] bool storeBinDirectory(const char* pcDirectory) {
+  Glob::pcKestrovaBin.clear();
+  if (pcDirectory == nullptr) return true;
+  const std::string_view directory(pcDirectory);
+  if (!Glob::pcKestrovaBin.assign(directory)) return false;
+  return directory.ends_with('/') || directory.ends_with('\\') || Glob::pcKestrovaBin.append("/");
+}
+
+int initEchoEntry(MyChannel& entry, MyChannel* pSpkEntry, const sKestrovaInit& init, int iLagFrames) {
+  constexpr int kMaxLagFrames = 50;
+  entry.bIsAecChannel = true;
+  entry.pSpkChannel = pSpkEntry;
+  sKestrovaInit forced = init;
+  forced.bRemoveNonSelfFrequencies = 1;
+  if (entry.doInternalKestrovaInit(forced) != 0) return kInitFailure;
+  // The frame at hand is part of the count, so it does not count as lag.
+  entry.iLagLimit = (std::min(iLagFrames, kMaxLagFrames) * kCycleSamples - kCycleSamples) * init.sFrameUnits;
+  return kSuccess;
+}
+
+int initEchoChannel(std::uint16_t uChannel, const sKestrovaInit& init) {
+  MyChannel& mic = api::micEntry(uChannel);
+  MyChannel& spk = api::spkEntry(uChannel);
+  if (initEchoEntry(mic, &spk, init, init.sMicLagFrames) != 0) return kInitFailure;
+  mic.storeAecSettings(init);
+  // The basic suppressor compares levels and needs no look-ahead.
+  if (mic.iAecAlgorithm < 2 && init.sMaxNumCyclesInDelayBuffer <= 1) mic.iMaxNumCyclesInDelayBuffer = 0;
+  if (initEchoEntry(spk, nullptr, init, init.sSpkLagFrames) != 0) return kInitFailure;
+  spk.iAecAlgorithm = mic.iAecAlgorithm;
+  return kSuccess;
+}
+
+}  // namespace
+
+const std::uint8_t* api::pbApiZeroes() {
+  return scratch.puZeroes.data();
+}
+
+std::uint8_t* api::pbApiTmpOutput(std::uint16_t uChannel) {
+  return scratch.puTmpOutput.data() + std::size_t{uChannel} * kMaxFrameBytes;
+}
+
+int KestrovaVersion(uint32_t* version) {
+  if (version == nullptr) return kBadChannelOrProcessing;
+  *version = KESTROVA_VERSION_NUMBER;
+  return kSuccess;
+}
+
+int KestrovaPackageInit(const sKestrovaPackage* package) {
+  return guarded(kInitFailure, [&] {
+    if (package == nullptr || package->iAPIVersion != KESTROVA_API_VERSION) return kInitFailure;
+    if (!storeBinDirectory(package->pcBinDirectory)) return kInitFailure;
+    if (package->iCPUPower < 0 || package->iCPUPower > kMaxCPUPower) return kInitFailure;
+    if (scratch.puZeroes.size() == 0) scratch = allocateScratch();
+    Glob::iCPUPower = package->iCPUPower;
+    Glob::sAPIVersion = package->iAPIVersion;
+    return kSuccess;
+  });
+}
+
+int KestrovaInit(uint16_t channel, const sKestrovaInit* init) {
+  if (!isChannel(channel)) return kBadChannelOrProcessing;
+  if (init == nullptr) return kInitFailure;
+  return guarded(kInitFailure, [&] { return api::noiseChannel(channel).doInternalKestrovaInit(*init); });
+}
+
+int KestrovaGroupInit(uint16_t channel, const sKestrovaInit* init) {
+  if (const int iResult = KestrovaInit(channel, init); iResult != kSuccess) return iResult;
+  api::noiseChannel(channel).presetVoiceGroup(init->iGroupType);
+  return kSuccess;
+}
+
+// Refuses what would need a learned voice: the channel would run without it and nobody would know.
+int KestrovaIpsavoxInit(uint16_t channel, const sKestrovaInit* init) {
+  if (!isChannel(channel)) return kBadChannelOrProcessing;
+  if (init == nullptr || init->bStartRegistration != 0 || init->psSpeakerInformation != nullptr) {
+    return kInitFailure;
+  }
+  sKestrovaInit raised = *init;
+  raised.sMaxNumCyclesInDelayBuffer = std::max(raised.sMaxNumCyclesInDelayBuffer, kMinDelayCyclesWithVoice);
+  return KestrovaInit(channel, &raised);
+}
+
+int KestrovaAECInit(uint16_t channel, const sKestrovaInit* init) {
+  if (!isChannel(channel)) return kBadChannelOrProcessing;
+  if (init == nullptr) return kInitFailure;
+  return guarded(kInitFailure, [&] { return initEchoChannel(channel, *init); });
+}
+
+// Nothing can be learned without a running registration, and voice initialisation refuses to start one.
+int KestrovaCompleteRegistration(uint16_t /*channel*/, uint32_t* /*size*/) {
+  return kBadChannelOrProcessing;
+}
+
+int KestrovaCopySpeakerInformationAfterRegistration(uint16_t /*channel*/, sAPISpeaker* /*speaker*/) {
+  return kBadChannelOrProcessing;
+}
+
+int KestrovaTerminate(uint16_t channel) {
+  if (!isChannel(channel)) return kBadChannelOrProcessing;
+  api::noiseChannel(channel).terminate();
+  return kSuccess;
+}
+
+int KestrovaAECTerminate(uint16_t channel) {
+  if (!isChannel(channel)) return kBadChannelOrProcessing;
+  api::micEntry(channel).terminate();
+  api::spkEntry(channel).terminate();
+  return kSuccess;
+}
+
+int KestrovaPrintInitValues(const sKestrovaInit* /*init*/) {
+  return kSuccess;
+}

@@ -1,0 +1,157 @@
+#include "engine/MyChannel.h"
+
+#include <algorithm>
+#include <array>
+#include <new>
+
+#include "engine/Cli.h"
+#include "engine/Glob.h"
+
+std::array<MyChannel, kNoiseChannels> KestrovapMyChannels;
+std::array<MyChannel, kAecEntries> KestrovapMyAECChannels;
+
+namespace {
+
+// Verb drift limit by detection level 0..4: a stricter detection admits fewer learned templates.
+constexpr std::array<float, 5> pfVerbDriftLimitOfLevel{7.0F, 6.0F, 6.0F, 4.0F, 4.0F};
+
+constexpr int kCoefficientUnit = 1024;  // echo coefficients are held in 1/1024
+
+struct sVoiceGroup {
+  int iPitchCentre;
+  int iPitchSpread;
+};
+constexpr std::array<sVoiceGroup, 4> psVoiceGroups{{{53, 53}, {61, 14}, {28, 5}, {17, 5}}};
+
+constexpr int clampedCoefficient(int iPercent, int iLow, int iHigh) {
+  return std::clamp(iPercent, iLow, iHigh) * kCoefficientUnit / 100;
+}
+
+}  // namespace
+
+FixedText<256> MyChannel::defaultSpeakerName() {
+  FixedText<256> text;
+  text.assignCut("None");
+  return text;
+}
+
+// ---- Life
+
+int MyChannel::init() {
+  terminate();
+  try {
+    createComponents();
+  } catch (const std::bad_alloc&) {
+    return 1;
+  }
+  pInputData->init(this);
+  pMyClean->init(this);
+  updateRealFrequency();
+  iEchoGain = kUnityQ7;
+  iLastEchoPosition = kNoEchoPosition;
+  return 0;
+}
+
+void MyChannel::createComponents() {
+  psSpeakerData = std::make_unique<sSpeakerData>();
+  pInputData = std::make_unique<InputData>();
+  pMyClean = std::make_unique<MyClean>();
+}
+
+void MyChannel::terminate() {
+  pMyClean.reset();
+  pInputData.reset();
+  psSpeakerData.reset();
+  bRegistrationRunning = false;
+  bRegistrationCompleted = false;
+}
+
+// ---- Settings
+
+int MyChannel::doInternalKestrovaInit(const sKestrovaInit& initRecord) {
+  if (initRecord.sFrameUnits < 1 || initRecord.sFrameUnits > kMaxFrameUnits) return 2;
+  bBypassVAD = initRecord.bBypassVAD;
+  if (init() != 0 || Glob::sAPIVersion != KESTROVA_API_VERSION) return 2;
+  storeFormat(initRecord);
+  storeNoiseShaping(initRecord);
+  openStages();
+  *psSpeakerData = sSpeakerData{};
+  setMaxNumCyclesInDelayBuffer(initRecord.sMaxNumCyclesInDelayBuffer);
+  storeDetection(initRecord);
+  storeLevelControl(initRecord);
+  return 0;
+}
+
+void MyChannel::storeFormat(const sKestrovaInit& init) {
+  bCheckDTMF = init.bCheckDTMF;
+  bRemoveNonSelfFrequencies = init.bRemoveNonSelfFrequencies;
+  iFrameSize = std::clamp(kCycleSamples * init.sFrameUnits, kCycleSamples, kMaxFrameSamples);
+  iInitialDelay = std::clamp(8 * init.sInitialDelayUnits, 0, kMaxInitialDelaySamples);
+  KestrovaCli.setChannelRealFormat(*this, init.iSampleRate, init.sBitsPerSample == 16);
+}
+
+void MyChannel::storeNoiseShaping(const sKestrovaInit& init) {
+  const int iStart = percentToQ7(std::max(init.sCNGInitialValue, init.sCNGEndValue));
+  psNoiseShaping[kCngStart] = iStart;
+  psNoiseShaping[kCngStep] = percentToQ7(init.sCNGStep);
+  psNoiseShaping[kCngEnd] = percentToQ7(init.sCNGEndValue);
+  psNoiseShaping[kBurstEndDecrease] = percentToQ7(init.sBurstEndDecrease);
+  psNoiseShaping[kBurstEndMode] = init.sBurstEndMode;
+  psNoiseShaping[kBurstEndLowerValue] = std::max(percentToQ7(init.sBurstEndLowerValue), iStart);
+  psNoiseShaping[kBurstEndStep] = percentToQ7(init.sBurstEndStep);
+}
+
+// The leading silence is fed at the channel's rate, so that iInitialDelay samples at 8 kHz precede the
+// stream.
+void MyChannel::openStages() {
+  pInputData->openSynchronized();
+  constexpr std::array<std::int16_t, kMaxInitialDelaySamples> psSilence{};
+  for (int i = 0; i < rateFactor(); ++i) pInputData->addData(psSilence.data(), iInitialDelay * 2, true);
+}
+
+void MyChannel::storeDetection(const sKestrovaInit& init) {
+  sDetectAggressiveLevel = std::clamp<int>(init.sDetectAggressiveLevel, 0, 4);
+  sCleanAggressiveLevel = std::clamp<int>(init.sCleanAggressiveLevel, 5, 12);
+  fVerbDriftLimit = pfVerbDriftLimitOfLevel[static_cast<std::size_t>(sDetectAggressiveLevel)];
+}
+
+void MyChannel::storeLevelControl(const sKestrovaInit& init) {
+  // Beyond 100 times either way a gain means nothing; the bound keeps the scaling within 32 bits.
+  constexpr int kMaxGainPercent = 10000;
+  bCancelAcousticShock = init.bCancelAcousticShock;
+  bStartBypassed = init.bStartBypassed;
+  bDoAGC = init.bDoAGC;
+  iAGCLevel = init.iAGCLevel;
+  iAGCMin = percentToQ7(std::clamp(init.iAGCMinPercent, 0, kMaxGainPercent));
+  iAGCMax = std::max(iAGCMin, percentToQ7(std::clamp(init.iAGCMaxPercent, 0, kMaxGainPercent)));
+}
+
+void MyChannel::presetVoiceGroup(int iGroupType) {
+  const bool bKnown = iGroupType > 0 && iGroupType < static_cast<int>(psVoiceGroups.size());
+  const sVoiceGroup& group = psVoiceGroups[bKnown ? static_cast<std::size_t>(iGroupType) : 0];
+  psSpeakerData->iPitchCentre = group.iPitchCentre;
+  psSpeakerData->iPitchSpread = group.iPitchSpread;
+}
+
+void MyChannel::storeAecSettings(const sKestrovaInit& init) {
+  iAecAlgorithm = std::min<int>(init.sAecAlgorithm, 7);
+  iAecMaxCoef = clampedCoefficient(init.sAecMaxCoef, 10, 300);
+  iAecMinCoef = clampedCoefficient(init.sAecMinCoef, 1, 150);
+  iAecSupressionHold = std::min<int>(init.sAecSupressionHold, 10);
+  iAecAggressiveLevel = std::min<int>(init.sAecAggressiveLevel, 20);
+  iAecHowlingLevel = std::min<int>(init.sAecHowlingLevel, 20);
+  iAecTailType = std::clamp<int>(init.sAecTailType, -58, 5);
+  iAecTailStart = std::clamp<int>(init.sAecTailStart, -58, 0);
+  iAecTalkHoldSamples = init.iAecTalkHoldSamples;
+  iAecHold2Samples = init.iAecHold2Samples;
+  iAecMinOutput = percentToQ7(std::min<int>(init.sMinOutputPercentDuringEcho, 100));
+}
+
+void MyChannel::updateRealFrequency() {
+  iSamplesPerFrameAtRate = rateFactor() * iFrameSize;
+  if (pInputData) pInputData->updateRealFrequency();
+}
+
+void MyChannel::setMaxNumCyclesInDelayBuffer(int iCycles) {
+  iMaxNumCyclesInDelayBuffer = std::clamp(iCycles, kMinDelayCycles, kMaxDelayCycles);
+}

@@ -1,0 +1,113 @@
+// The parameter console.
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+#include "engine/Cli.h"
+#include "engine/MyChannel.h"
+#include "tests/engine/EngineFixture.h"
+
+namespace {
+
+class CliTest : public EngineTest {
+ protected:
+  CliTest() {
+    const sKestrovaInit init = defaultInit();
+    EXPECT_EQ(KestrovaInit(0, &init), 0);
+  }
+  static std::string printed(const char* pcText) {
+    char* pcBuffer = nullptr;
+    std::size_t uSize = 0;
+    std::FILE* pFile = open_memstream(&pcBuffer, &uSize);
+    KestrovaCli.printParam(pFile, pcText);
+    std::fclose(pFile);
+    std::string text(pcBuffer, uSize);
+    std::free(pcBuffer);
+    return text;
+  }
+};
+
+TEST_F(CliTest, ValuesAreClampedAndPrintedInTheirUnits) {
+  struct {
+    const char *pcName, *pcValue, *pcPrinted;
+  } const pCases[] = {
+      {"FrameBufferSize", "3", "4 "},
+      {"FrameBufferSize", "40", "32 "},
+      {"FrameBufferSize", "8", "8 "},
+      {"LookAheadBufferSize", "20", "12 "},
+      {"LookAheadBufferSize", "-1", "0 "},
+      {"LookAheadBufferSize", "11", "11 "},
+      {"MaxDelayBufferSize", "10", "8 "},
+      {"MaxDelayBufferSize", "999999999999999", "200 "},
+      {"Frequency", "4000", "8000 "},
+      {"Frequency", "96000", "64000 "},
+      {"Frequency", "16000", "16000 "},
+      {"BitsPerSample", "16", "16 "},
+      {"BitsPerSample", "24", "8 "},
+      {"MinAmplitudeForPotentialSegment", "321", "321 "},
+      {"AudioDirectory", "/a b/", "/a b/ "},
+      {"StatusRegistration", "true", "false "},
+      {"LastRegistrationFile", "x", "None "},
+      {"NewLine", "", "\n"},
+      {"Sync", "", "Sync "},
+      {"unknown word", "5", "unknown word"},
+      {"", "", ""},
+  };
+  for (const auto& row : pCases) {
+    KestrovaCli.setParam(row.pcName, row.pcValue);
+    EXPECT_EQ(printed(row.pcName), row.pcPrinted) << row.pcName << " " << row.pcValue;
+  }
+}
+
+TEST_F(CliTest, FormatsReachTheChannel) {
+  KestrovaCli.setParam("FrameBufferSize", "40");
+  KestrovaCli.setParam("Frequency", "48000");
+  EXPECT_EQ(KestrovapMyChannels[0].iSamplesPerFrameAtRate, 256 * 6);
+  EXPECT_EQ(KestrovapMyChannels[0].pInputData->rateFactor(), 6);
+  KestrovaCli.setSpkRealFormat(100, false);
+  EXPECT_EQ(KestrovapMyChannels[1].iRealFrequency, 8000);
+  EXPECT_FALSE(KestrovapMyChannels[1].b16Bit);
+}
+
+TEST_F(CliTest, OnlyTheFirstWordNamesTheParameter) {
+  KestrovaCli.setParam("Frequency", "8000");
+  EXPECT_EQ(printed("  Frequency and more"), "8000 ");
+}
+
+TEST_F(CliTest, ReadsLinesFromAPipeThatEveryoneMayWrite) {
+  char pcDirectory[] = "/tmp/engine-cli-XXXXXX";
+  ASSERT_NE(mkdtemp(pcDirectory), nullptr);
+  const std::string in = std::string(pcDirectory) + "/in";
+  const std::string out = std::string(pcDirectory) + "/out";
+  mode_t uMode = 0;
+  std::thread writer([&] {
+    int iPipe = -1;  // until the console reads, the name may not exist yet
+    for (int i = 0; i < 5000 && (iPipe = ::open(in.c_str(), O_WRONLY | O_NONBLOCK)) < 0; ++i) ::usleep(1000);
+    struct stat status {};
+    if (::stat(out.c_str(), &status) == 0) uMode = status.st_mode;
+    ::unlink(in.c_str());  // so that opening it again ends the console
+    const std::string lines = "Frequency 8000\n" + std::string(600, 'x') + "\n";
+    EXPECT_EQ(::write(iPipe, lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
+    ::close(iPipe);
+  });
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(KestrovaCli.run(in.c_str(), out.c_str()), ENOENT);
+  const std::string prompts = testing::internal::GetCapturedStdout();
+  writer.join();
+  // One prompt to begin with, one after each of 15 + 601 characters in pieces of 255.
+  EXPECT_EQ(prompts, "aaa->aaa->aaa->aaa->aaa->");
+  EXPECT_TRUE(S_ISFIFO(uMode));
+  EXPECT_EQ(uMode & 0777U, 0777U);
+  ::unlink(out.c_str());
+  ::rmdir(pcDirectory);
+}
+
+TEST_F(CliTest, ReportsAPipeThatCannotBeCreated) {
+  EXPECT_EQ(KestrovaCli.run("/nonexistent/in", "/nonexistent/out"), ENOENT);
+}
+
+}  // namespace
