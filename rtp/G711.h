@@ -2,8 +2,14 @@
 // stand in an RTP payload (RFC 3551: A-law with its even bits inverted, mu-law with all bits inverted).
 //
 // Decoding gives the output values of ITU-T G.711 tables 1 and 2, 13-bit (A-law) and 14-bit (mu-law) values
-// aligned to the high end of 16 bits. Encoding cuts the sample to 13 or 14 bits by arithmetic shift; a value
-// that falls on one of the Recommendation's decision values belongs to the interval below it.
+// aligned to the high end of 16 bits. Encoding picks the interval between two of the Recommendation's
+// decision values. Which interval a sample on a decision value belongs to is left open there; here
+//   A-law   to the one above it (towards +infinity), so that each interval holds whole groups of 16 samples;
+//   mu-law  to the one below it, after the cut to 14 bits by arithmetic shift. The packet path's table knows
+//   one
+//           code per 8 samples, the one of the highest of them, and with this rule that is the code of the
+//           output value at the group's start: decoding and encoding again changes no audible code, however
+//           often.
 //
 // These are the definitions, from which look-up tables are filled; the packet path reads only the tables.
 // Every argument value is valid.
