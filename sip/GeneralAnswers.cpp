@@ -32,6 +32,11 @@ void MySip::sendGeneralErrorMsg(int code, std::string_view msg, const sockaddr_i
     Log::error(kFunction, "Unknown code %d\n", code);
     return;
   }
+  sendRefusal(status, msg, to, slot, extraLines);
+}
+
+void MySip::sendRefusal(const char* status, std::string_view msg, const sockaddr_in& to, int slot,
+                        std::string_view extraLines) {
   const sCopiedHeaders copied(msg);
   FixedText<1000> extra;
   extra.assignCut(extraLines);

@@ -90,6 +90,26 @@ void MySip::sendResponse(sPhone& leg, const char* statusLine, int cseq, const ch
                            leg.pcRemoteTag.c_str(), leg.pcRemoteVia.c_str(), leg.pcBranch.c_str());
 }
 
+void MySip::sendResponseWithVia(sPhone& leg, const char* statusLine, int cseq, const char* method,
+                                const FixedText<1000>& via) {
+  FixedText<30> cseqText;
+  (void)cseqText.format("%d %s", cseq, method);
+  generalPrepareAndSendMsg(false, leg, statusLine, cseqText.c_str(), kNoBody, 0, false,
+                           leg.pcRemoteTag.c_str(), via.c_str(), leg.pcBranch.c_str());
+}
+
+// The status line of an answer to our INVITE becomes, unchanged, that of our answer to the partner's.
+void MySip::relayErrorStatus(sPhone& partner, std::string_view msg, const char* function) {
+  constexpr std::size_t kMaxStatusLine = 199;
+  const std::string_view line = msg.substr(0, msg.find("\r\n"));
+  FixedText<kMaxStatusLine + 1> status;
+  if (status.assign(line)) {
+    sendResponse(partner, status.c_str(), partner.iInviteCSeq, "INVITE", true);
+  } else {
+    Log::error(function, "request line smaller than %d\n", static_cast<int>(line.size()));
+  }
+}
+
 void MySip::sendSdpAnswer(int slot, const char* status) {
   sPhone& leg = phone(slot);
   MessageText sdp;

@@ -63,6 +63,8 @@ struct sSipUri {
 
 struct sRtpSessionPair;
 
+struct sPhoneRequest;
+
 struct FreeDeleter {
   void operator()(void* memory) const { std::free(memory); }
 };
@@ -409,6 +411,7 @@ class MySip {
   void initTrunk();
   int nameSlots();
   void initRegistrationIdentity(sPhone& identity);
+  int findOldCall(std::string_view callId) const;
   template <typename Change>
   void changeState(int slot, Change change);
   int firstFreeOrigSlot() const;
@@ -462,6 +465,13 @@ class MySip {
 
   // MessageBuilder.cpp
   void sendSdpAnswer(int slot, const char* status);
+  void sendResponseWithVia(sPhone& leg, const char* statusLine, int cseq, const char* method,
+                           const FixedText<1000>& via);
+  void relayErrorStatus(sPhone& partner, std::string_view msg, const char* function);
+
+  // GeneralAnswers.cpp
+  void sendRefusal(const char* status, std::string_view msg, const sockaddr_in& to, int slot,
+                   std::string_view extraLines);
 
   // Progress.cpp
   void relayProvisional(int slot, std::string_view msg, const char* statusLine, const char* function);
@@ -486,8 +496,23 @@ class MySip {
   CallIdIndex slotIndex;  // kept by setCallID and moveCallToOldCalls
   CallIdIndex oldCallIndex;
 
+  // ReInvite.cpp, Transfer.cpp, Notify.cpp
+  bool admitReInvite(int slot, int cseq, bool hasCredentials, std::string_view msg, const sockaddr_in& from);
+  void resendInvite(int slot);
+  void beginReInvite(int slot);
+  int takeReInvite(int slot, int cseq, std::string_view msg);
+  void prepareToReInvite(int slot, std::string_view msg);
+  bool translateReferTo(std::string_view received, FixedText<366>& out);
+  const sPhone* findReplacedPartner(std::string_view escaped);
+  void relayNotify(sPhone& partner, std::string_view msg);
+
+  // Bindings.cpp, BoundRegistration.cpp, BoundSubscription.cpp
   void emptyBindingTable();
   void drawRelayCallID(const sBinding& record, FixedText<62>& out);
+  bool takeRegistrationDialog(sBinding& record, const sPhoneRequest& request, int cseq);
+  bool takeSubscriptionDialog(const sBinding& owner, sSubscription& record, const sPhoneRequest& request, int cseq);
+  void relayNotifyToPhone(sBinding& owner, const sSubscription& record, std::string_view msg);
+  void answerNotify(const sSubscription& record, std::string_view statusLine);
 
   BindingIndex bindingIndex;
   BindingFile bindingFile;

@@ -102,20 +102,10 @@ void MySip::handleOKForInviteMsg(int slot, std::string_view msg) {
 }
 
 void MySip::handleErrorForInviteMsg(int slot, std::string_view msg) {
-  constexpr std::size_t kMaxStatusLine = 199;
   if (reviewMoveStorage(slot)) return;
   learnRemoteTag(phone(slot), msg);
   markTerminating(slot);
-  sPhone& other = partnerOf(slot);
-  const std::string_view line = msg.substr(0, msg.find("\r\n"));
-  if (line.size() > kMaxStatusLine) {
-    Log::error("MySip::handleErrorForInviteMsg", "request line smaller than %d\n",
-               static_cast<int>(line.size()));
-  } else {
-    FixedText<kMaxStatusLine + 1> status;
-    status.assignCut(line);
-    sendResponse(other, status.c_str(), other.iInviteCSeq, "INVITE", true);
-  }
+  relayErrorStatus(partnerOf(slot), msg, "MySip::handleErrorForInviteMsg");
   closeRtpSessionPair(phone(slot).iPairIndex, slot);
 }
 

@@ -260,9 +260,14 @@ void MySip::moveCallToOldCalls(int slot) {
   iNextOldCall = iNextOldCall + 1 < iNumSlots ? iNextOldCall + 1 : 0;
 }
 
+int MySip::findOldCall(std::string_view callId) const {
+  return oldCallIndex.find(
+      callId, [&](int record) { return psOldCalls[static_cast<std::size_t>(record)].pcCallID == callId; });
+}
+
 bool MySip::checkOldCalls(std::string_view callId, std::string_view firstLine, int cseq,
                           std::string_view cseqText) {
-  const int index = oldCallIndex.find(callId, [&](int record) { return oldCall(record).pcCallID == callId; });
+  const int index = findOldCall(callId);
   if (index < 0) return false;
   sPhone& copy = oldCall(index);
   if (contains(firstLine, "200 OK")) return true;
