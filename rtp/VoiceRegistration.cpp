@@ -1,0 +1,228 @@
+// Recording a talker's voice during a call, on command, and what is left of it: the learned profile and a WAV
+// copy of what was said.
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <unistd.h>
+
+#include "app/config/Log.h"
+#include "app/config/Settings.h"
+#include "rtp/MyRtp.h"
+#include "rtp/VoiceProfile.h"
+
+namespace {
+
+constexpr const char* kStartFunction = "MyRtp::doRegistration";
+constexpr const char* kStopFunction = "MyRtp::doStopRegistration";
+constexpr const char* kNoNoiseReduction = "how did we start registration if ther is no noise cleaning ?\n";
+
+// The library (299), a name (49) and an ending.
+using ProfilePath = FixedText<360>;
+
+ProfilePath profilePath(std::string_view name, std::string_view ending = {}) {
+  ProfilePath path;
+  (void)(path.assign(pcRegistrationLibrary.load()) && path.append(name) && path.append(ending));
+  return path;
+}
+
+struct sRegistrationFiles {
+  File pfData;
+  File pfRaw;
+  File pfWave;
+};
+
+File openForRegistration(const ProfilePath& path, const char* mode) {
+  File file = openFile(path.c_str(), mode);
+  if (!file) Log::warning(kStartFunction, "unable to open file %s\n", path.c_str());
+  return file;
+}
+
+// An existing profile is never replaced. On failure the name is free again.
+bool openFiles(std::string_view name, sRegistrationFiles& files) {
+  const ProfilePath data = profilePath(name);
+  if (openFile(data.c_str(), "rbe")) {
+    Log::warning(kStartFunction, "do not allow to override file %s\n", data.c_str());
+    return false;
+  }
+  files.pfData = openForRegistration(data, "wbe");
+  if (!files.pfData) return false;
+  files.pfRaw = openForRegistration(profilePath(name, ".raw"), "a+be");
+  if (files.pfRaw) files.pfWave = openForRegistration(profilePath(name, ".wav"), "wbe");
+  if (files.pfWave) return true;
+  unlink(data.c_str());
+  return false;
+}
+
+void removeFiles(std::string_view name) {
+  for (const char* ending : {"", ".raw", ".wav"}) unlink(profilePath(name, ending).c_str());
+}
+
+void closeFiles(sPairCommands& record, int side) {
+  record.pfRegistrationData[side].reset();
+  record.pfRegistrationRaw[side].reset();
+  record.pfRegistrationWave[side].reset();
+}
+
+// Names become file names and must fit the record.
+bool isUsableName(const sPairCommands& record, int side, std::string_view name) {
+  const ProfilePath raw = profilePath(name, ".raw");
+  if (name.size() <= record.pcRegistrationName[side].maxLength() &&
+      raw.size() <= record.pcRegistrationRawPath[side].maxLength()) {
+    return true;
+  }
+  Log::warning(kStartFunction, "registration name is too long, %s\n", raw.c_str());
+  return false;
+}
+
+// Takes the learned voice from the engine into the data file. False, logged, when that fails.
+bool saveProfile(std::uint16_t channel, std::FILE* data) {
+  std::uint32_t bytes = 0;
+  if (KestrovaCompleteRegistration(channel, &bytes) != 0) {
+    Log::warning(kStopFunction, "unable to complete registration\n");
+    return false;
+  }
+  VoiceProfile profile;
+  if (!profile.allocate(bytes)) {
+    Log::warning(kStopFunction, "unable to allocate place for pcSpeaker\n");
+    return false;
+  }
+  if (KestrovaCopySpeakerInformationAfterRegistration(channel, profile.speaker()) != 0) {
+    Log::warning(kStopFunction, "unable to copy registration information\n");
+    return false;
+  }
+  if (!profile.writeLengthTo(data)) {
+    Log::warning(kStopFunction, "unable to write PID - part 1\n");
+    return false;
+  }
+  if (!profile.writeRecordTo(data)) {
+    Log::warning(kStopFunction, "unable to write PID\n");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void MyRtp::doRegistration(int side, int pair, std::string_view name) {
+  sRtpSessionPair& record = psPairs[pair];
+  if (!record.bNoiseReduction[side]) return;
+  sRegistrationFiles files;
+  if (!isUsableName(record, side, name) || !openFiles(name, files)) {
+    playFailTone(1 - side, pair);
+    return;
+  }
+  if (record.bRegistering[side]) doAbortRegistration(side, pair);
+  const auto channel = static_cast<std::uint16_t>(2 * pair + side);
+  sKestrovaInit init;
+  fillKestrovaInitNoise(init, pair);
+  init.bStartRegistration = 1;
+  (void)KestrovaTerminate(channel);
+  if (KestrovaIpsavoxInit(channel, &init) != 0) {
+    Log::warning(kStartFunction, "unable to initialize kestrova channel %d\n", channel);
+    removeFiles(name);
+    playFailTone(1 - side, pair);
+    return;
+  }
+  (void)record.pcRegistrationName[side].assign(name);
+  (void)record.pcRegistrationRawPath[side].assign(profilePath(name, ".raw"));
+  record.pfRegistrationData[side] = std::move(files.pfData);
+  record.pfRegistrationRaw[side] = std::move(files.pfRaw);
+  record.pfRegistrationWave[side] = std::move(files.pfWave);
+  record.bRegistering[side] = true;
+  record.iRegistrationSamples[side] = 0;
+  playOKTone(1 - side, pair);
+}
+
+void MyRtp::doStopRegistration(int side, int pair) {
+  sRtpSessionPair& record = psPairs[pair];
+  if (!record.bNoiseReduction[side]) {
+    Log::error(kStopFunction, kNoNoiseReduction);
+    return;
+  }
+  record.bRegistering[side] = false;
+  const bool saved =
+      saveProfile(static_cast<std::uint16_t>(2 * pair + side), record.pfRegistrationData[side].get());
+  if (saved) {
+    std::FILE* const raw = record.pfRegistrationRaw[side].get();
+    std::FILE* const wave = record.pfRegistrationWave[side].get();
+    const std::uint32_t dataBytes = fileBytes(raw) & ~1U;
+    writeWaveHeader(wave, dataBytes, record.iSampleRate);
+    writeWaveData(raw, wave, dataBytes);
+  }
+  closeFiles(record, side);
+  if (saved) unlink(record.pcRegistrationRawPath[side].c_str());
+}
+
+void MyRtp::doAbortRegistration(int side, int pair) {
+  constexpr const char* kFunction = "MyRtp::doAbortRegistration";
+  sRtpSessionPair& record = psPairs[pair];
+  if (!record.bNoiseReduction[side]) {
+    Log::error(kFunction, kNoNoiseReduction);
+    return;
+  }
+  record.bRegistering[side] = false;
+  std::uint32_t bytes = 0;
+  if (KestrovaCompleteRegistration(static_cast<std::uint16_t>(2 * pair + side), &bytes) != 0) {
+    Log::warning(kFunction, "unable to complete registration\n");
+  }
+  closeFiles(record, side);
+}
+
+// True with the voice in `profile`; else the reason was logged.
+bool MyRtp::loadProfile(int side, int pair, std::string_view name, VoiceProfile& profile) {
+  constexpr const char* kFunction = "MyRtp::doActivation";
+  const ProfilePath path = profilePath(name);
+  psPairs[pair].pcRegistrationName[side].assignCut(name);
+  const File file = openFile(path.c_str(), "rbe");
+  if (!file) {
+    Log::warning(kFunction, "unable to open file %s\n", path.c_str());
+    return false;
+  }
+  const VoiceProfile::Read outcome = profile.readFrom(file.get());
+  if (outcome == VoiceProfile::Read::eBadFile) {
+    Log::warning(kFunction, "unable to read from file %s\n", path.c_str());
+  } else if (outcome == VoiceProfile::Read::eNoMemory) {
+    Log::warning(kFunction, "unable to allocate place for pcSpeaker\n");
+  }
+  return outcome == VoiceProfile::Read::eDone;
+}
+
+// The canonical RIFF header of 44 bytes: 16-bit mono PCM.
+void MyRtp::writeWaveHeader(std::FILE* file, std::uint32_t dataBytes, int sampleRate) {
+  constexpr std::uint32_t kHeaderAfterRiffSize = 36;
+  std::array<unsigned char, 44> header;
+  std::size_t length = 0;
+  const auto text = [&](const char* four) {
+    std::memcpy(header.data() + length, four, 4);
+    length += 4;
+  };
+  const auto number = [&](std::uint32_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i) header[length++] = static_cast<unsigned char>(value >> (8 * i));
+  };
+  text("RIFF");
+  number(dataBytes + kHeaderAfterRiffSize, 4);
+  text("WAVE");
+  text("fmt ");
+  number(16, 4);  // bytes of the format block
+  number(1, 2);   // PCM
+  number(1, 2);   // mono
+  number(static_cast<std::uint32_t>(sampleRate), 4);
+  number(static_cast<std::uint32_t>(sampleRate) * 2, 4);  // bytes per second
+  number(2, 2);                                           // bytes per sample
+  number(16, 2);                                          // bits per sample
+  text("data");
+  number(dataBytes, 4);
+  std::fwrite(header.data(), header.size(), 1, file);
+}
+
+// What cannot be read becomes silence, so that the length in the header stays true.
+void MyRtp::writeWaveData(std::FILE* raw, std::FILE* wave, std::uint32_t dataBytes) {
+  std::array<char, 4096> block;
+  for (std::uint32_t left = dataBytes; left > 0;) {
+    const std::size_t wanted = std::min<std::size_t>(left, block.size());
+    const std::size_t read = std::fread(block.data(), 1, wanted, raw) & ~std::size_t{1};
+    std::memset(block.data() + read, 0, wanted - read);
+    std::fwrite(block.data(), 1, wanted, wave);
+    left -= static_cast<std::uint32_t>(wanted);
+  }
+}
