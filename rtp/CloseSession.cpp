@@ -1,0 +1,92 @@
+#include <algorithm>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "app/config/Log.h"
+#include "rtp/MyRtp.h"
+
+namespace {
+
+void closeSocket(int& descriptor) {
+  if (descriptor < 0) return;
+  shutdown(descriptor, SHUT_RDWR);
+  close(descriptor);
+  descriptor = -1;
+}
+
+}  // namespace
+
+int MyRtp::findOpenPair(const char* callId1, const char* callId2) const {
+  const std::string_view first = callId1;
+  const std::string_view second = callId2;
+  const PairIndex::Key key1 = PairIndex::keyOf(first);
+  const PairIndex::Key key2 = PairIndex::keyOf(second);
+  for (int pair = -1;;) {
+    pair = pairIndex.find(key1, key2, pair + 1, iMaxPairIndex);
+    if (pair < 0) return -1;
+    for (const auto& callId : psPairs[pair].pcCallID) {
+      if (callId == first || callId == second) return pair;
+    }
+  }
+}
+
+int MyRtp::findRtpIndex(const char* callId1, const char* callId2) {
+  const int pair = findOpenPair(callId1, callId2);
+  if (pair < 0) Log::error("MyRtp::findRtpIndex", "unable to find session pair\n");
+  return pair;
+}
+
+int MyRtp::closeSessionPair(const char* callId1, const char* callId2) {
+  try {
+    const int pair = findOpenPair(callId1, callId2);
+    if (pair < 0) return -1;
+    sRtpSessionPair& record = psPairs[pair];
+    stopThread(pair);
+    for (sRtpQueuedMsg& slot : record.psQueue) {
+      if (slot.pcMsg != nullptr) returnMsgToPool(slot.pcMsg, pair);
+      slot = {};
+    }
+    for (int side = 0; side < 2; ++side) closeSide(side, pair);
+    freeSlot(pair);
+    static_cast<sPairRecordings&>(record) = {};
+    writeClosingLine(pair);
+    return pair;
+  } catch (...) {
+    Log::error("MyRtp::closeSessionPair", "exception caught");
+    return -1;
+  }
+}
+
+// A socket that is shut down becomes readable, which ends the media thread's wait at once; should it not, the
+// wait ends by its time-out.
+void MyRtp::stopThread(int pair) {
+  sRtpSessionPair& record = psPairs[pair];
+  record.bStopRequested = true;
+  if (!record.bThreadToJoin) return;
+  shutdown(record.iRtpSocket[0], SHUT_RDWR);
+  pthread_join(record.tThread, nullptr);
+  record.bThreadToJoin = false;
+}
+
+void MyRtp::closeSide(int side, int pair) {
+  constexpr const char* kFunction = "MyRtp::closeSessionPair";
+  sRtpSessionPair& record = psPairs[pair];
+  const auto channel = static_cast<std::uint16_t>(2 * pair + side);
+  closeSocket(record.iRtpSocket[side]);
+  closeSocket(record.iRtcpSocket[side]);
+  if (record.bRegistering[side]) doStopRegistration(side, pair);
+  if (record.bNoiseReduction[side] && KestrovaTerminate(channel) != 0) {
+    Log::warning(kFunction, "unable to terminate kestrova channel %d\n", channel);
+  }
+  if (record.bAecMic[side] && KestrovaAECTerminate(channel) != 0) {
+    Log::warning(kFunction, "unable to terminate kestrova aec channel %d\n", channel);
+  }
+  record.bNoiseReduction[side] = record.bAecMic[side] = record.bAecSpk[side] = false;
+}
+
+void MyRtp::freeSlot(int pair) {
+  psPairs[pair].bInUse = false;
+  pairIndex.release(pair);
+  while (iMaxPairIndex >= 0 && !psPairs[iMaxPairIndex].bInUse) --iMaxPairIndex;
+}

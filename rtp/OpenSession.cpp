@@ -1,0 +1,182 @@
+#include <algorithm>
+#include <arpa/inet.h>
+#include <charconv>
+#include <csignal>
+#include <cstdlib>
+#include <pthread.h>
+
+#include "app/config/Log.h"
+#include "app/config/Settings.h"
+#include "common/Clock.h"
+#include "rtp/MyRtp.h"
+
+namespace {
+
+constexpr const char* kFunction = "MyRtp::openSessionPair";
+constexpr std::size_t kThreadStackBytes = 5'000'000;  // the engine keeps its work areas on the stack
+constexpr int kG722BitRate = 64000;
+
+// A port outside 0..65535 gives port 0, to which nothing can be sent.
+sockaddr_in addressOf(in_addr ip, int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr = ip;
+  address.sin_port = port >= 0 && port <= 65535 ? htons(static_cast<in_port_t>(port)) : in_port_t{0};
+  return address;
+}
+
+in_addr parseIP(const char* text) {
+  in_addr ip{};
+  if (inet_pton(AF_INET, text, &ip) != 1) {
+    Log::warning(kFunction, "illegal IP address \"%s\", nothing is sent there\n", text);
+    ip.s_addr = INADDR_ANY;
+  }
+  return ip;
+}
+
+std::uint8_t parsePayloadType(const char* text) {
+  while (*text == ' ') ++text;
+  if (*text == '\0') return kNoTelephoneEventPT;
+  return static_cast<std::uint8_t>(std::strtol(text, nullptr, 10));
+}
+
+bool hasG722(const CodecList& codecs, int numCodecs) {
+  return std::any_of(codecs.begin(), codecs.begin() + numCodecs,
+                     [](const sCodecNegotiationList_t& entry) { return entry.eCodec == eCodecG722; });
+}
+
+// Media threads take no signal: handlers run on the main thread. Faults stay deliverable where they happen.
+sigset_t blockedSignals() {
+  sigset_t signals;
+  sigfillset(&signals);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) sigdelset(&signals, fault);
+  return signals;
+}
+
+const pthread_attr_t* threadAttributes() {
+  static const pthread_attr_t attributes = [] {
+    pthread_attr_t result;
+    pthread_attr_init(&result);
+    pthread_attr_setstacksize(&result, kThreadStackBytes);
+    const sigset_t signals = blockedSignals();
+    pthread_attr_setsigmask_np(&result, &signals);
+    return result;
+  }();
+  return &attributes;
+}
+
+void* mediaThread(void* arg) {
+  myRtp.threadMainLoop(arg);
+  return nullptr;
+}
+
+}  // namespace
+
+int MyRtp::openSessionPair(const sSessionPairRequest& request) {
+  try {
+    const int pair = takeFreeSlot(request);
+    if (pair < 0) return -1;
+    storeLegs(pair, request);
+    storeCodecs(pair, request);
+    resetForCall(pair);
+    if (!openSockets(pair)) return -1;
+    recalculateFDSet(pair);
+    if (!startEngineChannels(pair)) return -1;
+    openRecordings(pair, request.sTimeCallStart);
+    writeOpenLine(pair);
+    return startThread(pair) ? pair : -1;
+  } catch (...) {
+    Log::error(kFunction, "exception caught");
+    return -1;
+  }
+}
+
+int MyRtp::takeFreeSlot(const sSessionPairRequest& request) {
+  const int pair = pairIndex.firstFree();
+  if (pair < 0) {
+    Log::error(kFunction, "too many RTP sessions %d", iNumCallsToFilter);
+    return -1;
+  }
+  pairIndex.occupy(pair, request.sLeg[0].pcCallID, request.sLeg[1].pcCallID);
+  iMaxPairIndex = std::max(iMaxPairIndex, pair);
+  return pair;
+}
+
+void MyRtp::storeLegs(int pair, const sSessionPairRequest& request) {
+  sRtpSessionPair& record = psPairs[pair];
+  static_cast<sPairLegs&>(record) = sPairLegs{};
+  record.bInUse = true;
+  record.iCleaningType = request.iCleaningType;
+  record.ucTelephoneEventPT = parsePayloadType(request.pcTelephoneEventPT);
+  const in_addr own = parseIP(pcSipUAIPForBinding.c_str());
+  for (int side = 0; side < 2; ++side) {
+    const sSessionPairLeg& leg = request.sLeg[side];
+    record.pcCallID[side].assignCut(leg.pcCallID);
+    record.pcPartyName[side].assignCut(leg.pcPartyName);
+    const in_addr remote = parseIP(leg.pcRemoteIP);
+    record.iLocalRtpPort[side] = leg.iLocalRtpPort;
+    record.sLocalRtpAddr[side] = addressOf(own, leg.iLocalRtpPort);
+    record.iLocalRtcpPort[side] = leg.iLocalRtpPort + 1;
+    record.sLocalRtcpAddr[side] = addressOf(own, leg.iLocalRtpPort + 1);
+    record.iRemoteRtpPort[side] = leg.iRemoteRtpPort;
+    record.sRemoteRtpAddr[side] = addressOf(remote, leg.iRemoteRtpPort);
+    record.iRemoteRtcpPort[side] = leg.iRemoteRtpPort + 1;
+    record.sRemoteRtcpAddr[side] = addressOf(remote, leg.iRemoteRtpPort + 1);
+    record.iNonAudioPort[side] = std::max(leg.iNonAudioPort, 0);
+    record.sRemoteNonAudioAddr[side] = addressOf(remote, leg.iNonAudioPort);
+    record.sRemoteNonAudioRtcpAddr[side] = addressOf(remote, leg.iNonAudioPort + 1);
+  }
+}
+
+void MyRtp::storeCodecs(int pair, const sSessionPairRequest& request) {
+  sRtpSessionPair& record = psPairs[pair];
+  static_cast<sPairCodecLists&>(record) = sPairCodecLists{};
+  bool wideband = true;
+  for (int side = 0; side < 2; ++side) {
+    const sSessionPairLeg& leg = request.sLeg[side];
+    const int count = leg.psCodecs == nullptr ? 0 : std::clamp(leg.iNumCodecs, 0, kMaxCodecsPerLeg);
+    record.iNumCodecs[side] = count;
+    if (count > 0) std::copy_n(leg.psCodecs->begin(), count, record.psCodecs[side].begin());
+    if (!hasG722(record.psCodecs[side], count)) {
+      wideband = false;
+      continue;
+    }
+    myGWB.encodeInit(&record.sG722Encoder[side], kG722BitRate);
+    myGWB.decodeInit(&record.sG722Decoder[side], kG722BitRate);
+  }
+  static_cast<sPairProcessing&>(record) = sPairProcessing{};
+  record.iSampleRate = wideband ? 16000 : 8000;
+}
+
+// Before anything can fail, so that a pair whose opening failed does not close with the figures of the call
+// before it.
+void MyRtp::resetForCall(int pair) {
+  sRtpSessionPair& record = psPairs[pair];
+  static_cast<sPairDigits&>(record) = {};
+  static_cast<sPairRecordings&>(record) = {};
+  static_cast<sPairSamples&>(record) = {};
+  static_cast<sPairStatistics&>(record) = {};
+  static_cast<sPairCommands&>(record) = {};
+  record.iJitterCount = {};
+  static_cast<sPairDelay&>(record) = {};
+  static_cast<sPairQueue&>(record) = {};
+  record.iSelectErrors.reset();
+  const std::time_t now = Clock::now();
+  for (int side = 0; side < 2; ++side) {
+    record.iInactiveSeconds[side].reset();
+    record.tLastPacket[side] = now;
+  }
+}
+
+bool MyRtp::startThread(int pair) {
+  sRtpSessionPair& record = psPairs[pair];
+  record.bStopRequested = false;
+  record.bThreadRunning = true;  // before the thread, which clears it when it ends
+  if (pthread_create(&record.tThread, threadAttributes(), mediaThread, &record.iPairIndex) != 0) {
+    record.bThreadRunning = false;
+    Log::error(kFunction, "unable to create thread for pair %d\n", pair);
+    return false;
+  }
+  record.bThreadToJoin = true;
+  return true;
+}
