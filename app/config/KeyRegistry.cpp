@@ -52,9 +52,9 @@ constexpr int kShortestRefreshSeconds = 2;
 
 constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
     {"ConfigVersion", eInteger, &iConfigVersion, required("2"), supported(2), kStart, eFile,
-     "Version of the file format; only 2 exists."},
+     "Version of the file format."},
     {"IPVersion", eInteger, &iIPVersion, required("4"), supported(4), kStart, eFile,
-     "IP version of all traffic; only 4 exists."},
+     "IP version of all traffic."},
     {"SipProxyIP", eAddress, text(pcSipProxyIP), required("127.0.0.1"), kAny, kStart, eAddresses,
      "Address or host name of the PBX: destination of registrations, and of calls that nothing sends "
      "elsewhere. A name is looked up once, at start-up."},
@@ -72,7 +72,8 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
     {"SipUAPort", eInteger, &iSipUAPort, required("5070"), kAny, kStart, eAddresses,
      "Our own SIP port (UDP), bound and announced."},
     {"RtpUAPortInitVal", eInteger, &iRtpUAPortInitVal, required("20000"), kAny, kStart, eAddresses,
-     "First local RTP port; phone number i uses this plus 2 i for RTP and the port after it for RTCP."},
+     "First local RTP port; phone number i, from 0, uses this plus 2 i for RTP and the port after it for "
+     "RTCP."},
     {"Separator", eWord, text(pcSeparator), required("##"), kAny, kStart, eCommands,
      "Text between destination and processing type in a command."},
     {"CmdBasedOnCallerID", eListWord, text(pcCmdBasedOnCallerID), none("1??@192.0.2.20=*##1;"), kAny, kStart,
@@ -199,7 +200,7 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
      {Kind::eRaised, kShortestRefreshSeconds},
      kReload,
      eStatistics,
-     "Seconds after which a browser loads the pages again; they are written twice as often. At least 2."},
+     "Seconds after which a browser loads the pages again; they are written twice as often."},
     {"OrigPhonesNamePrefix", eWord, text(pcOrigPhonesNamePrefix), preset("KestrovaOrig"), kAny, kStart,
      eIdentities,
      "Start of the generated names of the phones that face the callers; a number from 0 follows."},
