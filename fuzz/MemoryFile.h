@@ -1,0 +1,26 @@
+// Gives fuzzed bytes to code that opens a file by its path, without touching a disk.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "common/Handle.h"
+
+class MemoryFile {
+ public:
+  MemoryFile(const std::uint8_t* bytes, std::size_t length) : file(memfd_create("fuzz", MFD_CLOEXEC)) {
+    std::size_t written = 0;
+    while (written < length) {
+      const ssize_t count = write(file.get(), bytes + written, length - written);
+      if (count <= 0) break;
+      written += static_cast<std::size_t>(count);
+    }
+  }
+  std::string path() const { return "/proc/self/fd/" + std::to_string(file.get()); }
+
+ private:
+  FileDescriptor file;
+};
