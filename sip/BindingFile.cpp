@@ -199,8 +199,8 @@ void BindingFile::forgetRecordsFrom(int first) {
 BindingFile::SaveOutcome BindingFile::save(const char* path, const sTable& table, bool otherIsComplete) {
   const bool known = isComplete(path);
   if (known && holds(table)) return SaveOutcome::eSaved;
-  bKnown = false;
   if (!otherIsComplete) return replace(path, table);
+  bKnown = false;
   return known ? patch(path, table) : rewrite(path, table);
 }
 
@@ -226,11 +226,16 @@ BindingFile::SaveOutcome BindingFile::replace(const char* path, const sTable& ta
   struct stat status;
   const bool isDirectory = stat(path, &status) == 0 && S_ISDIR(status.st_mode);
   if (isDirectory || !beside.format("%s.new", path)) return SaveOutcome::eCannotOpen;
-  const SaveOutcome outcome = rewrite(beside.c_str(), table);
-  if (outcome == SaveOutcome::eSaved && std::rename(beside.c_str(), path) == 0) return outcome;
-  bKnown = false;
-  unlink(beside.c_str());
-  return outcome == SaveOutcome::eSaved ? SaveOutcome::eCannotOpen : outcome;
+  BindingFile successor;
+  SaveOutcome outcome = successor.rewrite(beside.c_str(), table);
+  if (outcome == SaveOutcome::eSaved && std::rename(beside.c_str(), path) != 0)
+    outcome = SaveOutcome::eCannotOpen;
+  if (outcome == SaveOutcome::eSaved) {
+    *this = successor;
+  } else {
+    unlink(beside.c_str());  // what stood at the path before still does
+  }
+  return outcome;
 }
 
 // The file has no trailer when this begins, and gets it as the very last step.
