@@ -32,10 +32,10 @@ sScratch allocateScratch() {
 constexpr std::uint16_t kMinDelayCyclesWithVoice = 10;
 
 [[nodiscard]] bool storeBinDirectory(const char* pcDirectory) {
-  Glob::pcKestrovaBin.clear();
-  if (pcDirectory == nullptr) return true;
-  const std::string_view directory(pcDirectory);
+  // The application may hand us the very text that we store into.
+  const std::string_view directory(pcDirectory == nullptr ? "" : pcDirectory);
   if (!Glob::pcKestrovaBin.assign(directory)) return false;
+  if (Glob::pcKestrovaBin.empty()) return true;
   return directory.ends_with('/') || directory.ends_with('\\') || Glob::pcKestrovaBin.append("/");
 }
 
