@@ -43,9 +43,9 @@ def family(pid):
     """The process and all its descendants."""
     members = [pid]
     for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
-        children = (task / "children").read_text().split()
-        for child in children:
-            members += family(int(child))
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # a thread that has just ended
+            for child in (task / "children").read_text().split():
+                members += family(int(child))
     return members
 
 
