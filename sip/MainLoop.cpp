@@ -212,7 +212,7 @@ void MySip::reloadFromConfiguration(std::string_view fileName) {
 }
 
 void MySip::initiateShutdown() {
-  for (int slot = 0; slot < iNumSlots; ++slot) initiateCallTermination(slot);
+  for (int orig = 0; orig < numOrigSlots(); ++orig) initiateCallTermination(orig);  // both legs of each call
   const auto withdraw = [this](sPhone& identity) {
     if (identity.bShouldRegister && identity.sTimeLastRegistration != 0) sendRegistration(identity, 0);
   };
