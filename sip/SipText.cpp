@@ -3,9 +3,10 @@
 // times per message.
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
+#include <cstdint>
 #include <cstring>
-#include <limits>
 #include <span>
 
 #include "app/config/Log.h"
@@ -38,10 +39,6 @@ constexpr unsigned char lowerCase(char character) {
   return kLowerCase[static_cast<unsigned char>(character)];
 }
 
-constexpr char upperCase(char character) {
-  return character >= 'a' && character <= 'z' ? static_cast<char>(character - ('a' - 'A')) : character;
-}
-
 bool equalsFolded(const char* text, std::string_view other) {
   for (const char character : other) {
     if (lowerCase(*text++) != lowerCase(character)) return false;
@@ -51,72 +48,72 @@ bool equalsFolded(const char* text, std::string_view other) {
 
 // ---- Substring search ----
 //
-// memchr finds one character of the needle, the pivot, at many bytes per cycle; only around its hits is
-// anything compared. So the pivot should be rare in SIP. A letter needs a second scan for its other case and
-// is taken only where the needle has nothing else.
+// Sixteen places of the haystack are judged in one step: a match can begin only where the first character of
+// the needle stands and, a needle's length later, its last. These two together are rare, so hardly anything
+// else is compared. The vectors are the compilers' portable kind (GCC and clang).
 
-// Counted over an INVITE with SDP, commonest first; what is not listed is rarer than all of these.
-constexpr std::string_view kCommonCharacters = "01 .\r\nae:p2t8Ir=i9o6ncPls/C4mNT7-EA,V@S";
+constexpr std::size_t kBlockBytes = 16;
+using Block [[gnu::vector_size(kBlockBytes)]] = unsigned char;
+using BlockHalves [[gnu::vector_size(kBlockBytes)]] = std::uint64_t;
 
-constexpr auto kPivotMerit = [] {
-  constexpr unsigned char kRare = 50;
-  constexpr unsigned char kNoLetter = 100;
-  std::array<unsigned char, 256> merit{};
-  for (std::size_t i = 0; i < merit.size(); ++i) {
-    const auto character = static_cast<unsigned char>(i);
-    const unsigned char folded = kLowerCase[i];
-    const bool isLetter = folded >= 'a' && folded <= 'z';
-    const std::size_t place = kCommonCharacters.find(static_cast<char>(character));
-    const std::size_t rarity = place == kNotFound ? kRare : place;
-    merit[i] = static_cast<unsigned char>(rarity + (isLetter ? 0 : kNoLetter));
-  }
-  return merit;
-}();
-
-std::size_t choosePivot(std::string_view needle) {
-  const auto merit = [](char a, char b) {
-    return kPivotMerit[static_cast<unsigned char>(a)] < kPivotMerit[static_cast<unsigned char>(b)];
-  };
-  return static_cast<std::size_t>(std::max_element(needle.begin(), needle.end(), merit) - needle.begin());
+Block loadBlock(const char* from) {
+  Block block;
+  std::memcpy(&block, from, sizeof block);
+  return block;
 }
 
-// The places of one character in a text, in order.
-class Places {
+// One character in both its cases, for sixteen places at once. Setting bit 5 makes a letter lower-case; of
+// other bytes it makes something that only the full comparison can tell from a letter.
+class CharacterMask {
  public:
-  Places(const char* from, const char* to, char wanted) : end(to), character(wanted) { moveTo(from); }
-  const char* current() const { return at; }
-  void advance() { moveTo(at + 1); }
-  void moveTo(const char* from) {
-    const auto* found = static_cast<const char*>(
-        std::memchr(from, static_cast<unsigned char>(character), static_cast<std::size_t>(end - from)));
-    at = found == nullptr ? end : found;
+  explicit CharacterMask(char wanted) {
+    const unsigned char lower = lowerCase(wanted);
+    const unsigned char caseBit = lower >= 'a' && lower <= 'z' ? 0x20 : 0;
+    fold = Block{} + caseBit;
+    character = Block{} + lower;
+  }
+  // 0xFF in every place where the character stands.
+  BlockHalves findIn(const char* from) const {
+    return reinterpret_cast<BlockHalves>((loadBlock(from) | fold) == character);
   }
 
  private:
-  const char* end;
-  const char* at = nullptr;
-  char character;
+  Block fold;
+  Block character;
 };
+
+// First place among the eight whose bytes in `candidates` are set at which the needle stands, or null.
+const char* firstMatch(std::uint64_t candidates, const char* from, std::string_view needle) {
+  constexpr std::uint64_t kPlace = 0xFF;
+  while (candidates != 0) {
+    const int bit = std::countr_zero(candidates);
+    if (equalsFolded(from + bit / 8, needle)) return from + bit / 8;
+    candidates &= ~(kPlace << bit);
+  }
+  return nullptr;
+}
 
 // First match at or after `from`; npos if none. The needle is not empty.
 std::size_t findFolded(std::string_view haystack, std::string_view needle, std::size_t from = 0) {
+  static_assert(std::endian::native == std::endian::little, "the first place is the lowest byte");
   if (from > haystack.size() || haystack.size() - from < needle.size()) return kNotFound;
-  const std::size_t pivot = choosePivot(needle);
-  // Where the pivot of a match that lies wholly in the haystack can stand.
-  const char* const begin = haystack.data() + from + pivot;
-  const char* const end = haystack.data() + (haystack.size() - needle.size()) + pivot + 1;
+  const std::size_t last = needle.size() - 1;
+  const char* at = haystack.data() + from;
+  const char* const end = haystack.data() + haystack.size() - last;  // no match begins here or later
 
-  const char lower = static_cast<char>(lowerCase(needle[pivot]));
-  const char upper = upperCase(lower);
-  Places lowers(begin, end, lower);
-  Places uppers(upper == lower ? end : begin, end, upper);
-  for (;;) {
-    Places& next = uppers.current() < lowers.current() ? uppers : lowers;
-    if (next.current() == end) return kNotFound;
-    const char* const start = next.current() - pivot;
-    if (equalsFolded(start, needle)) return static_cast<std::size_t>(start - haystack.data());
-    next.advance();
+  const CharacterMask firstCharacter(needle.front());
+  const CharacterMask lastCharacter(needle.back());
+  for (; end - at >= static_cast<std::ptrdiff_t>(kBlockBytes); at += kBlockBytes) {
+    const BlockHalves candidates = firstCharacter.findIn(at) & lastCharacter.findIn(at + last);
+    if ((candidates[0] | candidates[1]) == 0) continue;
+    const char* found = firstMatch(candidates[0], at, needle);
+    if (found == nullptr) found = firstMatch(candidates[1], at + kBlockBytes / 2, needle);
+    if (found != nullptr) return static_cast<std::size_t>(found - haystack.data());
   }
+  for (; at < end; ++at) {
+    if (equalsFolded(at, needle)) return static_cast<std::size_t>(at - haystack.data());
+  }
+  return kNotFound;
 }
 
 // ---- Header values ----

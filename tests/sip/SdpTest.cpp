@@ -246,10 +246,12 @@ TEST_F(SdpTest, AttributeValuesAreCollectedUpToTheirLimits) {
     const auto room = [margin](int capacity) {
       return std::string(static_cast<std::size_t>(capacity + margin), 'v');
     };
-    MySip::extractRTPMaps(values, count, "a=rtpmap:" + room(50) + "\r\na=rtpmap:next");
+    const std::string maps = "a=rtpmap:" + room(50) + "\r\na=rtpmap:next";
+    MySip::extractRTPMaps(values, count, maps);
     EXPECT_EQ(count, margin < 0 ? 2 : 1);
     EXPECT_EQ(values[static_cast<std::size_t>(count) - 1], "next");
-    MySip::extractFMTPs(values, count, "a=fmtp:" + room(120) + "\r\na=fmtp:next");
+    const std::string fmtps = "a=fmtp:" + room(120) + "\r\na=fmtp:next";
+    MySip::extractFMTPs(values, count, fmtps);
     EXPECT_EQ(count, margin < 0 ? 2 : 1);
   }
   EXPECT_EQ(installation.logCount("size of RTP Map value too long\n"), 2);
