@@ -1,0 +1,484 @@
+// What either party does to a call that stands: new media, refusals and their late messages, transfer,
+// redirection.
+#include <gtest/gtest.h>
+#include <string>
+
+#include "common/Clock.h"
+#include "rtp/MyRtp.h"
+#include "tests/sip/SipFixture.h"
+
+namespace {
+
+using namespace sip_text;  // NOLINT(google-build-using-namespace): transcripts read better
+
+std::string branchOf(const std::string& message) {
+  const std::string via = header(message, "Via");
+  const std::string rest = via.substr(via.find("branch=") + 7);
+  return rest.substr(0, rest.find(';'));
+}
+
+bool has(const std::string& message, const std::string& text) {
+  return message.find(text) != std::string::npos;
+}
+
+class MidCallTest : public SipFixture {
+ protected:
+  static constexpr int kOrig = 0;
+  static constexpr int kPair = 2;
+
+  // A request of the caller within the answered call.
+  Request callerWithin(const std::string& method, int cseq, const std::string& sdpText = "") const {
+    Request request = invite;
+    request.method = method;
+    request.cseq = cseq;
+    request.branch = "z9hG4bK" + method + std::to_string(cseq);
+    request.sdp = sdpText;
+    if (!callerAnswer.empty()) request.to = header(callerAnswer, "To");
+    return request;
+  }
+  // The same of the destination.
+  Request pbxWithin(const std::string& method, int cseq, const std::string& sdpText = "") const {
+    Request request;
+    request.method = method;
+    request.uri = "sip:KestrovaPair0@127.0.0.1:" + std::to_string(iSipPort);
+    request.callId = header(pairInvite, "Call-ID");
+    request.cseq = cseq;
+    request.viaPort = pbx.port();
+    request.branch = "z9hG4bKpbx" + method + std::to_string(cseq);
+    request.from = header(pairInvite, "To") + ";tag=bob1";
+    request.to = header(pairInvite, "From");
+    request.contact = "<sip:200@127.0.0.1:" + std::to_string(pbx.port()) + ">";
+    request.sdp = sdpText;
+    return request;
+  }
+  std::string contactOfPbx() const {
+    return "Contact: <sip:200@127.0.0.1:" + std::to_string(pbx.port()) + ">\r\n";
+  }
+  bool hasMedia() const { return myRtp.findRtpIndex(invite.callId.c_str(), "") != -1; }
+  // A re-INVITE of the caller, CSeq 2, as it arrives at the destination.
+  std::string relayReInvite(const std::string& sdpText) {
+    fromCaller(build(callerWithin("INVITE", 2, sdpText)));
+    return atPbx();
+  }
+};
+
+// ---- Re-INVITE ----
+
+TEST_F(MidCallTest, HoldAndResumePassFromEitherSide) {
+  struct sCase {
+    const char* pcLine;
+    const char* pcIP;
+    const char* pcOffered;
+  };
+  for (const bool fromTheCaller : {true, false}) {
+    start();
+    callerAnswer.clear();
+    answer();
+    LoopbackPeer& sender = fromTheCaller ? caller : pbx;
+    LoopbackPeer& receiver = fromTheCaller ? pbx : caller;
+    const sPhone& leg = sip->phone(fromTheCaller ? kOrig : kPair);
+    int cseq = 7;
+    int cseqOut = fromTheCaller ? 1 : sip->phone(kOrig).iCSeq;
+    for (const sCase& testCase :
+         {sCase{"a=sendonly\r\n", "127.0.0.1", "a=sendonly\r\n"},
+          sCase{"a=sendrecv\r\n", "127.0.0.1", "a=sendrecv\r\n"},
+          sCase{"a=inactive\r\n", "127.0.0.1", "a=inactive\r\n"},
+          sCase{"", "0.0.0.0", "c=IN IP4 0.0.0.0\r\n"}, sCase{"", "127.0.0.1", "c=IN IP4 127.0.0.1\r\n"}}) {
+      SCOPED_TRACE(std::string(fromTheCaller ? "caller " : "destination ") + testCase.pcLine + testCase.pcIP);
+      const std::string offer = sdp(LoopbackPeer::freePortPair(), "0 8", testCase.pcLine, testCase.pcIP);
+      Request request =
+          fromTheCaller ? callerWithin("INVITE", ++cseq, offer) : pbxWithin("INVITE", ++cseq, offer);
+      sender.sendTo(iSipPort, build(request));
+      process();
+      const std::string relayed = receiver.receive().value_or("");
+      EXPECT_EQ(firstLine(relayed),
+                fromTheCaller ? "INVITE sip:200@127.0.0.1 SIP/2.0" : "INVITE sip:100@127.0.0.1 SIP/2.0");
+      EXPECT_EQ(header(relayed, "CSeq"), std::to_string(++cseqOut) + " INVITE");
+      EXPECT_EQ(header(relayed, "Call-ID"), fromTheCaller ? header(pairInvite, "Call-ID") : invite.callId);
+      EXPECT_EQ(tag(header(relayed, "To")), fromTheCaller ? "bob1" : "alice1");
+      EXPECT_EQ(tag(header(relayed, "From")),
+                tag(fromTheCaller ? header(pairInvite, "From") : header(callerAnswer, "To")));
+      EXPECT_TRUE(has(body(relayed), testCase.pcOffered)) << relayed;
+      EXPECT_EQ(leg.bOnHold, std::string(testCase.pcOffered) != "a=sendrecv\r\n" &&
+                                 std::string(testCase.pcOffered) != "c=IN IP4 127.0.0.1\r\n");
+      EXPECT_TRUE(hasMedia());
+
+      const std::string contact = "Contact: <sip:peer@127.0.0.1:" + std::to_string(receiver.port()) + ">\r\n";
+      receiver.sendTo(iSipPort, respond(relayed, "200 OK", "", contact,
+                                        sdp(LoopbackPeer::freePortPair(), "0", "a=recvonly\r\n")));
+      process();
+      const std::string ok = sender.receive().value_or("");
+      EXPECT_EQ(firstLine(ok), "SIP/2.0 200 Ok");
+      EXPECT_EQ(header(ok, "CSeq"), std::to_string(cseq) + " INVITE");
+      EXPECT_TRUE(has(header(ok, "Via"), request.branch));
+      EXPECT_TRUE(has(body(ok), "a=recvonly\r\n"));
+      request.method = "ACK";
+      request.sdp.clear();
+      sender.sendTo(iSipPort, build(request));
+      process();
+      const std::string ack = receiver.receive().value_or("");
+      EXPECT_EQ(firstLine(ack), "ACK sip:peer@127.0.0.1:" + std::to_string(receiver.port()) + " SIP/2.0");
+      EXPECT_EQ(header(ack, "CSeq"), std::to_string(cseqOut) + " ACK");
+      EXPECT_FALSE(sip->phone(kOrig).bReInviteInProgress || sip->phone(kPair).bReInviteInProgress);
+      EXPECT_TRUE(hasMedia());
+      expectSilence();
+    }
+  }
+}
+
+TEST_F(MidCallTest, NewCodecsAndPreservedHeadersAreOffered) {
+  for (const int copyList : {0, 1}) {
+    SCOPED_TRACE(copyList);
+    iCopyCodecListFromInitialInvite = copyList;
+    iNumberOfPSHExpressions = 1;
+    pcPSHExpressions[0].assignCut("X-Account:");
+    start();
+    callerAnswer.clear();
+    answer();
+    Request request = callerWithin("INVITE", 2, sdp(4000, "0", "a=ptime:20\r\n"));
+    request.extraHeaders = "X-Account: 7\r\n";
+    fromCaller(build(request));
+    const std::string relayed = atPbx();
+    EXPECT_TRUE(has(body(relayed), copyList != 0 ? " RTP/AVP 0\r\n" : " RTP/AVP 9 0 8\r\n")) << relayed;
+    EXPECT_EQ(header(relayed, "X-Account"), "7");
+    EXPECT_EQ(sip->phone(kOrig).psCodecs[0].eCodec, eCodecPCMU);
+  }
+}
+
+TEST_F(MidCallTest, RefusedReInviteRestoresTheCallAndItsLateMessagesAreAnswered) {
+  start();
+  answer();
+  const int portBefore = sip->phone(kOrig).iRemoteRtpPort;
+  const std::string relayed = relayReInvite(sdp(portBefore + 100, "0", "a=sendonly\r\n"));
+  EXPECT_EQ(sip->phone(kOrig).iRemoteRtpPort, portBefore + 100);
+  fromPbx(respond(relayed, "488 Not Acceptable Here"));
+  const std::string refusal = atCaller();
+  EXPECT_EQ(firstLine(refusal), "SIP/2.0 488 Not Acceptable Here");
+  EXPECT_EQ(header(refusal, "CSeq"), "2 INVITE");
+  EXPECT_EQ(branchOf(refusal), "z9hG4bKINVITE2");
+  EXPECT_EQ(sip->phone(kOrig).iRemoteRtpPort, portBefore);
+  EXPECT_EQ(sip->phone(kOrig).iInviteCSeq, 1);
+  EXPECT_FALSE(sip->phone(kOrig).bOnHold || sip->phone(kOrig).bReInviteInProgress);
+  EXPECT_TRUE(sip->phone(kPair).bAnswered && !sip->phone(kPair).bTerminating && hasMedia());
+  expectSilence();
+
+  // Either the caller's ACK or the destination's repetition makes us acknowledge, in the failed transaction.
+  const auto expectAck = [&] {
+    const std::string ack = atPbx();
+    EXPECT_EQ(firstLine(ack), "ACK sip:200@127.0.0.1 SIP/2.0");
+    EXPECT_EQ(header(ack, "CSeq"), "2 ACK");
+    EXPECT_EQ(branchOf(ack), branchOf(relayed));
+    EXPECT_EQ(tag(header(ack, "To")), "bob1");
+  };
+  fromCaller(build(callerWithin("ACK", 2)));
+  expectAck();
+  fromPbx(respond(relayed, "488 Not Acceptable Here"));
+  expectAck();
+  fromCaller(build(callerWithin("CANCEL", 2)));
+  const std::string terminated = atCaller();
+  EXPECT_EQ(firstLine(terminated), "SIP/2.0 487 Request Terminated");
+  EXPECT_EQ(header(terminated, "CSeq"), "2 INVITE");
+  EXPECT_EQ(branchOf(terminated), "z9hG4bKINVITE2");
+  expectSilence();
+
+  fromCaller(build(callerWithin("INVITE", 3, sdp(portBefore, "8"))));
+  EXPECT_EQ(header(atPbx(), "CSeq"), "3 INVITE") << "the next one is relayed again";
+}
+
+TEST_F(MidCallTest, OneReInviteAtATime) {
+  start();
+  answer();
+  const std::string relayed = relayReInvite(sdp(4000, "0", "a=ptime:20\r\n"));
+  fromCaller(build(callerWithin("INVITE", 2, sdp(4000, "0", "a=ptime:20\r\n"))));
+  EXPECT_EQ(atPbx(), relayed) << "a repetition sends the stored INVITE again";
+  const auto pending = [this](const Request& request, const std::string& user) {
+    const std::string text = build(request);
+    return "SIP/2.0 491 Request Pending\r\nVia: " + header(text, "Via") + "\r\nFrom: " + request.from +
+           "\r\nTo: " + request.to + "\r\nContact: <sip:" + user + "@127.0.0.1:" + std::to_string(iSipPort) +
+           ">\r\nCall-ID: " + request.callId + "\r\nCSeq: " + header(text, "CSeq") +
+           "\r\nUser-Agent: Kestrova Quorvel\r\nContent-Length: 0\r\n\r\n";
+  };
+  fromCaller(build(callerWithin("INVITE", 3, sdp(4000, "0", "a=ptime:20\r\n"))));
+  EXPECT_EQ(atCaller(), pending(callerWithin("INVITE", 3), "KestrovaOrig0"));
+  fromPbx(build(pbxWithin("INVITE", 9, sdp(4000, "0", "a=ptime:20\r\n"))));
+  EXPECT_EQ(atPbx(), pending(pbxWithin("INVITE", 9), "KestrovaPair0")) << "glare";
+  EXPECT_EQ(installation.logCount(
+                " INFO in MySip::handleReInviteMsg, ignoring re-invite for phone 0 since it is already in "
+                "process of another re-invite. Going to reply with 491\n"),
+            1);
+  expectSilence();
+
+  fromCaller(build(callerWithin("CANCEL", 2)));
+  const std::string cancel = atPbx();
+  EXPECT_EQ(header(cancel, "CSeq"), "2 CANCEL");
+  EXPECT_EQ(branchOf(cancel), branchOf(relayed));
+  fromPbx(respond(relayed, "487 Request Terminated"));
+  EXPECT_EQ(firstLine(atCaller()), "SIP/2.0 487 Request Terminated");
+  EXPECT_EQ(sip->numActiveCalls(), 1);
+  fromPbx(build(pbxWithin("INVITE", 9, sdp(4000, "0", "a=ptime:20\r\n"))));
+  EXPECT_TRUE(firstLine(atCaller()).starts_with("INVITE ")) << "the way is free again";
+}
+
+TEST_F(MidCallTest, ReInvitesThatCannotBeRelayedAreLogged) {
+  start();
+  answer();
+  fromCaller(build(callerWithin("INVITE", 2, sdp(4000, "18", "a=ptime:20\r\n"))));
+  EXPECT_EQ(
+      installation.logCount(" ERROR in MySip::handleReInviteMsg, error during SDP analyze for phone 0\n"), 1);
+  EXPECT_TRUE(sip->phone(kOrig).bReInviteInProgress && sip->phone(kPair).bReInviteInProgress);
+  fromCaller(callerRequest("BYE", 3));
+  EXPECT_TRUE(firstLine(atPbx()).starts_with("BYE "));
+  fromCaller(build(callerWithin("INVITE", 4, sdp(4000, "0", "a=ptime:20\r\n"))));
+  EXPECT_EQ(installation.logCount("ignoring re-invite for phone 0 since it is during call cancel\n"), 1);
+  expectSilence();
+}
+
+TEST_F(MidCallTest, UnansweredInviteIsRepeatedAsStoredAndOthersAreIgnored) {
+  start();
+  ring();
+  fromCaller(inviteText());
+  EXPECT_EQ(atPbx(), pairInvite);
+  fromCaller(build(callerWithin("INVITE", 2, invite.sdp)));
+  expectSilence();
+}
+
+TEST_F(MidCallTest, CallerAnswersTheChallengeOfThePbx) {
+  for (const bool accepted : {true, false}) {
+    SCOPED_TRACE(accepted);
+    iSipProxyArchitecture = 1;
+    start();
+    fromCaller(inviteText());
+    const std::string first = atPbx();
+    fromPbx(respond(first, "407 Proxy Authentication Required", "chal",
+                    "Proxy-Authenticate: Digest realm=\"r\",nonce=\"n\"\r\n"));
+    const std::string challenge = atCaller();
+    EXPECT_EQ(header(challenge, "Proxy-Authenticate"), "Digest realm=\"r\",nonce=\"n\"");
+    EXPECT_EQ(header(challenge, "CSeq"), "1 INVITE");
+    fromCaller(build(callerWithin("ACK", 1)));
+    EXPECT_EQ(tag(header(atPbx(), "To")), "chal");
+
+    Request request = callerWithin("INVITE", 2, invite.sdp);
+    request.extraHeaders = "Proxy-Authorization: Digest username=\"100\",response=\"0\"\r\n";
+    fromCaller(build(request));
+    const std::string second = atPbx();
+    EXPECT_EQ(header(second, "Proxy-Authorization"), "Digest username=\"100\",response=\"0\"");
+    EXPECT_EQ(header(second, "CSeq"), "2 INVITE");
+    EXPECT_EQ(header(second, "Call-ID"), header(first, "Call-ID"));
+    EXPECT_NE(branchOf(second), branchOf(first));
+    EXPECT_EQ(tag(header(second, "To")), "") << "a fresh dialog";
+    fromCaller(build(request));
+    EXPECT_EQ(atPbx(), second) << "repeated";
+
+    fromPbx(respond(second, accepted ? "200 OK" : "403 Forbidden", "bob1", contactOfPbx(),
+                    accepted ? sdp(4000, "0") : ""));
+    const std::string result = atCaller();
+    EXPECT_EQ(firstLine(result), accepted ? "SIP/2.0 200 Ok" : "SIP/2.0 403 Forbidden");
+    EXPECT_EQ(header(result, "CSeq"), "2 INVITE");
+    EXPECT_EQ(sip->numActiveCalls(), accepted ? 1 : 0);
+    EXPECT_EQ(hasMedia(), accepted);
+    if (accepted) sip->closeRtpSessionPair(kOrig, kPair);
+  }
+}
+
+// ---- Transfer ----
+
+TEST_F(MidCallTest, BlindTransferAndItsProgressPassAcross) {
+  start();
+  answer();
+  Request refer = callerWithin("REFER", 5);
+  refer.extraHeaders = "Refer-To: <sip:300@127.0.0.1>\r\n";
+  fromCaller(build(refer));
+  const std::string relayed = atPbx();
+  EXPECT_EQ(firstLine(relayed), "REFER sip:200@127.0.0.1 SIP/2.0");
+  EXPECT_EQ(header(relayed, "CSeq"), "2 REFER");
+  EXPECT_TRUE(relayed.ends_with("Content-Length: 0\r\nRefer-To: <sip:300@127.0.0.1>\r\n\r\n")) << relayed;
+  fromCaller(build(refer));
+  EXPECT_EQ(atPbx(), relayed);
+  fromPbx(respond(relayed, "202 Accepted"));
+  const std::string accepted = atCaller();
+  EXPECT_EQ(firstLine(accepted), "SIP/2.0 202 Accepted");
+  EXPECT_EQ(header(accepted, "CSeq"), "5 REFER");
+  EXPECT_EQ(branchOf(accepted), refer.branch);
+
+  struct sCase {
+    const char* pcHeaders;
+    const char* pcEvent;
+    const char* pcState;
+    const char* pcBody;
+  };
+  int cseq = 20;
+  for (const sCase& testCase :
+       {sCase{
+            "Event: refer;id=7\r\nSubscription-State: active;expires=60\r\nContent-Type: message/sipfrag\r\n",
+            "refer", "active;expires=60", "SIP/2.0 100 Trying\r\n"},
+        sCase{"Event: refer\r\nSubscription-State: terminated\r\n", "refer", "terminated", "SIP/2.0 200 OK"},
+        sCase{"Event: dialog;sla\r\n", "dialog;sla", "<none>", ""}}) {
+    SCOPED_TRACE(testCase.pcHeaders);
+    Request notify = pbxWithin("NOTIFY", ++cseq);
+    notify.extraHeaders = testCase.pcHeaders;
+    const std::string text = withLength(build(notify) + testCase.pcBody);
+    fromPbx(text);
+    const std::string told = atCaller();
+    EXPECT_EQ(firstLine(told), "NOTIFY sip:100@127.0.0.1 SIP/2.0");
+    EXPECT_EQ(header(told, "Event"), testCase.pcEvent);
+    EXPECT_EQ(header(told, "Subscription-State"), testCase.pcState);
+    EXPECT_EQ(body(told), testCase.pcBody);
+    EXPECT_EQ(header(told, "Content-Length"), std::to_string(body(told).size()));
+    fromPbx(text);
+    EXPECT_EQ(atCaller(), told);
+    fromCaller(respond(told, "200 OK"));
+    const std::string ok = atPbx();
+    EXPECT_EQ(firstLine(ok), "SIP/2.0 200 OK");
+    EXPECT_EQ(header(ok, "CSeq"), std::to_string(cseq) + " NOTIFY");
+    EXPECT_EQ(branchOf(ok), notify.branch);
+  }
+  expectSilence();
+  EXPECT_EQ(sip->numActiveCalls(), 1);
+}
+
+TEST_F(MidCallTest, NotifyWithoutAnEmptyLineIsRelayedWithoutBody) {
+  start();
+  answer();
+  std::string text = build(pbxWithin("NOTIFY", 20));
+  text.resize(text.size() - 2);
+  fromPbx(text);
+  const std::string told = atCaller();
+  EXPECT_EQ(header(told, "Content-Length"), "0");
+  EXPECT_EQ(body(told), "");
+}
+
+TEST_F(MidCallTest, AttendedTransferNamesTheDialogThatItsReceiverKnows) {
+  start();
+  answer();
+  const std::string firstAnswer = callerAnswer;
+  const std::string firstPair = pairInvite;
+  const Request firstCall = callerWithin("REFER", 5);
+  invite.callId = "second@127.0.0.1";
+  invite.from = "\"Alice\" <sip:100@127.0.0.1>;tag=alice2";
+  callerAnswer.clear();
+  ring();
+  sip->phone(3).pcRemoteTag.clear();
+
+  const auto refer = [&](Request request, const std::string& referTo) {
+    static int cseq = 100;
+    request.cseq = ++cseq;
+    request.extraHeaders = "Refer-To: " + referTo + "\r\n";
+    return build(request);
+  };
+  const std::string tags = "%3Bto-tag%3D" + tag(header(firstAnswer, "To")) + "%3Bfrom-tag%3Dalice2";
+  fromCaller(refer(firstCall, "<sip:300@127.0.0.1?Replaces=second%40127.0.0.1" + tags + ">"));
+  EXPECT_EQ(installation.logCount("can't find tags to use ;tag="), 1)
+      << "nobody has answered the second call yet";
+  expectSilence();
+  sip->phone(3).pcRemoteTag.assignCut(";tag=carl1");
+
+  const std::string ourCallId = header(pairInvite, "Call-ID");
+  const std::string escaped = replaced(ourCallId, "@", "%40");
+  const std::string ourTag = tag(header(pairInvite, "From"));
+  fromCaller(refer(firstCall, "<sip:300@127.0.0.1?Replaces=second%40127.0.0.1" + tags + ">"));
+  EXPECT_EQ(header(atPbx(), "Refer-To"),
+            "<sip:300@127.0.0.1?Replaces=" + escaped + "%3Bto-tag%3Dcarl1%3Bfrom-tag%3D" + ourTag + ">");
+  fromCaller(refer(firstCall, "sip:300@127.0.0.1?replaces=second%40127.0.0.1" + tags));
+  EXPECT_EQ(header(atPbx(), "Refer-To"),
+            "sip:300@127.0.0.1?Replaces=" + escaped + "%3Bto-tag%3Dcarl1%3Bfrom-tag%3D" + ourTag);
+
+  // The other way: the destination of the first call is told to take over the second one, of which it knows
+  // our leg.
+  pairInvite = firstPair;
+  fromPbx(refer(pbxWithin("REFER", 5),
+                "<sip:100@127.0.0.1?Replaces=" + escaped + "%3Bto-tag%3Dx%3Bfrom-tag%3Dy>"));
+  EXPECT_EQ(header(atCaller(), "Refer-To"), "<sip:100@127.0.0.1?Replaces=second%40127.0.0.1%3Bto-tag%3D" +
+                                                std::string(sip->phone(1).pcLocalTag.view().substr(5)) +
+                                                "%3Bfrom-tag%3Dalice2>");
+
+  for (const auto& [referTo, log] :
+       {std::pair<std::string, const char*>{"<sip:3@x?Replaces=unknown%40x%3Bto-tag%3D1>",
+                                            "unable to find a phone with call-id unknown@x\n"},
+        {"<sip:3@x?Replaces=second%40127.0.0.1>", "can't find call-id in "},
+        {"<sip:3@x?Replaces=" + std::string(120, 'c') + "%3B>", "Call ID too long ccc"},
+        {"<sip:" + std::string(290, 'n') + "@x?Replaces=second%40127.0.0.1%3Bto-tag%3D1>",
+         "The size of the new Refer string is TOO Big <sip:nnn"},
+        {"<sip:" + std::string(366, 'n') + ">", "Refer-To: is too long"}}) {
+    installation.clearLog();
+    fromCaller(refer(firstCall, referTo));
+    EXPECT_EQ(installation.logCount(log), 1) << installation.log();
+  }
+  expectSilence();
+}
+
+TEST_F(MidCallTest, MessagesOfNoCallAreNotRelayed) {
+  start();
+  answer();
+  for (const int slot : {kOrig, kPair}) sip->freeSlot(slot);
+  fromPbx(build(pbxWithin("REFER", 5)));
+  fromPbx(build(pbxWithin("NOTIFY", 6)));
+  fromPbx(respond(build(pbxWithin("REFER", 7)), "202 Accepted"));
+  fromPbx(respond(build(pbxWithin("NOTIFY", 7)), "200 OK"));
+  expectSilence();
+  EXPECT_EQ(installation.logCount(
+                "ERROR in MySip::handleAcceptedForREFERMsg, error, the phone 2 is not during a call \n"),
+            1);
+  EXPECT_EQ(installation.logCount(
+                "ERROR in MySip::handleOKForNOTIFYMsg, error, the phone 2 is not during a call \n"),
+            1);
+  sip->closeRtpSessionPair(kOrig, kPair);
+}
+
+// ---- Redirection ----
+
+TEST_F(MidCallTest, ContactsOfARedirectionAreTriedInOrder) {
+  for (const bool secondAnswers : {true, false}) {
+    SCOPED_TRACE(secondAnswers);
+    LoopbackPeer first;
+    LoopbackPeer second;
+    start();
+    ring();
+    const auto contact = [](const char* user, const LoopbackPeer& at) {
+      return "Contact: <sip:" + std::string(user) + "@127.0.0.1:" + std::to_string(at.port()) + ">\r\n";
+    };
+    const std::string moved = respond(pairInvite, "302 Moved Temporarily", "bob1",
+                                      contact("first", first) + contact("second", second));
+    fromPbx(moved);
+    EXPECT_EQ(header(atPbx(), "CSeq"), "1 ACK");
+    const std::string toFirst = first.receive().value_or("");
+    EXPECT_EQ(firstLine(toFirst), "INVITE sip:first@127.0.0.1 SIP/2.0");
+    EXPECT_EQ(header(toFirst, "CSeq"), "1 INVITE");
+    EXPECT_NE(header(toFirst, "Call-ID"), header(pairInvite, "Call-ID"));
+    EXPECT_EQ(tag(header(toFirst, "To")), "");
+    fromPbx(moved);
+    EXPECT_EQ(header(atPbx(), "CSeq"), "1 ACK") << "the old dialog still acknowledges";
+
+    first.sendTo(iSipPort, respond(toFirst, "486 Busy Here", "f"));
+    process();
+    const std::string toSecond = second.receive().value_or("");
+    EXPECT_EQ(firstLine(toSecond), "INVITE sip:second@127.0.0.1 SIP/2.0");
+    EXPECT_TRUE(caller.quiet()) << "the caller learns of no failure while there is a contact left";
+    first.sendTo(iSipPort, respond(toFirst, "486 Busy Here", "f"));
+    process();
+    EXPECT_EQ(header(first.receive().value_or(""), "Call-ID"), header(toFirst, "Call-ID")) << "acknowledged";
+
+    second.sendTo(iSipPort, secondAnswers ? respond(toSecond, "200 OK", "s", contact("second", second),
+                                                    sdp(4000, "0", "a=ptime:20\r\n"))
+                                          : respond(toSecond, "603 Decline", "s"));
+    process();
+    EXPECT_EQ(firstLine(atCaller()), secondAnswers ? "SIP/2.0 200 Ok" : "SIP/2.0 603 Decline");
+    EXPECT_EQ(sip->numActiveCalls(), secondAnswers ? 1 : 0);
+    fromCaller(callerRequest("ACK", 1));
+    EXPECT_TRUE(firstLine(second.receive().value_or("")).starts_with("ACK sip:second@127.0.0.1"));
+    expectSilence();
+    if (secondAnswers) sip->closeRtpSessionPair(kOrig, kPair);
+  }
+}
+
+TEST_F(MidCallTest, RedirectionThatNamesNobodyOrAnswersNothingChangesNothing) {
+  start();
+  ring();
+  fromCaller(respond(inviteText(), "302 Moved Temporarily", "", "Contact: <sip:a@127.0.0.1>\r\n"));
+  expectSilence();
+  fromPbx(respond(pairInvite, "301 Moved Permanently", "bob1", "Contact: <tel:+123>\r\n"));
+  EXPECT_EQ(header(atPbx(), "CSeq"), "1 ACK");
+  EXPECT_EQ(installation.logCount("ERROR in MySip::reviewMoveStorage, unable to find sip: in <tel:+123>"), 1);
+  expectSilence();
+}
+
+}  // namespace
