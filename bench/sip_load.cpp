@@ -7,6 +7,7 @@
 #include <string>
 #include <unistd.h>
 
+#include "bench/Figures.h"
 #include "bench/SipLoad.h"
 
 namespace {
@@ -94,19 +95,6 @@ Arguments parse(int count, char** values) {
   load.run.calleePort = load.run.callerPort + 2;
   if (load.calls == 0) load.calls = std::max(1, static_cast<int>(load.rate * arguments.seconds));
   return arguments;
-}
-
-// Microseconds at the given share of a sorted list.
-double at(const std::vector<Nanoseconds>& sorted, double share) {
-  if (sorted.empty()) return 0;
-  const auto last = static_cast<double>(sorted.size() - 1);
-  return static_cast<double>(sorted[static_cast<std::size_t>(last * share + 0.5)]) / 1000;
-}
-
-void printDelays(const char* name, std::vector<Nanoseconds> delays) {
-  std::sort(delays.begin(), delays.end());
-  std::printf(R"(,"%s":{"p50":%.1f,"p99":%.1f,"p999":%.1f,"max":%.1f})", name, at(delays, 0.5),
-              at(delays, 0.99), at(delays, 0.999), at(delays, 1));
 }
 
 void print(const LoadReport& report, std::uint32_t ownDrops) {
