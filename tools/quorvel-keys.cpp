@@ -1,174 +1,102 @@
-// Prints what the key registry knows, for people:
-//   quorvel-keys --sample   an annotated configuration file to start from
-//   quorvel-keys --manual   the manual's list of keys, in Markdown
-#include <algorithm>
+// The configuration file for people and scripts: prints what keys there are, checks a file before the program
+// reads it, reads and changes single keys.
+#include <array>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <span>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 
 #include "app/config/KeyRegistry.h"
+#include "app/config/MyConfiguration.h"
+#include "app/config/ProcessState.h"
+#include "app/config/TextFile.h"
+#include "engine/Glob.h"
+#include "tools/quorvel-keys-print.h"
 
 namespace {
 
-using Kind = sKeyCheck::Kind;
+constexpr const char* kUsage =
+    "quorvel-keys --sample                  print an annotated configuration file to start from\n"
+    "quorvel-keys --manual                  print the manual's list of keys, in Markdown\n"
+    "quorvel-keys --check FILE              read a file as the program would at its start (needs "
+    "KESTROVA_BIN)\n"
+    "quorvel-keys --get FILE KEY            print the value that a file gives a key\n"
+    "quorvel-keys --set FILE KEY [VALUE]    change a key in a file; without a value, comment it out\n";
 
-constexpr std::size_t kSampleWidth = 100;  // longest line of the sample
+using Words = std::span<char* const>;
 
-constexpr const char* kSampleHead =
-    "; Configuration of Quorvel, the voice-quality proxy for IP telephony.\n"
-    ";\n"
-    "; One key=value per line. A line that begins with a semicolon is a comment; keys that are commented "
-    "out\n"
-    "; stand here with the value they have by default, or with an example where there is none. File and\n"
-    "; directory names are relative to the installation directory (KESTROVA_BIN), addresses are IPv4.\n"
-    ";\n"
-    "; This file runs as it stands beside a PBX on the same machine: phones send their calls to port 5070 "
-    "of\n"
-    "; this host, Quorvel improves the audio of both directions and passes each call to the PBX at port "
-    "5060.\n"
-    ";\n"
-    "; Keys marked \"reload\" take effect while calls go on, when the file is read again.\n";
+// The log file that the check writes is this run's own: shown, then removed.
+bool showAndRemoveLog() {
+  const std::string path =
+      std::string(Glob::pcKestrovaBin.view()) + "../log/errLog" + pcKestrovaInstanceSuffix.c_str();
+  const File log = openForReading(path.c_str());
+  if (!log) return false;
+  LineReader lines(log.get());
+  while (lines.next()) std::fwrite(lines.bytes().data(), 1, lines.bytes().size(), stderr);
+  unlink(path.c_str());
+  return true;
+}
 
-constexpr const char* kManualHead =
-    "# Configuration keys\n\n"
-    "One `key=value` per line; case matters, unknown keys are ignored, the last of several lines wins. Keys "
-    "marked R are\napplied by a reload, the others at start-up only. \"required\" means that loading fails "
-    "without the key.\n\n"
-    "| Type | Value |\n|---|---|\n"
-    "| integer | leading decimal number; what follows it is ignored |\n"
-    "| number | leading decimal number with a fraction |\n"
-    "| word | text up to the first blank |\n"
-    "| list | word whose items each end with `;` (a last one is added) |\n"
-    "| path | word, relative to the installation directory; the limit counts both |\n"
-    "| address | IPv4 address or host name |\n"
-    "| expressions | rest of the line, split at `;`: at most 10 of at most 49 characters |\n";
-
-const char* typeName(KeyType type) {
-  switch (type) {
-    case KeyType::eInteger:
-      return "integer";
-    case KeyType::eFloat:
-      return "number";
-    case KeyType::eWord:
-      return "word";
-    case KeyType::eListWord:
-      return "list";
-    case KeyType::ePath:
-      return "path";
-    case KeyType::eAddress:
-      return "address";
-    case KeyType::eExpressions:
-      return "expressions";
+int check(Words words) {
+  const char* installation = std::getenv("KESTROVA_BIN");
+  if (installation == nullptr || !std::string_view(installation).ends_with('/') ||
+      !Glob::pcKestrovaBin.assign(installation) || !pcKestrovaInstanceSuffix.format("-check-%d", getpid())) {
+    std::fputs("KESTROVA_BIN must name the installation directory, with its final slash\n", stderr);
+    return 1;
   }
-  return "";
+  const bool valid =
+      !myConfiguration.readNetworkInformation() && myConfiguration.readParams(words[0], false) == 0;
+  if (!showAndRemoveLog() && !valid)
+    std::fprintf(stderr, "no reason found: can %s../log be written?\n", installation);
+  std::puts(valid ? "The file is valid." : "The file is not valid.");
+  return valid ? 0 : 1;
 }
 
-// What a value must be, beyond its type; empty for no limit.
-std::string limits(const sKey& key) {
-  const std::string low = std::to_string(key.sCheck.iLow);
-  const std::string high = std::to_string(key.sCheck.iHigh);
-  switch (key.sCheck.kind) {
-    case Kind::eSupported:
-      return "only " + low;
-    case Kind::eFlag:
-      return low + " or " + high;
-    case Kind::eRange:
-      return low + " to " + high;
-    case Kind::ePositive:
-    case Kind::eRaised:
-      return "at least " + low;
-    case Kind::eEvenCount:
-      return "even, 2 to " + high;
-    case Kind::eAecAlgorithm:
-      return "one of four names";
-    default:
-      break;
+int get(Words words) {
+  static std::array<char, kMaxLineLength + 1> value;
+  if (myConfiguration.ReadConfVal(words[0], words[1], value.data()) == nullptr) return 1;
+  std::puts(value.data());
+  return 0;
+}
+
+int set(Words words) {
+  if (findKey(words[1]) < 0) {
+    std::fprintf(stderr, "%s is no key of the configuration\n", words[1]);
+    return 1;
   }
-  const auto* text = std::get_if<TextTarget>(&key.target);
-  if (text == nullptr || key.type == KeyType::eAddress) return "";
-  return "at most " + std::to_string(text->maxLength()) + " characters";
+  myConfiguration.saveParamValue(words[0], words[1], words.size() == 3 ? words[2] : nullptr);
+  return 0;
 }
 
-std::string defaultText(const sKey& key) {
-  switch (key.sDefault.kind) {
-    case sKeyDefault::Kind::eRequired:
-      return "required";
-    case sKeyDefault::Kind::eComputed:
-      return key.sDefault.pcComputed;
-    case sKeyDefault::Kind::eText:
-      break;
-  }
-  return *key.sDefault.pcText == '\0' ? "empty" : "`" + std::string(key.sDefault.pcText) + "`";
-}
+struct sCommand {
+  std::string_view name;
+  std::size_t iFewestWords;
+  std::size_t iMostWords;
+  int (*pfRun)(Words words);
+};
 
-// ---- The sample configuration ----
-
-// "; " before every line, broken at blanks.
-void printComment(const std::string& text) {
-  std::string line = ";";
-  std::size_t at = 0;
-  while (at < text.size()) {
-    const std::size_t end = std::min(text.find(' ', at), text.size());
-    const std::string word = text.substr(at, end - at);
-    if (line.size() + 1 + word.size() > kSampleWidth) {
-      std::puts(line.c_str());
-      line = ";";
-    }
-    line += " " + word;
-    at = end + 1;
-  }
-  std::puts(line.c_str());
-}
-
-void printSampleKey(const sKey& key) {
-  std::string note;
-  const auto add = [&note](const std::string& text) { note += (note.empty() ? "" : "; ") + text; };
-  if (key.required()) add("required");
-  if (key.sDefault.kind == sKeyDefault::Kind::eComputed) add("default: " + defaultText(key));
-  if (const std::string limit = limits(key); !limit.empty()) add(limit);
-  if (key.bReloadable) add("reload");
-  printComment(key.pcHelp + (note.empty() ? "" : " (" + note + ")"));
-
-  const bool hasExample = key.sDefault.pcExample != nullptr;
-  std::printf("%s%s=%s\n\n", key.sDefault.bSetInSample ? "" : ";", key.pcName,
-              hasExample ? key.sDefault.pcExample : key.sDefault.pcText);
-}
-
-void printSample() {
-  std::fputs(kSampleHead, stdout);
-  for (int group = 0; group < kKeyGroups; ++group) {
-    std::printf("\n; ---- %s ----\n\n", keyGroupTitle(static_cast<KeyGroup>(group)));
-    for (const sKey& key : keyRegistry())
-      if (key.group == static_cast<KeyGroup>(group)) printSampleKey(key);
-  }
-}
-
-// ---- The manual's list ----
-
-void printManual() {
-  std::fputs(kManualHead, stdout);
-  for (int group = 0; group < kKeyGroups; ++group) {
-    std::printf("\n## %s\n\n| Key | Type | Default | Limits | R | Meaning |\n|---|---|---|---|---|---|\n",
-                keyGroupTitle(static_cast<KeyGroup>(group)));
-    for (const sKey& key : keyRegistry()) {
-      if (key.group != static_cast<KeyGroup>(group)) continue;
-      std::printf("| `%s` | %s | %s | %s | %s | %s |\n", key.pcName, typeName(key.type),
-                  defaultText(key).c_str(), limits(key).c_str(), key.bReloadable ? "R" : "", key.pcHelp);
-    }
-  }
-}
+constexpr sCommand kCommands[] = {
+    {"--sample", 0, 0, [](Words) { return printSample(), 0; }},
+    {"--manual", 0, 0, [](Words) { return printManual(), 0; }},
+    {"--check", 1, 1, check},
+    {"--get", 2, 2, get},
+    {"--set", 2, 3, set},
+};
 
 }  // namespace
 
 int main(int count, char** arguments) {
-  const std::string_view wish = count == 2 ? arguments[1] : "";
-  if (wish == "--sample") {
-    printSample();
-  } else if (wish == "--manual") {
-    printManual();
-  } else {
-    std::fputs("Usage: quorvel-keys --sample | --manual\n", stderr);
-    return 1;
+  const Words all(arguments, static_cast<std::size_t>(count));
+  for (const sCommand& command : kCommands) {
+    if (all.size() < 2 || command.name != all[1]) continue;
+    const Words words = all.subspan(2);
+    if (words.size() < command.iFewestWords || words.size() > command.iMostWords) break;
+    const int status = command.pfRun(words);
+    return std::fflush(stdout) == 0 ? status : 1;
   }
-  return std::fflush(stdout) == 0 ? 0 : 1;
+  std::fputs(kUsage, stderr);
+  return 1;
 }

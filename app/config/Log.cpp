@@ -55,6 +55,15 @@ CtimeText currentTimeText() {
   return text;
 }
 
+// Anyone may put a symbolic link into /tmp: it is not followed.
+File openEarlyLog(const Path& path) {
+  FileDescriptor descriptor(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0666));
+  if (!descriptor.isOpen()) return nullptr;
+  File file(fdopen(descriptor.get(), "a"));
+  if (file) descriptor.release();
+  return file;
+}
+
 std::atomic<long> secondsEastOfUtc{0};
 
 // ---- What a signal handler may call: no locale, no stdio, no time zone data. ----
@@ -199,7 +208,7 @@ void Log::early(const char* function, const char* format, ...) {
   Path path;
   (void)path.assign(kEarlyLogPath);
   (void)path.append(pcKestrovaInstanceSuffix);
-  const File file = openFile(path.c_str(), "ae");
+  const File file = openEarlyLog(path);
   if (!file) return;
   const CtimeText time = currentTimeText();
   std::fprintf(file.get(), "%s in %s, %s\n", time.data(), function, message.data());

@@ -1,0 +1,76 @@
+// The tool for configuration files, and what is committed of its output: the sample configuration and the
+// manual's list of keys.
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+#include "app/config/MyConfiguration.h"
+#include "tests/config/ConfigurationFixture.h"
+
+namespace {
+
+const std::filesystem::path kSource = QUORVEL_SOURCE_DIR;
+
+std::string outputOf(const std::string& command) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+  std::string output;
+  for (int character = std::fgetc(pipe.get()); character != EOF; character = std::fgetc(pipe.get()))
+    output += static_cast<char>(character);
+  return output;
+}
+
+class KeysToolTest : public ConfigurationTest {};
+
+TEST_F(KeysToolTest, CommittedFilesAreThoseOfTheRegistry) {
+  EXPECT_EQ(outputOf(QUORVEL_KEYS " --sample"),
+            TestInstallation::read(kSource / "packaging/quorvel.conf.sample"))
+      << "build the target key-files";
+  EXPECT_EQ(outputOf(QUORVEL_KEYS " --manual"),
+            TestInstallation::read(kSource / "docs/configuration-keys.md"));
+}
+
+TEST_F(KeysToolTest, SampleLoadsAsItStands) {
+  ASSERT_EQ(loadText(TestInstallation::read(kSource / "packaging/quorvel.conf.sample")), 0)
+      << installation.log();
+  EXPECT_EQ(pcDefaultDestination, "*");
+  EXPECT_EQ(iDefaultFilteringType, 3);
+}
+
+// Every commented-out line is a value that its key takes: uncommenting any of them must not stop the program.
+TEST_F(KeysToolTest, EveryExampleIsAValueItsKeyTakes) {
+  installation.write("routing.conf", "192.0.2.30::5060::3??@192.0.2.20;\n");
+  std::string text = TestInstallation::read(kSource / "packaging/quorvel.conf.sample");
+  for (const sKey& key : keyRegistry()) {
+    const std::string commented = "\n;" + std::string(key.pcName) + "=";
+    const std::size_t at = text.find(commented);
+    if (at != std::string::npos) text.erase(at + 1, 1);
+    EXPECT_NE(text.find("\n" + std::string(key.pcName) + "="), std::string::npos) << key.pcName;
+  }
+  EXPECT_EQ(loadText(text), 0) << installation.log();
+}
+
+TEST_F(KeysToolTest, SingleKeysAreReadAndChanged) {
+  const std::string tool = QUORVEL_KEYS;
+  const std::string file = installation.write("tool.conf", "SipUAPort=5070\n");
+  EXPECT_EQ(outputOf(tool + " --get " + file + " SipUAPort"), "5070\n");
+  EXPECT_EQ(outputOf(tool + " --set " + file + " SipDebug 1"), "");
+  EXPECT_EQ(outputOf(tool + " --set " + file + " SipUAPort"), "");
+  EXPECT_EQ(outputOf(tool + " --set " + file + " NoSuchKey 1 2>&1"),
+            "NoSuchKey is no key of the configuration\n");
+  EXPECT_EQ(TestInstallation::read(file), ";SipUAPort=5070\nSipDebug=1\r\n");
+}
+
+TEST_F(KeysToolTest, FilesAreCheckedAsTheProgramReadsThem) {
+  if (myConfiguration.readNetworkInformation()) GTEST_SKIP() << "this host has the loopback device only";
+  const std::string check = "KESTROVA_BIN=" + installation.bin().string() + "/ " QUORVEL_KEYS " --check ";
+  const std::string good = installation.write("good.conf", fileText(requiredKeys()));
+  const std::string bad = installation.write("bad.conf", fileText(requiredKeys(), "SipDebug=2\n"));
+  EXPECT_EQ(outputOf(check + good + " 2>/dev/null"), "The file is valid.\n");
+  const std::string said = outputOf(check + bad + " 2>&1");
+  EXPECT_NE(said.find("value of SipDebug is not 0 or 1\n"), std::string::npos) << said;
+  EXPECT_NE(said.find("The file is not valid.\n"), std::string::npos) << said;
+  EXPECT_EQ(outputOf("ls " + (installation.root() / "log").string()), "") << "the log of a check is removed";
+}
+
+}  // namespace
