@@ -138,7 +138,7 @@ void RtpStreams::take(Stream& stream, const LoadSocket::Datagram& datagram) {
   const std::uint32_t number = numberOf(stream, get16(text.data() + 2), datagram.arrival);
   const std::uint32_t slot = number % kRemembered;
   if (number >= stream.next || stream.next - number > kRemembered) {
-    ++results.foreign;
+    ++results.tooLate;
     return;
   }
   if (stream.arrived[slot]) {

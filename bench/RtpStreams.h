@@ -27,6 +27,7 @@ struct StreamReport {
   std::int64_t received = 0;
   std::int64_t lost = 0;
   std::int64_t repeated = 0;
+  std::int64_t tooLate = 0;  // counted as lost before they came
   std::int64_t foreign = 0;  // wrong payload type or length
   std::vector<Nanoseconds> delays;
   std::vector<Nanoseconds> lateness;         // of the sender

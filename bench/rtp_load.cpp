@@ -95,10 +95,11 @@ void printShift(const char* name, const std::optional<double>& shift) {
 }
 
 void print(const StreamReport& report, std::size_t calls) {
-  std::printf(R"({"calls":%zu,"sent":%lld,"received":%lld,"lost":%lld,"repeated":%lld,"foreign":%lld,)",
-              calls, static_cast<long long>(report.sent), static_cast<long long>(report.received),
-              static_cast<long long>(report.lost), static_cast<long long>(report.repeated),
-              static_cast<long long>(report.foreign));
+  std::printf(
+      R"({"calls":%zu,"sent":%lld,"received":%lld,"lost":%lld,"repeated":%lld,"foreign":%lld,"too_late":%lld,)",
+      calls, static_cast<long long>(report.sent), static_cast<long long>(report.received),
+      static_cast<long long>(report.lost), static_cast<long long>(report.repeated),
+      static_cast<long long>(report.foreign), static_cast<long long>(report.tooLate));
   std::printf(R"("own_drops":%u)", report.droppedByOwnSockets);
   printDelays("delay_us", report.delays);
   printDelays("late_us", report.lateness);

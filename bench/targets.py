@@ -55,6 +55,26 @@ def process_cpu(pid):
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
+class Disturbance:
+    """What the target's core did besides: time of other programs, and time that the hypervisor gave to other
+    machines. Above a few percent, the figures of a run are rough."""
+
+    def __init__(self):
+        self.before = self.ticks()
+
+    @staticmethod
+    def ticks():
+        fields = next(line for line in open("/proc/stat") if line.startswith(f"cpu{TARGET_CORE} ")).split()
+        return [int(field) for field in fields[1:9]]
+
+    def percent(self, target_seconds):
+        user, nice, system, idle, iowait, irq, softirq, steal = (
+            after - before for after, before in zip(self.ticks(), self.before))
+        total = max(1, user + nice + system + idle + iowait + irq + softirq + steal)
+        others = total - idle - iowait - target_seconds * os.sysconf("SC_CLK_TCK")
+        return max(0, 100 * others / total)
+
+
 def memory_kb(pid):
     """VmRSS, and from smaps_rollup Pss and the anonymous part of it, in kB."""
     figures = {}
