@@ -29,8 +29,8 @@ struct Request {
   std::string from = "\"Alice\" <sip:100@127.0.0.1>;tag=alice1";
   std::string to = "<sip:200@127.0.0.1>";
   std::string contact = "<sip:100@127.0.0.1:5999>";
-  std::string extraHeaders;  // whole lines, each with CR LF
-  std::string sdp;           // empty: no body
+  std::string extraHeaders{};  // whole lines, each with CR LF
+  std::string sdp{};           // empty: no body
 };
 std::string build(const Request& request);
 
