@@ -79,7 +79,9 @@ class PublishedCounter {
 };
 
 // One writer (the main thread). A reader gets the old or the new text, never a mixture: it copies and looks
-// whether the revision moved meanwhile (a sequence lock; the writer never waits).
+// whether the revision moved meanwhile (a sequence lock; the writer never waits). The bytes are released and
+// acquired one by one instead of through fences, which the thread sanitizer cannot follow: whoever reads a new
+// byte then also sees that the revision has moved.
 template <std::size_t N>
 class SharedText {
  public:
@@ -89,9 +91,8 @@ class SharedText {
     if (text.size() > maxLength()) return false;
     const std::uint32_t current = revision.load(std::memory_order_relaxed);
     revision.store(current + 1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    for (std::size_t i = 0; i < text.size(); ++i) pcBytes[i].store(text[i], std::memory_order_relaxed);
-    pcBytes[text.size()].store('\0', std::memory_order_relaxed);
+    for (std::size_t i = 0; i < text.size(); ++i) pcBytes[i].store(text[i], std::memory_order_release);
+    pcBytes[text.size()].store('\0', std::memory_order_release);
     revision.store(current + 2, std::memory_order_release);
     return true;
   }
@@ -102,10 +103,9 @@ class SharedText {
     for (;;) {
       const std::uint32_t before = revision.load(std::memory_order_acquire);
       for (std::size_t i = 0; i < N; ++i) {
-        copy.data()[i] = pcBytes[i].load(std::memory_order_relaxed);
+        copy.data()[i] = pcBytes[i].load(std::memory_order_acquire);
         if (copy.data()[i] == '\0') break;
       }
-      std::atomic_thread_fence(std::memory_order_acquire);
       if ((before & 1U) == 0 && revision.load(std::memory_order_relaxed) == before) return copy;
     }
   }
