@@ -191,7 +191,7 @@ void MySip::sendAuthentication(sPhone& identity, int ringIndex, std::string_view
       prepareDigestResponse(identity.pcUserName, realm, identity.pcSecret, method, uri, nonce);
   FixedText<1200> credentials;
   const auto formatted =
-      contains(challenge, "401 Unauthorized")
+      statusCodeOf(firstLineOf(challenge)) == 401
           ? credentials.format(kAuthorizationTemplate, identity.iCSeq, copyOf<50>(cseqMethod).c_str(),
                                identity.pcUserName.c_str(), copyOf<256>(realm).c_str(),
                                copyOf<256>(nonce).c_str(), response.c_str(), copyOf<200>(uri).c_str())

@@ -17,18 +17,16 @@ constexpr std::string_view kReloadWord = "800-QUORVEL-RELOAD";
 
 }  // namespace
 
-// One rule. A row applies when the first line is the kind that it names, the CSeq value contains `pcCSeq` (if
-// given) and `condition` (if given) holds. Then either `handler` decides, or the slot with the message's
-// Call-ID is handed to `slotHandler`, and `pcNoMatch` is logged when there is none. A row with neither drops
-// the message.
+// One rule. A row applies when the message is the response (by its status code) or the request (by its
+// method) that it names, the CSeq value contains `pcCSeq` (if given) and `condition` (if given) holds. Then
+// either `handler` decides, or the slot with the message's Call-ID is handed to `slotHandler`, and
+// `pcNoMatch` is logged when there is none. A row with neither drops the message.
+//
+// Reason phrases are for people (RFC 3261, 7.2): phones say "200 Answering" as well as "200 OK". Methods are
+// compared at the start of the line: searched anywhere, "ACK" would also be found in a name.
 struct MySip::sDispatchRule {
-  enum class Line {
-    eAny,
-    eStatus,  // a response whose first line contains the text
-    eMethod   // a request that begins with the text; searched anywhere, "ACK" would also be found in a name
-  };
-  Line eLine;
-  const char* pcFirstLine;
+  int iStatus;           // 0: not by status
+  const char* pcMethod;  // null: not by method
   const char* pcCSeq;
   bool (*condition)(const MySip&, const sSipMessage&);
   Verdict (MySip::*handler)(const sSipMessage&);
@@ -36,17 +34,9 @@ struct MySip::sDispatchRule {
   const char* pcNoMatch;
 
   bool applies(const MySip& sip, const sSipMessage& msg) const {
-    switch (eLine) {
-      case Line::eAny:
-        break;
-      case Line::eStatus:
-        if (!isMethod(msg.firstLine, "SIP/") || !contains(msg.firstLine, pcFirstLine)) return false;
-        break;
-      case Line::eMethod:
-        if (!isMethod(msg.firstLine, pcFirstLine)) return false;
-        break;
-    }
-    return (pcCSeq == nullptr || contains(msg.cseqText, pcCSeq)) &&
+    return (iStatus == 0 || msg.iStatus == iStatus) &&
+           (pcMethod == nullptr || isMethod(msg.firstLine, pcMethod)) &&
+           (pcCSeq == nullptr || contains(msg.cseqText, pcCSeq)) &&
            (condition == nullptr || condition(sip, msg));
   }
 };
@@ -61,16 +51,11 @@ bool notAllActive(const MySip& sip, Message) {
 bool duringShutdown(const MySip&, Message) {
   return bDuringShutdown;
 }
-bool statusBetween(Message msg, int low, int high) {
-  int status = 0;
-  return MySip::isMethod(msg.firstLine, "SIP/2.0 ") && MySip::readDecimal(msg.firstLine.substr(8), status) &&
-         status >= low && status <= high;
-}
 bool isErrorStatus(const MySip&, Message msg) {
-  return statusBetween(msg, 400, 699);
+  return msg.iStatus >= 400 && msg.iStatus <= 699;
 }
 bool isClientErrorStatus(const MySip&, Message msg) {
-  return statusBetween(msg, 400, 499);
+  return msg.iStatus >= 400 && msg.iStatus <= 499;
 }
 
 }  // namespace
@@ -78,45 +63,38 @@ bool isClientErrorStatus(const MySip&, Message msg) {
 // The order decides. While not all identities are active, only what stands above the second "not all active"
 // row is handled; during shutdown only answers to BYEs and registrations.
 MySip::Verdict MySip::dispatch(const sSipMessage& msg) {
-  using enum sDispatchRule::Line;
   static constexpr sDispatchRule kRules[] = {
-      {eStatus, "200 OK", "REGISTER", nullptr, &MySip::onOKForRegister, nullptr, nullptr},
-      {eStatus, "200 OK", "SUBSCRIBE", nullptr, &MySip::onOKForSubscribe, nullptr, nullptr},
-      {eStatus, "200 OK", nullptr, notAllActive, nullptr, nullptr, nullptr},
-      {eStatus, "200 OK", " BYE", nullptr, nullptr, &MySip::handleOKForBYEMsg,
-       "no match for OK for Bye Msg\n"},
-      {eStatus, "200 OK", nullptr, duringShutdown, nullptr, nullptr, nullptr},
-      {eStatus, "200 OK", " INVITE", nullptr, &MySip::onOKForInvite, nullptr, nullptr},
-      {eStatus, "200 OK", " CANCEL", nullptr, nullptr, &MySip::handleOKForCANCELMsg,
+      {200, nullptr, "REGISTER", nullptr, &MySip::onOKForRegister, nullptr, nullptr},
+      {200, nullptr, "SUBSCRIBE", nullptr, &MySip::onOKForSubscribe, nullptr, nullptr},
+      {200, nullptr, nullptr, notAllActive, nullptr, nullptr, nullptr},
+      {200, nullptr, " BYE", nullptr, nullptr, &MySip::handleOKForBYEMsg, "no match for OK for Bye Msg\n"},
+      {200, nullptr, nullptr, duringShutdown, nullptr, nullptr, nullptr},
+      {200, nullptr, " INVITE", nullptr, &MySip::onOKForInvite, nullptr, nullptr},
+      {200, nullptr, " CANCEL", nullptr, nullptr, &MySip::handleOKForCANCELMsg,
        "no match for OK for Cancel Msg\n"},
-      {eStatus, "200 OK", " NOTIFY", nullptr, &MySip::onOKForNotify, nullptr, nullptr},
-      {eAny, nullptr, nullptr, duringShutdown, nullptr, nullptr, nullptr},
-      {eStatus, "202 Accepted", " REFER", nullptr, nullptr, &MySip::handleAcceptedForREFERMsg,
+      {200, nullptr, " NOTIFY", nullptr, &MySip::onOKForNotify, nullptr, nullptr},
+      {0, nullptr, nullptr, duringShutdown, nullptr, nullptr, nullptr},
+      {202, nullptr, " REFER", nullptr, nullptr, &MySip::handleAcceptedForREFERMsg,
        "no match for Accepted for Refer Msg\n"},
-      {eMethod, "REGISTER ", nullptr, nullptr, &MySip::onRegister, nullptr, nullptr},
-      {eMethod, "SUBSCRIBE ", nullptr, nullptr, &MySip::onSubscribe, nullptr, nullptr},
-      {eAny, nullptr, nullptr, notAllActive, nullptr, nullptr, nullptr},
-      {eStatus, "302 Moved Temporarily", nullptr, nullptr, nullptr, &MySip::handleMoveMsg,
-       "no match for Move Msg\n"},
-      {eStatus, "301 Moved Permanently", nullptr, nullptr, nullptr, &MySip::handleMoveMsg,
-       "no match for Move Msg\n"},
-      {eStatus, "300 Multiple Choices", nullptr, nullptr, nullptr, &MySip::handleMoveMsg,
-       "no match for Move Msg\n"},
-      {eMethod, "INVITE ", nullptr, nullptr, &MySip::onInvite, nullptr, nullptr},
-      {eStatus, "100 Trying", "INVITE", nullptr, nullptr, &MySip::handleTryingMsg,
-       "no match for Trying Msg\n"},
-      {eStatus, "180 Ringing", nullptr, nullptr, nullptr, &MySip::handleRingingMsg,
-       "no match for Ringing Msg\n"},
-      {eStatus, "183 Session Progress", "INVITE", nullptr, nullptr, &MySip::handleSessionProgressMsg,
+      {0, "REGISTER ", nullptr, nullptr, &MySip::onRegister, nullptr, nullptr},
+      {0, "SUBSCRIBE ", nullptr, nullptr, &MySip::onSubscribe, nullptr, nullptr},
+      {0, nullptr, nullptr, notAllActive, nullptr, nullptr, nullptr},
+      {302, nullptr, nullptr, nullptr, nullptr, &MySip::handleMoveMsg, "no match for Move Msg\n"},
+      {301, nullptr, nullptr, nullptr, nullptr, &MySip::handleMoveMsg, "no match for Move Msg\n"},
+      {300, nullptr, nullptr, nullptr, nullptr, &MySip::handleMoveMsg, "no match for Move Msg\n"},
+      {0, "INVITE ", nullptr, nullptr, &MySip::onInvite, nullptr, nullptr},
+      {100, nullptr, "INVITE", nullptr, nullptr, &MySip::handleTryingMsg, "no match for Trying Msg\n"},
+      {180, nullptr, nullptr, nullptr, nullptr, &MySip::handleRingingMsg, "no match for Ringing Msg\n"},
+      {183, nullptr, "INVITE", nullptr, nullptr, &MySip::handleSessionProgressMsg,
        "no match for Session Progress Msg\n"},
-      {eMethod, "CANCEL ", nullptr, nullptr, &MySip::onCancel, nullptr, nullptr},
-      {eAny, nullptr, "INVITE", isErrorStatus, &MySip::onErrorForInvite, nullptr, nullptr},
-      {eAny, nullptr, " NOTIFY", isClientErrorStatus, &MySip::onErrorForNotify, nullptr, nullptr},
-      {eMethod, "ACK", nullptr, nullptr, &MySip::onAck, nullptr, nullptr},
-      {eMethod, "BYE", nullptr, nullptr, nullptr, &MySip::handleBYEMsg, "no match for BYE Msg\n"},
-      {eMethod, "REFER", nullptr, nullptr, nullptr, &MySip::handleREFERMsg, "no match for REFER Msg\n"},
-      {eMethod, "NOTIFY", nullptr, nullptr, &MySip::onNotify, nullptr, nullptr},
-      {eMethod, "OPTIONS", nullptr, nullptr, &MySip::onOptions, nullptr, nullptr},
+      {0, "CANCEL ", nullptr, nullptr, &MySip::onCancel, nullptr, nullptr},
+      {0, nullptr, "INVITE", isErrorStatus, &MySip::onErrorForInvite, nullptr, nullptr},
+      {0, nullptr, " NOTIFY", isClientErrorStatus, &MySip::onErrorForNotify, nullptr, nullptr},
+      {0, "ACK", nullptr, nullptr, &MySip::onAck, nullptr, nullptr},
+      {0, "BYE", nullptr, nullptr, nullptr, &MySip::handleBYEMsg, "no match for BYE Msg\n"},
+      {0, "REFER", nullptr, nullptr, nullptr, &MySip::handleREFERMsg, "no match for REFER Msg\n"},
+      {0, "NOTIFY", nullptr, nullptr, &MySip::onNotify, nullptr, nullptr},
+      {0, "OPTIONS", nullptr, nullptr, &MySip::onOptions, nullptr, nullptr},
   };
   for (const sDispatchRule& rule : kRules) {
     if (!rule.applies(*this, msg)) continue;
@@ -168,8 +146,8 @@ void MySip::analyzeSipMessage(std::string_view text, const sockaddr_in& from) {
     return;
   }
   logReceived("*** Got", text, from);
-  if (contains(msg.firstLine, "401 Unauthorized") ||
-      contains(msg.firstLine, "407 Proxy Authentication Required")) {
+  msg.iStatus = statusCodeOf(msg.firstLine);
+  if (msg.iStatus == 401 || msg.iStatus == 407) {
     handleUnauthorizedMsg(text, from);
     return;
   }

@@ -9,6 +9,13 @@ bool MySip::isMethod(std::string_view firstLine, std::string_view start) {
   return firstLine.size() >= start.size() && strncasecmp(firstLine.data(), start.data(), start.size()) == 0;
 }
 
+int MySip::statusCodeOf(std::string_view firstLine) {
+  constexpr std::string_view kVersion = "SIP/2.0 ";
+  int status = 0;
+  if (!isMethod(firstLine, kVersion) || !readDecimal(firstLine.substr(kVersion.size()), status)) return 0;
+  return status;
+}
+
 bool MySip::readCSeq(std::string_view message, int& number, std::string_view& text) {
   text = extractToken("CSeq:", 50, message);
   return readDecimal(text, number);

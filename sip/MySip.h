@@ -76,6 +76,7 @@ struct sSipMessage {
   std::string_view callId;
   std::string_view cseqText;
   int iCSeq = 0;
+  int iStatus = 0;  // 0 for a request
   sockaddr_in sFrom{};
 };
 
@@ -160,6 +161,8 @@ class MySip {
   static bool extractTag(std::string_view headerValue, std::string_view& tag);
   // Body: everything after the first empty line.
   static std::string_view bodyOf(std::string_view message);
+  // Status code of a response's first line (RFC 3261, 7.2); 0 for a request.
+  static int statusCodeOf(std::string_view firstLine);
   // Does a first line begin with the text (letters without regard to case)?
   static bool isMethod(std::string_view firstLine, std::string_view start);
   // CSeq number and header value. False, and logged for `function`, when the number cannot be read.
@@ -510,7 +513,8 @@ class MySip {
   void emptyBindingTable();
   void drawRelayCallID(const sBinding& record, FixedText<62>& out);
   bool takeRegistrationDialog(sBinding& record, const sPhoneRequest& request, int cseq);
-  bool takeSubscriptionDialog(const sBinding& owner, sSubscription& record, const sPhoneRequest& request, int cseq);
+  bool takeSubscriptionDialog(const sBinding& owner, sSubscription& record, const sPhoneRequest& request,
+                              int cseq);
   void relayNotifyToPhone(sBinding& owner, const sSubscription& record, std::string_view msg);
   void answerNotify(const sSubscription& record, std::string_view statusLine);
 

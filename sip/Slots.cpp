@@ -270,13 +270,14 @@ bool MySip::checkOldCalls(std::string_view callId, std::string_view firstLine, i
   const int index = findOldCall(callId);
   if (index < 0) return false;
   sPhone& copy = oldCall(index);
-  if (contains(firstLine, "200 OK")) return true;
+  const int status = statusCodeOf(firstLine);
+  if (status == 200) return true;
   if (isMethod(firstLine, "BYE ")) {
     sendResponse(copy, "SIP/2.0 200 OK", cseq, "BYE", false);
     return true;
   }
   // An error response that repeats because its ACK was lost. Requests of an ended call get no answer.
-  if (!isMethod(firstLine, "SIP/") || !contains(cseqText, "INVITE")) return true;
+  if (status == 0 || !contains(cseqText, "INVITE")) return true;
   const FixedText<300> line = requestLine("ACK", copy.pcRemoteSipName);
   FixedText<30> ack;
   (void)ack.format("%d ACK", cseq);

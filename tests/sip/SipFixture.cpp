@@ -103,7 +103,7 @@ void SipFixture::ring() {
 void SipFixture::answer() {
   ring();
   const std::string contact = "Contact: <sip:200@127.0.0.1:" + std::to_string(pbx.port()) + ">\r\n";
-  fromPbx(sip_text::respond(pairInvite, "200 OK", "bob1", contact,
+  fromPbx(sip_text::respond(pairInvite, "200 Answering", "bob1", contact,
                             sip_text::sdp(LoopbackPeer::freePortPair(), "8")));
   callerAnswer = atCaller();
   EXPECT_EQ(sip_text::firstLine(callerAnswer), "SIP/2.0 200 Ok");
