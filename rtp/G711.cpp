@@ -20,7 +20,7 @@ constexpr int kALawShift = 4;   // from 16 bits to the width of A-law's first st
 // Segment and step of a magnitude that is 16..31 steps wide in segment `first`, 32..63 in the next, and so
 // on.
 int segmentAndStep(int magnitude, int first) {
-  const int doublings = std::bit_width(static_cast<unsigned>(magnitude)) - 5;
+  const int doublings = std::max(std::bit_width(static_cast<unsigned>(magnitude)) - 5, 0);
   return ((doublings + first) << kSegmentShift) | ((magnitude >> doublings) & kStepMask);
 }
 
