@@ -17,10 +17,10 @@ constexpr int kMuLawClip = 8159;
 constexpr int kMuLawShift = 2;  // from 16 to 14 bits
 constexpr int kALawShift = 4;   // from 16 bits to the width of A-law's first step
 
-// Segment and step of a magnitude that is 16..31 steps wide in segment `first`, 32..63 in the next, and so
-// on.
+// Segment and step of a magnitude of 16 to 31 steps in the segment numbered first, 32 to 63 in the next, and
+// so on.
 int segmentAndStep(int magnitude, int first) {
-  const int doublings = std::max(std::bit_width(static_cast<unsigned>(magnitude)) - 5, 0);
+  const int doublings = std::max(static_cast<int>(std::bit_width(static_cast<unsigned>(magnitude))) - 5, 0);
   return ((doublings + first) << kSegmentShift) | ((magnitude >> doublings) & kStepMask);
 }
 
