@@ -21,19 +21,19 @@ inline constexpr int kGWBQmfTaps = 24;  // of the transmit and the receive QMF (
 // Recommendation stand behind each field, without the L or H that tells the sub-bands apart there.
 struct sGWBSubBand {
   // Six zeros: coefficient i weighs the quantised difference signal of i + 1 samples ago. Lanes 6 and 7 fill
-  // the vector up and carry nothing.
+  // the vector up; their coefficients stay 0.
   alignas(16) std::array<std::int16_t, 8> psZeroCoeff;        // b1..b6, 1 = 2^14
   alignas(16) std::array<std::int16_t, 8> psTwiceDifference;  // 2 * dt of 1..6 samples ago
-  std::int32_t iPoleCoeff1;                                   // a1, 1 = 2^14
-  std::int32_t iPoleCoeff2;                                   // a2
-  std::int32_t iReconstructed1;                               // rt of the last sample
-  std::int32_t iReconstructed2;                               // rt of the sample before it
-  std::int32_t iPartial1;                                     // pt of the last sample
-  std::int32_t iPartial2;                                     // pt of the sample before it
-  std::int32_t iZeroPrediction;                               // sz
-  std::int32_t iPredicted;                                    // s
-  std::int32_t iLogScale;  // nb, logarithm of the scale factor, 2^11 = one octave
-  std::int32_t iScale;     // det, quantiser scale factor
+
+  std::int32_t iPoleCoeff1;      // a1, 1 = 2^14
+  std::int32_t iPoleCoeff2;      // a2, 1 = 2^14
+  std::int32_t iReconstructed1;  // rt of the last sample
+  std::int32_t iPartial1;        // pt of the last sample
+  std::int32_t iPartial2;        // pt of the sample before it
+  std::int32_t iZeroPrediction;  // sz
+  std::int32_t iPredicted;       // s
+  std::int32_t iLogScale;        // nb, logarithm of the scale factor, one octave = 2^11
+  std::int32_t iScale;           // det, quantiser scale factor
 };
 
 struct sGWBEncode_t {
@@ -44,8 +44,7 @@ struct sGWBEncode_t {
 };
 
 struct sGWBDecode_t {
-  std::array<std::int16_t, kGWBQmfTaps>
-      psDelayLine;  // last decoded sub-band samples, oldest first: rl, rh, rl, rh...
+  std::array<std::int16_t, kGWBQmfTaps> psDelayLine;  // last sub-band samples: rl, rh, oldest pair first
   sGWBSubBand sLower;
   sGWBSubBand sUpper;
   std::int32_t iBitsPerCodeWord;  // 8, 7 or 6
@@ -61,7 +60,8 @@ class MyGWB {
   void decodeInit(sGWBDecode_t* state, int bitRate) const;
 
   // Encodes samples of 16 kHz, two at a time, and returns the number of bytes written to out: numSamples / 2.
-  // A last sample without a partner is not used. out and in may not overlap.
+  // A last sample without a partner is not used. A state that was never made ready gives 0. out and in may
+  // not overlap.
   int encode(sGWBEncode_t* state, char* out, const short* in, int numSamples) const;
 
   // Decodes code words and returns the number of 16 kHz samples written to out: 2 * numBytes. Every byte
