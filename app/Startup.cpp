@@ -9,6 +9,7 @@
 #include "app/Signals.h"
 #include "common/Clock.h"
 #include "engine/Glob.h"
+#include "reports/StatisticsGeneration.h"
 #include "rtp/MyRtp.h"
 #include "sip/MySip.h"
 
@@ -84,6 +85,7 @@ int run(std::span<char* const> arguments) {
   Log::info(kMain, "Loading Quorvel version %s\n", QUORVEL_VERSION);
   const int status = bringUp(configuration);
   if (status != kExitDone) return status;
+  mySip.pGenerateStatistics = [] { statisticsGeneration.generateRealTimeStatistics(); };
   mySip.mainLoop();
   closeOpenMedia();
   return kExitDone;
