@@ -80,8 +80,8 @@ class PublishedCounter {
 
 // One writer (the main thread). A reader gets the old or the new text, never a mixture: it copies and looks
 // whether the revision moved meanwhile (a sequence lock; the writer never waits). The bytes are released and
-// acquired one by one instead of through fences, which the thread sanitizer cannot follow: whoever reads a new
-// byte then also sees that the revision has moved.
+// acquired one by one instead of through fences, which the thread sanitizer cannot follow: whoever reads a
+// new byte then also sees that the revision has moved.
 template <std::size_t N>
 class SharedText {
  public:

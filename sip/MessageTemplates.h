@@ -65,23 +65,25 @@ inline constexpr char kRelayedChallengeTemplate[] =
 
 // ---- For bound phones ----
 
-// REGISTER in a phone's place. Domain; our address, port, branch; From: display name, user, domain, tag; To: display
-// name, user, domain; Contact: display name, user, address, port; Call-ID; CSeq; expiry; User-Agent; credentials line.
+// REGISTER in a phone's place. Domain; our address, port, branch; From: display name, user, domain, tag; To:
+// display name, user, domain; Contact: display name, user, address, port; Call-ID; CSeq; expiry; User-Agent;
+// credentials line.
 inline constexpr char kRelayedRegisterTemplate[] =
     "REGISTER sip:%s SIP/2.0\r\nVia: SIP/2.0/UDP %s:%d;rport;branch=%s\r\nFrom: %s <sip:%s@%s>%s\r\n"
-    "To: %s <sip:%s@%s>\r\nContact: \"%s\" <sip:%s@%s:%d>\r\nCall-ID: %s\r\nCSeq: %d REGISTER\r\nExpires: %d\r\n"
+    "To: %s <sip:%s@%s>\r\nContact: \"%s\" <sip:%s@%s:%d>\r\nCall-ID: %s\r\nCSeq: %d REGISTER\r\nExpires: "
+    "%d\r\n"
     "Max-Forwards: 70\r\nUser-Agent: %s\r\n%.*sContent-Length: 0\r\n\r\n";
 
-// SUBSCRIBE in a phone's place. Request line; our address, port, branch; From: display name, user, domain, tag; To;
-// Contact: display name, user, address, port; Call-ID; CSeq; Event; Supported and Accept lines; expiry; User-Agent;
-// credentials line.
+// SUBSCRIBE in a phone's place. Request line; our address, port, branch; From: display name, user, domain,
+// tag; To; Contact: display name, user, address, port; Call-ID; CSeq; Event; Supported and Accept lines;
+// expiry; User-Agent; credentials line.
 inline constexpr char kRelayedSubscribeTemplate[] =
     "%s\r\nVia: SIP/2.0/UDP %s:%d;rport;branch=%s\r\nFrom: %s <sip:%s@%s>%s\r\nTo: %s\r\n"
     "Contact: \"%s\" <sip:%s@%s:%d>\r\nCall-ID: %s\r\nCSeq: %d SUBSCRIBE\r\nEvent: %.*s\r\n%.*s%.*s"
     "Expires: %d\r\nMax-Forwards: 70\r\nUser-Agent: %s\r\n%.*sContent-Length: 0\r\n\r\n";
 
-// 200 for a phone's REGISTER or SUBSCRIBE. Via and its parameters; From; To and our tag, if any; Contact; Call-ID;
-// CSeq; expiry; User-Agent.
+// 200 for a phone's REGISTER or SUBSCRIBE. Via and its parameters; From; To and our tag, if any; Contact;
+// Call-ID; CSeq; expiry; User-Agent.
 inline constexpr char kPhoneAnswerTemplate[] =
     "SIP/2.0 200 Ok\r\nVia: %s%s\r\nFrom: %s\r\nTo: %s%s\r\nContact: %s\r\nCall-ID: %s\r\nCSeq: %s\r\n"
     "Expires: %s\r\nUser-Agent: %s\r\nContent-Length: 0\r\n\r\n";

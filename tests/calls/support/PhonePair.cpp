@@ -1,0 +1,86 @@
+#include "tests/calls/support/PhonePair.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr const char* kFirstText =
+    "The quick brown fox jumps over the lazy dog while seven wizards juggle glass boxes of jam, and nobody "
+    "at all "
+    "in the village seems to mind the noise.";
+constexpr const char* kSecondText =
+    "Far away on the other side of the river a small boat waits for the evening tide; its owner counts the "
+    "stars, "
+    "one after the other, and falls asleep.";
+
+int rateOf(const std::string& codec) {
+  return codec.starts_with("G722") ? 16000 : 8000;
+}
+
+// A phone's very first sounds may be lost or repeated while both ends get going, so one piece in eight may
+// fail.
+void expectHeard(const Sound& played, const Sound& heard, double correlation) {
+  const std::vector<Match> all = matches(played, heard);
+  EXPECT_GE(all.size(), 5U) << heard.seconds() << " s heard";
+  const auto good = std::count_if(all.begin(), all.end(),
+                                  [&](const Match& match) { return match.correlation >= correlation; });
+  EXPECT_GE(static_cast<std::size_t>(good) * 8, all.size() * 7);
+  EXPECT_GE(medianCorrelation(all), correlation);
+  if (::testing::Test::HasFailure()) {
+    for (const Match& match : all)
+      std::printf("at %.1f s: correlation %.4f, %.4f s late\n", match.second, match.correlation, match.lag);
+  }
+}
+
+}  // namespace
+
+std::string phonesMissing() {
+  for (const char* program : {"baresip", "espeak-ng", "sox"}) {
+    if (Process::find(program).empty()) return std::string(program) + " is not installed";
+  }
+  return "";
+}
+
+PhonePair::PhonePair(const std::filesystem::path& directory, const PortBlock& ports, const PairSetup& setup)
+    : firstPlays(spoken(kFirstText, "en-us", rateOf(setup.callerCodec), directory)),
+      secondPlays(spoken(kSecondText, "en+f3", rateOf(setup.calleeCodec), directory)) {
+  first = std::make_unique<Baresip>(directory, PhoneSetup{.user = "100",
+                                                          .sipPort = ports.phone(0),
+                                                          .controlPort = ports.control(0),
+                                                          .mediaPort = ports.media(0),
+                                                          .codec = setup.callerCodec,
+                                                          .plays = firstPlays,
+                                                          .registrar = setup.registrar,
+                                                          .password = setup.password});
+  second = std::make_unique<Baresip>(directory, PhoneSetup{.user = "200",
+                                                           .sipPort = setup.calleePort,
+                                                           .controlPort = ports.control(1),
+                                                           .mediaPort = ports.media(1),
+                                                           .codec = setup.calleeCodec,
+                                                           .plays = secondPlays,
+                                                           .registrar = setup.registrar,
+                                                           .password = setup.password});
+}
+
+void PhonePair::expectReady() {
+  ASSERT_TRUE(first->ready()) << first->report();
+  ASSERT_TRUE(second->ready()) << second->report();
+}
+
+void PhonePair::talk(Baresip& from, Baresip& to, const std::string& uri, Seconds duration) {
+  from.dial(uri);
+  ASSERT_TRUE(from.event("CALL_ESTABLISHED", Seconds(8))) << from.report();
+  ASSERT_TRUE(to.event("CALL_ESTABLISHED", Seconds(3))) << to.report();
+  std::this_thread::sleep_for(duration);
+  from.hangUp();
+  EXPECT_TRUE(to.event("CALL_CLOSED", Seconds(5))) << to.report();
+  EXPECT_TRUE(from.event("CALL_CLOSED", Seconds(5))) << from.report();
+}
+
+void PhonePair::expectBothHeard(double correlation) {
+  SCOPED_TRACE("what 200 heard of 100");
+  expectHeard(firstPlays, second->heard(), correlation);
+  SCOPED_TRACE("what 100 heard of 200");
+  expectHeard(secondPlays, first->heard(), correlation);
+  EXPECT_LT(medianCorrelation(matches(firstPlays, first->heard())), 0.5) << "100 heard itself";
+}

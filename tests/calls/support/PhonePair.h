@@ -1,0 +1,40 @@
+// Two headless phones with different talkers, and the judgement of what each heard of the other.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+
+#include "tests/calls/support/Baresip.h"
+#include "tests/calls/support/PortBlock.h"
+#include "tests/calls/support/ScratchDirectory.h"
+
+struct PairSetup {
+  std::string callerCodec = "PCMU/8000/1";
+  std::string calleeCodec = "PCMU/8000/1";
+  int calleePort = 0;  // SIP port of the callee
+  int registrar = 0;   // both register there; 0: neither does
+  std::string password{};
+};
+
+class PhonePair {
+ public:
+  // 100 calls, 200 is called.
+  PhonePair(const std::filesystem::path& directory, const PortBlock& ports, const PairSetup& setup);
+
+  void expectReady();
+  // One calls the other at that address, both talk for so long, the caller hangs up.
+  void talk(Baresip& from, Baresip& to, const std::string& uri, Seconds duration);
+  // Each heard the other, not itself, in (nearly) every half second.
+  void expectBothHeard(double correlation);
+
+  std::unique_ptr<Baresip> first;   // user 100
+  std::unique_ptr<Baresip> second;  // user 200
+
+ private:
+  Sound firstPlays;
+  Sound secondPlays;
+};
+
+// What stands in the way of a test with phones; empty when nothing does.
+std::string phonesMissing();

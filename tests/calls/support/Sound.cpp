@@ -1,0 +1,230 @@
+#include "tests/calls/support/Sound.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <numbers>
+#include <stdexcept>
+
+#include "tests/calls/support/Process.h"
+#include "tests/calls/support/ScratchDirectory.h"
+
+namespace {
+
+using Samples = std::vector<float>;
+
+struct WavHeader {
+  std::array<char, 4> riff{'R', 'I', 'F', 'F'};
+  std::uint32_t restSize = 0;
+  std::array<char, 8> waveFormat{'W', 'A', 'V', 'E', 'f', 'm', 't', ' '};
+  std::uint32_t formatSize = 16;
+  std::uint16_t format = 1;  // PCM
+  std::uint16_t channels = 1;
+  std::uint32_t rate = 8000;
+  std::uint32_t bytesPerSecond = 16000;
+  std::uint16_t blockSize = 2;
+  std::uint16_t bits = 16;
+  std::array<char, 4> data{'d', 'a', 't', 'a'};
+  std::uint32_t dataSize = 0;
+};
+static_assert(sizeof(WavHeader) == 44);
+
+template <typename Number>
+Number numberAt(const std::string& bytes, std::size_t at) {
+  Number number{};
+  if (at + sizeof number <= bytes.size()) std::memcpy(&number, bytes.data() + at, sizeof number);
+  return number;
+}
+
+Samples asFloat(const Sound& sound) {
+  return {sound.samples.begin(), sound.samples.end()};
+}
+
+// Every `factor`-th sample after a windowed-sinc low pass at half the new rate.
+Samples decimated(const Samples& input, int factor) {
+  const int half = 12 * factor;
+  std::vector<double> taps;
+  for (int n = -half; n <= half; ++n) {
+    const double x = std::numbers::pi * n / factor;
+    const double sinc = n == 0 ? 1.0 : std::sin(x) / x;
+    const double window = 0.5 + 0.5 * std::cos(std::numbers::pi * n / (half + 1));
+    taps.push_back(sinc * window / factor);
+  }
+  Samples output;
+  for (int centre = 0; centre < static_cast<int>(input.size()); centre += factor) {
+    double sum = 0;
+    for (int n = std::max(-half, -centre); n <= half && centre + n < static_cast<int>(input.size()); ++n)
+      sum += taps[static_cast<std::size_t>(n + half)] * input[static_cast<std::size_t>(centre + n)];
+    output.push_back(static_cast<float>(sum));
+  }
+  return output;
+}
+
+double energy(const float* samples, std::size_t count) {
+  double sum = 0;
+  for (std::size_t i = 0; i < count; ++i) sum += double{samples[i]} * samples[i];
+  return sum;
+}
+
+// The offset into `in`, within first..last, where it resembles the `count` samples at `piece` most.
+struct Best {
+  int offset = 0;
+  double correlation = -1;
+};
+Best bestFit(const float* piece, std::size_t count, const Samples& in, int first, int last) {
+  Best best;
+  const double own = energy(piece, count);
+  const int lastPossible = static_cast<int>(in.size()) - static_cast<int>(count);
+  for (int offset = std::max(first, 0); offset <= std::min(last, lastPossible); ++offset) {
+    const float* other = in.data() + offset;
+    float product = 0;
+    for (std::size_t i = 0; i < count; ++i) product += piece[i] * other[i];
+    const double scale = std::sqrt(own * energy(other, count));
+    const double correlation = scale > 0 ? double{product} / scale : 0;
+    if (correlation > best.correlation) best = {offset, correlation};
+  }
+  return best;
+}
+
+constexpr int kRate = 8000;
+constexpr int kPiece = kRate / 2;
+constexpr int kCoarseFactor = 4;                          // the first search runs at 2 kHz
+constexpr int kSearch = 60 * kRate / 1000;                // 60 ms either way for a single piece
+constexpr double kSpeechEnergy = kPiece * 300.0 * 300.0;  // a piece of 300 units RMS, 40 dB below full scale
+
+// Samples by which the loudest two seconds heard come later than the same in the sound played.
+int wholeLag(const Samples& played, const Samples& heard) {
+  const Samples coarsePlayed = decimated(played, kCoarseFactor);
+  const Samples coarseHeard = decimated(heard, kCoarseFactor);
+  const std::size_t count = std::min<std::size_t>(2 * kRate / kCoarseFactor, coarseHeard.size());
+  std::size_t loudest = 0;
+  double most = -1;
+  for (std::size_t at = 0; at + count <= coarseHeard.size(); at += count / 4) {
+    const double here = energy(coarseHeard.data() + at, count);
+    if (here > most) {
+      most = here;
+      loudest = at;
+    }
+  }
+  const Best best =
+      bestFit(coarseHeard.data() + loudest, count, coarsePlayed, 0, static_cast<int>(coarsePlayed.size()));
+  return (static_cast<int>(loudest) - best.offset) * kCoarseFactor;
+}
+
+}  // namespace
+
+Sound readWav(const std::filesystem::path& file) {
+  const std::string bytes = readFile(file);
+  if (bytes.size() < sizeof(WavHeader) || bytes.compare(0, 4, "RIFF") != 0) return {};
+  Sound sound;
+  std::size_t at = 12;
+  while (at + 8 <= bytes.size() && bytes.compare(at, 4, "data") != 0) {
+    if (bytes.compare(at, 4, "fmt ") == 0) sound.rate = numberAt<std::int32_t>(bytes, at + 12);
+    at += 8 + numberAt<std::uint32_t>(bytes, at + 4);
+  }
+  at += 8;
+  while (at + 2 <= bytes.size()) {
+    sound.samples.push_back(numberAt<std::int16_t>(bytes, at));
+    at += 2;
+  }
+  return sound;
+}
+
+void writeWav(const std::filesystem::path& file, const Sound& sound) {
+  const std::uint32_t size = static_cast<std::uint32_t>(sound.samples.size() * sizeof(std::int16_t));
+  WavHeader header;
+  header.restSize = size + 36;
+  header.rate = static_cast<std::uint32_t>(sound.rate);
+  header.bytesPerSecond = header.rate * 2;
+  header.dataSize = size;
+  std::string bytes(sizeof header + size, '\0');
+  std::memcpy(bytes.data(), &header, sizeof header);
+  std::memcpy(bytes.data() + sizeof header, sound.samples.data(), size);
+  writeFile(file, bytes);
+}
+
+Sound atTelephoneRate(const Sound& sound) {
+  if (sound.rate == kRate) return sound;
+  Sound result;
+  for (const float sample : decimated(asFloat(sound), sound.rate / kRate)) {
+    result.samples.push_back(static_cast<std::int16_t>(std::lround(std::clamp(sample, -32768.0F, 32767.0F))));
+  }
+  return result;
+}
+
+bool canSpeak() {
+  return !Process::find("espeak-ng").empty() && !Process::find("sox").empty();
+}
+
+Sound spoken(const std::string& text, const std::string& voice, int rate,
+             const std::filesystem::path& scratch) {
+  const std::filesystem::path raw = scratch / ("spoken-" + voice + "-raw.wav");
+  const std::filesystem::path result = scratch / ("spoken-" + voice + ".wav");
+  const std::filesystem::path output = scratch / "spoken.output";
+  if (!Process::run("espeak-ng", {"-v", voice, "-s", "150", "-w", raw.string(), text}, output)) return {};
+  const std::string newRate = std::to_string(rate);
+  if (!Process::run("sox",
+                    {raw.string(), "-r", newRate, "-c", "1", "-b", "16", result.string(), "gain", "-n", "-6"},
+                    output)) {
+    return {};
+  }
+  return readWav(result);
+}
+
+std::vector<Match> matches(const Sound& played, const Sound& heard) {
+  const Samples from = asFloat(atTelephoneRate(played));
+  const Samples arrived = asFloat(atTelephoneRate(heard));
+  if (from.size() < kPiece || arrived.size() < kPiece) return {};
+  int lag = wholeLag(from, arrived);
+  std::vector<Match> result;
+  for (int at = 0; at + kPiece <= static_cast<int>(arrived.size()); at += kPiece) {
+    const float* piece = arrived.data() + at;
+    if (energy(piece, kPiece) < kSpeechEnergy) continue;
+    const Best best = bestFit(piece, kPiece, from, at - lag - kSearch, at - lag + kSearch);
+    result.push_back({double(at) / kRate, best.correlation, double(at - best.offset) / kRate});
+    if (best.correlation > 0.8) lag = at - best.offset;
+  }
+  return result;
+}
+
+double medianCorrelation(const std::vector<Match>& all) {
+  if (all.empty()) return 0;
+  std::vector<double> values;
+  for (const Match& match : all) values.push_back(match.correlation);
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+Levels levels(const Sound& sound, const Sound& marker, double lag) {
+  constexpr int kFrame = 20 * kRate / 1000;
+  const Samples talker = asFloat(marker);
+  const Samples heard = asFloat(sound);
+  const int shift = static_cast<int>(std::lround(lag * kRate));
+  const double loud = 1000.0 * 1000.0 * kFrame;  // speech proper: 30 dB below full scale and more
+  const double quiet = 10.0 * 10.0 * kFrame;
+  double speech = 0, pauses = 0;
+  int speechFrames = 0, pauseFrames = 0;
+  for (int at = kFrame; at + 2 * kFrame <= static_cast<int>(talker.size()); at += kFrame) {
+    const int there = at + shift;
+    if (there < 0 || there + kFrame > static_cast<int>(heard.size())) continue;
+    const double own = energy(talker.data() + at, kFrame);
+    // A pause frame has quiet neighbours, so that no onset or fading end of a word is counted as noise.
+    const double around = energy(talker.data() + at - kFrame, 3 * kFrame);
+    const double here = energy(heard.data() + there, kFrame);
+    if (own > loud) {
+      speech += here;
+      ++speechFrames;
+    } else if (around < 3 * quiet) {
+      pauses += here;
+      ++pauseFrames;
+    }
+  }
+  const auto decibels = [](double sum, int frames) {
+    return frames == 0
+               ? -99.0
+               : 10 * std::log10(std::max(sum / (double(frames) * kFrame), 1.0) / (32768.0 * 32768.0));
+  };
+  return {decibels(speech, speechFrames), decibels(pauses, pauseFrames)};
+}
