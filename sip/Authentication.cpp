@@ -227,14 +227,14 @@ void MySip::generateUnauthorizedMsg(std::string_view challenge, const sockaddr_i
   if (slot >= 0) {
     handChallengeToPartner(slot, challenge, from, methodText.c_str());
   } else if (const int binding = findBindingByRelayedRegistration(callId, cseq); binding >= 0) {
-    const sBinding& phoneOf = psBindings[static_cast<std::size_t>(binding)];
+    const sBinding& phoneOf = bindingAt(binding);
     FixedText<2000> via;
     (void)via.format("%s%s", phoneOf.pcPhoneVia.c_str(), phoneOf.pcPhoneViaParams.c_str());
     sendUnauthorizedMsg(challenge, via.c_str(), phoneOf.pcPhoneFrom.c_str(), phoneOf.pcPhoneTo.c_str(),
                         phoneOf.pcPhoneCallID.c_str(), phoneOf.iPhoneCSeq, methodText.c_str(),
                         phoneOf.sBindingAddress);
   } else if (const auto place = findSubscriptionByRelayCallID(callId, &cseq)) {
-    const sBinding& phoneOf = psBindings[static_cast<std::size_t>(place.iBinding)];
+    const sBinding& phoneOf = bindingAt(place.iBinding);
     const sSubscription& entry = phoneOf.psSubscriptions[static_cast<std::size_t>(place.iEntry)];
     FixedText<2000> via;
     (void)via.format("%s%s", entry.pcPhoneVia.c_str(), phoneOf.pcPhoneViaParams.c_str());

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <span>
 #include <sys/stat.h>
@@ -130,42 +131,85 @@ bool reaches(int file, off_t offset) {
   return readAt(file, offset, &byte, 1);
 }
 
+// Count and trailer.
+BindingFile::LoadOutcome checkFrame(int file, int& count) {
+  using enum BindingFile::LoadOutcome;
+  std::int32_t bindings;
+  if (!readAt(file, 0, &bindings, sizeof bindings)) return eNoCount;
+  count = bindings;
+  if (count < 0 || count > kMaxBindings) return eBadCount;
+  if (count > 0 && !reaches(file, recordOffset(count) - 1)) return eNoTable;
+  std::int32_t trailer;
+  const bool isComplete = readAt(file, recordOffset(count), &trailer, sizeof trailer) && trailer == kTrailer;
+  return isComplete ? eLoaded : eNoNumber;
+}
+
+bool equalsAt(int file, off_t offset, const std::byte* bytes, std::size_t size) {
+  std::array<std::byte, sizeof(sSubscription)> buffer;
+  for (std::size_t done = 0; done < size; done += buffer.size()) {
+    const std::size_t part = std::min(buffer.size(), size - done);
+    if (!readAt(file, offset + static_cast<off_t>(done), buffer.data(), part) ||
+        std::memcmp(buffer.data(), bytes + done, part) != 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool holdsRecord(int file, int binding, const sBinding& record) {
+  const off_t offset = recordOffset(binding);
+  return equalsAt(file, offset, bytesOf(record), bindingFrontBytes(record.iNumSubscriptions)) &&
+         equalsAt(file, offset + static_cast<off_t>(kBindingTailOffset), bytesOf(record) + kBindingTailOffset,
+                  kBindingTailBytes);
+}
+
+FixedText<310> pathBeside(const char* path) {
+  FixedText<310> beside;
+  (void)beside.format("%s.new", path);
+  return beside;
+}
+
 }  // namespace
 
 // ---- Loading ----
 
 BindingFile::LoadOutcome BindingFile::load(const char* path, sBinding* records, int& count, int& repaired) {
   repaired = 0;
-  const FileDescriptor file(open(path, O_RDONLY | kOpenFlags));
-  if (!file.isOpen()) return LoadOutcome::eMissing;
-  std::int32_t bindings;
-  if (!readAt(file.get(), 0, &bindings, sizeof bindings)) return LoadOutcome::eNoCount;
-  count = bindings;
-  if (count < 0 || count > kMaxBindings) return LoadOutcome::eBadCount;
-  if (count > 0 && !reaches(file.get(), recordOffset(count) - 1)) return LoadOutcome::eNoTable;
-  std::int32_t trailer;
-  if (!readAt(file.get(), recordOffset(count), &trailer, sizeof trailer) || trailer != kTrailer) {
-    return LoadOutcome::eNoNumber;
-  }
+  const FileDescriptor opened(open(path, O_RDONLY | kOpenFlags));
+  if (!opened.isOpen()) return LoadOutcome::eMissing;
+  const LoadOutcome frame = checkFrame(opened.get(), count);
+  if (frame != LoadOutcome::eLoaded) return frame;
   for (int binding = 0; binding < count; ++binding) {
     bool damaged = false;
-    if (!readRecord(file.get(), recordOffset(binding), records[binding], damaged))
+    if (!readRecord(opened.get(), recordOffset(binding), records[binding], damaged))
       return LoadOutcome::eNoTable;
     if (damaged) ++repaired;
   }
   return LoadOutcome::eLoaded;
 }
 
-void BindingFile::adopt(const char* path, const sTable& table, bool repaired) {
+void BindingFile::adopt(const char* path, const sTable& table) {
+  forget();
+  const FileDescriptor opened(open(path, O_RDONLY | kOpenFlags));
   struct stat status;
-  if (repaired || stat(path, &status) != 0 || !identify(status, identity)) return forget();
-  iCount = table.iCount;
-  forgetRecordsFrom(table.iCount);
-  for (std::size_t binding = 0; binding < static_cast<std::size_t>(table.iCount); ++binding) {
-    uRevisions[binding] = table.index.revision(static_cast<int>(binding));
-    uNumEntries[binding] = kMaxSubscriptions;  // somebody else may have written more than zeros there
+  int count = 0;
+  if (!opened.isOpen() || fstat(opened.get(), &status) != 0 || !identify(status, identity) ||
+      checkFrame(opened.get(), count) != LoadOutcome::eLoaded) {
+    return;
   }
-  bKnown = true;
+  content.iCount = count;
+  content.forgetFrom(0);
+  std::fill_n(content.uNumEntries.begin(), count, std::uint8_t{kMaxSubscriptions});  // whoever wrote it
+  for (int binding = 0; binding < std::min(count, table.iCount); ++binding) {
+    if (holdsRecord(opened.get(), binding, table.at(binding)))
+      content.uRevisions[static_cast<std::size_t>(binding)] = table.revision(binding);
+  }
+  bComplete = true;
+}
+
+void BindingFile::forget() {
+  bComplete = false;
+  file.reset();
 }
 
 // ---- What is in the file ----
@@ -178,91 +222,111 @@ bool BindingFile::identify(const struct stat& status, sIdentity& out) {
 bool BindingFile::isComplete(const char* path) const {
   struct stat status;
   sIdentity now;
-  return bKnown && stat(path, &status) == 0 && identify(status, now) && now == identity;
+  return bComplete && stat(path, &status) == 0 && identify(status, now) && now == identity;
 }
 
-bool BindingFile::holds(const sTable& table) const {
+bool BindingFile::sContent::holds(const sTable& table) const {
   if (iCount != table.iCount) return false;
   for (int binding = 0; binding < iCount; ++binding) {
-    if (uRevisions[static_cast<std::size_t>(binding)] != table.index.revision(binding)) return false;
+    if (uRevisions[static_cast<std::size_t>(binding)] != table.revision(binding)) return false;
   }
   return true;
 }
 
-void BindingFile::forgetRecordsFrom(int first) {
-  std::fill(uRevisions.begin() + first, uRevisions.end(), 0);
-  std::fill(uNumEntries.begin() + first, uNumEntries.end(), std::uint8_t{0});
+void BindingFile::sContent::forgetFrom(int binding) {
+  std::fill(uRevisions.begin() + binding, uRevisions.end(), 0);
+  std::fill(uNumEntries.begin() + binding, uNumEntries.end(), std::uint8_t{0});
 }
 
 // ---- Saving ----
 
-BindingFile::SaveOutcome BindingFile::save(const char* path, const sTable& table, bool otherIsComplete) {
-  const bool known = isComplete(path);
-  if (known && holds(table)) return SaveOutcome::eSaved;
-  if (!otherIsComplete) return replace(path, table);
-  bKnown = false;
-  return known ? patch(path, table) : rewrite(path, table);
-}
-
-BindingFile::SaveOutcome BindingFile::patch(const char* path, const sTable& table) {
-  const FileDescriptor file(open(path, O_WRONLY | kOpenFlags));
-  if (!file.isOpen()) return SaveOutcome::eCannotOpen;
-  const int kept = std::min(iCount, table.iCount);
-  if (ftruncate(file.get(), recordOffset(kept)) != 0) return SaveOutcome::eNoTable;
-  forgetRecordsFrom(kept);
-  return writeChanges(file.get(), table);
-}
-
-BindingFile::SaveOutcome BindingFile::rewrite(const char* path, const sTable& table) {
-  const FileDescriptor file(open(path, O_WRONLY | O_CREAT | O_TRUNC | kOpenFlags, kFileMode));
-  if (!file.isOpen()) return SaveOutcome::eCannotOpen;
-  iCount = -1;
-  forgetRecordsFrom(0);
-  return writeChanges(file.get(), table);
-}
-
-BindingFile::SaveOutcome BindingFile::replace(const char* path, const sTable& table) {
-  FixedText<310> beside;
-  struct stat status;
-  const bool isDirectory = stat(path, &status) == 0 && S_ISDIR(status.st_mode);
-  if (isDirectory || !beside.format("%s.new", path)) return SaveOutcome::eCannotOpen;
-  BindingFile successor;
-  SaveOutcome outcome = successor.rewrite(beside.c_str(), table);
-  if (outcome == SaveOutcome::eSaved && std::rename(beside.c_str(), path) != 0)
-    outcome = SaveOutcome::eCannotOpen;
-  if (outcome == SaveOutcome::eSaved) {
-    *this = successor;
-  } else {
-    unlink(beside.c_str());  // what stood at the path before still does
+BindingFile::SaveOutcome BindingFile::save(const char* path, const sTable& table, bool otherIsComplete,
+                                           std::size_t& budget) {
+  if (!file.isOpen()) {
+    const bool complete = isComplete(path);
+    if (complete && content.holds(table)) return SaveOutcome::eSaved;
+    if (!(otherIsComplete ? openInPlace(path, complete) : openBeside(path))) return SaveOutcome::eCannotOpen;
   }
-  return outcome;
+  const SaveOutcome outcome = writeChanges(table, budget);
+  return outcome == SaveOutcome::eUnfinished ? outcome : finish(path, outcome);
 }
 
-// The file has no trailer when this begins, and gets it as the very last step.
-BindingFile::SaveOutcome BindingFile::writeChanges(int file, const sTable& table) {
-  const std::int32_t bindings = table.iCount;
-  if (iCount != table.iCount && !writeAt(file, 0, &bindings, sizeof bindings)) return SaveOutcome::eNoCount;
-  iCount = table.iCount;
-  for (int binding = 0; binding < iCount; ++binding) {
-    std::uint64_t& revision = uRevisions[static_cast<std::size_t>(binding)];
-    if (revision == table.index.revision(binding)) continue;
-    if (!writeRecord(file, binding, table.psRecords[binding])) return SaveOutcome::eNoTable;
-    revision = table.index.revision(binding);
-  }
-  if (!writeAt(file, recordOffset(iCount), &kTrailer, sizeof kTrailer)) return SaveOutcome::eNoNumber;
+bool BindingFile::openInPlace(const char* path, bool isComplete) {
+  bComplete = bBeside = false;
+  bCut = !isComplete;
+  written = isComplete ? content : sContent{};
+  file.reset(open(path, O_WRONLY | kOpenFlags | (isComplete ? 0 : O_CREAT | O_TRUNC), kFileMode));
+  return file.isOpen();
+}
+
+bool BindingFile::openBeside(const char* path) {
   struct stat status;
-  bKnown = fstat(file, &status) == 0 && identify(status, identity);
-  return SaveOutcome::eSaved;
+  if (stat(path, &status) == 0 && S_ISDIR(status.st_mode)) return false;  // nothing could be renamed over it
+  bBeside = bCut = true;
+  written = sContent{};
+  file.reset(open(pathBeside(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | kOpenFlags, kFileMode));
+  return file.isOpen();
 }
 
-bool BindingFile::writeRecord(int file, int binding, const sBinding& record) {
+// Between calls the table may have changed in every way; the file has no trailer then. It gets it as the very
+// last step.
+BindingFile::SaveOutcome BindingFile::writeChanges(const sTable& table, std::size_t& budget) {
+  if (!bCut || written.iCount != table.iCount) {
+    const int kept = std::min(written.iCount, table.iCount);
+    if (kept >= 0 && ftruncate(file.get(), recordOffset(kept)) != 0) return SaveOutcome::eNoTable;
+    bCut = true;
+    written.forgetFrom(std::max(kept, 0));
+  }
+  if (written.iCount != table.iCount && !writeCount(table.iCount)) return SaveOutcome::eNoCount;
+  for (int binding = 0; binding < table.iCount; ++binding) {
+    std::uint64_t& revision = written.uRevisions[static_cast<std::size_t>(binding)];
+    if (revision == table.revision(binding)) continue;
+    if (budget == 0) return SaveOutcome::eUnfinished;
+    const std::size_t bytes = writeRecord(binding, table.at(binding));
+    if (bytes == 0) return SaveOutcome::eNoTable;
+    revision = table.revision(binding);
+    budget -= std::min(budget, bytes);
+  }
+  const bool fits = writeAt(file.get(), recordOffset(table.iCount), &kTrailer, sizeof kTrailer);
+  return fits ? SaveOutcome::eSaved : SaveOutcome::eNoNumber;
+}
+
+bool BindingFile::writeCount(int count) {
+  const std::int32_t bindings = count;
+  if (!writeAt(file.get(), 0, &bindings, sizeof bindings)) return false;
+  written.iCount = count;
+  return true;
+}
+
+std::size_t BindingFile::writeRecord(int binding, const sBinding& record) {
   const off_t offset = recordOffset(binding);
-  std::uint8_t& entries = uNumEntries[static_cast<std::size_t>(binding)];
+  std::uint8_t& entries = written.uNumEntries[static_cast<std::size_t>(binding)];
   const std::size_t before = bindingFrontBytes(entries);
   const std::size_t front = bindingFrontBytes(record.iNumSubscriptions);
-  if (!writeAt(file, offset, bytesOf(record), front)) return false;
-  if (before > front && !zeroAt(file, offset + static_cast<off_t>(front), before - front)) return false;
+  const bool success =
+      writeAt(file.get(), offset, bytesOf(record), front) &&
+      (before <= front || zeroAt(file.get(), offset + static_cast<off_t>(front), before - front)) &&
+      writeAt(file.get(), offset + static_cast<off_t>(kBindingTailOffset),
+              bytesOf(record) + kBindingTailOffset, kBindingTailBytes);
+  if (!success) return 0;
   entries = static_cast<std::uint8_t>(record.iNumSubscriptions);
-  return writeAt(file, offset + static_cast<off_t>(kBindingTailOffset), bytesOf(record) + kBindingTailOffset,
-                 kBindingTailBytes);
+  return front + kBindingTailBytes;
+}
+
+BindingFile::SaveOutcome BindingFile::finish(const char* path, SaveOutcome outcome) {
+  struct stat status;
+  sIdentity finished;
+  const bool identified = fstat(file.get(), &status) == 0 && identify(status, finished);
+  if (close(file.release()) != 0 && outcome == SaveOutcome::eSaved) outcome = SaveOutcome::eNoNumber;
+  const FixedText<310> beside = pathBeside(path);
+  if (bBeside && outcome == SaveOutcome::eSaved && std::rename(beside.c_str(), path) != 0)
+    outcome = SaveOutcome::eCannotOpen;
+  if (outcome != SaveOutcome::eSaved) {
+    if (bBeside) unlink(beside.c_str());  // what stood at the path before still does
+    return outcome;
+  }
+  bComplete = identified;
+  identity = finished;
+  content = written;
+  return outcome;
 }

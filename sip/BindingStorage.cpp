@@ -1,4 +1,6 @@
 // The two binding files of the running system: "binding" and its backup.
+#include <limits>
+
 #include "app/config/Log.h"
 #include "app/config/ProcessState.h"
 #include "engine/Glob.h"
@@ -18,6 +20,7 @@ void nameFile(FixedText<300>& path, const char* name) {
 int reportSaving(BindingFile::SaveOutcome outcome, const char* path) {
   switch (outcome) {
     case BindingFile::SaveOutcome::eSaved:
+    case BindingFile::SaveOutcome::eUnfinished:
       return 0;
     case BindingFile::SaveOutcome::eCannotOpen:
       Log::error(kSave, "Unable to write to the file %s\n", path);
@@ -59,19 +62,57 @@ int reportLoading(BindingFile::LoadOutcome outcome, int count) {
 
 }  // namespace
 
-int MySip::saveBindingTable(const char* path) {
-  const BindingFile::sTable table{psBindings.get(), iNumBindings, bindingIndex};
-  if (pcBindingFile == path) {
-    const bool otherIsComplete = backupBindingFile.isComplete(pcBindingBackupFile.c_str());
-    return reportSaving(bindingFile.save(path, table, otherIsComplete), path);
-  }
-  if (pcBindingBackupFile == path) {
-    const bool otherIsComplete = bindingFile.isComplete(pcBindingFile.c_str());
-    return reportSaving(backupBindingFile.save(path, table, otherIsComplete), path);
-  }
-  BindingFile copy;
-  return reportSaving(copy.save(path, table, true), path);
+BindingFile::sTable MySip::bindingTable() const {
+  return {psBindings.get(), piBindingOrder.data(), iNumBindings, bindingIndex};
 }
+
+// ---- Saving ----
+
+BindingFile::SaveOutcome MySip::saveBindingFile(std::size_t& budget) {
+  const bool otherIsComplete = backupBindingFile.isComplete(pcBindingBackupFile.c_str());
+  return bindingFile.save(pcBindingFile.c_str(), bindingTable(), otherIsComplete, budget);
+}
+
+BindingFile::SaveOutcome MySip::saveBackupBindingFile(std::size_t& budget) {
+  const bool otherIsComplete = bindingFile.isComplete(pcBindingFile.c_str());
+  return backupBindingFile.save(pcBindingBackupFile.c_str(), bindingTable(), otherIsComplete, budget);
+}
+
+int MySip::saveBindingTable(const char* path) {
+  std::size_t everything = std::numeric_limits<std::size_t>::max();
+  if (pcBindingFile == path) return reportSaving(saveBindingFile(everything), path);
+  if (pcBindingBackupFile == path) return reportSaving(saveBackupBindingFile(everything), path);
+  BindingFile copy;
+  return reportSaving(copy.save(path, bindingTable(), true, everything), path);
+}
+
+void MySip::beginSavingBindings() {
+  if (eSavingBindings == SavingBindings::eDone) eSavingBindings = SavingBindings::eFile;
+}
+
+bool MySip::continueSavingBindings(std::size_t budget) {
+  if (eSavingBindings == SavingBindings::eFile) {
+    const BindingFile::SaveOutcome outcome = saveBindingFile(budget);
+    if (outcome == BindingFile::SaveOutcome::eUnfinished) return false;
+    (void)reportSaving(outcome, pcBindingFile.c_str());
+    eSavingBindings = SavingBindings::eBackup;
+  }
+  if (eSavingBindings == SavingBindings::eBackup) {
+    if (budget == 0) return false;
+    const BindingFile::SaveOutcome outcome = saveBackupBindingFile(budget);
+    if (outcome == BindingFile::SaveOutcome::eUnfinished) return false;
+    (void)reportSaving(outcome, pcBindingBackupFile.c_str());
+    eSavingBindings = SavingBindings::eDone;
+  }
+  return true;
+}
+
+void MySip::saveBindingFiles() {
+  beginSavingBindings();
+  (void)continueSavingBindings(std::numeric_limits<std::size_t>::max());
+}
+
+// ---- Loading ----
 
 int MySip::readBindingTable(const char* path) {
   emptyBindingTable();
@@ -88,26 +129,16 @@ int MySip::readBindingTable(const char* path) {
                  count, path);
   iNumBindings = count;
   for (int binding = 0; binding < iNumBindings; ++binding) bindingChanged(binding);
-
-  const BindingFile::sTable table{psBindings.get(), iNumBindings, bindingIndex};
-  if (pcBindingFile == path) bindingFile.adopt(path, table, repaired > 0);
-  if (pcBindingBackupFile == path) backupBindingFile.adopt(path, table, repaired > 0);
   return 0;
 }
 
 void MySip::loadBindingFiles() {
   nameFile(pcBindingFile, "binding");
   nameFile(pcBindingBackupFile, "binding-bkp");
-  bindingFile.forget();
-  backupBindingFile.forget();
+  eSavingBindings = SavingBindings::eDone;
   iNumBindings = 0;  // init has just allocated the records
-  if (readBindingTable(pcBindingFile.c_str()) == 0) return;
-  const bool haveBackup = readBindingTable(pcBindingBackupFile.c_str()) == 0;
-  (void)saveBindingTable(pcBindingFile.c_str());
-  if (!haveBackup) (void)saveBindingTable(pcBindingBackupFile.c_str());
-}
-
-void MySip::saveBindingFiles() {
-  (void)saveBindingTable(pcBindingFile.c_str());
-  (void)saveBindingTable(pcBindingBackupFile.c_str());
+  if (readBindingTable(pcBindingFile.c_str()) != 0) (void)readBindingTable(pcBindingBackupFile.c_str());
+  bindingFile.adopt(pcBindingFile.c_str(), bindingTable());
+  backupBindingFile.adopt(pcBindingBackupFile.c_str(), bindingTable());
+  saveBindingFiles();  // now, while no call waits for it
 }

@@ -1,4 +1,6 @@
 // The binding table: who is bound, under which names, from where, until when.
+#include <algorithm>
+#include <numeric>
 #include <strings.h>
 
 #include "app/config/Log.h"
@@ -46,6 +48,7 @@ void MySip::bindingChanged(int binding) {
 void MySip::emptyBindingTable() {
   for (int binding = 0; binding < iNumBindings; ++binding) clearBinding(bindingAt(binding));
   iNumBindings = 0;
+  std::iota(piBindingOrder.begin(), piBindingOrder.end(), 0);
   bindingIndex.reset();
 }
 
@@ -178,20 +181,25 @@ MySip::sSubscriptionPlace MySip::findSubscriptionByPhoneCallID(std::string_view 
 
 // ---- Expiry ----
 
+// The bindings behind a removed one move up in the order; their records stay where they are.
 void MySip::cleanupExpiredBindingsAndSubscriptions() {
   const std::int64_t now = Clock::now();
-  const int before = iNumBindings;
+  std::array<int, kMaxBindings> freed;
+  int numFreed = 0;
   int kept = 0;
-  for (int binding = 0; binding < before; ++binding) {
+  for (int binding = 0; binding < iNumBindings; ++binding) {
+    const int record = piBindingOrder[static_cast<std::size_t>(binding)];
     const bool nothingExpired = now <= bindingIndex.earliestExpiry(binding);
-    if (!nothingExpired && isExpired(bindingAt(binding), now)) continue;
-    if (kept != binding) {
-      copyBinding(bindingAt(kept), bindingAt(binding));
-      bindingIndex.move(kept, binding);
+    if (!nothingExpired && isExpired(bindingAt(binding), now)) {
+      clearBinding(bindingAt(binding));
+      freed[static_cast<std::size_t>(numFreed++)] = record;
+      continue;
     }
+    if (kept != binding) bindingIndex.move(kept, binding);
+    piBindingOrder[static_cast<std::size_t>(kept)] = record;
     if (!nothingExpired && removeExpiredSubscriptions(bindingAt(kept), now)) bindingChanged(kept);
     ++kept;
   }
-  for (int binding = kept; binding < before; ++binding) clearBinding(bindingAt(binding));
+  std::copy_n(freed.begin(), numFreed, piBindingOrder.begin() + kept);
   iNumBindings = kept;
 }

@@ -194,7 +194,7 @@ void MySip::choosePairDestination(int pair, const sockaddr_in& source) {
   sPhone& leg = phone(pair);
   const int binding = doesAddressAppearInBindingTable(source) ? -1 : getBindingIndex(leg.pcRemoteSipName);
   if (binding >= 0) {
-    leg.sRemoteAddress = psBindings[static_cast<std::size_t>(binding)].sBindingAddress;
+    leg.sRemoteAddress = bindingAt(binding).sBindingAddress;
     return;
   }
   const int row = getSipRoutingIndex(leg.pcRemoteSipName);

@@ -24,6 +24,9 @@ constexpr double kRegistrationRetrySeconds = 5.0;  // until every identity is ac
 constexpr double kReleaseSeconds = 60.0;
 constexpr double kSetUpSeconds = 60.0;
 constexpr int kMaxSelectErrors = 100;
+// Writing 4 MiB to the page cache takes some 5 ms, which is what a message waits at most; a table of 180
+// phones without subscriptions is saved in one pass.
+constexpr std::size_t kBindingBytesPerPass = 4 * 1024 * 1024;
 
 bool hasPassed(std::time_t since, double seconds) {
   return difftime(Clock::now(), since) >= seconds;
@@ -54,6 +57,7 @@ bool MySip::mainLoopPass(int waitMilliseconds) {
   fd_set readable;
   FD_ZERO(&readable);
   FD_SET(iSocket.get(), &readable);
+  if (isSavingBindings()) waitMilliseconds = 0;
   timeval timeout{waitMilliseconds / 1000, (waitMilliseconds % 1000) * 1000};
   const int ready = select(iSocket.get() + 1, &readable, nullptr, nullptr, &timeout);
   if (ready < 0 && errno != EINTR) {
@@ -62,6 +66,7 @@ bool MySip::mainLoopPass(int waitMilliseconds) {
   }
   if (!maintainTimers()) return false;
   if (ready > 0) receiveMessage();
+  if (isSavingBindings()) (void)continueSavingBindings(kBindingBytesPerPass);
   return true;
 }
 
@@ -120,7 +125,7 @@ bool MySip::maintenanceTick() {
     Log::error("MySip::mainLoop", "error reading tmp file\n");
     return false;
   }
-  saveBindingFiles();
+  beginSavingBindings();
   repeatByes();
   return true;
 }

@@ -358,8 +358,13 @@ class MySip {
   int readBindingTable(const char* path);  // 0, or 1 and the table is empty
   // Start-up: "binding", else "binding-bkp", else an empty table in both.
   void loadBindingFiles();
-  // Maintenance tick: first "binding", then "binding-bkp".
+  // First "binding", then "binding-bkp".
   void saveBindingFiles();
+  // The same in parts, between which signalling goes on: the tick begins, every pass of the main loop continues
+  // after at most that many bytes. True when both files are done.
+  void beginSavingBindings();
+  bool continueSavingBindings(std::size_t budget);
+  bool isSavingBindings() const { return eSavingBindings != SavingBindings::eDone; }
 
   // Lookups for the dispatch; -1 or false when nothing matches.
   int findBindingByRelayedRegistration(std::string_view callId, int cseq);
@@ -371,7 +376,10 @@ class MySip {
   sSubscriptionPlace findSubscriptionByRelayCallID(std::string_view callId, const int* relayCSeq);
   sSubscriptionPlace findSubscriptionByPhoneCallID(std::string_view callId, int notifyRelayCSeq);
 
-  sBinding& bindingAt(int binding) { return psBindings[static_cast<std::size_t>(binding)]; }
+  sBinding& bindingAt(int binding) {
+    const int record = piBindingOrder[static_cast<std::size_t>(binding)];
+    return psBindings[static_cast<std::size_t>(record)];
+  }
   // Whoever changes a record of the table says so afterwards: lookups and files go by it.
   void bindingChanged(int binding);
 
@@ -389,7 +397,8 @@ class MySip {
   std::time_t sTimeLastTick = 0;
   int iNextOldCall = 0;
   int iNumBindings = 0;
-  // kMaxBindings records from calloc: their pages come into memory only as bindings appear.
+  // kMaxBindings records from calloc: their pages come into memory only as bindings appear. bindingAt gives them in
+  // table order.
   std::unique_ptr<sBinding[], FreeDeleter> psBindings;
   FixedText<300> pcBindingFile;
   FixedText<300> pcBindingBackupFile;
@@ -518,7 +527,14 @@ class MySip {
   void relayNotifyToPhone(sBinding& owner, const sSubscription& record, std::string_view msg);
   void answerNotify(const sSubscription& record, std::string_view statusLine);
 
+  // BindingStorage.cpp
+  BindingFile::sTable bindingTable() const;
+  BindingFile::SaveOutcome saveBindingFile(std::size_t& budget);
+  BindingFile::SaveOutcome saveBackupBindingFile(std::size_t& budget);
+
+  std::array<int, kMaxBindings> piBindingOrder{};  // record of each binding, then the unused records
   BindingIndex bindingIndex;
+  enum class SavingBindings { eDone, eFile, eBackup } eSavingBindings = SavingBindings::eDone;
   BindingFile bindingFile;
   BindingFile backupBindingFile;
 };

@@ -186,12 +186,3 @@ inline void clearBinding(sBinding& record) {
   std::memset(bytesOf(record), 0, front);
   std::memset(bytesOf(record) + kBindingTailOffset, 0, kBindingTailBytes);
 }
-
-// Copies a binding over another record, whatever that record carried.
-inline void copyBinding(sBinding& to, const sBinding& from) {
-  const std::size_t before = bindingFrontBytes(to.iNumSubscriptions);
-  const std::size_t front = bindingFrontBytes(from.iNumSubscriptions);
-  std::memcpy(bytesOf(to), bytesOf(from), front);
-  if (before > front) std::memset(bytesOf(to) + front, 0, before - front);
-  std::memcpy(bytesOf(to) + kBindingTailOffset, bytesOf(from) + kBindingTailOffset, kBindingTailBytes);
-}

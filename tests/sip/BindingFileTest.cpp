@@ -1,5 +1,6 @@
 // The binding files: their image, what is written when, damage, full disks, and a process that is killed.
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -39,8 +40,8 @@ class BindingFileTest : public ::testing::Test {
     const std::int32_t count = table.iNumBindings;
     const std::int32_t trailer = 12345;
     std::string image(reinterpret_cast<const char*>(&count), 4);
-    image.append(reinterpret_cast<const char*>(table.psBindings.get()),
-                 static_cast<std::size_t>(count) * kRecord);
+    for (int binding = 0; binding < count; ++binding)
+      image.append(reinterpret_cast<const char*>(&table.bindingAt(binding)), kRecord);
     return image.append(reinterpret_cast<const char*>(&trailer), 4);
   }
 
@@ -93,6 +94,50 @@ TEST_F(BindingFileTest, BothFilesAreTheImageOfTheTableAfterEveryKindOfChange) {
   EXPECT_EQ(restarted.iNumBindings, table.iNumBindings);
   EXPECT_TRUE(imageOf(restarted) == imageOf(table));
   EXPECT_EQ(installation.log(), "");
+}
+
+// The main loop saves a large table in parts and changes it between them.
+TEST_F(BindingFileTest, TableMayChangeInEveryWayBetweenThePartsOfASave) {
+  std::mt19937 random(5);
+  const auto upTo = [&random](int limit) {
+    return static_cast<int>(random() % static_cast<unsigned>(limit));
+  };
+  BindingTable table;
+  const std::unique_ptr<sBinding[], FreeDeleter> scratch(
+      static_cast<sBinding*>(std::calloc(kMaxBindings, sizeof(sBinding))));
+  const auto loads = [&](const std::filesystem::path& path) {
+    int count = 0;
+    int repaired = 0;
+    const auto outcome = BindingFile::load(path.c_str(), scratch.get(), count, repaired);
+    return outcome == BindingFile::LoadOutcome::eLoaded && repaired == 0;
+  };
+  int parts = 0;
+  for (int round = 0; round < 40; ++round) {
+    table.beginSavingBindings();
+    bool done = false;
+    for (int part = 0; !done; ++part) {
+      if (part < 6) {
+        const int kind = upTo(4);
+        if (kind == 0 || table.iNumBindings == 0) {
+          // As the first bytes of a record, this name equals the trailer.
+          table.processNewBindingInformation("90", "90@u", "90@d", "90", "h", 1, LoopbackPeer::address(1), 9);
+          if (table.iNumBindings < 7) table.bind(std::to_string(round * 10 + part), upTo(20));
+        } else if (kind == 1) {
+          table.subscribe(upTo(table.iNumBindings), "c" + std::to_string(part), upTo(9));
+        } else {
+          Clock::advanceSeconds(upTo(6));
+          table.cleanupExpiredBindingsAndSubscriptions();
+        }
+      }
+      done = table.continueSavingBindings(1);
+      ++parts;
+      ASSERT_TRUE(loads(file()) || loads(backup())) << "round " << round << " part " << part;
+    }
+    table.saveBindingFiles();
+    ASSERT_TRUE(TestInstallation::read(file()) == imageOf(table)) << round;
+    ASSERT_TRUE(TestInstallation::read(backup()) == imageOf(table)) << round;
+  }
+  EXPECT_GT(parts, 100);
 }
 
 TEST_F(BindingFileTest, FieldsStandAtTheirOffsets) {
@@ -426,12 +471,12 @@ TEST_F(BindingFileTest, KillingTheProcessAtAnyMomentLeavesACompleteFile) {
   ASSERT_EQ(pipe(ready), 0);
   int lastGeneration = 0;
   int torn = 0;
-  for (int round = 0; round < 250; ++round) {
+  for (int round = 0; round < 200; ++round) {
     const pid_t child = fork();
     if (child == 0) saveUntilKilled(ready[1]);
     char byte;
     ASSERT_EQ(read(ready[0], &byte, 1), 1);
-    usleep(static_cast<useconds_t>(random() % 12000));
+    usleep(static_cast<useconds_t>(random() % 8000));
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
 
