@@ -5,7 +5,7 @@ also when interrupted; recordings, log, statistics and configuration stay where 
 """
 
 import array
-import audioop
+import ctypes
 import json
 import math
 import os
@@ -18,7 +18,12 @@ import sys
 import tempfile
 import threading
 import time
+import warnings
 import wave
+
+with warnings.catch_warnings():  # leaves Python with 3.13; Debian 12 has 3.11
+    warnings.simplefilter("ignore", DeprecationWarning)
+    import audioop
 
 CALL_SECONDS = 20
 RATE = 8000
@@ -135,6 +140,15 @@ def free_port_pair(span=2):
     raise RuntimeError("no free UDP ports")
 
 
+def start(arguments, output, **more):
+    """Starts a program that ends with this one, however this one ends. A ^C at the terminal does not reach it: it
+    is stopped in order."""
+    library = ctypes.CDLL(None)
+    die_with_parent = lambda: library.prctl(1, signal.SIGKILL)
+    return subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
+                            start_new_session=True, preexec_fn=die_with_parent, **more)
+
+
 class Phone:
     """A headless baresip, steered over its control port."""
 
@@ -157,8 +171,7 @@ class Phone:
                        f"ctrl_tcp_listen 127.0.0.1:{self.control_port}\n"
                        f"rtp_ports {self.rtp_port}-{self.rtp_port + 9}\n")
         self.output = open(f"{self.directory}/output.txt", "w", encoding="utf-8")
-        self.process = subprocess.Popen(["baresip", "-f", self.directory, "-t", "120"], stdin=subprocess.DEVNULL,
-                                        stdout=self.output, stderr=subprocess.STDOUT, start_new_session=True)
+        self.process = start(["baresip", "-f", self.directory, "-t", "120"], self.output)
         self.control = self._connect()
         self.pending = b""
 
@@ -303,7 +316,7 @@ RealTimeExtremeStatisticsFile=../extreme.html
     return path
 
 
-def wait_until_answering(port, process, log):
+def wait_until_answering(port, process):
     request = ("OPTIONS sip:127.0.0.1 SIP/2.0\r\nVia: SIP/2.0/UDP 127.0.0.1:{0};branch=z9hG4bKdemo\r\n"
                "From: <sip:demo@127.0.0.1>;tag=1\r\nTo: <sip:127.0.0.1>\r\nCall-ID: demo-ready\r\n"
                "CSeq: 1 OPTIONS\r\nContent-Length: 0\r\n\r\n")
@@ -319,8 +332,14 @@ def wait_until_answering(port, process, log):
                     return
             except OSError:
                 pass
-    tail = open(log, encoding="utf-8", errors="replace").read()[-2000:] if os.path.exists(log) else "(no log)"
-    raise RuntimeError(f"Quorvel did not start. The end of its log:\n{tail}")
+    raise RuntimeError("Quorvel did not start")
+
+
+def end_of(path):
+    if not os.path.exists(path):
+        return "(there is none)"
+    with open(path, encoding="utf-8", errors="replace") as file:
+        return file.read()[-2000:]
 
 
 def show_progress(seconds, is_up):
@@ -345,6 +364,17 @@ def field(line, name, side):
     """A figure of the statistics line, of side 0 or 1."""
     pieces = line.split(f"{name} (")
     return pieces[side + 1].split(")")[0] if len(pieces) > side + 1 else "?"
+
+
+def in_words(noise, speech):
+    """What the changes of level, in dB, mean to the called party."""
+    if math.isnan(noise) or math.isnan(speech):
+        return "The call was too short to compare noise and speech."
+    if abs(noise) < 1 and abs(speech) < 1:
+        return "The called party heard noise and speech as they were spoken: nothing was taken away or added."
+    quieter = "less" if noise < 0 else "more"
+    kept = "kept its level" if abs(speech) < 1 else f"is {abs(speech):.0f} dB {'louder' if speech > 0 else 'softer'}"
+    return f"The called party heard {abs(noise):.0f} dB {quieter} noise between the words; the speech {kept}."
 
 
 def report(directory, sounds, caller, callee, capture):
@@ -386,6 +416,8 @@ def report(directory, sounds, caller, callee, capture):
     print(f"  the caller's speech:           {before[1]:6.1f} dB spoken, {after[1]:6.1f} dB heard "
           f"({after[1] - before[1]:+.1f} dB)")
 
+    print(f"  {in_words(after[0] - before[0], after[1] - before[1])}")
+
     print("\nWhere everything lies")
     for what, path in (("what the caller said", noisy), ("what the called party heard", heard_by_callee),
                        ("what the caller heard", heard_by_caller),
@@ -414,17 +446,17 @@ def main(program):
         started.append(callee.stop)
         sip_port, rtp_port = free_port_pair(), free_port_pair(4)
         configuration = write_configuration(directory, sip_port, rtp_port, callee.sip_port)
-        quorvel = subprocess.Popen([program, configuration, instance], stdin=subprocess.DEVNULL,
-                                   env={**os.environ, "KESTROVA_BIN": f"{directory}/bin/"}, start_new_session=True)
+        quorvel = start([program, configuration, instance], None,
+                        env={**os.environ, "KESTROVA_BIN": f"{directory}/bin/"})
         started.append(lambda: stop_process(quorvel, signal.SIGINT))
-        wait_until_answering(sip_port, quorvel, log)
+        wait_until_answering(sip_port, quorvel)
         caller = Phone(directory, "caller", sounds[1], answers=False)
         started.append(caller.stop)
         capture = Capture({rtp_port: 0, rtp_port + 2: 1})
         print(f"Quorvel answers on 127.0.0.1:{sip_port}; the caller dials the called party through it", flush=True)
         caller.command("dial", f"sip:callee@127.0.0.1:{sip_port}")
         if not caller.wait_for("CALL_ESTABLISHED", 10):
-            raise RuntimeError(f"the call was not established; see {log}")
+            raise RuntimeError("the call was not established")
         show_progress(CALL_SECONDS, lambda: quorvel.poll() is None)
         caller.command("hangup")
         caller.wait_for("CALL_CLOSED", 3)
@@ -433,6 +465,9 @@ def main(program):
         caller.stop()
         callee.stop()
         report(directory, sounds, caller, callee, capture)
+    except RuntimeError:
+        print(f"\nThe end of Quorvel's log, {log}:\n{end_of(log)}", file=sys.stderr)
+        raise
     finally:
         if capture is not None:
             capture.running = False
@@ -444,7 +479,8 @@ def main(program):
 
 
 if __name__ == "__main__":
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    for end_signal in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(end_signal, lambda number, _: sys.exit(128 + number))
     for needed in ("baresip", "sox", "espeak-ng"):
         if shutil.which(needed) is None:
             sys.exit(f"{needed} is missing")
