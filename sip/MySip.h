@@ -2,21 +2,28 @@
 // originates a second one; every call occupies one orig slot and its partner. All state lives in tables
 // allocated by init; nothing is allocated per call or per message. Main thread only, numActiveCalls excepted.
 //
-//   1  Slots, calls and generators      Slots.cpp              RFC 3261 (8.1.1.7 branch, 19.3 tags, 8.1.1.4
-//   Call-ID) 2  Message text                     SipText.cpp, SipUri.cpp 3  Transport Transport.cpp 4  Main
-//   loop                        MainLoop.cpp 5  Dispatch                         Dispatch.cpp 6  Call set-up
-//   CallSetup.cpp, CallCommand.cpp 7  Route set                        RouteSet.cpp 8  Messages we build
-//   MessageBuilder.cpp 9  SDP                              SdpReader.cpp, SdpWriter.cpp  RFC 4566, RFC 3264,
-//   RFC 3551, RFC 4733
-//  10  Media relay calls                MediaCalls.cpp
-//  11  Call progress                    Progress.cpp
-//  12  Teardown                         Teardown.cpp
-//  13  Answers outside a call           GeneralAnswers.cpp
-//  14  Registration with the PBX        Registration.cpp
-//  15  Digest authentication            Authentication.cpp     RFC 2617 without quality of protection
-//  16  Mid-call changes                 ReInvite.cpp, Transfer.cpp, Notify.cpp, Redirection.cpp
-//  17  Bound phones                     Bindings.cpp, BoundRegistration.cpp, BoundSubscription.cpp,
-//  BindingFile.cpp
+// clang-format off
+//   1  Slots, calls and generators  Slots.cpp
+//                                   RFC 3261 (8.1.1.7 branch, 19.3 tags, 8.1.1.4 Call-ID)
+//   2  Message text                 SipText.cpp, SipUri.cpp, MessageFields.cpp
+//   3  Transport                    Transport.cpp
+//   4  Main loop                    MainLoop.cpp
+//   5  Dispatch                     Dispatch.cpp
+//   6  Call set-up                  CallSetup.cpp, CallCommand.cpp
+//   7  Route set                    RouteSet.cpp
+//   8  Messages we build            MessageBuilder.cpp
+//   9  SDP                          SdpReader.cpp, SdpWriter.cpp, CodecNegotiation.cpp
+//                                   RFC 4566, RFC 3264, RFC 3551, RFC 4733
+//  10  Media relay calls            MediaCalls.cpp
+//  11  Call progress                Progress.cpp
+//  12  Teardown                     Teardown.cpp
+//  13  Answers outside a call       GeneralAnswers.cpp
+//  14  Registration with the PBX    Registration.cpp
+//  15  Digest authentication        Authentication.cpp, Digest.cpp
+//                                   RFC 2617 without quality of protection
+//  16  Mid-call changes             ReInvite.cpp, Transfer.cpp, Notify.cpp, Redirection.cpp
+//  17  Bound phones                 Bindings.cpp, BoundRegistration.cpp, BoundSubscription.cpp, BindingStorage.cpp
+// clang-format on
 //
 // A received message is a std::string_view that ends before the first NUL byte; it is never changed. "The
 // partner" of slot s is the other leg of its call. Status results: 0 (false) is success; failures are logged
