@@ -367,8 +367,8 @@ class MySip {
   void loadBindingFiles();
   // First "binding", then "binding-bkp".
   void saveBindingFiles();
-  // The same in parts, between which signalling goes on: the tick begins, every pass of the main loop continues
-  // after at most that many bytes. True when both files are done.
+  // The same in parts, between which signalling goes on: the tick begins, every pass of the main loop
+  // continues after at most that many bytes. True when both files are done.
   void beginSavingBindings();
   bool continueSavingBindings(std::size_t budget);
   bool isSavingBindings() const { return eSavingBindings != SavingBindings::eDone; }
@@ -404,8 +404,8 @@ class MySip {
   std::time_t sTimeLastTick = 0;
   int iNextOldCall = 0;
   int iNumBindings = 0;
-  // kMaxBindings records from calloc: their pages come into memory only as bindings appear. bindingAt gives them in
-  // table order.
+  // kMaxBindings records from calloc: their pages come into memory only as bindings appear. bindingAt gives
+  // them in table order.
   std::unique_ptr<sBinding[], FreeDeleter> psBindings;
   FixedText<300> pcBindingFile;
   FixedText<300> pcBindingBackupFile;
