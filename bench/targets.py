@@ -324,6 +324,14 @@ def table(heading, rows):
     return "\n".join("| " + " | ".join(str(cell) for cell in line) + " |" for line in lines)
 
 
+def print_aims(aims):
+    """Aims as a list, each met or missed. True when all are met."""
+    print()
+    for text, met in aims:
+        print(f"- {'met' if met else 'MISSED'}: {text}")
+    return all(met for _, met in aims)
+
+
 def machine():
     model = next((line.split(":")[1].strip() for line in open("/proc/cpuinfo") if line.startswith("model name")), "?")
     return f"{model}, {os.cpu_count()} cores, Linux {os.uname().release}, load {os.getloadavg()[0]:.2f} at the start"
