@@ -17,9 +17,6 @@ struct SippRun {
   int port = 0;       // own SIP port
   int mediaPort = 0;  // announced in its SDP
   int target = 0;     // where a caller sends its INVITE; 0 for a callee
-  int calls = 1;
-  int rate = 10;                    // calls a second, for a caller
-  std::vector<std::string> more{};  // further arguments
 };
 
 class Sipp {
@@ -28,7 +25,7 @@ class Sipp {
 
   // A callee listens: wait for that before anybody calls it.
   bool ready(Seconds limit = Seconds(5)) const;
-  // Did every call go as the scenario says? False also when time is over.
+  // Did the call go as the scenario says? False also when time is over.
   bool succeeded(Seconds limit = Seconds(15));
   Process& process() { return *program; }
   // What SIPp saw and what it did not like, for the message of a failed test.

@@ -198,35 +198,3 @@ double medianCorrelation(const std::vector<Match>& all) {
   std::nth_element(values.begin(), middle, values.end());
   return *middle;
 }
-
-Levels levels(const Sound& sound, const Sound& marker, double lag) {
-  constexpr int kFrame = 20 * kRate / 1000;
-  const Samples talker = asFloat(marker);
-  const Samples heard = asFloat(sound);
-  const int shift = static_cast<int>(std::lround(lag * kRate));
-  const double loud = 1000.0 * 1000.0 * kFrame;  // speech proper: 30 dB below full scale and more
-  const double quiet = 10.0 * 10.0 * kFrame;
-  double speech = 0, pauses = 0;
-  int speechFrames = 0, pauseFrames = 0;
-  for (int at = kFrame; at + 2 * kFrame <= static_cast<int>(talker.size()); at += kFrame) {
-    const int there = at + shift;
-    if (there < 0 || there + kFrame > static_cast<int>(heard.size())) continue;
-    const double own = energy(talker.data() + at, kFrame);
-    // A pause frame has quiet neighbours, so that no onset or fading end of a word is counted as noise.
-    const double around = energy(talker.data() + at - kFrame, 3 * kFrame);
-    const double here = energy(heard.data() + there, kFrame);
-    if (own > loud) {
-      speech += here;
-      ++speechFrames;
-    } else if (around < 3 * quiet) {
-      pauses += here;
-      ++pauseFrames;
-    }
-  }
-  const auto decibels = [](double sum, int frames) {
-    return frames == 0
-               ? -99.0
-               : 10 * std::log10(std::max(sum / (double(frames) * kFrame), 1.0) / (32768.0 * 32768.0));
-  };
-  return {decibels(speech, speechFrames), decibels(pauses, pauseFrames)};
-}

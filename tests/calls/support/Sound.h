@@ -39,11 +39,3 @@ struct Match {
 std::vector<Match> matches(const Sound& played, const Sound& heard);
 // The middle value of the matches' correlations; 0 without matches.
 double medianCorrelation(const std::vector<Match>& all);
-
-// Level of the sound where `marker` (the clean talker, same rate, `lag` seconds earlier than `sound`) speaks
-// and where it pauses, in dB below full scale.
-struct Levels {
-  double speech = 0;
-  double pauses = 0;
-};
-Levels levels(const Sound& sound, const Sound& marker, double lag);
