@@ -10,8 +10,7 @@ namespace {
 
 void closeSocket(int& descriptor) {
   if (descriptor < 0) return;
-  shutdown(descriptor, SHUT_RDWR);
-  close(descriptor);
+  close(descriptor);  // nothing is left to shut down: a datagram socket has no peer to tell
   descriptor = -1;
 }
 

@@ -109,11 +109,36 @@ void MySip::handleUnauthorizedMsg(std::string_view msg, const sockaddr_in& from)
   int record = -1;
   sPhone* identity = findSender(callId, cseq, record);
   if (identity == nullptr) return;
-  if (contains(cseqText, "INVITE") && cseq == identity->iInviteCSeq) {
-    learnRemoteTag(*identity, msg);
-    sendRequest(*identity, requestLine("ACK", identity->pcRemoteSipName).c_str(), cseq, "ACK", false);
+  if (contains(cseqText, "INVITE")) {
+    if (cseq == identity->iInviteCSeq) {
+      learnRemoteTag(*identity, msg);
+      sendRequest(*identity, requestLine("ACK", identity->pcRemoteSipName).c_str(), cseq, "ACK", false);
+    } else if (cseq < identity->iInviteCSeq) {
+      // Our ACK was lost: the INVITE with credentials is on its way, a second one would be a second call.
+      acknowledgeRepeatedChallenge(*identity, identity->psLastMsgs[static_cast<std::size_t>(record)].pcMsg,
+                                   cseq, msg);
+      return;
+    }
   }
   sendAuthentication(*identity, record, msg, from);
+}
+
+void MySip::acknowledgeRepeatedChallenge(sPhone& identity, std::string_view request, int cseq,
+                                         std::string_view challenge) {
+  constexpr std::string_view kBranch = "branch=";
+  const std::size_t at = find(request, kBranch);
+  if (at == kNoText) return;
+  const std::string_view rest = request.substr(at + kBranch.size());
+  const FixedText<100> branch = copyOf<100>(rest.substr(0, rest.find("\r\n")));
+  FixedText<100> remoteTag;
+  if (std::string_view tag; extractTag(extractToken("To:", 200, challenge), tag)) {
+    (void)remoteTag.append(";tag=");
+    (void)remoteTag.append(tag);
+  }
+  FixedText<30> ack;
+  (void)ack.format("%d ACK", cseq);
+  generalPrepareAndSendMsg(true, identity, requestLine("ACK", identity.pcRemoteSipName).c_str(), ack.c_str(),
+                           kNoBody, 0, false, remoteTag.c_str(), "", branch.c_str());
 }
 
 // The identity that sent the request with this Call-ID and CSeq, and the position in its ring; null if none
@@ -228,16 +253,14 @@ void MySip::generateUnauthorizedMsg(std::string_view challenge, const sockaddr_i
     handChallengeToPartner(slot, challenge, from, methodText.c_str());
   } else if (const int binding = findBindingByRelayedRegistration(callId, cseq); binding >= 0) {
     const sBinding& phoneOf = bindingAt(binding);
-    FixedText<2000> via;
-    (void)via.format("%s%s", phoneOf.pcPhoneVia.c_str(), phoneOf.pcPhoneViaParams.c_str());
+    const FixedText<2100> via = viaOfAnswer(phoneOf.pcPhoneVia, phoneOf.pcPhoneViaParams);
     sendUnauthorizedMsg(challenge, via.c_str(), phoneOf.pcPhoneFrom.c_str(), phoneOf.pcPhoneTo.c_str(),
                         phoneOf.pcPhoneCallID.c_str(), phoneOf.iPhoneCSeq, methodText.c_str(),
                         phoneOf.sBindingAddress);
   } else if (const auto place = findSubscriptionByRelayCallID(callId, &cseq)) {
     const sBinding& phoneOf = bindingAt(place.iBinding);
     const sSubscription& entry = phoneOf.psSubscriptions[static_cast<std::size_t>(place.iEntry)];
-    FixedText<2000> via;
-    (void)via.format("%s%s", entry.pcPhoneVia.c_str(), phoneOf.pcPhoneViaParams.c_str());
+    const FixedText<2100> via = viaOfAnswer(entry.pcPhoneVia, phoneOf.pcPhoneViaParams);
     sendUnauthorizedMsg(challenge, via.c_str(), entry.pcPhoneFrom.c_str(), entry.pcPhoneTo.c_str(),
                         entry.pcPhoneCallID.c_str(), entry.iPhoneCSeq, methodText.c_str(),
                         phoneOf.sBindingAddress);
@@ -254,8 +277,7 @@ void MySip::handChallengeToPartner(int slot, std::string_view challenge, const s
   (void)own.format("<sip:%s>%s", partner.pcSipName.c_str(), partner.pcLocalTag.c_str());
   (void)peer.format("<sip:%s>%s", partner.pcRemoteSipName.c_str(), partner.pcRemoteTag.c_str());
   const bool weInvited = partner.bInviteSentByUs;
-  FixedText<2000> via;
-  (void)via.format("%s%s", partner.pcRemoteVia.c_str(), partner.pcViaParams.c_str());
+  const FixedText<2100> via = viaOfAnswer(partner.pcRemoteVia, partner.pcViaParams);
   sendUnauthorizedMsg(
       challenge, via.c_str(), weInvited ? own.c_str() : peer.c_str(), weInvited ? peer.c_str() : own.c_str(),
       partner.pcCallID.c_str(), partner.iRemoteInviteCSeq, method,

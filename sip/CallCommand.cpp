@@ -18,6 +18,18 @@ std::string_view withoutTrailingBlanks(std::string_view text) {
   return text;
 }
 
+// The quote that ends a quoted string; one after a backslash belongs to the text (RFC 3261, 25.1).
+std::size_t closingQuote(std::string_view text) {
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (text[at] == '\\') {
+      ++at;
+    } else if (text[at] == '"') {
+      return at;
+    }
+  }
+  return std::string_view::npos;
+}
+
 // The part of a From or To value that holds the display name: what follows a double quote, or everything
 // before '<', or before "sip:" where there is no '<'.
 struct sDisplayPart {
@@ -34,7 +46,7 @@ struct sDisplayPart {
   // The text up to the end of the display part. False: the closing quote is missing.
   bool bounded(std::string_view& out) const {
     if (bQuoted) {
-      const std::size_t quote = text.find('"');
+      const std::size_t quote = closingQuote(text);
       out = text.substr(0, quote);
       return quote != std::string_view::npos;
     }
@@ -123,7 +135,9 @@ int MySip::analyzeFromStringAndCommandInInviteMessage(int orig, std::string_view
 int MySip::takeExplicitCommand(int orig, std::string_view from, std::string_view& display, bool quoted,
                                bool& found) {
   const std::string_view separator = pcSeparator;
-  std::string_view bounded = display.substr(0, display.find(quoted ? '"' : '<'));
+  std::size_t end = display.find(quoted ? '"' : '<');
+  if (!quoted && end == std::string_view::npos) end = stristr(display, "sip:");
+  const std::string_view bounded = display.substr(0, end);
   const std::size_t first = separator.empty() ? std::string_view::npos : bounded.find(separator);
   found = first != std::string_view::npos;
   if (!found) return 0;
@@ -155,15 +169,16 @@ int MySip::takeExplicitCommand(int orig, std::string_view from, std::string_view
 }
 
 int MySip::takeCallerTag(sPhone& leg, std::string_view from) {
-  const std::size_t start = stristr(from, ";tag=");
-  if (start == std::string_view::npos) {
+  // Behind the name and the URI, where there are angle brackets: a name may contain anything.
+  const std::size_t bracket = from.rfind('>');
+  std::string_view tag;
+  if (!extractTag(from.substr(bracket == std::string_view::npos ? 0 : bracket), tag)) {
     logWithText(kFromFunction, "unable to find tag in", from);
     return 1;
   }
   // Stored with its prefix in our own spelling, whatever the caller's letters.
-  const std::string_view tag = from.substr(start + 5, from.find(';', start + 1) - start - 5);
   leg.pcRemoteTag.assignCut(";tag=");
-  if (leg.pcRemoteTag.append(withoutTrailingBlanks(tag))) return 0;
+  if (leg.pcRemoteTag.append(tag)) return 0;
   Log::error(kFromFunction, "tag is too long\n");
   return 1;
 }

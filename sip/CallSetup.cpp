@@ -17,12 +17,30 @@ void beginLeg(sPhone& leg, std::time_t now) {
   leg.bReInviteInProgress = leg.bReInviteFromThisLeg = false;
   leg.iPrevInviteCSeq = -1;
   leg.iByeCSeq = leg.iRemoteByeCSeq = leg.iReferCSeq = leg.iNotifyCSeq = -1;
+  leg.iRemoteInviteCSeq = -1;
   leg.pcMoveContacts.clear();
   leg.iSdpVersion = 1;
   leg.iNumRoutes = 0;
   leg.pcNonAudioMedia.clear();
   leg.iNonAudioRemotePort = -1;
   leg.pcMediaIP.assignCut(pcSipUAIP);
+  // Nothing of what the slot's previous peer said about media.
+  leg.iRemoteRtpPort = 0;
+  leg.pcRemoteRtpIP.assignCut("0.0.0.0");
+  leg.bAudioSectionSeen = leg.bHoldByNullAddress = leg.bOnHold = false;
+  leg.pcDirectionAttribute.clear();
+  leg.pcTelephoneEventPT.clear();
+  leg.pcTelephoneEventAttrs.clear();
+}
+
+// Does a Replaces value name the Call-ID, as a whole? A short one could also be part of another.
+bool namesCallID(std::string_view replaces, std::string_view callId) {
+  if (callId.empty()) return false;
+  const std::size_t at = replaces.find(callId);
+  if (at == std::string_view::npos) return false;
+  const std::size_t end = at + callId.size();
+  return (at == 0 || replaces[at - 1] == ' ') &&
+         (end == replaces.size() || replaces[end] == ';' || replaces[end] == ' ');
 }
 
 }  // namespace
@@ -90,7 +108,7 @@ void MySip::handleInviteMsg(int orig, std::string_view msg, const sockaddr_in& f
   }
   storeRoutingInformation(orig, false, msg);
   FixedText<500> preserved;
-  collectPreservedHeaders(msg, preserved);
+  collectPreservedHeaders(msg, preserved, kFunction);
 
   const int pair = leg.iPairIndex;
   beginPairLeg(pair, msg, headersForPair);
@@ -188,6 +206,10 @@ void MySip::beginDialog(int slot) {
   drawCallID(slot);
   leg.iCSeq = 1;
   leg.pcRemoteTag.clear();
+  // What was sent in an earlier call must not be sent again in this one; a REGISTER may still be challenged.
+  for (sLastMsgData& stored : leg.psLastMsgs) {
+    if (stored.pcCallID != leg.pcRegistrationCallID) stored.iCSeq = -1;
+  }
 }
 
 void MySip::choosePairDestination(int pair, const sockaddr_in& source) {
@@ -206,7 +228,7 @@ void MySip::choosePairDestination(int pair, const sockaddr_in& source) {
   }
 }
 
-void MySip::collectPreservedHeaders(std::string_view msg, FixedText<500>& out) {
+void MySip::collectPreservedHeaders(std::string_view msg, FixedText<500>& out, const char* function) {
   constexpr std::size_t kRoom = 499;       // longest text of all preserved lines
   constexpr std::size_t kValueRoom = 498;  // the same without the shortest header's own two characters
   out.clear();
@@ -216,12 +238,12 @@ void MySip::collectPreservedHeaders(std::string_view msg, FixedText<500>& out) {
     const std::size_t length = out.size();
     bool fits = length + name.size() + 2 <= kRoom;
     if (fits) {
-      const std::string_view value = extractToken(name, kValueRoom - length, msg);
-      fits = length + name.size() + 1 + value.size() + 2 <= kRoom;
+      const std::string_view value = extractToken(name, kMaxMessageLength, msg);
+      fits = value.size() < kValueRoom - length && length + name.size() + 1 + value.size() + 2 <= kRoom;
       if (fits) fits = out.append(name) && out.append(" ") && out.append(value) && out.append("\r\n");
     }
     if (!fits) {
-      Log::warning(kFunction, "Not enough space to accomodate the headers that shoule be preserved\n");
+      Log::warning(function, "Not enough space to accomodate the headers that shoule be preserved\n");
       return;
     }
   }
@@ -231,19 +253,18 @@ void MySip::collectPreservedHeaders(std::string_view msg, FixedText<500>& out) {
 
 void MySip::takeReplaces(std::string_view msg, FixedText<500>& forOrig, FixedText<500>& forPair) {
   if (!contains(msg, "Replaces:")) return;
+  const std::string_view value = extractToken("Replaces:", 500, msg);
+  if (value.empty()) return;
   FixedText<520> line;
   (void)line.assign("Replaces: ");
-  (void)line.append(extractToken("Replaces:", 500, msg));
+  (void)line.append(value);
   (void)line.append("\r\n");
   if (!forOrig.assign(line)) {
     Log::error("MySip::analyzeSipMessage", "Replaces header is too long %d\n", static_cast<int>(line.size()));
-    return;
   }
   for (int slot = 0; slot < iNumSlots; ++slot) {
     const sPhone& leg = phone(slot);
-    if (!leg.bInUse || leg.pcCallID.empty() ||
-        line.view().find(leg.pcCallID.view()) == std::string_view::npos)
-      continue;
+    if (!leg.bInUse || !namesCallID(value, leg.pcCallID)) continue;
     handleInviteMsgReplacingOldCall(slot, forPair);
     return;
   }

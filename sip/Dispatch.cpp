@@ -13,6 +13,7 @@ namespace {
 
 constexpr const char* kFunction = "MySip::analyzeSipMessage";
 constexpr std::size_t kMaxFirstLine = 199;
+constexpr int kNoCSeq = -1;  // what a leg keeps where it has no number: no message may match it
 constexpr std::string_view kReloadWord = "800-QUORVEL-RELOAD";
 
 }  // namespace
@@ -152,7 +153,7 @@ void MySip::analyzeSipMessage(std::string_view text, const sockaddr_in& from) {
     return;
   }
   msg.cseqText = extractToken("CSeq:", 50, text);
-  if (!readDecimal(msg.cseqText, msg.iCSeq)) {
+  if (!readDecimal(msg.cseqText, msg.iCSeq) || msg.iCSeq == kNoCSeq) {
     Log::error(kFunction, "unable to read CSeq from %.*s\n", static_cast<int>(msg.cseqText.size()),
                msg.cseqText.data());
     return;

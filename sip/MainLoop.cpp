@@ -44,8 +44,8 @@ void MySip::mainLoop() {
   }
 }
 
+// Under load a message is nearly always waiting: reading first spares a select per message.
 bool MySip::mainLoopPass(int waitMilliseconds) {
-  constexpr const char* kFunction = "MySip::mainLoop";
   if (bDuringShutdown) {
     if (bNeedToInitiateShutdown) {
       initiateShutdown();
@@ -53,24 +53,28 @@ bool MySip::mainLoopPass(int waitMilliseconds) {
     }
     if (hasPassed(sTimeStartShutDown, kShutdownSeconds)) return false;
   }
-
-  fd_set readable;
-  FD_ZERO(&readable);
-  FD_SET(iSocket.get(), &readable);
-  if (isSavingBindings()) waitMilliseconds = 0;
-  timeval timeout{waitMilliseconds / 1000, (waitMilliseconds % 1000) * 1000};
-  const int ready = select(iSocket.get() + 1, &readable, nullptr, nullptr, &timeout);
-  if (ready < 0 && errno != EINTR) {
-    Log::error(kFunction, "error in select %s\n", std::strerror(errno));
-    return true;
-  }
   if (!maintainTimers()) return false;
-  if (ready > 0) receiveMessage();
-  if (isSavingBindings()) (void)continueSavingBindings(kBindingBytesPerPass);
+  const bool wasIdle = !receiveMessage();
+  if (isSavingBindings()) {
+    (void)continueSavingBindings(kBindingBytesPerPass);
+  } else if (wasIdle) {
+    waitForMessage(waitMilliseconds);
+  }
   return true;
 }
 
-void MySip::receiveMessage() {
+void MySip::waitForMessage(int milliseconds) {
+  fd_set readable;
+  FD_ZERO(&readable);
+  FD_SET(iSocket.get(), &readable);
+  timeval timeout{milliseconds / 1000, (milliseconds % 1000) * 1000};
+  if (select(iSocket.get() + 1, &readable, nullptr, nullptr, &timeout) < 0 && errno != EINTR) {
+    Log::error("MySip::mainLoop", "error in select %s\n", std::strerror(errno));
+  }
+}
+
+// False when nothing was waiting.
+bool MySip::receiveMessage() {
   sockaddr_in from{};
   socklen_t size = sizeof from;
   ssize_t length;
@@ -78,13 +82,15 @@ void MySip::receiveMessage() {
     length = recvfrom(iSocket.get(), pcReceiveBuffer.data(), kMaxMessageLength, 0,
                       reinterpret_cast<sockaddr*>(&from), &size);
   } while (length < 0 && errno == EINTR);
-  if (length < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+  if (length < 0) {
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return false;
     Log::warning("MySip::mainLoop", "unable to read socket %s\n", std::strerror(errno));
+    return false;
   }
-  if (length <= 0) return;
-  // Messages are text: a NUL byte ends them.
-  analyzeSipMessage(
-      {pcReceiveBuffer.data(), strnlen(pcReceiveBuffer.data(), static_cast<std::size_t>(length))}, from);
+  // Messages are text: a NUL byte ends them. An empty datagram is none.
+  const auto bytes = static_cast<std::size_t>(length);
+  if (bytes > 0) analyzeSipMessage({pcReceiveBuffer.data(), strnlen(pcReceiveBuffer.data(), bytes)}, from);
+  return true;
 }
 
 bool MySip::maintainTimers() {

@@ -1,4 +1,6 @@
 // The messages we send on a leg.
+#include <algorithm>
+
 #include "app/config/Log.h"
 #include "sip/MessageTemplates.h"
 #include "sip/MySip.h"
@@ -25,6 +27,15 @@ FixedText<N> copyOf(std::string_view text) {
 
 }  // namespace
 
+FixedText<2100> MySip::viaOfAnswer(std::string_view via, std::string_view params) {
+  const std::size_t end = std::min(via.find("\r\n"), via.find(','));
+  FixedText<2100> text;
+  (void)text.assign(via.substr(0, end));
+  (void)text.append(params);
+  if (end != std::string_view::npos) (void)text.append(via.substr(end));
+  return text;
+}
+
 FixedText<300> MySip::requestLine(const char* method, std::string_view uri) {
   FixedText<300> line;
   (void)line.format("%s sip:%.*s SIP/2.0", method, static_cast<int>(uri.size()), uri.data());
@@ -36,7 +47,8 @@ void MySip::prepareSDPAndsendInvite(int slot, std::string_view extra1, std::stri
   ++leg.iSdpVersion;
   MessageText sdp;
   const std::string_view body = prepareSDP(slot, sdp);
-  const char* requestUri = iUseOriginalRURI != 0 ? leg.pcFarEndURI.c_str() : leg.pcRemoteSipName.c_str();
+  const bool useOriginal = iUseOriginalRURI != 0 && !leg.pcFarEndURI.empty();
+  const char* requestUri = useOriginal ? leg.pcFarEndURI.c_str() : leg.pcRemoteSipName.c_str();
   MessageText text;
   if (!text.format(kInviteTemplate, requestUri, leg.pcOneTimeRoutingMsg.c_str(), pcSipUAIP.c_str(),
                    iSipUAPort, ";rport", leg.pcBranch.c_str(), quoted(leg.pcDisplayName).c_str(),
@@ -63,11 +75,11 @@ void MySip::generalPrepareAndSendMsg(bool asRequest, sPhone& leg, const char* fi
                               leg.pcLocalTag.c_str(), peer.c_str(), leg.pcRemoteSipName.c_str(), remoteTag,
                               leg.pcUserName.c_str(), pcSipUAIP.c_str(), iSipUAPort, leg.pcCallID.c_str(),
                               cseq, kUserAgent, contentLength, tail)
-                : text.format(kResponseTemplate, firstLine, leg.pcOneTimeRoutingMsg.c_str(), via,
-                              leg.pcViaParams.c_str(), peer.c_str(), leg.pcRemoteSipName.c_str(), remoteTag,
-                              own.c_str(), leg.pcSipName.c_str(), leg.pcLocalTag.c_str(),
-                              leg.pcUserName.c_str(), pcSipUAIP.c_str(), iSipUAPort, leg.pcCallID.c_str(),
-                              cseq, kUserAgent, contentLength, tail);
+                : text.format(kResponseTemplate, firstLine, leg.pcOneTimeRoutingMsg.c_str(),
+                              viaOfAnswer(via, leg.pcViaParams).c_str(), peer.c_str(),
+                              leg.pcRemoteSipName.c_str(), remoteTag, own.c_str(), leg.pcSipName.c_str(),
+                              leg.pcLocalTag.c_str(), leg.pcUserName.c_str(), pcSipUAIP.c_str(), iSipUAPort,
+                              leg.pcCallID.c_str(), cseq, kUserAgent, contentLength, tail);
   if (!fits) {
     Log::error("MySip::generalPrepareAndSendMsg", "message is too long: %s\n", firstLine);
     return;
@@ -115,12 +127,13 @@ void MySip::sendSdpAnswer(int slot, const char* status) {
   MessageText sdp;
   const std::string_view body = prepareSDP(slot, sdp);
   MessageText text;
-  if (!text.format(kSdpAnswerTemplate, status, leg.pcOneTimeRoutingMsg.c_str(), leg.pcRemoteVia.c_str(),
-                   leg.pcViaParams.c_str(), quoted(leg.pcRemoteDisplayName).c_str(),
-                   leg.pcRemoteSipName.c_str(), leg.pcRemoteTag.c_str(), quoted(leg.pcDisplayName).c_str(),
-                   leg.pcSipName.c_str(), leg.pcLocalTag.c_str(), leg.pcUserName.c_str(), pcSipUAIP.c_str(),
-                   iSipUAPort, leg.pcCallID.c_str(), leg.iInviteCSeq, kUserAgent, kAllow,
-                   static_cast<int>(body.size()), sdp.c_str())) {
+  if (!text.format(kSdpAnswerTemplate, status, leg.pcOneTimeRoutingMsg.c_str(),
+                   viaOfAnswer(leg.pcRemoteVia, leg.pcViaParams).c_str(),
+                   quoted(leg.pcRemoteDisplayName).c_str(), leg.pcRemoteSipName.c_str(),
+                   leg.pcRemoteTag.c_str(), quoted(leg.pcDisplayName).c_str(), leg.pcSipName.c_str(),
+                   leg.pcLocalTag.c_str(), leg.pcUserName.c_str(), pcSipUAIP.c_str(), iSipUAPort,
+                   leg.pcCallID.c_str(), leg.iInviteCSeq, kUserAgent, kAllow, static_cast<int>(body.size()),
+                   sdp.c_str())) {
     Log::error("MySip::sendSdpAnswer", "message for phone %d is too long\n", slot);
     return;
   }

@@ -39,6 +39,11 @@ int MySip::contentLengthOf(std::string_view message) {
 void MySip::learnRemoteTag(sPhone& leg, std::string_view msg) {
   std::string_view tag;
   if (!extractTag(extractToken("To:", 200, msg), tag)) return;
-  leg.pcRemoteTag.assignCut(";tag=");
-  (void)leg.pcRemoteTag.append(tag.substr(0, FixedText<100>::maxLength() - leg.pcRemoteTag.size()));
+  FixedText<100> stored;
+  stored.assignCut(";tag=");
+  if (stored.append(tag)) {
+    leg.pcRemoteTag = stored;
+  } else {
+    Log::error("MySip::learnRemoteTag", "tag is too long\n");
+  }
 }

@@ -17,15 +17,15 @@ inline constexpr char kRequestTemplate[] =
     "%s\r\n%sVia: SIP/2.0/UDP %s:%d%s;branch=%s\r\nFrom: %s <sip:%s>%s\r\nTo: %s <sip:%s>%s\r\n"
     "Contact: <sip:%s@%s:%d>\r\nCall-ID: %s\r\nCSeq: %s\r\nUser-Agent: %s\r\nContent-Length: %d%s";
 
-// The same as an answer: Via value and its parameters, From is the peer, To is ourselves.
+// The same as an answer: Via value with our parameters, From is the peer, To is ourselves.
 inline constexpr char kResponseTemplate[] =
-    "%s\r\n%sVia: %s%s\r\nFrom: %s <sip:%s>%s\r\nTo: %s <sip:%s>%s\r\n"
+    "%s\r\n%sVia: %s\r\nFrom: %s <sip:%s>%s\r\nTo: %s <sip:%s>%s\r\n"
     "Contact: <sip:%s@%s:%d>\r\nCall-ID: %s\r\nCSeq: %s\r\nUser-Agent: %s\r\nContent-Length: %d%s";
 
-// Status line; routing lines; Via value and parameters; From; To; Contact; Call-ID; CSeq; User-Agent; Allow;
-// SDP length and SDP.
+// Status line; routing lines; Via value with our parameters; From; To; Contact; Call-ID; CSeq; User-Agent;
+// Allow; SDP length and SDP.
 inline constexpr char kSdpAnswerTemplate[] =
-    "SIP/2.0 %s\r\n%sVia: %s%s\r\nFrom: %s <sip:%s>%s\r\nTo: %s <sip:%s>%s\r\n"
+    "SIP/2.0 %s\r\n%sVia: %s\r\nFrom: %s <sip:%s>%s\r\nTo: %s <sip:%s>%s\r\n"
     "Contact: <sip:%s@%s:%d>\r\nCall-ID: %s\r\nCSeq: %d INVITE\r\nContent-Type: application/sdp\r\n"
     "User-Agent: %s\r\nAllow: %s\r\nContent-Length: %d\r\n\r\n%s";
 

@@ -225,7 +225,7 @@ class MySip {
   // Slot for a new INVITE, or -1.
   int chooseOrigSlot(std::string_view msg, const sockaddr_in& from);
   // The header lines of the message that the PSH expressions select.
-  void collectPreservedHeaders(std::string_view msg, FixedText<500>& out);
+  void collectPreservedHeaders(std::string_view msg, FixedText<500>& out, const char* function);
 
   // ---- 7 Route set ----
 
@@ -244,6 +244,9 @@ class MySip {
   // The same with the leg's own remote tag, Via and branch, and no body.
   void sendRequest(sPhone& leg, const char* firstLine, int cseq, const char* method, bool store);
   void sendResponse(sPhone& leg, const char* statusLine, int cseq, const char* method, bool store);
+  // A Via value (one line or several) as an answer carries it: our parameters behind the topmost entry, which
+  // is the one that was sent to us (RFC 3261 18.2.1).
+  static FixedText<2100> viaOfAnswer(std::string_view via, std::string_view params);
   // "ACK sip:%s SIP/2.0" and its like.
   static FixedText<300> requestLine(const char* method, std::string_view uri);
 
@@ -436,7 +439,8 @@ class MySip {
   int firstFreeOrigSlot() const;
 
   // MainLoop.cpp
-  void receiveMessage();
+  bool receiveMessage();
+  void waitForMessage(int milliseconds);
   bool maintainTimers();   // false: leave the main loop
   bool maintenanceTick();  // false: leave the main loop
   void checkReadiness();
@@ -493,6 +497,7 @@ class MySip {
                    std::string_view extraLines);
 
   // Progress.cpp
+  bool isAnswerToOurInvite(int slot, const char* function);
   void relayProvisional(int slot, std::string_view msg, const char* statusLine, const char* function);
   int takeAnswer(int slot, std::string_view msg, const char* function);
   void takeRouteOfAnswer(int slot, std::string_view msg);
@@ -501,6 +506,8 @@ class MySip {
   void beginBye(sPhone& leg);
 
   // Authentication.cpp
+  void acknowledgeRepeatedChallenge(sPhone& identity, std::string_view request, int cseq,
+                                    std::string_view challenge);
   sPhone* findSender(std::string_view callId, int cseq, int& record);
   void handChallengeToPartner(int slot, std::string_view challenge, const sockaddr_in& from,
                               const char* method);

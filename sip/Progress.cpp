@@ -4,12 +4,20 @@
 #include "common/Clock.h"
 #include "sip/MySip.h"
 
+// An answer on a leg where we received the INVITE answers nothing.
+bool MySip::isAnswerToOurInvite(int slot, const char* function) {
+  if (phone(slot).bInviteSentByUs) return true;
+  Log::warning(function, "phone %d got an answer but did not send the INVITE\n", slot);
+  return false;
+}
+
 void MySip::relayProvisional(int slot, std::string_view msg, const char* statusLine, const char* function) {
   sPhone& other = partnerOf(slot);
   if (!other.bInUse) {
     Log::error(function, "original phone %d is not during a call\n", phone(slot).iPairIndex);
     return;
   }
+  if (!isAnswerToOurInvite(slot, function)) return;
   learnExternalIP(slot, msg);
   learnRemoteTag(phone(slot), msg);
   sendResponse(other, statusLine, other.iInviteCSeq, "INVITE", false);
@@ -26,6 +34,7 @@ void MySip::handleRingingMsg(int slot, std::string_view msg) {
 // What 183 and 200 have in common before they are told to the caller. Non-zero, logged: the message goes no
 // further.
 int MySip::takeAnswer(int slot, std::string_view msg, const char* function) {
+  if (!isAnswerToOurInvite(slot, function)) return 1;
   sPhone& leg = phone(slot);
   const int otherSlot = leg.iPairIndex;
   phone(otherSlot).bReInviteInProgress = leg.bReInviteInProgress = false;
@@ -102,6 +111,7 @@ void MySip::handleOKForInviteMsg(int slot, std::string_view msg) {
 }
 
 void MySip::handleErrorForInviteMsg(int slot, std::string_view msg) {
+  if (!phone(slot).bInUse || !isAnswerToOurInvite(slot, "MySip::handleErrorForInviteMsg")) return;
   if (reviewMoveStorage(slot)) return;
   learnRemoteTag(phone(slot), msg);
   markTerminating(slot);
@@ -114,6 +124,7 @@ void MySip::handleACKMsg(int slot, std::string_view msg) {
   sPhone& leg = phone(slot);
   const int otherSlot = leg.iPairIndex;
   sPhone& other = phone(otherSlot);
+  if (!leg.bInUse) return;
   if (contentLengthOf(msg) > 0) {
     if (analyzeMediaInSDP(slot, msg) != 0) {
       Log::warning(kFunction, "error during SDP analysis\n");
@@ -128,5 +139,5 @@ void MySip::handleACKMsg(int slot, std::string_view msg) {
   } else {
     Log::warning(kFunction, "phone %d requested to send ACK but is not the originator\n", otherSlot);
   }
-  if (leg.bInUse && leg.bTerminating) releaseCall(slot);  // the ACK completes a failed or cancelled INVITE
+  if (leg.bTerminating) releaseCall(slot);  // the ACK completes a failed or cancelled INVITE
 }

@@ -38,7 +38,7 @@ void MySip::handleReInviteMsg(int slot, std::string_view msg, const sockaddr_in&
   beginReInvite(slot);
   if (takeReInvite(slot, cseq, msg) != 0) return;
   FixedText<500> preserved;
-  collectPreservedHeaders(msg, preserved);
+  collectPreservedHeaders(msg, preserved, "MySip::handleReInviteMsg");
   prepareToReInvite(partnerSlot, msg);
   prepareSDPAndsendInvite(partnerSlot, credentials, preserved);
   eraseOneTimeRoutingMsgAndDestinationIP(phone(partnerSlot));

@@ -45,6 +45,7 @@ ssize_t MySip::sendRegistration(sPhone& identity, int expires) {
       sent = sendSipMsg(&identity.psLastMsgs, &identity.iLastMsgIndex, identity.pcRegistrationCallID,
                         identity.iCSeq, text, sProxyAddress);
     }
+    if (text.empty()) Log::error(kFunction, "REGISTER of %s is too long\n", user);
     identity.bRegistered = false;
     return sent;
   } catch (...) {

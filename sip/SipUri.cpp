@@ -167,11 +167,12 @@ void MySip::extractFarEndURI(std::string_view message, FixedText<200>& out) {
 
 void MySip::removeRport(FixedText<1000>& via) {
   constexpr std::string_view kParameter = ";rport";
+  // Only the topmost entry is meant for us; a second line, or a second entry behind a comma, keeps its own.
   const std::string_view text = via.view();
-  const std::size_t start = stristr(text, kParameter);
+  const std::string_view topmost = text.substr(0, text.find_first_of(",\r"));
+  const std::size_t start = topmost.empty() ? kNotFound : stristr(topmost, kParameter);
   if (start == kNotFound) return;
-  // A second Via line of the same value has parameters of its own, so the line end counts too.
-  const std::size_t end = text.find_first_of(";\r", start + kParameter.size());
+  const std::size_t end = text.find_first_of(";,\r", start + kParameter.size());
   const std::string_view rest = end == kNotFound ? std::string_view() : text.substr(end);
   FixedText<1000> result;
   result.assignCut(text.substr(0, start));

@@ -277,7 +277,7 @@ bool MySip::checkOldCalls(std::string_view callId, std::string_view firstLine, i
     return true;
   }
   // An error response that repeats because its ACK was lost. Requests of an ended call get no answer.
-  if (status == 0 || !contains(cseqText, "INVITE")) return true;
+  if (status < 300 || !contains(cseqText, "INVITE")) return true;
   const FixedText<300> line = requestLine("ACK", copy.pcRemoteSipName);
   FixedText<30> ack;
   (void)ack.format("%d ACK", cseq);

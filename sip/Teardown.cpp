@@ -58,10 +58,11 @@ void MySip::handleBYEMsg(int slot, std::string_view msg) {
   sPhone& leg = phone(slot);
   const int otherSlot = leg.iPairIndex;
   sPhone& other = phone(otherSlot);
-  if (!leg.bInUse || (leg.bTerminating && leg.bByePending)) return;
-
-  leg.pcRemoteVia.assignCut(extractToken("Via:", 1000, msg));
+  if (!leg.bInUse) return;
+  leg.pcRemoteVia.assignCut(
+      extractToken("Via:", 1000, msg));  // also for a BYE that crosses ours: the ended call answers it
   removeRport(leg.pcRemoteVia);
+  if (leg.bTerminating && leg.bByePending) return;
   int cseq = 0;
   if (!readRequestCSeq(msg, cseq, "MySip::handleBYEMsg")) return;
   leg.iRemoteInviteCSeq = std::max(leg.iRemoteInviteCSeq, cseq);

@@ -82,6 +82,10 @@ ssize_t MySip::sendSipMsg(MessageRing* ring, int* ringIndex, std::string_view ca
     sent =
         sendto(iSocket.get(), text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
   } while (sent < 0 && errno == EINTR);
+  if (sent < 0) {
+    Log::warning(kFunction, "unable to send to %s:%d - %d - %s\n", ipOf(to).c_str(), ntohs(to.sin_port),
+                 errno, std::strerror(errno));
+  }
   if (sent < 0 || ring == nullptr) return sent;
 
   sLastMsgData& record = (*ring)[static_cast<std::size_t>(*ringIndex)];

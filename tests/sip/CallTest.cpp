@@ -79,6 +79,30 @@ TEST_F(CallTest, AnsweredCallEndsFromEitherSide) {
   }
 }
 
+TEST_F(CallTest, EveryViaComesBackAndOnlyTheTopmostIsMarked) {
+  start();
+  const std::string proxy =
+      "Via: SIP/2.0/UDP 127.0.0.1:" + std::to_string(caller.port()) + ";branch=z9hG4bKproxy\r\n";
+  const std::string phone = header(inviteText(), "Via");
+  fromCaller(replaced(inviteText(), "Via: ", proxy + "Via: "));
+  fromPbx(respond(atPbx(), "180 Ringing", "b"));
+  EXPECT_NE(atCaller().find("\r\nVia: SIP/2.0/UDP 127.0.0.1:" + std::to_string(caller.port()) +
+                            ";branch=z9hG4bKproxy;received=127.0.0.1;rport=" + std::to_string(caller.port()) +
+                            "\r\nVia: " + phone + "\r\nFrom: "),
+            std::string::npos);
+}
+
+TEST_F(CallTest, AckOfARefusedCallReachesNobody) {
+  ASSERT_TRUE(pcDOSExpressions[0].assign("1??@127.0.0.1"));
+  iNumberOfDOSExpressions = 1;
+  start();
+  fromCaller(inviteText());
+  EXPECT_EQ(firstLine(atCaller()), "SIP/2.0 503 Service Unavailable");
+  fromCaller(callerRequest("ACK", 1));
+  fromPbx(replaced(respond(inviteText(), "486 Busy Here", "x"), "CSeq: 1 INVITE", "CSeq: 0 INVITE"));
+  expectSilence();
+}
+
 TEST_F(CallTest, EarlyMediaIsAnsweredWithOurSdpAndStartsTheRelay) {
   start();
   ring();

@@ -39,6 +39,9 @@ TEST_F(SetUpTest, CommandChoosesDestinationAndProcessing) {
       {"<sip:301@127.0.0.1>;tag=t", "<sip:200@127.0.0.1>", "destination-rule@h", 2, "\"301@127.0.0.1\""},
       {"\"\" <sip:301@127.0.0.1>;tag=t;x=1", "<sip:300@127.0.0.1:5070;user=phone>", "300@127.0.0.1", 3,
        "\"301@127.0.0.1\""},
+      {"\"A \\\"B\\\" C\" <sip:301@127.0.0.1>; tag=t", "<sip:300@127.0.0.1>", "300@127.0.0.1", 3,
+       "\"A \\\"B\\\" C\""},
+      {"sip:3##1##@127.0.0.1;tag=t", "<sip:300@127.0.0.1>", "300@127.0.0.1", 3, "\"3##1##@127.0.0.1\""},
       {"sip:301@127.0.0.1;tag=t", "Bob <sip:300@127.0.0.1>", "300@127.0.0.1", 3, "\"301@127.0.0.1\""},
   };
   for (const Case& each : cases) {
@@ -133,7 +136,7 @@ TEST_F(SetUpTest, PreservedHeadersAreCarriedWhileTheyFit) {
     }
   };
   // 499 characters fit: "X-A: " (5) + value + CR LF (2).
-  for (const int valueLength : {491, 492, 493}) {
+  for (const int valueLength : {491, 492, 493, 600}) {
     SCOPED_TRACE(valueLength);
     preserve({"x-a:", "X-B:"});
     start();

@@ -196,6 +196,12 @@ TEST_F(SignallingTest, ChallengedInviteIsAcknowledgedAndSentAgainWithCredentials
   EXPECT_EQ(header(pairInvite, "To"), header(first, "To"));
   EXPECT_NE(header(pairInvite, "Proxy-Authorization"), "<none>");
   expectSilence();
+  // The challenge repeats because our ACK was lost: the ACK again, and no second call.
+  fromPbx(respond(first, "407 Proxy Authentication Required", "c",
+                  "Proxy-Authenticate: Digest realm=\"r\", nonce=\"n\"\r\n"));
+  const std::string again = atPbx();
+  EXPECT_EQ(header(again, "CSeq") + header(again, "Via"), "1 ACK" + header(first, "Via"));
+  expectSilence();
   fromPbx(respond(pairInvite, "180 Ringing", "bob1"));
   EXPECT_EQ(header(atCaller(), "CSeq"), "1 INVITE");
   fromCaller(callerRequest("CANCEL", 1));
