@@ -19,6 +19,7 @@ class MemoryFile {
       written += static_cast<std::size_t>(count);
     }
   }
+  int descriptor() const { return file.get(); }
   std::string path() const { return "/proc/self/fd/" + std::to_string(file.get()); }
 
  private:

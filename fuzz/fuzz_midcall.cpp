@@ -1,0 +1,243 @@
+// Messages to an engine that carries an answered call, a bound phone and its subscription. The input is a
+// settings byte and any number of messages that end with the byte 0xFF; each begins with a byte that says who
+// sends it and how many seconds pass before it. So that the fuzzer need not guess what the engine drew at
+// random, a control byte and a digit in a message stand for it:
+//
+//     01 n   Call-ID of slot n              02 n   CSeq number of slot n's INVITE transaction
+//     03 0   Call-ID of the phone's registration with the PBX     03 1   of its first subscription
+//     04 0   CSeq number of the former                            04 1   of the latter
+//     05 0   CSeq number of the NOTIFY relayed to the phone
+//
+// Nothing leaves the process: what the engine sends is looked at and counted as sent.
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <netdb.h>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <vector>
+
+#include "app/config/Settings.h"
+#include "common/Clock.h"
+#include "engine/Glob.h"
+#include "rtp/MyRtp.h"
+#include "sip/MySip.h"
+
+namespace {
+
+void require(bool holds) {
+  if (!holds) std::abort();
+}
+
+std::string lastSent;
+
+}  // namespace
+
+// ---- The system as the engine sees it ----
+
+extern "C" ssize_t sendto(int, const void* text, std::size_t length, int, const sockaddr*, socklen_t) {
+  lastSent.assign(static_cast<const char*>(text), length);
+  require(length > 20 && length < sizeof(MessageText));
+  require(lastSent.find('\0') == std::string::npos && lastSent.find("\r\n") != std::string::npos);
+  return static_cast<ssize_t>(length);
+}
+
+extern "C" int socket(int, int, int) noexcept {  // media ports cannot be opened
+  errno = EMFILE;
+  return -1;
+}
+
+extern "C" hostent* gethostbyname(const char*) {
+  return nullptr;
+}
+
+namespace {
+
+constexpr int kSlots = 4;
+constexpr std::time_t kStart = 1'700'000'000;
+
+sockaddr_in source(int port) {
+  return MySip::addressOf("127.0.0.1", port);
+}
+const int kCaller = 5061, kPbx = 5060, kPhone = 5062;
+
+std::string message(const std::string& line, const std::string& headers, const std::string& body = "") {
+  return line + "\r\nVia: SIP/2.0/UDP 127.0.0.1;branch=z9hG4bK1\r\n" + headers +
+         "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+const std::string kSdp =
+    "v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=-\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\nm=audio 4000 RTP/AVP "
+    "0\r\na=ptime:20\r\n";
+
+void setSettings() {
+  Glob::pcKestrovaBin.assignCut("/nonexistent/");
+  pcSipProxyIP.assignCut("127.0.0.1");
+  pcSipUAIP.assignCut("127.0.0.1");
+  pcSipUAIPForBinding.assignCut("127.0.0.1");
+  pcSipProxyDomain.assignCut("pbx.example");
+  pcSeparator.assignCut("##");
+  pcDefaultCmd.assignCut("*##0");
+  pcDefaultDestination.assignCut("*");
+  pcOrigPhonesNamePrefix.assignCut("o");
+  pcPairPhonesNamePrefix.assignCut("p");
+  pcPSHExpressions[0].assignCut("X-A:");
+  iNumberOfPSHExpressions = 1;
+  iSipProxyPort = kPbx;
+  iSipUAPort = 5070;
+  iRtpUAPortInitVal = 20000;
+  iNumPhonesToAllocate = kSlots;
+  iNumCallsToFilter = 2;
+}
+
+// Initialising takes a while; between inputs the engine is only put back into its first state.
+class Engine {
+ public:
+  Engine() {
+    setSettings();
+    require(myRtp.init() == 0 && sip.init() == 0);
+    sip.sProxyAddress = source(kPbx);
+    sip.initRegistration();
+    sip.bAllPhonesActive = true;
+    for (int slot = 0; slot < kSlots; ++slot) fresh.push_back(sip.phone(slot));
+  }
+
+  void begin(std::uint8_t settings) {
+    Clock::freezeAt(kStart);
+    for (int slot = 0; slot < kSlots; ++slot) {
+      sip.freeSlot(slot);
+      sip.phone(slot) = fresh[static_cast<std::size_t>(slot)];
+      sip.setCallID(slot, "");
+    }
+    for (int slot = 0; slot < kSlots; ++slot) sip.moveCallToOldCalls(slot);
+    for (int binding = 0; binding < sip.iNumBindings; ++binding) {
+      sip.bindingAt(binding).tConfirmedExpiry = sip.bindingAt(binding).tRequestedExpiry = 0;
+      sip.bindingChanged(binding);
+    }
+    sip.cleanupExpiredBindingsAndSubscriptions();
+    require(sip.iNumBindings == 0 && sip.numActiveCalls() == 0);
+    iSipProxyArchitecture = 1;
+    iCopyCodecListFromInitialInvite = settings >> 1 & 1;
+    iUseContactHeaderForFarEndAddressDuringRegistation = settings >> 2 & 1;
+    iUseOriginalRURI = settings >> 3 & 1;
+    std::srand(1);
+    bindPhone();
+    if ((settings >> 4 & 1) == 0) setUpCall((settings >> 5 & 1) == 0);
+    iSipProxyArchitecture = settings & 1;
+  }
+
+  void handle(std::uint8_t who, std::string_view text) {
+    Clock::advanceSeconds(who >> 3 & 7);
+    sip.cleanupExpiredBindingsAndSubscriptions();
+    sip.analyzeSipMessage(text, source(who % 3 == 0 ? kCaller : who % 3 == 1 ? kPbx : kPhone));
+    check();
+  }
+
+  std::string_view valueOf(char kind, int which, std::string& number) {
+    const sPhone& leg = sip.phone(which % kSlots);
+    number = std::to_string(leg.iInviteCSeq);
+    if (kind == 1) return leg.pcCallID;
+    if (kind == 2 || sip.iNumBindings == 0) return number;
+    const sBinding& phone = sip.bindingAt(0);
+    const sSubscription& entry = phone.subscription(0);
+    if (kind == 3) return which == 0 ? phone.pcRelayCallID.view() : entry.pcRelayCallID.view();
+    number = std::to_string(kind == 5    ? entry.iNotifyRelayCSeq
+                            : which == 0 ? phone.iRelayCSeq
+                                         : entry.iRelayCSeq);
+    return number;
+  }
+
+ private:
+  void bindPhone() {
+    const std::string who =
+        "From: <sip:201@h>;tag=a\r\nTo: <sip:201@h>\r\nContact: <sip:201@127.0.0.1:5062>\r\nExpires: 60\r\n";
+    sip.analyzeSipMessage(message("REGISTER sip:h SIP/2.0", who + "Call-ID: r@p\r\nCSeq: 1 REGISTER\r\n"),
+                          source(kPhone));
+    sip.analyzeSipMessage(
+        message("SUBSCRIBE sip:h SIP/2.0", who + "Event: x\r\nCall-ID: s@p\r\nCSeq: 1 SUBSCRIBE\r\n"),
+        source(kPhone));
+    require(sip.iNumBindings == 1 && sip.bindingAt(0).iNumSubscriptions == 1);
+  }
+  void setUpCall(bool answered) {
+    const std::string dialog =
+        "From: <sip:100@h>;tag=a\r\nTo: <sip:200@h>\r\nContact: <sip:100@127.0.0.1:5061>\r\nCall-ID: c@p\r\n";
+    sip.analyzeSipMessage(message("INVITE sip:200@h SIP/2.0", dialog + "CSeq: 1 INVITE\r\n", kSdp),
+                          source(kCaller));
+    require(sip.numActiveCalls() == 1);
+    if (!answered) return;
+    const std::string callId(sip.phone(kSlots / 2).pcCallID.view());
+    sip.analyzeSipMessage(
+        message(
+            "SIP/2.0 200 OK",
+            "From: <sip:p0@h>;tag=x\r\nTo: <sip:200@h>;tag=b\r\nContact: <sip:200@127.0.0.1>\r\nCall-ID: " +
+                callId + "\r\nCSeq: 1 INVITE\r\n",
+            kSdp),
+        source(kPbx));
+    sip.analyzeSipMessage(message("ACK sip:200@h SIP/2.0", dialog + "CSeq: 1 ACK\r\n"), source(kCaller));
+    require(sip.phone(0).bAnswered && lastSent.starts_with("ACK sip:200@127.0.0.1"));
+  }
+
+  void check() {
+    int active = 0;
+    for (int slot = 0; slot < kSlots; ++slot) {
+      const sPhone& leg = sip.phone(slot);
+      require(leg.iPairIndex == (slot + kSlots / 2) % kSlots && leg.iLastMsgIndex >= 0 &&
+              leg.iLastMsgIndex < kStoredMessages);
+      require(leg.iNumCodecs >= 0 && leg.iNumCodecs <= kMaxCodecsPerLeg && leg.iNumRoutes >= 0 &&
+              leg.iNumRoutes <= kMaxRoutes);
+      require(leg.bInUse == sip.partnerOf(slot).bInUse);
+      require(!leg.bInUse || leg.pcCallID.empty() || sip.findSlot(leg.pcCallID) >= 0);
+      active += sip.isOrigSlot(slot) && leg.bInUse && !leg.bTerminating;
+    }
+    require(active == sip.numActiveCalls());
+    for (int binding = 0; binding < sip.iNumBindings; ++binding) {
+      const sBinding& phone = sip.bindingAt(binding);
+      require(sip.getBindingIndex(phone.pcBindingName) >= 0 &&
+              sip.doesAddressAppearInBindingTable(phone.sBindingAddress));
+      require(phone.iNumSubscriptions >= 0 && phone.iNumSubscriptions <= kMaxSubscriptions);
+      for (int entry = 0; entry < phone.iNumSubscriptions; ++entry)
+        require(
+            sip.findSubscriptionByRelayCallID(phone.subscription(entry).relayCallID(), nullptr).iBinding >=
+            0);
+    }
+  }
+
+  MySip sip;
+  std::vector<sPhone> fresh;
+};
+
+std::string expanded(Engine& engine, std::string_view text) {
+  std::string result;
+  std::string number;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool isPlaceholder = text[i] >= 1 && text[i] <= 5 && i + 1 < text.size();
+    if (isPlaceholder) {
+      result += engine.valueOf(text[i], text[i + 1] & 7, number);
+      ++i;
+    } else {
+      result += text[i];
+    }
+  }
+  return result.substr(0, kMaxMessageLength);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static Engine engine;
+  if (size == 0) return 0;
+  engine.begin(data[0]);
+  std::string_view rest(reinterpret_cast<const char*>(data) + 1, size - 1);
+  for (int messages = 0; !rest.empty() && messages < 20; ++messages) {
+    const std::string_view next = rest.substr(0, rest.find('\xFF'));
+    rest.remove_prefix(std::min(rest.size(), next.size() + 1));
+    if (next.empty()) continue;
+    const std::string text = expanded(engine, next.substr(1));
+    engine.handle(static_cast<std::uint8_t>(next[0]), text.substr(0, text.find('\0')));
+  }
+  return 0;
+}
