@@ -1,5 +1,6 @@
 #include "engine/InputData.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include "engine/MyChannel.h"
@@ -17,6 +18,9 @@ void InputData::openSynchronized() {
   iFullRateIndex = 0;
   iSamplesToAnalysis = iRateFactor;
   iLaps = 0;
+  bDcLocked = false;
+  iDcOffset = 0;
+  iDcLockPosition = -1;
 }
 
 void InputData::updateRealFrequency() {
@@ -32,8 +36,34 @@ std::int16_t InputData::at(int iSampleTime) const {
   return psAnalysisRing[static_cast<std::size_t>(iSampleTime % kAnalysisRingSamples)];
 }
 
+std::int16_t* InputData::cycleSamples(int iStartTime) {
+  return psAnalysisRing.data() + iStartTime % kAnalysisRingSamples;
+}
+
+std::int16_t InputData::atFullRate(std::int64_t lIndex) const {
+  return psFullRateRing[static_cast<std::size_t>(lIndex % (kAnalysisRingSamples * iRateFactor))];
+}
+
+// A line with a constant on it would look loud for ever. The constant is believed only when the signal is
+// loud enough to judge and the constant is a large part of it.
+void InputData::updateDcOffset() {
+  constexpr int kMinOffset = 500;
+  constexpr int kMinRange = 3000;
+  constexpr int kMaxRangeToOffset = 16;
+  const LevelTrackers& trackers = pMyChannel->pCycleInformation->trackers();
+  const int iEstimate = trackers.dcEstimate();
+  if (!bDcLocked) {
+    const int iRange = trackers.immediate(0).spread();
+    const int iMagnitude = std::abs(iEstimate);
+    if (iMagnitude <= kMinOffset || iRange <= kMinRange || iRange >= kMaxRangeToOffset * iMagnitude) return;
+    bDcLocked = true;
+    iDcLockPosition = getNumValues();
+  }
+  iDcOffset = iEstimate;
+}
+
 void InputData::append(int iSample) {
-  const std::int16_t sSample = clampSample(iSample);
+  const std::int16_t sSample = clampSample(iSample - iDcOffset);
   psFullRateRing[static_cast<std::size_t>(iFullRateIndex++)] = sSample;
   if (--iSamplesToAnalysis > 0) return;
   iSamplesToAnalysis = iRateFactor;
@@ -45,6 +75,7 @@ void InputData::append(int iSample) {
 }
 
 void InputData::addData(const void* pSamples, int iBytes, bool bIs16Bit) {
+  updateDcOffset();
   const auto* puBytes = static_cast<const std::uint8_t*>(pSamples);
   if (!bIs16Bit) {
     for (int i = 0; i < iBytes; ++i) append((puBytes[i] << 8) - 32768);

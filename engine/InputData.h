@@ -27,8 +27,9 @@ class InputData {
   // Follows a change of the channel's rate: the stage starts empty, since the old samples have another rate.
   void updateRealFrequency();
 
-  // Appends iBytes bytes of samples in the given format: 16-bit linear in the machine's byte order, or 8-bit
-  // with 128 as zero. Samples are kept within +-32512.
+  // Takes the constant off that the cycle analysis has found, and appends iBytes bytes of samples in the
+  // given format: 16-bit linear in the machine's byte order, or 8-bit with 128 as zero. Samples are kept
+  // within +-32512.
   void addData(const void* pSamples, int iBytes, bool bIs16Bit);
 
   // Samples received since the stream began, at the analysis rate.
@@ -37,11 +38,19 @@ class InputData {
   [[nodiscard]] bool indexExists(int iSampleTime) const;
   // The analysis sample with this time, which must exist.
   [[nodiscard]] std::int16_t at(int iSampleTime) const;
+  // The 32 analysis samples of the cycle that starts at this time, a multiple of 32.
+  [[nodiscard]] std::int16_t* cycleSamples(int iStartTime);
+  // The full-rate sample with this index, counted from the start of the stream at the channel's rate.
+  [[nodiscard]] std::int16_t atFullRate(std::int64_t lIndex) const;
+
+  // The constant that is taken off every sample, once a constant has been seen.
+  [[nodiscard]] int dcOffset() const { return iDcOffset; }
 
   [[nodiscard]] int rateFactor() const { return iRateFactor; }
 
  private:
   void append(int iSample);
+  void updateDcOffset();
 
   MyChannel* pMyChannel = nullptr;
   ZeroedArray<std::int16_t> psAnalysisRing;
@@ -51,4 +60,7 @@ class InputData {
   int iFullRateIndex = 0;      // next position in the full-rate ring
   int iSamplesToAnalysis = 1;  // input samples until the next one that enters the analysis ring
   int iLaps = 0;
+  bool bDcLocked = false;
+  int iDcOffset = 0;
+  int iDcLockPosition = -1;  // samples received when the offset was locked, -1 until then
 };

@@ -21,6 +21,13 @@
  * multiples of it; a frame is then longer by that factor: 32 x sFrameUnits x (rate / 8000) samples. A shorter
  * or longer piece of up to 4096 bytes is processed too.
  *
+ * Noise channels: speech is recognised by its repeating at a stable pitch, with the consonants around it, and
+ * written with the background taken off its spectrum; everything else is lowered to the comfort-noise level.
+ * The output is late by sMaxNumCyclesInDelayBuffer x 4 ms: the first frames give no output, from then on each
+ * gives as many bytes as it takes, never more. The result does not depend on how the stream is cut into
+ * frames nor on what other channels do. A DTMF digit and the five seconds after it pass untouched but for the
+ * gain.
+ *
  * Echo channels: feed what the loudspeaker plays with KestrovaAECProcessSpkFrame and what the microphone
  * hears with KestrovaAECProcessMicFrame, the loudspeaker frame of a period before its microphone frame. The
  * two streams are counted; when one runs ahead of the other by more than the other's lag setting, silence is
@@ -103,12 +110,12 @@ typedef struct sKestrovaPackage {
 typedef struct sKestrovaFrameResult {
   int32_t iOutBytes;       /* bytes written to the output */
   int32_t iSpeech;         /* 1: speech was written */
-  int32_t iConfidentVoice; /* 1: speech that is certain */
+  int32_t iConfidentVoice; /* 1: speech of a talk spurt whose voice is certain */
   int32_t iDtmf;           /* 1: a DTMF digit was written; fetch the text with KestrovaGetLastDTMFBuffer */
-  int32_t iNoiseLevel;     /* amplitude of the last noise stretch */
-  int32_t iSpeakerMatch;   /* level of the learned speaker */
-  int32_t iGainPercent;    /* gain of the automatic gain control */
-  int32_t iEchoLevel;      /* echo paths only */
+  int32_t iNoiseLevel;   /* the background: largest - smallest sample of its last stretch; 0 until measured */
+  int32_t iSpeakerMatch; /* the speaker's level, largest - smallest sample; 0 before any speech */
+  int32_t iGainPercent;  /* gain of the automatic gain control */
+  int32_t iEchoLevel;    /* echo paths only */
 } sKestrovaFrameResult;
 
 /* Snapshot of an echo canceller, for support. */

@@ -31,11 +31,26 @@ int processZeros(MyChannel& entry, std::uint16_t uChannel, int iInBytes) {
                                        &iOutBytes);
 }
 
+void reportFrame(const MyChannel& channel, sKestrovaFrameResult& result) {
+  const OutputData& output = *channel.pOutputData;
+  const OutputData::State state = output.state();
+  result.iSpeech = state == OutputData::kSpeech || state == OutputData::kConfidentSpeech;
+  result.iConfidentVoice = state == OutputData::kConfidentSpeech;
+  result.iDtmf = state == OutputData::kDtmf;
+  result.iNoiseLevel = output.noise().iNoiseLevel;
+  result.iGainPercent = output.agcCoef() * 100 / kUnityQ7;
+  result.iSpeakerMatch = channel.bBypassVAD ? channel.pCycleInformation->trackers().blockRange(2).spread()
+                                            : channel.pFirstScan->speakerLevel();
+}
+
 int processNoise(std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut,
                  sKestrovaFrameResult* pResult) {
   MyChannel& channel = api::noiseChannel(uChannel);
   if (!isFrame(channel, pIn, iInBytes)) return kBadChannelOrProcessing;
-  return channel.pMyClean->cleanOneFrame(pIn, iInBytes, channel.b16Bit, pOut, &pResult->iOutBytes);
+  const int iError =
+      channel.pMyClean->cleanOneFrame(pIn, iInBytes, channel.b16Bit, pOut, &pResult->iOutBytes);
+  reportFrame(channel, *pResult);
+  return iError;
 }
 
 int processMic(std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut,
@@ -108,9 +123,14 @@ int KestrovaComboNRAECProcessFrame(uint16_t channel, const void* in, int32_t inB
                  [&] { return processBoth(processNoise, processMic, channel, in, inBytes, out, result); });
 }
 
-// A channel without a detector has no text, not an empty one.
-int KestrovaGetLastDTMFBuffer(uint16_t /*channel*/, char* /*text*/, int32_t /*capacity*/) {
-  return kBadChannelOrProcessing;
+int KestrovaGetLastDTMFBuffer(uint16_t channel, char* text, int32_t capacity) {
+  if (!isChannel(channel) || text == nullptr) return kBadChannelOrProcessing;
+  const MyChannel& noise = api::noiseChannel(channel);
+  if (!noise.pMyDtmf) return kBadChannelOrProcessing;
+  const FixedText<100>& digits = noise.pCycleInformation->digits();
+  if (static_cast<std::int64_t>(digits.size()) >= capacity) return kBadChannelOrProcessing;
+  std::memcpy(text, digits.c_str(), digits.size() + 1);
+  return kSuccess;
 }
 
 int KestrovaGetAECInternalStatus(uint16_t channel, uint8_t* status) {

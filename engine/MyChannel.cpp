@@ -12,8 +12,11 @@ std::array<MyChannel, kAecEntries> KestrovapMyAECChannels;
 
 namespace {
 
-// Verb drift limit by detection level 0..4: a stricter detection admits fewer learned templates.
-constexpr std::array<float, 5> pfVerbDriftLimitOfLevel{7.0F, 6.0F, 6.0F, 4.0F, 4.0F};
+// How soon the noise estimate follows a bin that has become quieter, in frames.
+constexpr int noiseTimeConstant(int iCleanLevel) {
+  if (iCleanLevel <= 10) return 5;
+  return iCleanLevel == 11 ? 10 : 50;
+}
 
 constexpr int kCoefficientUnit = 1024;  // echo coefficients are held in 1/1024
 
@@ -44,8 +47,13 @@ int MyChannel::init() {
   } catch (const std::bad_alloc&) {
     return 1;
   }
-  pInputData->init(this);
   pMyClean->init(this);
+  pMyFilters->init(this);
+  pInputData->init(this);
+  pMySubState->init(this);
+  pCycleInformation->init(this);
+  pFirstScan->init(this);
+  pOutputData->init(this);
   updateRealFrequency();
   iEchoGain = kUnityQ7;
   iLastEchoPosition = kNoEchoPosition;
@@ -55,12 +63,27 @@ int MyChannel::init() {
 void MyChannel::createComponents() {
   psSpeakerData = std::make_unique<sSpeakerData>();
   pInputData = std::make_unique<InputData>();
+  pMyDtmf = std::make_unique<MyDtmf>();
+  pMyMath = std::make_unique<MyMath>();
+  pFirstScan = std::make_unique<FirstScan>();
   pMyClean = std::make_unique<MyClean>();
+  pMySubState = std::make_unique<MySubState>();
+  pInputData = std::make_unique<InputData>();
+  pOutputData = std::make_unique<OutputData>();
+  pCycleInformation = std::make_unique<CycleInformation>();
+  pMyFilters = std::make_unique<MyFilters>();
 }
 
 void MyChannel::terminate() {
-  pMyClean.reset();
+  pMyFilters.reset();
+  pCycleInformation.reset();
+  pOutputData.reset();
   pInputData.reset();
+  pMySubState.reset();
+  pMyClean.reset();
+  pFirstScan.reset();
+  pMyMath.reset();
+  pMyDtmf.reset();
   psSpeakerData.reset();
   bRegistrationRunning = false;
   bRegistrationCompleted = false;
@@ -105,6 +128,8 @@ void MyChannel::storeNoiseShaping(const sKestrovaInit& init) {
 // stream.
 void MyChannel::openStages() {
   pInputData->openSynchronized();
+  pOutputData->openSynchronized();
+  pMyClean->beforeCleaning();
   constexpr std::array<std::int16_t, kMaxInitialDelaySamples> psSilence{};
   for (int i = 0; i < rateFactor(); ++i) pInputData->addData(psSilence.data(), iInitialDelay * 2, true);
 }
@@ -112,7 +137,12 @@ void MyChannel::openStages() {
 void MyChannel::storeDetection(const sKestrovaInit& init) {
   sDetectAggressiveLevel = std::clamp<int>(init.sDetectAggressiveLevel, 0, 4);
   sCleanAggressiveLevel = std::clamp<int>(init.sCleanAggressiveLevel, 5, 12);
-  fVerbDriftLimit = pfVerbDriftLimitOfLevel[static_cast<std::size_t>(sDetectAggressiveLevel)];
+  const sDetection& detection = FirstScan::detectionOfLevel(sDetectAggressiveLevel);
+  fVerbDriftLimit = detection.fVerbDriftLimit;
+  pFirstScan->setDetection(detection);
+  // Levels 5 to 10 take off half to all of the noise.
+  pOutputData->setCleanStrength(std::min(sCleanAggressiveLevel, 10) * kUnityQ7 / 10);
+  pMyFilters->setNoiseTimeConstant(noiseTimeConstant(sCleanAggressiveLevel));
 }
 
 void MyChannel::storeLevelControl(const sKestrovaInit& init) {
@@ -154,4 +184,5 @@ void MyChannel::updateRealFrequency() {
 
 void MyChannel::setMaxNumCyclesInDelayBuffer(int iCycles) {
   iMaxNumCyclesInDelayBuffer = std::clamp(iCycles, kMinDelayCycles, kMaxDelayCycles);
+  if (pOutputData) pOutputData->setBlocks(iMaxNumCyclesInDelayBuffer);
 }

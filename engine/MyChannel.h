@@ -11,10 +11,17 @@
 #include <memory>
 
 #include "common/FixedText.h"
+#include "engine/analysis/CycleInformation.h"
+#include "engine/analysis/FirstScan.h"
+#include "engine/analysis/MyMath.h"
+#include "engine/analysis/MySubState.h"
 #include "engine/EngineUnits.h"
 #include "engine/InputData.h"
 #include "engine/Kestrova.h"
 #include "engine/MyClean.h"
+#include "engine/MyDtmf.h"
+#include "engine/MyFilters.h"
+#include "engine/OutputData.h"
 
 // The learned voice of a channel's talker. Pitch is in samples per period at 8 kHz; a voiced stretch may be
 // the talker's when its period lies within centre +- 2 x spread. The pair (53, 53) accepts every voice.
@@ -63,13 +70,22 @@ class MyChannel {
   // Cycles that pass between a sample's analysis and its output, clamped to 2..50.
   void setMaxNumCyclesInDelayBuffer(int iCycles);
 
+  // Whether this is the entry of an echo channel whose output is cleaned.
+  [[nodiscard]] bool isEchoMicrophone() const { return bIsAecChannel && pSpkChannel != nullptr; }
   [[nodiscard]] int rateFactor() const { return iRealFrequency / kAnalysisRate; }
   [[nodiscard]] int bytesPerSample() const { return b16Bit ? 2 : 1; }
 
   // ---- What the channel owns
   std::unique_ptr<sSpeakerData> psSpeakerData;
+  std::unique_ptr<MyDtmf> pMyDtmf;
+  std::unique_ptr<MyMath> pMyMath;
+  std::unique_ptr<FirstScan> pFirstScan;
   std::unique_ptr<MyClean> pMyClean;
+  std::unique_ptr<MySubState> pMySubState;
   std::unique_ptr<InputData> pInputData;
+  std::unique_ptr<OutputData> pOutputData;
+  std::unique_ptr<CycleInformation> pCycleInformation;
+  std::unique_ptr<MyFilters> pMyFilters;
 
   // ---- Format
   std::uint8_t bCheckDTMF = 0;

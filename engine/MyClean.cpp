@@ -5,9 +5,75 @@
 
 #include "engine/MyChannel.h"
 
+namespace {
+
+// Keys are often pressed in a row; what lies between them is left alone.
+constexpr int kAfterToneSamples = 40000;  // 5 s
+
+// Sample times are 32-bit. A stream of 37 hours starts over, long before they run out.
+constexpr int kLongestStream = 1 << 30;
+
+constexpr int kKeptSegments = 2;
+
+}  // namespace
+
+void MyClean::beforeCleaning() {
+  iLastTonePosition = kNoTone;
+  iLastOutput = -1;
+  pMyChannel->pMyDtmf->clean();
+  pMyChannel->pMySubState->clean();
+  pMyChannel->pCycleInformation->clean();
+  pMyChannel->pFirstScan->clean();
+}
+
+void MyClean::restartWornStream() {
+  if (pMyChannel->pInputData->getNumValues() < kLongestStream) return;
+  pMyChannel->pInputData->openSynchronized();
+  pMyChannel->pOutputData->openSynchronized();
+  beforeCleaning();
+}
+
 int MyClean::cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* pOut, int* piOutBytes) {
+  *piOutBytes = 0;
+  if (pMyChannel->bIsAecChannel) {
+    pMyChannel->pInputData->addData(pIn, iInBytes, bIs16Bit);
+    std::memmove(pOut, pIn, static_cast<std::size_t>(iInBytes));
+    *piOutBytes = iInBytes;
+    return 0;
+  }
+  restartWornStream();
   pMyChannel->pInputData->addData(pIn, iInBytes, bIs16Bit);
-  std::memmove(pOut, pIn, static_cast<std::size_t>(iInBytes));
-  *piOutBytes = iInBytes;
+  bool bMore = true;
+  // Cycle by cycle, so that the result does not depend on how the stream is cut into frames.
+  for (pMyChannel->pFirstScan->handleNextFrame(&bMore); bMore;
+       pMyChannel->pFirstScan->handleNextFrame(&bMore)) {
+    if (!pMyChannel->pFirstScan->isActive()) continue;
+    if (const int iError = outputResults(); iError != 0) return iError;
+  }
+  *piOutBytes = pMyChannel->pOutputData->take(pOut, iInBytes / (bIs16Bit ? 2 : 1), pMyChannel->b16Bit);
   return 0;
+}
+
+int MyClean::outputResults() {
+  const CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  const int iReleasedEnd = cycles.at(pMyChannel->pFirstScan->released()).EndIndex;
+  while (iLastOutput < iReleasedEnd) {
+    const cHandle cycle = cycles.cycleOf(iLastOutput + 1);
+    if (const int iError = writeCycle(cycle); iError != 0) return iError;
+    iLastOutput = cycles.at(cycle).EndIndex;
+  }
+  FirstScan& scan = *pMyChannel->pFirstScan;
+  while (scan.closedSegments() > kKeptSegments && !pMyChannel->bRegistrationRunning) scan.shiftOneSegment();
+  return 0;
+}
+
+int MyClean::writeCycle(cHandle cycle) {
+  const sCycleInformation& info = pMyChannel->pCycleInformation->at(cycle);
+  OutputData& output = *pMyChannel->pOutputData;
+  if (info.bTone) iLastTonePosition = info.EndIndex;
+  if (info.EndIndex - iLastTonePosition < kAfterToneSamples) return output.writeDTMF(cycle);
+  if (!info.bInVerb) return output.writeSilence(cycle);
+  const sSegment* pSegment = pMyChannel->pFirstScan->findSegment(info.StartIndex);
+  const bool bOtherTalker = pSegment != nullptr && pSegment->type == kOtherVerb;
+  return bOtherTalker ? output.writeSilence(cycle) : output.writeData(cycle);
 }

@@ -1,5 +1,8 @@
-// The frame driver of a channel: takes one frame through the stages and gives back what they have released.
+// The frame driver of a channel: takes one frame through input, analysis and output, and gives back what the
+// output stage has released.
 #pragma once
+
+#include "engine/analysis/Cycle.h"
 
 class MyChannel;
 
@@ -7,10 +10,24 @@ class MyClean {
  public:
   void init(MyChannel* pChannel) { pMyChannel = pChannel; }
 
+  // Makes the channel's analysis ready for a new stream.
+  void beforeCleaning();
+
   // One frame of iInBytes bytes (at most kMaxFrameBytes) in the given format; pOut may be pIn. *piOutBytes is
-  // what was written to pOut. 0, or 1 when a stage failed.
+  // what was written to pOut, in the channel's format: nothing until the first cycle has passed the delay,
+  // then as much as came in. 0, or 1 when a stage failed.
   [[nodiscard]] int cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* pOut, int* piOutBytes);
 
+  // Writes every cycle that the analysis has released. 0, or the first failure of the output stage.
+  [[nodiscard]] int outputResults();
+
  private:
+  [[nodiscard]] int writeCycle(cHandle cycle);
+  void restartWornStream();
+
+  static constexpr int kNoTone = -99999;
+
   MyChannel* pMyChannel = nullptr;
+  int iLastTonePosition = kNoTone;  // end of the last cycle that held a DTMF tone
+  int iLastOutput = -1;             // sample time of the last sample written
 };

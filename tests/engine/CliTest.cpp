@@ -19,6 +19,7 @@ class CliTest : public EngineTest {
     const sKestrovaInit init = defaultInit();
     EXPECT_EQ(KestrovaInit(0, &init), 0);
   }
+  ~CliTest() override { KestrovapMyChannels[0].iMinAmplitudeForPotentialSegment = 500; }
   static std::string printed(const char* pcText) {
     char* pcBuffer = nullptr;
     std::size_t uSize = 0;

@@ -46,12 +46,97 @@ inline Samples whiteNoise(std::size_t uCount, double dAmplitude, unsigned uSeed)
   return samples;
 }
 
+inline Samples gaussianNoise(std::size_t uCount, double dRms, unsigned uSeed) {
+  std::mt19937 random(uSeed);
+  std::normal_distribution<double> normal(0, dRms);
+  Samples samples(uCount);
+  for (auto& sample : samples)
+    sample = static_cast<std::int16_t>(std::clamp(normal(random), -32000.0, 32000.0));
+  return samples;
+}
+
+// A voice: pulses at a gliding pitch through three resonances, with the given peak.
+inline Samples voice(std::size_t uCount, int iRate, double dPitch, double dPeak) {
+  struct sResonance {
+    double dFrequency, dBandwidth, y1 = 0, y2 = 0;
+    double next(double x, int iRate) {
+      const double r = std::exp(-std::numbers::pi * dBandwidth / iRate);
+      const double y = x + 2 * r * std::cos(2 * std::numbers::pi * dFrequency / iRate) * y1 - r * r * y2;
+      y2 = y1;
+      return y1 = y;
+    }
+  };
+  sResonance asResonance[] = {{650, 80}, {1200, 90}, {2600, 150}};
+  std::vector<double> y(uCount);
+  double dPhase = 1;
+  double dLargest = 1e-9;
+  for (std::size_t i = 0; i < uCount; ++i) {
+    dPhase += dPitch * (1 + 0.1 * static_cast<double>(i) / static_cast<double>(uCount)) / iRate;
+    double x = dPhase >= 1 ? 1 : 0;
+    dPhase -= std::floor(dPhase);
+    for (auto& resonance : asResonance) x = resonance.next(x, iRate);
+    y[i] = x;
+    dLargest = std::max(dLargest, std::abs(x));
+  }
+  Samples samples(uCount);
+  for (std::size_t i = 0; i < uCount; ++i) samples[i] = static_cast<std::int16_t>(y[i] / dLargest * dPeak);
+  return samples;
+}
+
+inline Samples silence(std::size_t uCount) {
+  return Samples(uCount, 0);
+}
+inline Samples tone(std::size_t uCount, double dF1, double dA1, double dF2 = 0, double dA2 = 0) {
+  Samples samples(uCount);
+  for (std::size_t i = 0; i < uCount; ++i) {
+    const double t = 2 * std::numbers::pi * static_cast<double>(i) / 8000;
+    samples[i] = static_cast<std::int16_t>(dA1 * std::sin(dF1 * t) + dA2 * std::sin(dF2 * t));
+  }
+  return samples;
+}
+inline Samples& operator+=(Samples& a, const Samples& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+inline Samples mixed(Samples a, const Samples& b) {
+  for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
+    a[i] = static_cast<std::int16_t>(std::clamp(a[i] + b[i], -32767, 32767));
+  }
+  return a;
+}
+inline double rms(const Samples& samples, std::size_t uFrom, std::size_t uTo) {
+  double dSum = 0;
+  for (std::size_t i = uFrom; i < uTo; ++i) dSum += static_cast<double>(samples[i]) * samples[i];
+  return std::sqrt(dSum / static_cast<double>(uTo - uFrom));
+}
+inline double decibels(double dRatio) {
+  return 20 * std::log10(dRatio + 1e-9);
+}
+
 class EngineTest : public ::testing::Test {
  protected:
   EngineTest() {
     const sKestrovaPackage package{
         .iAPIVersion = KESTROVA_API_VERSION, .pcBinDirectory = nullptr, .iCPUPower = 5};
     EXPECT_EQ(KestrovaPackageInit(&package), 0);
+  }
+  // A whole stream through noise channel c in frames of uFrame samples; `each` sees every frame's result.
+  template <typename Each>
+  static Samples process(std::uint16_t c, const Samples& in, std::size_t uFrame, Each each) {
+    Samples out;
+    Samples frame(uFrame);
+    for (std::size_t i = 0; i + uFrame <= in.size(); i += uFrame) {
+      std::copy_n(in.data() + i, uFrame, frame.data());
+      sKestrovaFrameResult result{};
+      EXPECT_EQ(KestrovaProcessFrame(c, frame.data(), static_cast<int>(2 * uFrame), frame.data(), &result),
+                0);
+      out.insert(out.end(), frame.begin(), frame.begin() + result.iOutBytes / 2);
+      each(result);
+    }
+    return out;
+  }
+  static Samples process(std::uint16_t c, const Samples& in, std::size_t uFrame = 32) {
+    return process(c, in, uFrame, [](const sKestrovaFrameResult&) {});
   }
   ~EngineTest() override {
     for (std::uint16_t c = 0; c <= KESTROVA_MAX_CHANNEL; ++c) {

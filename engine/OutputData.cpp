@@ -1,0 +1,217 @@
+#include "engine/OutputData.h"
+
+#include <algorithm>
+#include <cstddef>
+
+#include "engine/MyChannel.h"
+
+namespace {
+
+// Speech gain per cycle: up over 85 ms, down over 43 ms.
+constexpr int kSpeechRise = 6;
+constexpr int kSpeechFall = 12;
+constexpr int kCngStepSamples = 4003;  // half a second between steps of the comfort noise
+
+// Automatic gain per cycle: a weak talker comes up within 40 ms, a loud one is cut at once.
+constexpr int kAgcRise = 50;
+constexpr int kAgcFall = 500;
+
+}  // namespace
+
+OutputData::OutputData() : pdSum(std::size_t{kMaxTransform} * 2), psNoise(1) {}
+
+void OutputData::init(MyChannel* pChannel) {
+  pMyChannel = pChannel;
+  clean();
+}
+
+void OutputData::clean() {
+  iState = kStart;
+  iLastWritten = -1;
+  bFirstSilence = bFirstSpeech = true;
+  iCngLevel = iCngLastStep = 0;
+  iSpeechCoef = iAgcCoef = kUnityQ7;
+  bSpectralAllowed =
+      pMyChannel->bRemoveNonSelfFrequencies != 0 && pMyChannel->iRealFrequency % kAnalysisRate == 0;
+  iSumTime = iNextFrame = -1;
+  iQueueRead = iQueued = 0;
+  MyFilters::initializeSpectralNoise(psNoise[0]);
+}
+
+int OutputData::closeOutput() const {
+  const int iPending = pMyChannel->pInputData->getNumValues() - (iLastWritten + 1);
+  const int iAllowed = pMyChannel->iMaxNumCyclesInDelayBuffer * kCycleSamples + pMyChannel->iFrameSize;
+  return iPending >= 0 && iPending <= iAllowed ? 0 : 1;
+}
+
+void OutputData::setBlocks(int iCycles) {
+  iBlocks = iCycles >= 8 ? 8 : std::clamp(iCycles, 2, 4);
+  iSumTime = iNextFrame = -1;
+}
+
+// ---- One cycle
+
+// False when the cycle has been written already.
+bool OutputData::begin(cHandle cycle) {
+  const sCycleInformation& info = pMyChannel->pCycleInformation->at(cycle);
+  if (info.EndIndex <= iLastWritten) return false;
+  current = cycle;
+  iTime = info.StartIndex;
+  iLastWritten = info.EndIndex;
+  iSamples = kCycleSamples * pMyChannel->rateFactor();
+  return true;
+}
+
+void OutputData::copyInput() {
+  const std::int64_t lFirst = static_cast<std::int64_t>(iTime) * pMyChannel->rateFactor();
+  for (int i = 0; i < iSamples; ++i) {
+    psCycle[static_cast<std::size_t>(i)] = pMyChannel->pInputData->atFullRate(lFirst + i);
+  }
+}
+
+void OutputData::applyGain(int iGain) {
+  if (iGain == kUnityQ7) return;
+  for (int i = 0; i < iSamples; ++i) {
+    auto& sSample = psCycle[static_cast<std::size_t>(i)];
+    sSample = clampSample(sSample * iGain / kUnityQ7);
+  }
+}
+
+int OutputData::finish(std::span<const std::int16_t> samples, State newState) {
+  iState = newState;
+  if (iQueued + static_cast<int>(samples.size()) > kQueueSamples) return 1;
+  for (const std::int16_t sSample : samples) {
+    psQueue[static_cast<std::size_t>((iQueueRead + iQueued++) % kQueueSamples)] = sSample;
+  }
+  return 0;
+}
+
+int OutputData::take(void* pOut, int iCount, bool bIs16Bit) {
+  const int iTaken = std::min(iCount, iQueued);
+  auto* puOut = static_cast<std::uint8_t*>(pOut);
+  for (int i = 0; i < iTaken; ++i) {
+    const std::int16_t sSample = psQueue[static_cast<std::size_t>(iQueueRead)];
+    iQueueRead = (iQueueRead + 1) % kQueueSamples;
+    if (bIs16Bit) {
+      std::copy_n(reinterpret_cast<const std::uint8_t*>(&sSample), 2, puOut + 2 * i);
+    } else {
+      puOut[i] = static_cast<std::uint8_t>((sSample + 32768) >> 8);
+    }
+  }
+  iQueued -= iTaken;
+  return iTaken * (bIs16Bit ? 2 : 1);
+}
+
+// ---- Kinds of cycles
+
+int OutputData::writeData(cHandle cycle) {
+  if (!begin(cycle)) return 0;
+  calcNoiseData();
+  // Strong cleaning never lets go of the background altogether.
+  constexpr int kStrongCleaning = 10;
+  if (pMyChannel->sCleanAggressiveLevel >= kStrongCleaning || pMyChannel->bRegistrationRunning) {
+    psNoise[0].iSubtractFactor = std::max(psNoise[0].iSubtractFactor, 2);
+  }
+  removeNoise();
+  calcCoefDuringWriteData();
+  const int iAgc = agcWhenOn();
+  applyGain(iAgc * (pMyChannel->bStartBypassed ? kUnityQ7 : iSpeechCoef) >> 7);
+  bFirstSilence = true;
+  return finish(std::span(psCycle).first(static_cast<std::size_t>(iSamples)),
+                pMyChannel->pMySubState->isHavingConfidence() ? kConfidentSpeech : kSpeech);
+}
+
+int OutputData::writeSilence(cHandle cycle) {
+  if (!begin(cycle)) return 0;
+  stepComfortNoise();
+  bFirstSpeech = true;
+  const int iLevel = pMyChannel->bStartBypassed ? kUnityQ7 : iCngLevel;
+  if (iLevel < 1) {
+    std::fill_n(psCycle.begin(), iSamples, sSilenceValue);
+    iSumTime = -1;
+  } else {
+    calcNoiseData();
+    removeNoise();
+    applyGain(agcWhenOn() * iLevel >> 7);
+  }
+  return finish(std::span(psCycle).first(static_cast<std::size_t>(iSamples)), kSilence);
+}
+
+int OutputData::writeDTMF(cHandle cycle) {
+  if (!begin(cycle)) return 0;
+  copyInput();
+  applyGain(agcWhenOn());
+  return finish(std::span(psCycle).first(static_cast<std::size_t>(iSamples)), kDtmf);
+}
+
+// ---- Gains
+
+bool OutputData::agcEnabled() const {
+  return pMyChannel->bDoAGC != 0;
+}
+
+void OutputData::stepComfortNoise() {
+  const auto& piShaping = pMyChannel->psNoiseShaping;
+  if (bFirstSilence) {
+    bFirstSilence = false;
+    iCngLevel = piShaping[kCngStart];
+    iCngLastStep = iTime;
+  } else if (iTime - iCngLastStep > kCngStepSamples) {
+    iCngLevel = std::max(iCngLevel - piShaping[kCngStep], piShaping[kCngEnd]);
+    iCngLastStep = iTime;
+  }
+}
+
+// Pulls a stretch that is much louder than the speaker down to the speaker's level.
+int OutputData::voiceCoef() const {
+  if (!pMyChannel->bCancelAcousticShock) return kUnityQ7;
+  const int iSpeaker = pMyChannel->pFirstScan->speakerLevel();
+  if (iSpeaker <= 0) return kUnityQ7;
+  const int iNow = std::max(1, pMyChannel->pCycleInformation->trackers().immediate(1).spread());
+  return std::max(iSpeaker * kUnityQ7 / iNow, pMyChannel->psNoiseShaping[kBurstEndLowerValue]);
+}
+
+void OutputData::calcCoefDuringWriteData() {
+  const auto& piShaping = pMyChannel->psNoiseShaping;
+  const int iLower = piShaping[kBurstEndLowerValue];
+  const int iPost = pMyChannel->pMySubState->calculatePostGoodVerbCoef128(iTime);
+  const int iTarget = std::min(std::min(voiceCoef(), iPost) + piShaping[kBurstEndStep], kUnityQ7);
+  if (bFirstSpeech) {
+    bFirstSpeech = false;
+    iSpeechCoef = std::max(iTarget, iLower);
+  } else if (iSpeechCoef < iTarget) {
+    iSpeechCoef = std::min({iSpeechCoef + kSpeechRise, iTarget, kUnityQ7});
+  } else {
+    iSpeechCoef = std::max({iSpeechCoef - kSpeechFall, iTarget, iLower});
+  }
+}
+
+// R, S, c, p and q are spreads: of the last second and a half, of the last half second, of this burst's good
+// verbs, of the bursts before, and of this burst when it was last taken stock of.
+int OutputData::agcLevel() const {
+  const LevelTrackers& trackers = pMyChannel->pCycleInformation->trackers();
+  const FirstScan& scan = *pMyChannel->pFirstScan;
+  const int R = trackers.blockRange(2).spread();
+  if (pMyChannel->bBypassVAD) return (R + pMyChannel->pCycleInformation->largestAmp()) / 2;
+  const int c = scan.burstAmplitude();
+  const int p = scan.previousBurstsAmplitude();
+  const int q = scan.lastUpdateAmplitude();
+  if (scan.isInSelfVerb() && pMyChannel->pMySubState->isHavingConfidence()) {
+    return (R + 2 * c + q + std::max(c, p)) / 5;
+  }
+  return (p + q) / 2;
+}
+
+int OutputData::updateAGCCoef() {
+  const int L = agcLevel();
+  if (L == 0) return iAgcCoef;
+  const int S = std::max(1, pMyChannel->pCycleInformation->trackers().immediate(0).spread());
+  const long lWanted = static_cast<long>(pMyChannel->iAGCLevel) * kUnityQ7;
+  const int iTarget = static_cast<int>(std::min({lWanted / L, lWanted / S, long{pMyChannel->iAGCMax}}));
+  if (iAgcCoef < iTarget) {
+    iAgcCoef = std::min(iAgcCoef + kAgcRise, iTarget);
+  } else if (iAgcCoef > iTarget) {
+    iAgcCoef = std::max({iAgcCoef - kAgcFall, iTarget, pMyChannel->iAGCMin});
+  }
+  return iAgcCoef;
+}

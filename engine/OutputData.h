@@ -1,0 +1,110 @@
+// The output stage of a noise channel: writes each released cycle as speech (background taken off, speech
+// gain applied), as silence (comfort noise) or as a DTMF tone (gain control only).
+//
+// Samples wait in a short queue, so that a call gives back at most as many as it took. Once the first cycles
+// have been written the delay is constant.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+
+#include "engine/analysis/Cycle.h"
+#include "engine/EngineUnits.h"
+#include "engine/MyFilters.h"
+#include "engine/ZeroedArray.h"
+
+class MyChannel;
+
+class OutputData {
+ public:
+  enum State { kStart, kSilence, kSpeech, kConfidentSpeech, kDtmf };
+
+  OutputData();  // throws std::bad_alloc
+
+  void init(MyChannel* pChannel);
+  // Starts over: gains at unity, no noise estimate, nothing written.
+  void clean();
+  void openSynchronized() { clean(); }
+  // Whether what was written matches what came in, within the delay. 0, or 1.
+  [[nodiscard]] int closeOutput() const;
+
+  // Frame length of the transform in cycles (2, 3, 4 or 8), from the channel's delay.
+  void setBlocks(int iCycles);
+  // Largest part of the noise that is taken off, Q7.
+  void setCleanStrength(int iStrength) { iCleanStrength = iStrength; }
+
+  // Each writes one cycle, unless it has been written already. 0, or 1 when the queue is full.
+  [[nodiscard]] int writeData(cHandle cycle);
+  [[nodiscard]] int writeSilence(cHandle cycle);
+  [[nodiscard]] int writeDTMF(cHandle cycle);
+
+  // Moves up to iSamples queued samples out, as 16-bit or 8-bit samples; returns the bytes.
+  int take(void* pOut, int iSamples, bool bIs16Bit);
+
+  // Moves the automatic gain one cycle on towards the target level; returns it.
+  int updateAGCCoef();
+
+  [[nodiscard]] State state() const { return iState; }
+  [[nodiscard]] int agcCoef() const { return iAgcCoef; }
+  [[nodiscard]] const sSpectralNoiseType& noise() const { return *psNoise.data(); }
+
+ private:
+  static constexpr int kQueueSamples = 2 * (kMaxFrameBytes / 2);
+  static constexpr int kMaxCycleSamples = kCycleSamples * kMaxRateFactor;
+  using Cycle = std::span<std::int16_t>;
+
+  [[nodiscard]] bool begin(cHandle cycle);
+  [[nodiscard]] int finish(std::span<const std::int16_t> samples, State newState);
+  void copyInput();
+  void applyGain(int iGain);
+
+  // Noise
+  [[nodiscard]] int speechLevel() const;
+  void calcNoiseData();
+  void updateSubtractFactor(int iLevel);
+  void estimateNoise(int iLevel);
+  [[nodiscard]] bool isNoise(cHandle last, int iCycles, int iLevel, int iAmp, bool bRecent) const;
+  void takeNoiseSpectrum(int iFirst, int iAmp);
+  void removeNoise();
+  void calcFrames(int iFrom);
+  void calcFrame(int iFrom);
+
+  // Gains
+  [[nodiscard]] int agcLevel() const;
+  [[nodiscard]] int voiceCoef() const;
+  void calcCoefDuringWriteData();
+  void stepComfortNoise();
+  [[nodiscard]] int agcWhenOn() { return agcEnabled() ? updateAGCCoef() : iAgcCoef; }
+  [[nodiscard]] bool agcEnabled() const;
+
+  MyChannel* pMyChannel = nullptr;
+  State iState = kStart;
+  int iLastWritten = -1;  // sample time of the last sample written
+  bool bFirstSilence = true;
+  bool bFirstSpeech = true;
+  int iCngLevel = 0;     // Q7
+  int iCngLastStep = 0;  // sample time
+  int iSpeechCoef = kUnityQ7;
+  int iAgcCoef = kUnityQ7;
+  std::int16_t sSilenceValue = 0;
+  bool bSpectralAllowed = false;
+  int iCleanStrength = kUnityQ7;
+  int iBlocks = 4;
+
+  // The cycle at hand
+  cHandle current = 0;
+  int iTime = 0;     // sample time of its first sample
+  int iSamples = 0;  // at the channel's rate
+  std::array<std::int16_t, kMaxCycleSamples> psCycle{};
+
+  // Overlapped frames: sums of what has been transformed from iSumTime on.
+  ZeroedArray<double> pdSum;
+  int iSumTime = -1;    // sample time of pdSum[0]
+  int iNextFrame = -1;  // sample time at which the next frame starts
+  ZeroedArray<sSpectralNoiseType> psNoise;
+
+  std::array<std::int16_t, kQueueSamples> psQueue{};
+  int iQueueRead = 0;
+  int iQueued = 0;
+};

@@ -1,0 +1,157 @@
+// The output stage's noise estimate and its removal.
+#include <algorithm>
+
+#include "engine/MyChannel.h"
+#include "engine/OutputData.h"
+
+namespace {
+
+constexpr int kFactorStep = 6;       // Q7 per cycle: the subtraction comes and goes within 70 ms
+constexpr int kRatioScale = 1024;    // noise to speaker ratios are held in 1/1024
+constexpr int kStaysQuietBelow = 3;  // a background this far below the speaker needs no cleaning
+constexpr int kBecomesQuietBelow = 2;
+
+constexpr int kStateDepthCycles = 10;  // cycles kept back for re-testing a level jump
+constexpr int kRecentSamples = 40000;  // 5 s: a recent estimate is replaced only by a better one
+constexpr int kRecentExtraCycles = 30;
+constexpr int kBypassedRecentSamples = 16000;
+constexpr int kMinEstimateDistance = 160;   // samples
+constexpr int kMaxNoiseOfSpeaker = 38;      // Q7, 30 %
+constexpr int kMaxNoiseOfNeighbours = 141;  // Q7, 110 %
+constexpr int kNoMeasurement = 1;
+constexpr int kNoiseFrames = 3;
+
+}  // namespace
+
+int OutputData::speechLevel() const {
+  if (pMyChannel->bBypassVAD) return pMyChannel->pCycleInformation->trackers().blockRange(2).spread();
+  return pMyChannel->pFirstScan->speakerLevel();
+}
+
+void OutputData::calcNoiseData() {
+  if (!bSpectralAllowed || iTime < kCycleSamples * iBlocks) return;
+  const int iLevel = speechLevel();
+  if (psNoise[0].hasEstimate()) updateSubtractFactor(iLevel);
+  estimateNoise(iLevel);
+}
+
+void OutputData::updateSubtractFactor(int iLevel) {
+  sSpectralNoiseType& noise = psNoise[0];
+  const int iRatio = iLevel > 0 ? noise.iNoiseLevel * kRatioScale / iLevel : kRatioScale;
+  noise.bNoisy = iRatio < (noise.bNoisy ? kStaysQuietBelow : kBecomesQuietBelow);
+  if (noise.bNoisy) {
+    noise.iSubtractFactor = std::max(0, noise.iSubtractFactor - kFactorStep);
+  } else {
+    noise.iSubtractFactor = std::min(noise.iSubtractFactor + kFactorStep, iCleanStrength);
+  }
+}
+
+void OutputData::estimateNoise(int iLevel) {
+  const sSpectralNoiseType& noise = psNoise[0];
+  const bool bRecent = noise.hasEstimate() && iTime - noise.iLastNoisePosition < kRecentSamples;
+  const int k = 2 * iBlocks;
+  const int iExtra = bRecent ? kRecentExtraCycles : 0;
+  const int d = std::max(k, kStateDepthCycles - pMyChannel->iMaxNumCyclesInDelayBuffer) + iExtra;
+  const int iChecked = d + 2 * k;
+  if (iTime <= kCycleSamples * iChecked) return;
+  const CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  const cHandle last = CycleInformation::before(current, d);
+  const int iFirst = iTime - (d + k) * kCycleSamples;
+  if (iFirst - noise.iLastNoisePosition < kMinEstimateDistance && noise.hasEstimate()) return;
+  if (iFirst <= pMyChannel->iLastEchoPosition || !cycles.containsNoiseOnly(current, iChecked)) return;
+  const int iAmp = cycles.calcAmp(last, k + 1);
+  if (iAmp == kNoMeasurement || !isNoise(last, k, iLevel, iAmp, bRecent)) return;
+  takeNoiseSpectrum(iFirst, iAmp);
+}
+
+// Whether the stretch of k + 1 cycles ending at `last` holds the background alone: no part of a verb, well
+// below the speaker, and no louder than what surrounds it.
+bool OutputData::isNoise(cHandle last, int k, int iLevel, int iAmp, bool bRecent) const {
+  const CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  if (pMyChannel->bBypassVAD) {
+    const sSpectralNoiseType& noise = psNoise[0];
+    const bool bCompare = noise.hasEstimate() && iTime - noise.iLastNoisePosition < kBypassedRecentSamples;
+    if (bCompare && iAmp * kUnityQ7 >= iLevel * kMaxNoiseOfSpeaker) return false;
+  } else {
+    if (iLevel > 0 && iAmp * kUnityQ7 >= iLevel * kMaxNoiseOfSpeaker) return false;
+    for (int i = 0; i <= k; ++i) {
+      const sCycleInformation& cycle = cycles.at(CycleInformation::before(last, i));
+      if (cycle.bInVerb || cycle.bRisen) return false;
+    }
+  }
+  if (!bRecent) return true;
+  const int iBefore = cycles.calcAmp(CycleInformation::before(last, k), k + 1);
+  const int iAfter = cycles.calcAmp(CycleInformation::before(last, -k), k + 1);
+  return iAmp * kUnityQ7 <= std::min(iBefore, iAfter) * kMaxNoiseOfNeighbours;
+}
+
+void OutputData::takeNoiseSpectrum(int iFirst, int iAmp) {
+  sSpectralNoiseType& noise = psNoise[0];
+  MyFilters& filters = *pMyChannel->pMyFilters;
+  const int iFrame = kCycleSamples * iBlocks;
+  std::array<double, kMaxNoiseBins> dSpectrum{};
+  int iBins = 0;
+  for (int i = 0; i < kNoiseFrames; ++i) {
+    const int iFrom = iFirst + i * iFrame / 2;
+    const int iLength = filters.calcFFTWithHanning(filters.buildInput(true, iFrom, iFrom + iFrame - 1));
+    filters.addMagnitudes(iLength, dSpectrum);
+    iBins = iLength / 2;
+  }
+  const bool bFirst = !noise.hasEstimate();
+  for (std::size_t k = 0; k < static_cast<std::size_t>(iBins); ++k) {
+    const double dMean = dSpectrum[k] / kNoiseFrames;
+    noise.dNoise[k] = bFirst ? dMean : (noise.dNoise[k] + dMean) / 2;
+    noise.iBelow[k] = 0;
+  }
+  noise.iLastNoisePosition = iFirst;
+  noise.iNoiseLevel = iAmp;
+}
+
+// ---- Removal
+
+void OutputData::removeNoise() {
+  if (!bSpectralAllowed || pMyChannel->bStartBypassed || psNoise[0].iSubtractFactor < 1) {
+    iSumTime = -1;
+    copyInput();
+    return;
+  }
+  calcFrames(iTime);
+  for (int i = 0; i < iSamples; ++i) {
+    psCycle[static_cast<std::size_t>(i)] = clampSample(static_cast<int>(pdSum[static_cast<std::size_t>(i)]));
+  }
+}
+
+// Brings pdSum to start at the cycle and to hold every frame that reaches into it. Frames follow one another
+// by half their length; a run of cycles begins with a frame half before its first cycle.
+void OutputData::calcFrames(int iFrom) {
+  const int iFactor = pMyChannel->rateFactor();
+  const int iFrame = kCycleSamples * iBlocks;
+  const int iHeld = iFrame + kCycleSamples;  // samples that pdSum may hold, at 8 kHz
+  double* pdFirst = pdSum.data();
+  if (iSumTime >= 0 && iFrom == iSumTime + kCycleSamples) {
+    std::copy(pdFirst + kCycleSamples * iFactor, pdFirst + iHeld * iFactor, pdFirst);
+    std::fill(pdFirst + iFrame * iFactor, pdFirst + iHeld * iFactor, 0.0);
+    iSumTime = iFrom;
+  } else {
+    std::fill(pdFirst, pdFirst + iHeld * iFactor, 0.0);
+    iSumTime = iFrom;
+    iNextFrame = iFrom - iFrame / 2;
+  }
+  for (; iNextFrame < iFrom + kCycleSamples; iNextFrame += iFrame / 2) calcFrame(iNextFrame);
+}
+
+// One frame, added to pdSum; what lies before pdSum's start is dropped.
+void OutputData::calcFrame(int iFrom) {
+  const int iFactor = pMyChannel->rateFactor();
+  const int iLast = iFrom + kCycleSamples * iBlocks - 1;
+  if (!pMyChannel->pInputData->indexExists(iLast)) return;
+  MyFilters& filters = *pMyChannel->pMyFilters;
+  const bool bFollow = iFrom > pMyChannel->iLastEchoPosition;
+  const auto dFrame =
+      filters.calcCleanFrame(filters.buildInput(true, iFrom, iLast), iBlocks, bFollow, psNoise[0]);
+  const int iSkip = std::max(0, iSumTime - iFrom) * iFactor;
+  const int iOffset = std::max(0, iFrom - iSumTime) * iFactor;
+  for (int i = iSkip; i < static_cast<int>(dFrame.size()); ++i) {
+    pdSum[static_cast<std::size_t>(iOffset + i - iSkip)] += dFrame[static_cast<std::size_t>(i)];
+  }
+}

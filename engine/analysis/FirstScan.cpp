@@ -1,0 +1,187 @@
+#include "engine/analysis/FirstScan.h"
+
+#include <algorithm>
+#include <span>
+
+#include "engine/MyChannel.h"
+
+namespace {
+
+// Strict detection wants steadier periods and makes nothing up.
+constexpr std::array<sDetection, 5> psDetection{{{7.0F, 5, 25, false},
+                                                 {6.0F, 10, 25, false},
+                                                 {6.0F, 17, 25, false},
+                                                 {4.0F, 17, 20, false},
+                                                 {4.0F, 17, 20, true}}};
+
+// Histogram of good-verb spreads: 100 bins over the largest spread there is.
+constexpr int kLargestSpread = 2 * kSampleLimit;  // 65024
+constexpr int kAmpBinWidth = 656;                 // kLargestSpread / 99
+constexpr int kReferencePercent = 90;
+
+}  // namespace
+
+const sDetection& FirstScan::detectionOfLevel(int iLevel) {
+  return psDetection[static_cast<std::size_t>(std::clamp(iLevel, 0, 4))];
+}
+
+FirstScan::FirstScan() : psSegments(kSegments) {}
+
+void FirstScan::init(MyChannel* pChannel) {
+  pMyChannel = pChannel;
+  clean();
+}
+
+void FirstScan::clean() {
+  iOldest = iClosed = 0;
+  bExamining = bAccepted = bGoingDown = false;
+  iReferenceSpread = iArtificial = 0;
+  segmentWindows.iCount = 0;
+  iNextTime = 0;
+  for (sCachedWindows& cached : asCache) cached.iTime = -1;
+  iLoudCycles = 0;
+  bOtherVerb = false;
+  comparator.clean();
+  floor = NoiseFloor{};
+  rise.clean();
+  fScores.fill(0);
+  guard = OnsetGuard{};
+  iReleased = -1;
+  iReleasedTime = -kCycleSamples;
+  bSelfVerb = false;
+  iBurstAmp = iReferenceAmp = iLastUpdateAmp = 0;
+  piAmpHistogram.fill(0);
+  iAmpEntries = 0;
+}
+
+// ---- The frame step
+
+int FirstScan::spreadFrom(int iTime, int iCycles) const {
+  const CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  const int iLast = std::min(iTime + iCycles * kCycleSamples, cycles.lastSampleTime() + 1) - 1;
+  return cycles.calcAmp(cycles.cycleOf(iLast), (iLast - iTime + 1) / kCycleSamples);
+}
+
+bool FirstScan::canCompare() const {
+  return iNextTime + kElementCycles * kCycleSamples - 1 <= pMyChannel->pCycleInformation->lastSampleTime();
+}
+
+void FirstScan::handleNextFrame(bool* pbMore) {
+  CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  *pbMore = cycles.calculateCyclesInformation();
+  if (!*pbMore) return;
+  const sCycleInformation& newest = cycles.at(cycles.newest());
+  comparator.push(std::span(pMyChannel->pInputData->cycleSamples(newest.StartIndex), kCycleSamples));
+  floor.push(cycles.calcAmp(cycles.newest(), kElementCycles));
+  scoreRise();
+  while (canCompare()) analyzeNextComparison();
+  followLoudness();
+  releaseCycle();
+  closeFrame();
+}
+
+// A cycle that a risen span covers may hold speech: the background is not learned from it.
+void FirstScan::scoreRise() {
+  CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  const int iFirst = cycles.lastSampleTime() + 1 - SpectralRise::kSpanSamples;
+  if (iFirst < 0) return;
+  std::array<double, SpectralRise::kSpanSamples> dSamples;
+  for (std::size_t i = 0; i < dSamples.size(); ++i) {
+    dSamples[i] = pMyChannel->pInputData->at(iFirst + static_cast<int>(i));
+  }
+  const float fScore = rise.push(dSamples);
+  fScores[static_cast<std::size_t>(cycles.newest()) % kScores] = fScore;
+  if (fScore < SpectralRise::kQuiet) return;
+  for (int i = 0; i < kElementCycles; ++i)
+    cycles.at(CycleInformation::before(cycles.newest(), i)).bRisen = true;
+}
+
+// Score of the four cycles from iTime on.
+float FirstScan::riseFrom(int iTime) const {
+  const int iLast =
+      std::min(iTime + (kElementCycles - 1) * kCycleSamples, pMyChannel->pCycleInformation->lastSampleTime());
+  const cHandle last = pMyChannel->pCycleInformation->cycleOf(iLast);
+  return fScores[static_cast<std::size_t>(last) % kScores];
+}
+
+// The delay has passed for one more cycle: speech, or not.
+void FirstScan::releaseCycle() {
+  CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  const int iDelay = pMyChannel->iMaxNumCyclesInDelayBuffer * kCycleSamples;
+  const int iTime = cycles.lastSampleTime() + 1 - kCycleSamples - iDelay;
+  if (iTime < 0) return;
+  iReleasedTime = iTime;
+  iReleased = cycles.cycleOf(iTime);
+  sCycleInformation& cycle = cycles.at(iReleased);
+  const sSegment* pSegment = cycle.bInVerb ? findSegment(iTime) : nullptr;
+  const bool bRejected = pSegment != nullptr && pSegment->type == kOtherVerb;
+  const OnsetGuard::sCycle judged{
+      .bInSegment = cycle.bInVerb && !bRejected,
+      .bRepeating = bExamining && examined().iNumMatches >= 2 && iTime >= examined().iStartTime,
+      .iSpread = spreadFrom(iTime, kElementCycles),
+      .fRise = riseFrom(iTime),
+      .fRiseAhead = fScores[static_cast<std::size_t>(cycles.newest()) % kScores]};
+  const OnsetGuard::Verdict verdict =
+      pMyChannel->bBypassVAD ? OnsetGuard::Verdict::kPresumed : guard.judge(judged);
+  if (bRejected && !pMyChannel->bBypassVAD) return;
+  cycle.bInVerb = verdict != OnsetGuard::Verdict::kSilence;
+  if (verdict == OnsetGuard::Verdict::kPresumed) pMyChannel->pMySubState->presumeGood(cycle.EndIndex);
+}
+
+// The self-verb flag tells of the present only.
+void FirstScan::closeFrame() {
+  if (!bExamining || !bAccepted) bSelfVerb = false;
+}
+
+// ---- Segments
+
+const sSegment* FirstScan::findSegment(int iTime) const {
+  if (bExamining && bAccepted && examined().contains(iTime)) return &examined();
+  for (int i = iClosed - 1; i >= 0; --i) {
+    const sSegment& segment = psSegments[slot(i)];
+    if (segment.contains(iTime)) return &segment;
+  }
+  return bOtherVerb && otherVerb.contains(iTime) ? &otherVerb : nullptr;
+}
+
+void FirstScan::shiftOneSegment() {
+  if (iClosed == 0) return;
+  iOldest = (iOldest + 1) % kSegments;
+  --iClosed;
+}
+
+// One slot stays free for the segment that is examined next.
+void FirstScan::keepExamined() {
+  if (iClosed == kSegments - 2) shiftOneSegment();
+  ++iClosed;
+}
+
+int FirstScan::estimatePitch(const sSegment& segment, cHandle cycle) {
+  if (segment.iNumMatches == 0) return 0;
+  const auto* pEnd = segment.asMatch.data() + segment.iNumMatches;
+  const auto* pMatch =
+      std::find_if(segment.asMatch.data(), pEnd, [&](const sMatch& match) { return match.cycle == cycle; });
+  return pMatch == pEnd ? segment.lastMatch().period() : pMatch->period();
+}
+
+// ---- Levels of good verbs
+
+void FirstScan::updateMaxAmplitudeOfGoodVerbsInPrevBursts() {
+  iLastUpdateAmp = iBurstAmp;
+  const int iBin = std::clamp((iBurstAmp + kAmpBinWidth / 2) / kAmpBinWidth, 0, kAmpBins - 1);
+  ++piAmpHistogram[static_cast<std::size_t>(iBin)];
+  ++iAmpEntries;
+  int iBelow = 0;
+  int iReference = 0;
+  while (iReference < kAmpBins - 1) {
+    iBelow += piAmpHistogram[static_cast<std::size_t>(iReference)];
+    if (iBelow * 100 >= iAmpEntries * kReferencePercent) break;
+    ++iReference;
+  }
+  iReferenceAmp = iReference * kLargestSpread / (kAmpBins - 1);
+}
+
+int FirstScan::speakerLevel() const {
+  if (!bSelfVerb || !pMyChannel->pMySubState->isHavingConfidence()) return iReferenceAmp;
+  return std::max(iBurstAmp, iReferenceAmp);
+}

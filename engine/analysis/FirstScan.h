@@ -1,0 +1,176 @@
+// Finds the verbs of a channel: stretches whose cycles repeat one another at a stable period (self verbs:
+// voiced speech), and loud stretches without that repetition (other verbs). Works on the cycle ring, three
+// cycles behind the newest cycle, and decides of each cycle, just before it is written, whether it is speech.
+//
+//    ... | written | r | . . | c  c+1  c+2  c+3 |
+//                    |         \---- element ---/  the newest four cycles, compared with what lies a period
+//                    |                             earlier
+//                    the cycle released next, iMaxNumCyclesInDelayBuffer behind the newest
+//
+// Contents
+//   FirstScan.cpp           life, the frame step, release of cycles, levels of good verbs
+//   FirstScanMatching.cpp   does a cycle repeat: candidates, windows, matches
+//   FirstScanDecisions.cpp  start, end and type of segments
+#pragma once
+
+#include <array>
+
+#include "engine/analysis/MySubState.h"
+#include "engine/analysis/NoiseFloor.h"
+#include "engine/analysis/OnsetGuard.h"
+#include "engine/analysis/PitchComparator.h"
+#include "engine/analysis/Segment.h"
+#include "engine/analysis/SpectralRise.h"
+#include "engine/ZeroedArray.h"
+
+class MyChannel;
+
+// How strictly segments are judged, by the channel's detection level.
+struct sDetection {
+  float fVerbDriftLimit;     // MyChannel::fVerbDriftLimit
+  int iJumpTestPercent;      // level jumps below this part of the good verbs' level are not tested
+  int iSegmentLimitPercent;  // share of a self verb's matches that may leave its period
+  bool bStrict;              // no match is made up
+};
+
+class FirstScan {
+ public:
+  static const sDetection& detectionOfLevel(int iLevel);
+
+  FirstScan();  // throws std::bad_alloc
+
+  void init(MyChannel* pChannel);
+  void clean();
+  void setDetection(const sDetection& settings) { detection = settings; }
+  [[nodiscard]] const sDetection& detectionSettings() const { return detection; }
+
+  // Advances the analysis by one cycle. *pbMore is false when the next cycle has not arrived yet and nothing
+  // was done.
+  void handleNextFrame(bool* pbMore);
+
+  // The newest cycle that may be written, -1 while there is none: the scan is not active yet.
+  [[nodiscard]] cHandle released() const { return iReleased; }
+  [[nodiscard]] bool isActive() const { return iReleased >= 0; }
+  // The segment that contains a sample time, the newest first, or null.
+  [[nodiscard]] const sSegment* findSegment(int iTime) const;
+  // Removes the oldest closed segment.
+  void shiftOneSegment();
+  [[nodiscard]] int closedSegments() const { return iClosed; }
+
+  // ---- Levels of good verbs, as spreads
+  // A good verb has this spread.
+  void raiseGoodVerbAmplitude(int iAmp) { iBurstAmp = std::max(iBurstAmp, iAmp); }
+  void startAmplitudeOfNewBurst() { iBurstAmp = 0; }
+  // Takes the burst's level into the level of the bursts so far.
+  void updateMaxAmplitudeOfGoodVerbsInPrevBursts();
+  [[nodiscard]] int burstAmplitude() const { return iBurstAmp; }               // c
+  [[nodiscard]] int previousBurstsAmplitude() const { return iReferenceAmp; }  // p
+  [[nodiscard]] int lastUpdateAmplitude() const { return iLastUpdateAmp; }     // q
+  [[nodiscard]] bool isInSelfVerb() const { return bSelfVerb; }                // F
+  // max(c, p) while confident speech is running, else p. 0 before any good verb.
+  [[nodiscard]] int speakerLevel() const;
+
+  // Mean period of the segment's match at the cycle, of its last match beyond them; 0 without a match.
+  [[nodiscard]] static int estimatePitch(const sSegment& segment, cHandle cycle);
+
+  [[nodiscard]] int noiseFloor() const { return floor.floor(); }
+  [[nodiscard]] const MyChannel* channel() const { return pMyChannel; }
+
+ private:
+  static constexpr int kElementCycles = 4;
+  static constexpr int kSegments = 8;
+  static constexpr int kCachedCycles = 3;
+  static constexpr int kCandidates = PitchComparator::kMaxPeriod + 3;
+  // By distance in samples: whether the signal repeats there.
+  using Candidates = std::array<bool, kCandidates>;
+
+  struct sCachedWindows {
+    int iTime = -1;
+    bool bGoingDown = false;
+    sWindows windows;
+  };
+
+  // Frame step
+  void releaseCycle();
+  void closeFrame();
+  void followLoudness();
+  void scoreRise();
+  [[nodiscard]] float riseFrom(int iTime) const;
+  [[nodiscard]] bool canCompare() const;
+  [[nodiscard]] int spreadFrom(int iTime, int iCycles) const;
+
+  // Matching
+  [[nodiscard]] int requiredMatches(int iTime) const;
+  [[nodiscard]] bool cycleParametersMatchSegment(int iTime, int iSpread, int iRequired, sSegment* pSegment);
+  [[nodiscard]] bool cycleFluctuationsMatchSegment(int iTime, int iRequired, sSegment* pSegment);
+  [[nodiscard]] bool tooManyFluctuations(int iTime) const;
+  [[nodiscard]] const sWindows& windowsOf(int iTime);
+  void doCycleFluctuationsMatchGoingUp(const PitchComparator::sScores& scores, Candidates& candidates) const;
+  void doCycleFluctuationsMatchGoingDown(const PitchComparator::sScores& scores,
+                                         Candidates& candidates) const;
+  [[nodiscard]] static sWindows findWindows(const Candidates& candidates);
+  void removeWindowsThatDoNotMatchSegment(sWindows* pWindows) const;
+  void updateNewMatchParameters(int iNear, int iFar, bool bArtificial, int iTime, sSegment* pSegment);
+  [[nodiscard]] bool addArtificialMatch(int iTime);
+
+  // Decisions
+  void analyzeNextComparison();
+  void startSegment(int iTime);
+  // Settles what the examined segment is so far; final when nothing can be added to it. True when it is a
+  // self verb.
+  bool stopExaminedVerbSegment(bool bFinal);
+  void acceptSelfVerb();
+  void endSegment();
+  [[nodiscard]] bool isStable(const sSegment& segment) const;
+  void markVerb(const sSegment& segment, bool bSelf);
+  void startOtherVerb(int iTime);
+  void growOtherVerb(int iTime);
+  void endOtherVerb();
+
+  [[nodiscard]] sSegment& examined() { return psSegments[slot(iClosed)]; }
+  [[nodiscard]] const sSegment& examined() const { return psSegments[slot(iClosed)]; }
+  [[nodiscard]] std::size_t slot(int i) const { return static_cast<std::size_t>((iOldest + i) % kSegments); }
+  void keepExamined();
+
+  MyChannel* pMyChannel = nullptr;
+  sDetection detection = detectionOfLevel(4);
+
+  // Closed segments, oldest first, then the one that is examined.
+  ZeroedArray<sSegment> psSegments;
+  int iOldest = 0;
+  int iClosed = 0;
+
+  // The examined segment
+  bool bExamining = false;
+  bool bAccepted = false;
+  bool bGoingDown = false;   // its level has begun to fall
+  int iReferenceSpread = 0;  // largest spread while rising, spread at the turn while falling
+  int iArtificial = 0;
+  sWindows segmentWindows;
+  int iNextTime = 0;  // sample time of the next comparison cycle
+  std::array<sCachedWindows, kCachedCycles> asCache;
+  int iCacheWrite = 0;
+
+  // The other verb that is running
+  sSegment otherVerb;
+  int iLoudCycles = 0;
+  bool bOtherVerb = false;
+
+  PitchComparator comparator;
+  NoiseFloor floor;
+  SpectralRise rise;
+  // Scores of the latest cycles; the one of cycle n covers the cycles n-3 to n.
+  static constexpr int kScores = 66;  // divides the ring of 726
+  std::array<float, kScores> fScores{};
+  OnsetGuard guard;
+  cHandle iReleased = -1;
+  int iReleasedTime = -kCycleSamples;  // its first sample
+
+  bool bSelfVerb = false;
+  int iBurstAmp = 0;
+  int iReferenceAmp = 0;
+  int iLastUpdateAmp = 0;
+  static constexpr int kAmpBins = 100;
+  std::array<int, kAmpBins> piAmpHistogram{};
+  int iAmpEntries = 0;
+};

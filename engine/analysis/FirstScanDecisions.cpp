@@ -1,0 +1,191 @@
+// Start, end and type of segments.
+#include <algorithm>
+#include <cstdlib>
+
+#include "engine/analysis/FirstScan.h"
+#include "engine/MyChannel.h"
+
+namespace {
+
+// Repetitions that make a self verb: while it grows, and when it ends. Fewer, and noise would imitate them;
+// more, and short syllables would be lost.
+constexpr int kMinMatchesDuringBuilding = 5;
+constexpr int kMinMatchesWhenFinal = 4;
+// Share of a self verb's matches that may be withdrawn, percent.
+constexpr int kMaxRevokedPercent = 25;
+// Loud cycles that make an other verb.
+constexpr int kMinOtherVerbCycles = 5;
+// A stretch is loud from this many sixteenths of the background's spread on.
+constexpr int kLoudQ4 = 30;
+// A verb that stands out less than this from the background is the background.
+constexpr int kVerbAboveFloorQ4 = 19;
+
+constexpr int kAllowedDriftPercent = 8;  // of the mean period, per match, within a self verb
+constexpr int kAllowedDrift = 5;         // samples, at least
+
+}  // namespace
+
+// ---- One comparison
+
+void FirstScan::analyzeNextComparison() {
+  const int iTime = iNextTime;
+  const int iSpread = spreadFrom(iTime, kElementCycles);
+  if (iSpread < pMyChannel->iMinAmplitudeForPotentialSegment) {
+    iNextTime = iTime + kCycleSamples;
+    if (bExamining) endSegment();
+    return;
+  }
+  if (!bExamining) {
+    startSegment(iTime);
+    return;
+  }
+  iNextTime = iTime + kCycleSamples;
+  if (cycleParametersMatchSegment(iTime, iSpread, requiredMatches(iTime), &examined())) {
+    stopExaminedVerbSegment(false);
+  } else if (!addArtificialMatch(iTime)) {
+    endSegment();
+  }
+}
+
+void FirstScan::startSegment(int iTime) {
+  bExamining = true;
+  bAccepted = false;
+  bGoingDown = false;
+  iReferenceSpread = 0;
+  iArtificial = 0;
+  segmentWindows.iCount = 0;
+  sSegment& segment = examined();
+  segment.type = kUnsettled;
+  segment.first = segment.last = pMyChannel->pCycleInformation->cycleOf(iTime);
+  segment.iStartTime = iTime;
+  segment.iEndTime = iTime + kCycleSamples - 1;
+  segment.iNumMatches = 0;
+  segment.iAmp = 0;
+  segment.bGood = segment.bExaminedForNoise = false;
+  iNextTime = iTime + kElementCycles * kCycleSamples;
+}
+
+// ---- Self verbs
+
+// Periods that stay together, in a stretch that stands out from the background, with few matches in doubt.
+bool FirstScan::isStable(const sSegment& segment) const {
+  if (segment.iAmp * 16 < floor.floor() * kVerbAboveFloorQ4) return false;
+  int iSum = 0;
+  int iDoubled = 0;
+  int iResized = 0;
+  for (int i = 0; i < segment.iNumMatches; ++i) {
+    const sMatch& match = segment.asMatch[static_cast<std::size_t>(i)];
+    iSum += match.period();
+    iDoubled += match.bDoubled;
+    iResized += match.bResized;
+  }
+  if (std::max(iDoubled, iResized) * 100 > kMaxRevokedPercent * segment.iNumMatches) return false;
+  // The drift is judged from match to match: a voice glides, it does not jump.
+  int iJumps = 0;
+  const int iAllowed = std::max(kAllowedDrift, iSum / segment.iNumMatches * kAllowedDriftPercent / 100);
+  for (int i = 1; i < segment.iNumMatches; ++i) {
+    const auto u = static_cast<std::size_t>(i);
+    iJumps += std::abs(segment.asMatch[u].period() - segment.asMatch[u - 1].period()) > iAllowed;
+  }
+  return iJumps * 100 <= detection.iSegmentLimitPercent * segment.iNumMatches;
+}
+
+bool FirstScan::stopExaminedVerbSegment(bool bFinal) {
+  sSegment& segment = examined();
+  const int iNeeded = bFinal ? kMinMatchesWhenFinal : kMinMatchesDuringBuilding;
+  if (bAccepted) {
+    pMyChannel->pMySubState->updateExistingSelfVerbLength(&segment.type, &segment, 0);
+    markVerb(segment, true);
+    return true;
+  }
+  if (segment.iNumMatches < iNeeded || !isStable(segment)) return false;
+  acceptSelfVerb();
+  return true;
+}
+
+void FirstScan::acceptSelfVerb() {
+  endOtherVerb();  // moves the examined segment
+  sSegment& segment = examined();
+  bAccepted = true;
+  bSelfVerb = true;
+  pMyChannel->pMySubState->updateNewSelfVerbLength(&segment.type, &segment, 0);
+  markVerb(segment, true);
+}
+
+// What was examined becomes a segment, or nothing; the search goes on after its last match.
+void FirstScan::endSegment() {
+  const bool bVerb = stopExaminedVerbSegment(true);
+  sSegment& segment = examined();
+  const int iLastMatch =
+      segment.iNumMatches > 0 ? segment.iEndTime + 1 - kElementCycles * kCycleSamples : segment.iStartTime;
+  bExamining = false;
+  iNextTime = std::max(iLastMatch, segment.iStartTime) + kCycleSamples;
+  if (!bVerb) return;
+  if (segment.bGood) updateMaxAmplitudeOfGoodVerbsInPrevBursts();
+  keepExamined();
+}
+
+void FirstScan::markVerb(const sSegment& segment, bool bSelf) {
+  CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  const int iFrom = std::max(segment.iStartTime, iReleasedTime + kCycleSamples);
+  for (int iTime = iFrom; iTime <= segment.iEndTime; iTime += kCycleSamples) {
+    sCycleInformation& cycle = cycles.at(cycles.cycleOf(iTime));
+    cycle.bInVerb = true;
+    cycle.bInSelfVerb |= bSelf;
+    cycle.bInGoodVerb |= segment.bGood;
+  }
+}
+
+// ---- Other verbs
+
+// Follows how long the signal has been loud without repeating.
+void FirstScan::followLoudness() {
+  const CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  const int iTime = cycles.lastSampleTime() + 1 - kElementCycles * kCycleSamples;
+  if (iTime < 0) return;
+  const int iSpread = cycles.calcAmp(cycles.newest(), kElementCycles);
+  const bool bLoud = iSpread >= pMyChannel->iMinAmplitudeForPotentialSegment && floor.floor() > 0 &&
+                     iSpread * 16 >= floor.floor() * kLoudQ4;
+  if (!bLoud || (bExamining && bAccepted)) {
+    iLoudCycles = 0;
+    endOtherVerb();
+    return;
+  }
+  if (++iLoudCycles < kMinOtherVerbCycles) return;
+  if (bOtherVerb) {
+    growOtherVerb(iTime);
+  } else if (pMyChannel->pMySubState->isHavingConfidence() || !guard.mayPresume()) {
+    startOtherVerb(iTime);
+  }
+}
+
+void FirstScan::startOtherVerb(int iTime) {
+  bOtherVerb = true;
+  otherVerb.iStartTime =
+      std::max(iTime - (kMinOtherVerbCycles - 1) * kCycleSamples, iReleasedTime + kCycleSamples);
+  otherVerb.first = pMyChannel->pCycleInformation->cycleOf(otherVerb.iStartTime);
+  otherVerb.iNumMatches = 0;
+  otherVerb.iAmp = 0;
+  otherVerb.bGood = otherVerb.bExaminedForNoise = false;
+  otherVerb.iEndTime = iTime + kCycleSamples - 1;
+  pMyChannel->pMySubState->updateNewOtherVerbLength(&otherVerb.type, &otherVerb);
+  bSelfVerb = false;
+  growOtherVerb(iTime);
+}
+
+void FirstScan::growOtherVerb(int iTime) {
+  otherVerb.iEndTime = iTime + kCycleSamples - 1;
+  otherVerb.last = pMyChannel->pCycleInformation->cycleOf(iTime);
+  pMyChannel->pMySubState->updateExistingOtherVerbLength(&otherVerb.type, &otherVerb);
+  markVerb(otherVerb, false);
+}
+
+// Kept like any segment. The examined one moves up by a slot to make room.
+void FirstScan::endOtherVerb() {
+  if (!bOtherVerb) return;
+  bOtherVerb = false;
+  if (iClosed == kSegments - 2) shiftOneSegment();
+  psSegments[slot(iClosed + 1)] = examined();
+  psSegments[slot(iClosed)] = otherVerb;
+  ++iClosed;
+}

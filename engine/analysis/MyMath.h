@@ -1,0 +1,31 @@
+// Turning points of a waveform. Each channel owns one, with its working space; nothing is allocated later.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "engine/analysis/Cycle.h"
+
+class MyMath {
+ public:
+  static constexpr int kWorkPoints = 256;
+  using WorkPoints = sTurningPoints<kWorkPoints>;
+
+  // Turning points of a cycle at levels 6 to 9, each level computed over the turning values of the one below.
+  // `levels` holds one entry per level, with its threshold set; iStart is the sample time of the first
+  // sample; iPlateau is the distance from a turning value that still belongs to it.
+  void calculateFluctuationsInformation(std::span<const std::int16_t> samples, int iStart, int iPlateau,
+                                        std::span<sFluctuationInformation> levels);
+  // The same detector on a plain array with one threshold; indexes count from 0. Points beyond 256 are not
+  // recorded. The result is valid until the next call.
+  const WorkPoints& calculateFluctuationsInformation1(std::span<const std::int16_t> samples, int iThreshold,
+                                                      int iPlateau);
+
+  // Mean of the turning values, 0 without any.
+  static std::int16_t calculateMeanVal(const sFluctuationInformation& level);
+  // Steps between consecutive turning values that reach or pass v, in either direction.
+  static std::int16_t calculateNumValCrossing(int v, const sFluctuationInformation& level);
+
+ private:
+  WorkPoints work;
+};

@@ -1,0 +1,251 @@
+#include "engine/analysis/MySubState.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include "engine/MyChannel.h"
+
+namespace {
+
+// A burst is over when this much has passed since its last good verb: the distance up to which a closing
+// consonant may follow a vowel.
+constexpr int kBurstSamples = 18000;
+// Where the last good end stands when a burst begins: just beyond that distance.
+constexpr int kNoGoodEnd = -18018;
+
+// What a verb needs to be checked: matches, and the share of them that may be revoked.
+constexpr int kMinMatchesToCheck = 5;
+constexpr int kMaxRevokedPercent = 25;
+
+// Bad verbs that a burst survives: an unconfident one fewer.
+constexpr int kMaxBadWhenConfident = 9;
+constexpr int kMaxBadWhenRunning = 5;
+
+constexpr int kMinGoodEntries = 4;
+
+// Noise test: spreads that differ by no more than this factor are the same background.
+constexpr int kSameLevelPercent = 120;
+constexpr int kSpectrumPeriods = 3;
+constexpr int kMinPeaks = 2;
+constexpr int kMaxPeaks = 24;
+
+// Magnitudes of the discrete Fourier transform of three periods, in which a harmonic falls on every third bin
+// and the bins between are empty. The length is no power of two, and padding would fill them.
+class PeriodSpectrum {
+ public:
+  PeriodSpectrum(const InputData& input, int iLast, int iPeriod) : iBins(iPeriod * 3 / 2) {
+    const int iLength = kSpectrumPeriods * iPeriod;
+    for (int k = 1; k <= iBins; ++k) pfMagnitude[static_cast<std::size_t>(k)] = bin(input, iLast, iLength, k);
+  }
+
+  [[nodiscard]] bool looksHarmonic() const {
+    const int iPeaks = countPeaks();
+    return iPeaks >= kMinPeaks && iPeaks <= kMaxPeaks && risesFromAValley();
+  }
+
+ private:
+  static constexpr int kMaxBins = PitchComparator::kMaxPeriod * 3 / 2 + 4;
+
+  // Goertzel's recurrence at bin k of a transform of iLength samples.
+  static float bin(const InputData& input, int iLast, int iLength, int k) {
+    const float fCoefficient =
+        2 * std::cos(2 * std::numbers::pi_v<float> * static_cast<float>(k) / static_cast<float>(iLength));
+    float s1 = 0;
+    float s2 = 0;
+    for (int t = iLast - iLength + 1; t <= iLast; ++t) {
+      const float s = fCoefficient * s1 - s2 + static_cast<float>(input.at(t));
+      s2 = s1;
+      s1 = s;
+    }
+    return std::sqrt(std::max(0.0F, s1 * s1 + s2 * s2 - fCoefficient * s1 * s2));
+  }
+
+  [[nodiscard]] float at(int k) const { return pfMagnitude[static_cast<std::size_t>(k)]; }
+
+  [[nodiscard]] int countPeaks() const {
+    int iPeaks = 0;
+    float fValley = at(1);
+    float fPrevious = 0;
+    float fLargest = 0;
+    for (int k = 2; k < iBins; ++k) {
+      fValley = std::min(fValley, at(k));
+      const float fHalf = at(k) / 2;
+      // A period that is not a whole number of samples spreads a harmonic over two bins.
+      const float fNext = std::min(at(k + 1), at(std::min(k + 2, iBins)));
+      fLargest = std::max(fLargest, at(k));
+      if (at(k) < at(k - 1) || at(k) < at(k + 1)) continue;
+      if (fHalf <= fValley || fHalf <= fNext) continue;
+      if (at(k) <= 0.2F * fPrevious || at(k) <= 0.05F * fLargest) continue;
+      ++iPeaks;
+      fPrevious = at(k);
+      fValley = at(k);
+    }
+    return iPeaks;
+  }
+
+  [[nodiscard]] bool risesFromAValley() const {
+    const float fLargest = *std::max_element(pfMagnitude.begin() + 1, pfMagnitude.begin() + 1 + iBins);
+    float fValley = at(1);
+    for (int k = 2; k <= iBins; ++k) {
+      fValley = std::min(fValley, at(k));
+      if (at(k) - fValley > 0.1F * fLargest) return true;
+    }
+    return false;
+  }
+
+  int iBins;
+  std::array<float, kMaxBins> pfMagnitude{};
+};
+
+}  // namespace
+
+void MySubState::init(MyChannel* pChannel) {
+  pMyChannel = pChannel;
+  clean();
+}
+
+void MySubState::clean() {
+  MyChannel* pChannel = pMyChannel;
+  *this = MySubState{};
+  pMyChannel = pChannel;
+  iLastGoodEnd = iPresumedEnd = kNoGoodEnd;
+}
+
+// ---- Bursts
+
+void MySubState::startNewBurst() {
+  burstState = kRunning;
+  iGood = iBad = iOther = 0;
+  iLastGoodEnd = kNoGoodEnd;
+}
+
+void MySubState::stopBurst() {
+  burstState = kNoBurst;
+}
+
+bool MySubState::staysInBurst() const {
+  return iBad <= (burstState == kConfident ? kMaxBadWhenConfident : kMaxBadWhenRunning);
+}
+
+void MySubState::expireBurst(int iTime) {
+  if (burstState == kConfident && iTime - iLastGoodEnd > kBurstSamples) stopBurst();
+}
+
+// ---- Self verbs
+
+void MySubState::updateNewSelfVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment* pSegment, int iRevoked) {
+  *pType = kSelfVerb;
+  expireBurst(pSegment->iStartTime);
+  if (burstState == kNoBurst) {
+    pMyChannel->pFirstScan->startAmplitudeOfNewBurst();
+    startNewBurst();
+  }
+  settleSelfVerb(pSegment, iRevoked);
+  if (pSegment->bGood) return;
+  if (!staysInBurst()) {
+    stopBurst();
+  } else {
+    ++iBad;
+  }
+}
+
+// A verb that was not good may become so as it grows. Three more cycles make a new picture of it.
+void MySubState::updateExistingSelfVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment* pSegment,
+                                              int iRevoked) {
+  constexpr int kMatchesBetweenTests = 3;
+  *pType = kSelfVerb;
+  if (!pSegment->bGood && (pSegment->iNumMatches - kMinMatchesToCheck) % kMatchesBetweenTests != 0) return;
+  settleSelfVerb(pSegment, iRevoked);
+}
+
+void MySubState::settleSelfVerb(sSegment* pSegment, int iRevoked) {
+  if (!pSegment->bExaminedForNoise) {
+    int iPeriod = 0;
+    if (!hasVoicePitch(pSegment, iRevoked, &iPeriod) || !differentFromNoise(iPeriod, pSegment)) return;
+    pSegment->bExaminedForNoise = true;
+  }
+  const bool bNew = !pSegment->bGood;
+  pSegment->bGood = true;
+  updateGood(pSegment->iStartTime, pSegment->iEndTime, pSegment->iAmp, bNew ? pSegment->iNumMatches : 0,
+             pSegment->lastMatch().period());
+}
+
+bool MySubState::hasVoicePitch(const sSegment* pSegment, int iRevoked, int* piPeriod) const {
+  if (pSegment->iNumMatches < kMinMatchesToCheck) return false;
+  const sSpeakerData& speaker = *pMyChannel->psSpeakerData;
+  int iDoubled = 0;
+  int iResized = 0;
+  for (int i = 0; i < pSegment->iNumMatches; ++i) {
+    iDoubled += pSegment->asMatch[static_cast<std::size_t>(i)].bDoubled;
+    iResized += pSegment->asMatch[static_cast<std::size_t>(i)].bResized;
+  }
+  if (std::max({iDoubled, iResized, iRevoked}) * 100 >= kMaxRevokedPercent * pSegment->iNumMatches)
+    return false;
+  for (int i = pSegment->iNumMatches - 1; i >= 0; --i) {
+    const sMatch& match = pSegment->asMatch[static_cast<std::size_t>(i)];
+    if (match.iNear < speaker.iPitchCentre - 2 * speaker.iPitchSpread) continue;
+    if (match.iFar > speaker.iPitchCentre + 2 * speaker.iPitchSpread) continue;
+    *piPeriod = match.period();
+    return true;
+  }
+  return false;
+}
+
+void MySubState::updateGood(int iTime, int iEnd, int iAmp, int iLength, int iValue) {
+  if (iLastGoodEnd < iTime) ++iGood;
+  iLastGoodEnd = iEnd;
+  pMyChannel->pFirstScan->raiseGoodVerbAmplitude(iAmp);
+  iBad = iOther = 0;
+  burstState = kConfident;
+  if (iLength <= 0) return;
+  asGood[static_cast<std::size_t>(iGoodWrite)] = {iLength, iValue};
+  iGoodWrite = (iGoodWrite + 1) % kGoodHistory;
+  iGoodEntries = std::min(iGoodEntries + 1, kGoodHistory);
+  if (iGoodEntries < kMinGoodEntries) return;
+  iAvgGoodLength = iAvgGoodValue = 0;
+  for (const sGood& good : asGood) {
+    iAvgGoodLength += good.iLength;
+    iAvgGoodValue += good.iValue;
+  }
+  iAvgGoodLength /= iGoodEntries;
+  iAvgGoodValue /= iGoodEntries;
+}
+
+// ---- Other verbs
+
+void MySubState::updateNewOtherVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment* pSegment) {
+  expireBurst(pSegment->iStartTime);
+  if (burstState != kNoBurst) ++iOther;
+  updateExistingOtherVerbLength(pType, pSegment);
+}
+
+void MySubState::updateExistingOtherVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment* pSegment) {
+  expireBurst(pSegment->iEndTime);
+  if (burstState != kNoBurst && !staysInBurst()) stopBurst();
+  *pType = burstState == kNoBurst ? kOtherVerb : kOtherVerbInBurst;
+}
+
+// ---- What follows
+
+int MySubState::calculatePostGoodVerbCoef128(int iTime) const {
+  const auto& piShaping = pMyChannel->psNoiseShaping;
+  const int iFloor = std::max(0, piShaping[kBurstEndLowerValue]);
+  const int iPeriod = std::max(1, kAnalysisRate / std::max(1, piShaping[kBurstEndMode]));
+  const int k = (iTime - std::max(iLastGoodEnd, iPresumedEnd)) / iPeriod;
+  if (k < 0) return iFloor;
+  return static_cast<int>(
+      std::clamp<long>(kUnityQ7 - static_cast<long>(k) * piShaping[kBurstEndDecrease], iFloor, kUnityQ7));
+}
+
+bool MySubState::differentFromNoise(int iPeriod, const sSegment* pSegment) const {
+  const LevelTrackers& trackers = pMyChannel->pCycleInformation->trackers();
+  const long lNow = trackers.immediate(3).spread();
+  const long lBefore = trackers.immediate(4).spread();
+  if (std::max(lNow, lBefore) * 100 <= std::min(lNow, lBefore) * kSameLevelPercent) return false;
+  const int iLast = pSegment->iEndTime;
+  if (iLast < kSpectrumPeriods * iPeriod) return false;
+  return PeriodSpectrum(*pMyChannel->pInputData, iLast,
+                        std::clamp(iPeriod, PitchComparator::kMinPeriod, PitchComparator::kMaxPeriod))
+      .looksHarmonic();
+}

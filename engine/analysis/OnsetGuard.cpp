@@ -1,0 +1,52 @@
+#include "engine/analysis/OnsetGuard.h"
+
+namespace {
+
+// All lengths in cycles of 4 ms.
+constexpr int kHoldCycles = 30;  // shorter: holes inside words in noise; longer: noise after every word
+constexpr int kTailCycles = 60;
+constexpr int kPresumedCycles = 30;  // as long as an initial consonant lasts
+constexpr int kQuietCycles = 5;
+
+// Scores of SpectralRise. Steady noise reaches the risen one in one cycle of two hundred.
+constexpr float kTail = 0.22F;
+constexpr float kRisen = 0.40F;
+constexpr float kRising = 0.24F;  // when what follows has risen
+constexpr float kRisenAhead = 0.60F;
+
+// Spreads below this are no speech, whatever the background.
+constexpr int kLeastSpread = 100;
+
+}  // namespace
+
+bool OnsetGuard::presume(const sCycle& cycle) {
+  if (cycle.iSpread < kLeastSpread) return false;
+  return cycle.fRise >= kRisen || (cycle.fRise >= kRising && cycle.fRiseAhead >= kRisenAhead) ||
+         cycle.bRepeating;
+}
+
+OnsetGuard::Verdict OnsetGuard::judge(const sCycle& cycle) {
+  if (cycle.bInSegment) {
+    *this = OnsetGuard{};
+    iHold = kHoldCycles;
+    iTail = kTailCycles;
+    return Verdict::kKept;
+  }
+  iQuiet = cycle.iSpread >= kLeastSpread && cycle.fRise >= kTail ? 0 : iQuiet + 1;
+  if (iHold > 0) {
+    --iHold;
+    return Verdict::kKept;
+  }
+  if (iTail > 0 && iQuiet == 0) {
+    --iTail;
+    return Verdict::kKept;
+  }
+  iTail = 0;
+  if (iQuiet >= kQuietCycles) {
+    bArmed = true;
+    iPresumed = 0;
+  }
+  if (!bArmed || !presume(cycle)) return Verdict::kSilence;
+  if (++iPresumed >= kPresumedCycles) bArmed = false;
+  return Verdict::kPresumed;
+}

@@ -1,0 +1,198 @@
+// What is recognised as voiced speech, how soon, and what is not.
+#include "engine/MyChannel.h"
+#include "tests/engine/EngineFixture.h"
+
+namespace {
+
+class DetectionTest : public EngineTest {
+ protected:
+  static void open(int iRate = 8000) {
+    sKestrovaInit init = defaultInit();
+    init.iSampleRate = iRate;
+    ASSERT_EQ(KestrovaInit(0, &init), 0);
+  }
+  struct sSeen {
+    int iFirstSelf = -1;  // first and number of cycles marked as self verb
+    int iSelf = 0;
+    int iFirstSpeech = -1;  // first frame written as speech
+    int iSpeech = 0;
+    int iConfident = 0;
+  };
+  // Runs the stream and reads the marks of each cycle as it is written.
+  static sSeen see(const Samples& in, int iRate = 8000) {
+    sSeen seen;
+    int iFrame = 0;
+    const MyChannel& channel = KestrovapMyChannels[0];
+    process(0, in, static_cast<std::size_t>(32 * iRate / 8000), [&](const sKestrovaFrameResult& result) {
+      const int iWritten = iFrame++ - 6;
+      if (iWritten < 0) return;
+      const cHandle c = channel.pFirstScan->released();
+      if (channel.pCycleInformation->at(c).bInSelfVerb && ++seen.iSelf == 1) seen.iFirstSelf = iWritten;
+      if (result.iSpeech != 0 && ++seen.iSpeech == 1) seen.iFirstSpeech = iWritten;
+      seen.iConfident += result.iConfidentVoice;
+    });
+    return seen;
+  }
+  static Samples noiseThenVoice(int iRate, double dPitch, double dNoise) {
+    const auto uSecond = static_cast<std::size_t>(iRate);
+    Samples in = silence(2 * uSecond);
+    in += voice(uSecond, iRate, dPitch, 8000);
+    return mixed(in, gaussianNoise(in.size(), dNoise, 21));
+  }
+};
+
+// Rms of the voice is about 1,300: the noise lies 38 and 10 dB below it.
+TEST_F(DetectionTest, AnyPitchIsRecognisedWithinAFewCyclesInNoiseAtBothRates) {
+  for (const int iRate : {8000, 16000}) {
+    for (const double dPitch : {75.0, 110.0, 160.0, 240.0, 340.0}) {
+      for (const double dNoise : {16.0, 400.0}) {
+        open(iRate);
+        const sSeen seen = see(noiseThenVoice(iRate, dPitch, dNoise), iRate);
+        EXPECT_GE(seen.iFirstSelf, 500 - 3) << dPitch << " " << dNoise << " at " << iRate;
+        EXPECT_LE(seen.iFirstSelf, 500 + 16) << dPitch << " " << dNoise << " at " << iRate;
+        EXPECT_GE(seen.iSelf, 250 / 2) << dPitch << " " << dNoise << " at " << iRate;
+        EXPECT_LE(seen.iFirstSpeech, 500 + 2) << "the beginning is written, not gated";
+      }
+    }
+  }
+}
+
+TEST_F(DetectionTest, LoudSoundWithoutRepetitionIsNoSelfVerb) {
+  for (const unsigned uSeed : {1U, 2U, 3U, 4U}) {
+    open();
+    Samples in = gaussianNoise(16000, 50, uSeed);
+    in += gaussianNoise(16000, 3000, uSeed + 10);
+    in += gaussianNoise(16000, 50, uSeed + 20);
+    const sSeen seen = see(in);
+    EXPECT_LE(seen.iSelf, 8) << "of 500 loud cycles";
+    EXPECT_EQ(seen.iConfident, 0);
+    EXPECT_LE(seen.iSpeech, 30 + 16) << "the benefit of the doubt ends after 120 ms";
+  }
+}
+
+TEST_F(DetectionTest, SteadyNoiseStaysSilence) {
+  for (const double dRms : {20.0, 200.0, 2000.0}) {
+    open();
+    const sSeen seen = see(gaussianNoise(80000, dRms, 33));
+    EXPECT_LE(seen.iSpeech, 2500 / 50) << dRms;
+  }
+}
+
+// A verb needs a spread of 500 over four cycles.
+TEST_F(DetectionTest, QuietVoicesBelowTheLeastSpreadStartNoSegment) {
+  for (const auto& [iPeak, bVerb] : {std::pair{200, false}, {400, true}}) {
+    open();
+    Samples in = silence(8000);
+    in += voice(8000, 8000, 120, iPeak);
+    EXPECT_EQ(see(in).iSelf > 0, bVerb) << iPeak;
+  }
+}
+
+// Word gaps and a final consonant stay with the word.
+TEST_F(DetectionTest, TheTailOfAWordIsKept) {
+  open();
+  Samples in = silence(16000);
+  in += voice(4000, 8000, 130, 8000);
+  in += gaussianNoise(1200, 300, 3);  // 150 ms of a consonant 14 dB down
+  in += silence(8000);
+  const Samples out = process(0, mixed(in, gaussianNoise(in.size(), 15, 4)));
+  EXPECT_NEAR(decibels(rms(out, 20100, 21100) / rms(in, 20100, 21100)), 0, 1);
+  EXPECT_LT(decibels(rms(out, 24000, 28000) / 15), -15);
+}
+
+TEST(OnsetGuardTest, PresumesForThirtyCyclesAndThenAsksForQuiet) {
+  OnsetGuard guard;
+  const OnsetGuard::sCycle risen{.iSpread = 2000, .fRise = 3, .fRiseAhead = 3};
+  const OnsetGuard::sCycle quiet{.iSpread = 90, .fRise = 0.05F, .fRiseAhead = 0.05F};
+  const auto count = [&](int n, const OnsetGuard::sCycle& cycle) {
+    int iKept = 0;
+    for (int i = 0; i < n; ++i) iKept += guard.judge(cycle) != OnsetGuard::Verdict::kSilence;
+    return iKept;
+  };
+  EXPECT_EQ(count(100, risen), 30);
+  EXPECT_EQ(count(4, quiet), 0);
+  EXPECT_EQ(count(10, risen), 0) << "four quiet cycles are no pause";
+  EXPECT_EQ(count(5, quiet), 0);
+  EXPECT_EQ(count(10, risen), 10);
+  const OnsetGuard::sCycle verb{.bInSegment = true, .iSpread = 2000, .fRise = 3, .fRiseAhead = 3};
+  EXPECT_EQ(count(50, verb), 50);
+  EXPECT_EQ(count(100, quiet), 30) << "held after a verb";
+  EXPECT_EQ(count(50, verb), 50);
+  EXPECT_EQ(count(500, risen), 30 + 60 + 30) << "held, tail, presumed";
+}
+
+// ---- Bursts
+
+class BurstTest : public EngineTest {
+ protected:
+  BurstTest() {
+    const sKestrovaInit init = defaultInit();
+    EXPECT_EQ(KestrovaInit(0, &init), 0);
+  }
+  // A self verb that is not good, since its pitch is no voice's.
+  void badVerb(int iTime) {
+    segment.iStartTime = iTime;
+    segment.iEndTime = iTime + 500;
+    segment.bGood = segment.bExaminedForNoise = false;
+    segment.iNumMatches = 0;
+    burst().updateNewSelfVerbLength(&segment.type, &segment, 0);
+  }
+  POTENTIAL_SEGMENT_TYPE otherVerb(int iTime) {
+    segment.iStartTime = segment.iEndTime = iTime;
+    burst().updateNewOtherVerbLength(&segment.type, &segment);
+    return segment.type;
+  }
+  static MySubState& burst() { return *KestrovapMyChannels[0].pMySubState; }
+  sSegment segment;
+};
+
+TEST_F(BurstTest, AConfidentBurstSurvivesTenBadVerbsButNotEleven) {
+  for (const auto& [iBad, type] : {std::pair{9, kOtherVerbInBurst}, {10, kOtherVerb}}) {
+    burst().clean();
+    burst().startNewBurst();
+    burst().updateGood(0, 1000, 5000, 10, 60);
+    for (int i = 0; i < iBad; ++i) badVerb(2000 + i);
+    EXPECT_EQ(otherVerb(3000), type) << iBad;
+  }
+  burst().clean();
+  burst().startNewBurst();
+  burst().updateGood(0, 1000, 5000, 10, 60);
+  for (int i = 0; i < 10; ++i) badVerb(2000 + i);
+  EXPECT_TRUE(burst().isHavingConfidence());
+  badVerb(2100);
+  EXPECT_FALSE(burst().isHavingConfidence());
+}
+
+TEST_F(BurstTest, OtherVerbsOutsideABurstAreOtherTalkers) {
+  EXPECT_EQ(otherVerb(100), kOtherVerb);
+  burst().startNewBurst();
+  burst().updateGood(0, 1000, 5000, 10, 60);
+  EXPECT_EQ(otherVerb(1000 + 18000), kOtherVerbInBurst);
+  EXPECT_EQ(otherVerb(1000 + 18001), kOtherVerb) << "the burst is long over";
+}
+
+TEST_F(BurstTest, TheSpeechGainFallsBySteps) {
+  burst().startNewBurst();
+  burst().updateGood(0, 10000, 5000, 10, 60);
+  for (const auto& [iTime, iGain] : {std::pair{10000, 128},
+                                     {17999, 128},
+                                     {18000, 77},
+                                     {25999, 77},
+                                     {26000, 26},
+                                     {34000, 19},
+                                     {900000, 19},
+                                     {9000, 128},
+                                     {1000, 19}}) {
+    EXPECT_EQ(burst().calculatePostGoodVerbCoef128(iTime), iGain) << iTime;
+  }
+}
+
+TEST_F(BurstTest, AveragesNeedFourGoodVerbs) {
+  for (int i = 1; i <= 4; ++i) {
+    EXPECT_EQ(burst().calcAvgGoodLength(), 0);
+    burst().updateGood(i * 1000, i * 1000 + 500, 5000, 10 * i, 60);
+  }
+  EXPECT_EQ(burst().calcAvgGoodLength(), 25);
+}
+
+}  // namespace

@@ -1,0 +1,177 @@
+// Whole streams through a noise channel: what the listener hears.
+#include "engine/MyChannel.h"
+#include "tests/engine/EngineFixture.h"
+
+namespace {
+
+class PipelineTest : public EngineTest {
+ protected:
+  static constexpr std::size_t kSecond = 8000;
+  // Two seconds of background, then words of half a second every second.
+  static Samples talk(int iWords, double dPeak) {
+    Samples in = silence(2 * kSecond);
+    for (int i = 0; i < iWords; ++i) {
+      in += voice(kSecond / 2, 8000, 110 + 9 * (i % 5), dPeak);
+      in += silence(kSecond / 2);
+    }
+    return in;
+  }
+  static void open(const sKestrovaInit& init, std::uint16_t c = 0) { ASSERT_EQ(KestrovaInit(c, &init), 0); }
+};
+
+TEST_F(PipelineTest, SteadyNoiseVanishesFromPausesAndSpeechStays) {
+  open(defaultInit());
+  const Samples clean = talk(8, 12000);
+  const Samples in = mixed(clean, gaussianNoise(clean.size(), 130, 1));
+  const Samples out = process(0, in);
+  for (std::size_t w = 3; w < 8; ++w) {
+    const std::size_t uWord = (2 + w) * kSecond;
+    EXPECT_NEAR(decibels(rms(out, uWord, uWord + 4000) / rms(clean, uWord, uWord + 4000)), 0, 1.5) << w;
+    const std::size_t uPause = uWord + 4000 + 2400;
+    EXPECT_LT(decibels(rms(out, uPause, uPause + 1400) / 130), -20) << w;
+  }
+}
+
+TEST_F(PipelineTest, CleanSpeechPassesUnchanged) {
+  open(defaultInit());
+  const Samples in = talk(5, 12000);
+  const Samples out = process(0, in);
+  for (std::size_t w = 0; w < 5; ++w) {
+    const std::size_t uWord = (2 + w) * kSecond;
+    EXPECT_TRUE(std::equal(in.begin() + static_cast<long>(uWord),
+                           in.begin() + static_cast<long>(uWord + 4000),
+                           out.begin() + static_cast<long>(uWord)))
+        << w;
+  }
+}
+
+TEST_F(PipelineTest, OutputDependsNeitherOnFramesNorOnOtherChannels) {
+  const Samples in = mixed(talk(4, 10000), gaussianNoise(6 * kSecond, 100, 2));
+  sKestrovaInit init = defaultInit();
+  init.bDoAGC = 1;
+  open(init);
+  const Samples out = process(0, in);
+  for (const int iUnits : {2, 5, 8}) {
+    init.sFrameUnits = static_cast<std::uint16_t>(iUnits);
+    open(init, 1);
+    open(init, 2);
+    Samples again;
+    std::size_t uNoise = 0;
+    const Samples other = gaussianNoise(in.size(), 3000, 3);
+    const auto uFrame = static_cast<std::size_t>(32 * iUnits);
+    again = process(1, in, uFrame, [&](const sKestrovaFrameResult&) {
+      const Samples frame(other.begin() + static_cast<long>(uNoise),
+                          other.begin() + static_cast<long>(uNoise + uFrame));
+      process(2, frame, uFrame);
+      uNoise += uFrame;
+    });
+    ASSERT_GT(again.size(), in.size() - 1000);
+    EXPECT_TRUE(std::equal(again.begin(), again.end(), out.begin())) << iUnits;
+  }
+}
+
+TEST_F(PipelineTest, ComfortNoiseStepsDownToNothing) {
+  sKestrovaInit init = defaultInit();
+  init.sCNGInitialValue = 100;
+  init.sCNGEndValue = 0;
+  init.bRemoveNonSelfFrequencies = 0;
+  open(init);
+  const Samples in = whiteNoise(20 * kSecond, 48, 4);  // too quiet to be presumed speech
+  const Samples out = process(0, in);
+  EXPECT_NEAR(rms(out, 1000, 4000) / rms(in, 1000, 4000), 1, 0.01);
+  // 6/128 less each time more than 4003 samples have passed, that is every 4,032 samples.
+  EXPECT_NEAR(rms(out, 4100, 8000) / rms(in, 4100, 8000), 122.0 / 128, 0.04);
+  EXPECT_NEAR(rms(out, 10 * 4032 + 100, 11 * 4032) / rms(in, 10 * 4032 + 100, 11 * 4032), 68.0 / 128, 0.04);
+  EXPECT_EQ(rms(out, 22 * 4032 + 200, 23 * 4032), 0);
+}
+
+TEST_F(PipelineTest, AStreamShorterThanTheDelayGivesNothing) {
+  open(defaultInit());
+  EXPECT_TRUE(process(0, silence(6 * 32)).empty());
+  EXPECT_EQ(process(0, silence(32)).size(), 32U);
+}
+
+// Bits that do not fill frames or cycles: never more out than in.
+TEST_F(PipelineTest, OddFrameLengthsKeepTheStreamWhole) {
+  open(defaultInit());
+  std::mt19937 random(5);
+  std::size_t uIn = 0;
+  std::size_t uOut = 0;
+  for (int i = 0; i < 3000; ++i) {
+    Samples frame(1 + random() % 200);
+    sKestrovaFrameResult result{};
+    ASSERT_EQ(
+        KestrovaProcessFrame(0, frame.data(), static_cast<int>(frame.size() * 2), frame.data(), &result), 0);
+    ASSERT_LE(result.iOutBytes, static_cast<int>(frame.size() * 2));
+    uIn += frame.size();
+    uOut += static_cast<std::size_t>(result.iOutBytes / 2);
+  }
+  EXPECT_LE(uIn - uOut, 6U * 32 + 256);
+}
+
+TEST_F(PipelineTest, WithTheVadBypassedNothingIsGated) {
+  sKestrovaInit init = defaultInit();
+  init.bBypassVAD = 1;
+  init.bRemoveNonSelfFrequencies = 0;
+  open(init);
+  const Samples in = gaussianNoise(5 * kSecond, 300, 6);
+  const Samples out = process(0, in);
+  EXPECT_TRUE(std::equal(out.begin(), out.end(), in.begin()));
+}
+
+// ---- Gain control
+
+class GainTest : public PipelineTest {
+ protected:
+  // The channel's gain in percent after each second of a talker with this peak.
+  static std::vector<int> gains(double dPeak, int iLevel) {
+    sKestrovaInit init = defaultInit();
+    init.bDoAGC = 1;
+    init.iAGCLevel = iLevel;
+    open(init);
+    std::vector<int> piGain;
+    int iFrame = 0;
+    const Samples in = mixed(talk(6, dPeak), gaussianNoise(8 * kSecond, 4, 7));
+    process(0, in, 32, [&](const sKestrovaFrameResult& result) {
+      EXPECT_GE(result.iGainPercent, 50);
+      EXPECT_LE(result.iGainPercent, 500);
+      if (++iFrame % 250 == 0) piGain.push_back(result.iGainPercent);
+    });
+    return piGain;
+  }
+};
+
+TEST_F(GainTest, TalkersComeToTheSameLevelWithinTheirFirstSecond) {
+  for (const double dPeak : {3000.0, 6000.0, 12000.0, 24000.0}) {
+    const auto piGain = gains(dPeak, 24000);
+    for (std::size_t s = 2; s < piGain.size(); ++s) {
+      const double dLevel = dPeak * piGain[s] / 100;
+      EXPECT_NEAR(decibels(dLevel / 14000), 0, 3) << dPeak << " after second " << s << ": " << piGain[s];
+    }
+  }
+}
+
+TEST_F(GainTest, NothingIsLiftedBeforeAnyoneHasSpoken) {
+  EXPECT_EQ(gains(3000, 24000)[1], 100);
+}
+
+TEST_F(GainTest, ATargetOfNothingEndsAtTheLeastGain) {
+  EXPECT_EQ(gains(6000, 0).back(), 50);
+}
+
+TEST_F(GainTest, AShockIsBroughtDownToTheSpeakersLevel) {
+  double dPassed[2] = {};
+  for (const int iCancel : {0, 1}) {
+    sKestrovaInit init = defaultInit();
+    init.bCancelAcousticShock = static_cast<std::uint8_t>(iCancel);
+    open(init);
+    Samples in = talk(6, 4000);
+    in.resize(in.size() - kSecond / 2);
+    in += gaussianNoise(kSecond, 6000, 8);  // a crash in the line, right after the last word
+    const Samples out = process(0, in);
+    dPassed[iCancel] = rms(out, 15 * kSecond / 2 + 1600, 15 * kSecond / 2 + 3200);
+  }
+  EXPECT_LT(decibels(dPassed[1] / dPassed[0]), -8);
+}
+
+}  // namespace

@@ -1,0 +1,151 @@
+// kestrova-wav: the voice engine on WAV files, for listening and for measurement.
+//
+//   kestrova-wav [options] MICROPHONE.wav OUT.wav              noise channel
+//   kestrova-wav [options] --spk SPEAKER.wav MIC.wav OUT.wav   echo channel, with --combo also noise
+//   reduction
+//
+// Files are mono, 16-bit, 8 or 16 kHz. --csv writes a row per frame.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "engine/Kestrova.h"
+#include "tools/kestrova-wav-files.h"
+#include "tools/kestrova-wav-options.h"
+
+namespace {
+
+constexpr std::uint16_t kChannel = 0;
+constexpr int kCycleSamples = 32;          // at 8 kHz
+constexpr std::size_t kProgressFrom = 60;  // seconds of audio from which on progress is shown
+
+struct CloseFile {
+  void operator()(std::FILE* pFile) const { std::fclose(pFile); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+void check(int iResult, const char* pcWhat) {
+  if (iResult != 0) throw std::runtime_error(std::string(pcWhat) + " failed with " + std::to_string(iResult));
+}
+
+File openCsv(const std::string& sName) {
+  if (sName.empty()) return nullptr;
+  File pFile(std::fopen(sName.c_str(), "w"));
+  if (!pFile) throw std::runtime_error(sName + ": " + std::strerror(errno));
+  std::fputs(
+      "time_s,out_samples,speech,confident,noise_level,gain_percent,echo_level,speaker_level,dtmf,digits\n",
+      pFile.get());
+  return pFile;
+}
+
+void writeCsvRow(std::FILE* pFile, double dTime, const sKestrovaFrameResult& result) {
+  char pcDigits[100] = "";
+  if (result.iDtmf != 0 && KestrovaGetLastDTMFBuffer(kChannel, pcDigits, sizeof pcDigits) != 0)
+    pcDigits[0] = '\0';
+  std::fprintf(pFile, "%.3f,%d,%d,%d,%d,%d,%d,%d,%d,%s\n", dTime, result.iOutBytes / 2, result.iSpeech,
+               result.iConfidentVoice, result.iNoiseLevel, result.iGainPercent, result.iEchoLevel,
+               result.iSpeakerMatch, result.iDtmf, pcDigits);
+}
+
+class Run {
+ public:
+  explicit Run(const Options& chosen)
+      : options(chosen), mic(readWav(chosen.sMicrophone)), pCsv(openCsv(chosen.sCsv)) {
+    if (!options.sSpeaker.empty()) spk = readWav(options.sSpeaker);
+    if (!spk.samples.empty() && spk.iRate != mic.iRate) {
+      throw std::runtime_error(options.sSpeaker + ": its rate differs from the microphone's");
+    }
+    options.init.iSampleRate = mic.iRate;
+    openChannel();
+  }
+
+  void process() {
+    const std::size_t uFrame =
+        static_cast<std::size_t>(kCycleSamples * options.init.sFrameUnits * mic.iRate / 8000);
+    std::vector<std::int16_t> frame(uFrame);
+    for (std::size_t uPosition = 0; uPosition < mic.samples.size(); uPosition += uFrame) {
+      feedSpeaker(uPosition, frame);
+      cut(mic.samples, uPosition, frame);
+      sKestrovaFrameResult result{};
+      check(processFrame(frame, result), "processing a frame");
+      out.insert(out.end(), frame.begin(), frame.begin() + result.iOutBytes / 2);
+      if (pCsv) writeCsvRow(pCsv.get(), static_cast<double>(uPosition) / mic.iRate, result);
+      showProgress(uPosition);
+    }
+    if (options.bAlign) align();
+    writeWav(options.sOut, {out, mic.iRate});
+  }
+
+ private:
+  [[nodiscard]] bool hasSpeaker() const { return !spk.samples.empty(); }
+
+  void openChannel() {
+    const sKestrovaPackage package{KESTROVA_API_VERSION, nullptr, options.iCPUPower};
+    check(KestrovaPackageInit(&package), "initialising the engine");
+    if (hasSpeaker()) check(KestrovaAECInit(kChannel, &options.init), "initialising the echo channel");
+    if (!hasSpeaker() || options.bCombo) {
+      check(KestrovaGroupInit(kChannel, &options.init), "initialising the noise channel");
+    }
+  }
+
+  // A frame of the samples from uPosition on, filled up with silence at the end of the file.
+  static void cut(const std::vector<std::int16_t>& samples, std::size_t uPosition,
+                  std::vector<std::int16_t>& frame) {
+    const std::size_t uCount =
+        uPosition < samples.size() ? std::min(frame.size(), samples.size() - uPosition) : 0;
+    std::copy_n(samples.data() + (uCount > 0 ? uPosition : 0), uCount, frame.begin());
+    std::fill(frame.begin() + static_cast<std::ptrdiff_t>(uCount), frame.end(), std::int16_t{0});
+  }
+
+  void feedSpeaker(std::size_t uPosition, std::vector<std::int16_t>& frame) const {
+    if (!hasSpeaker()) return;
+    cut(spk.samples, uPosition, frame);
+    check(KestrovaAECProcessSpkFrame(kChannel, frame.data(), static_cast<int>(frame.size() * 2)),
+          "processing a loudspeaker frame");
+  }
+
+  int processFrame(std::vector<std::int16_t>& frame, sKestrovaFrameResult& result) const {
+    const auto process = !hasSpeaker()    ? KestrovaProcessFrame
+                         : options.bCombo ? KestrovaComboAECNRProcessFrame
+                                          : KestrovaAECProcessMicFrame;
+    return process(kChannel, frame.data(), static_cast<int>(frame.size() * 2), frame.data(), &result);
+  }
+
+  // The engine gives nothing for the first frames: its delay. With --align the output starts with the sample
+  // that the input starts with, and the end, still inside the engine, is silence.
+  void align() { out.resize(mic.samples.size()); }
+
+  void showProgress(std::size_t uPosition) {
+    const std::size_t uSecond = uPosition / static_cast<std::size_t>(mic.iRate);
+    if (mic.samples.size() / static_cast<std::size_t>(mic.iRate) < kProgressFrom || uSecond == uShown) return;
+    uShown = uSecond;
+    std::fprintf(stderr, "\r%zu of %zu s", uSecond, mic.samples.size() / static_cast<std::size_t>(mic.iRate));
+    if (uPosition + static_cast<std::size_t>(mic.iRate) >= mic.samples.size()) std::fputc('\n', stderr);
+  }
+
+  Options options;
+  Wav mic;
+  Wav spk;
+  File pCsv;
+  std::vector<std::int16_t> out;
+  std::size_t uShown = 0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    Options options;
+    if (const auto iStatus = parseOptions(argc, argv, options)) return *iStatus;
+    Run(options).process();
+    return 0;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "kestrova-wav: %s\n", error.what());
+    return 1;
+  }
+}
