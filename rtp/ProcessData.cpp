@@ -145,24 +145,28 @@ void MyRtp::handleRegistrationFrame(int side, int pair, sKestrovaFrameResult& re
   } else if (recorded >= kRegistrationSkippedSamples) {
     std::int16_t* const frame = record.psFrame[side].data();
     writeSamples(record.pfRegistrationRaw[side], frame, 2 * samples);
-    (void)KestrovaProcessFrame(channelOf(side, pair), frame, 2 * samples, frame, &result);
+    if (KestrovaProcessFrame(channelOf(side, pair), frame, 2 * samples, frame, &result) != 0) {
+      result = untouchedFrame(2 * samples);
+    }
   }
 }
 
-// A frame that the engine fails to process leaves as it came.
+// A frame that the engine fails to process counts as untouched.
 void MyRtp::handleEngineFrame(int side, int pair, sKestrovaFrameResult& result) {
   sRtpSessionPair& record = psPairs[pair];
   std::int16_t* const frame = record.psFrame[side].data();
   const int bytes = 2 * frameSamples(record);
   const std::uint16_t channel = channelOf(side, pair);
   const int other = 1 - side;
+  int failure = 0;
   if (record.bAecMic[side]) {
-    (void)(record.bNoiseReduction[side]
-               ? KestrovaComboAECNRProcessFrame(channel, frame, bytes, frame, &result)
-               : KestrovaAECProcessMicFrame(channel, frame, bytes, frame, &result));
+    failure = record.bNoiseReduction[side]
+                  ? KestrovaComboAECNRProcessFrame(channel, frame, bytes, frame, &result)
+                  : KestrovaAECProcessMicFrame(channel, frame, bytes, frame, &result);
   } else if (record.bNoiseReduction[side]) {
-    (void)KestrovaProcessFrame(channel, frame, bytes, frame, &result);
+    failure = KestrovaProcessFrame(channel, frame, bytes, frame, &result);
   }
+  if (failure != 0) result = untouchedFrame(bytes);
   writeSynch(record.pfSynchFile[side], "mic", bytes);
   if (record.bAecSpk[side]) (void)KestrovaAECProcessSpkFrame(channelOf(other, pair), frame, bytes);
   writeSynch(record.pfSynchFile[other], "spk", bytes);

@@ -1,7 +1,10 @@
 // Pairs with their real sockets and threads.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/resource.h>
 #include <thread>
 
@@ -105,6 +108,26 @@ TEST_F(SessionTest, SelectErrorsAreCountedAndEndWithTheCause) {
   EXPECT_TRUE(eventually([&] { return !errors.read().has_value(); }));
   EXPECT_EQ(
       installation.logCount(" ERROR in MyRtp::threadMainLoop, error in select (0) Bad file descriptor\n"), 1);
+}
+
+// Handlers belong to the main thread: a media thread takes only the faults that it raises itself.
+TEST_F(SessionTest, MediaThreadBlocksEverySignalButFaults) {
+  Call call({eCodecPCMU}, {eCodecPCMU});
+  ASSERT_EQ(call.open(), 0);
+  std::uint64_t expected = ~std::uint64_t{0};
+  for (const int open : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGKILL, SIGSTOP})
+    expected &= ~(std::uint64_t{1} << (open - 1));
+  constexpr std::uint64_t kOfTheCLibrary = std::uint64_t{3} << 31;  // signals 32 and 33
+  const auto isMediaThread = [&](const std::filesystem::path& task) {
+    const std::string status = TestInstallation::read(task / "status");
+    const std::uint64_t blocked = std::stoull(status.substr(status.find("SigBlk:") + 8, 16), nullptr, 16);
+    return (blocked | kOfTheCLibrary) == (expected | kOfTheCLibrary);
+  };
+  EXPECT_TRUE(eventually([&] {
+    const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
+    return std::any_of(begin(tasks), end(tasks),
+                       [&](const auto& task) { return isMediaThread(task.path()); });
+  }));
 }
 
 TEST_F(SessionTest, RestartWhilePacketsFlowAndPagesRead) {
