@@ -208,7 +208,7 @@ void MySip::beginDialog(int slot) {
   leg.pcRemoteTag.clear();
   // What was sent in an earlier call must not be sent again in this one; a REGISTER may still be challenged.
   for (sLastMsgData& stored : leg.psLastMsgs) {
-    if (stored.pcCallID != leg.pcRegistrationCallID) stored.iCSeq = -1;
+    if (stored.pcCallID.view() != leg.pcRegistrationCallID.view()) stored.iCSeq = -1;
   }
 }
 
