@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <sys/types.h>
 #include <unistd.h>
 #include <utility>
 
@@ -39,6 +40,10 @@ struct FileCloser {
 // that must arrive flushes and checks before letting go.
 using File = std::unique_ptr<std::FILE, FileCloser>;
 
-inline File openFile(const char* path, const char* mode) {
-  return File(std::fopen(path, mode));
-}
+// fopen that never waits and is not inherited by other programs: a FIFO in place of the file does not open
+// for writing while nobody reads it, and reads as empty while nobody writes it. mode: 'r', 'w' or 'a', with
+// '+' where wanted; 'b' and 't' make no difference.
+[[nodiscard]] File openFile(const char* path, const char* mode);
+// The same for a file that must be an ordinary one, which is what can be read to its end: errno is EISDIR for
+// a directory, EINVAL for a FIFO, a device or a socket. Safe in signal handlers.
+[[nodiscard]] FileDescriptor openRegularFile(const char* path, int flags, mode_t permissions = 0666);

@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 
+#include "app/config/Guarded.h"
 #include "app/config/Log.h"
 #include "app/config/MyConfiguration.h"
 
@@ -23,9 +24,7 @@ void storeDotted(std::string_view text, in_addr address, FixedText<16>& out) {
   (void)inet_ntop(AF_INET, &address, out.data(), out.maxLength() + 1);
 }
 
-}  // namespace
-
-bool MyConfiguration::validateAndGetDottedIPAddress(std::string_view value, FixedText<16>& out) {
+bool findAddress(std::string_view value, FixedText<16>& out) {
   FixedText<kHostCapacity> host;
   if (!host.assign(value)) {
     logUnknownHost(value, HOST_NOT_FOUND);
@@ -52,4 +51,10 @@ bool MyConfiguration::validateAndGetDottedIPAddress(std::string_view value, Fixe
   }
   (void)inet_ntop(AF_INET, found->h_addr_list[0], out.data(), out.maxLength() + 1);
   return false;
+}
+
+}  // namespace
+
+bool MyConfiguration::validateAndGetDottedIPAddress(std::string_view value, FixedText<16>& out) {
+  return guarded(kFunction, true, [&] { return findAddress(value, out); });
 }

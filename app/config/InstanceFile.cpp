@@ -15,8 +15,8 @@ InstancePath instancePath(const char* name) {
 
 InstanceFileResult writeInstanceFile(const InstancePath& path, std::int32_t value) {
   constexpr mode_t kReadableByAll = 0644;
-  const FileDescriptor file(
-      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kReadableByAll));
+  const FileDescriptor file =
+      openRegularFile(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, kReadableByAll);
   if (!file.isOpen()) return InstanceFileResult::eNotOpened;
   if (write(file.get(), &value, sizeof value) != static_cast<ssize_t>(sizeof value))
     return InstanceFileResult::eNotWritten;

@@ -16,6 +16,6 @@ InstancePath instancePath(const char* name);
 
 enum class InstanceFileResult { eWritten, eNotOpened, eNotWritten };
 
-// Creates or truncates the file and writes the value. A symbolic link in its place is not followed: anyone
-// may put one into /tmp.
+// Creates or truncates the file and writes the value. Anyone may put something else into /tmp: a symbolic
+// link is not followed, and only an ordinary file is written.
 [[nodiscard]] InstanceFileResult writeInstanceFile(const InstancePath& path, std::int32_t value);

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "app/config/Guarded.h"
 #include "app/config/InstanceFile.h"
 #include "app/config/Log.h"
 #include "app/config/MyConfiguration.h"
@@ -18,7 +19,7 @@ constexpr int kNiceValue = -15;
 
 // The process id in the lock file, or nothing (logged).
 std::optional<std::int32_t> readLock(const InstancePath& path) {
-  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const FileDescriptor file = openRegularFile(path.c_str(), O_RDONLY);
   if (!file.isOpen()) {
     Log::error(kReadFunction, "Unable to open %s for reading\n", path.c_str());
     return std::nullopt;
@@ -37,9 +38,7 @@ bool lockIsOurs() {
   return false;
 }
 
-}  // namespace
-
-int MyConfiguration::writeTmpFile() {
+int writeLock() {
   const InstancePath path = instancePath(kLockFile);
   switch (writeInstanceFile(path, getpid())) {
     case InstanceFileResult::eWritten:
@@ -54,12 +53,22 @@ int MyConfiguration::writeTmpFile() {
   return kFailure;
 }
 
-int MyConfiguration::readTmpFile() {
+int countLockFailures() {
   static int iFailureCount = 0;
   iFailureCount = lockIsOurs() ? 0 : iFailureCount + 1;
   if (iFailureCount <= kToleratedFailures) return 0;
   Log::error(kReadFunction, "going to return fatal\n");
   return kFailure;
+}
+
+}  // namespace
+
+int MyConfiguration::writeTmpFile() {
+  return guarded(kWriteFunction, kFailure, writeLock);
+}
+
+int MyConfiguration::readTmpFile() {
+  return guarded(kReadFunction, kFailure, countLockFailures);
 }
 
 void MyConfiguration::increaseProcessPriority() {

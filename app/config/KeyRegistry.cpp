@@ -119,7 +119,9 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
     {"BypassVAD", eInteger, &iBypassVAD, preset("0"), kFlag, kReload, eEngine,
      "1 bypasses the decision between speech and pause: all audio is treated as speech."},
     {"CPUPower", eInteger, &iCPUPower, required("5"), range(0, 10), kReload, eEngine,
-     "Processing effort of the voice engine, 0 least. Given to the engine once, at start-up."},
+     "Processing effort of the voice engine, 0 least. The engine takes it once, at start-up: a reload checks "
+     "and "
+     "stores a new value, which has no effect before the next start."},
     {"DetectAggressiveLevel", eInteger, &iDetectAggressiveLevel, required("2"), range(0, 4), kReload, eEngine,
      "How readily sounds are taken for something other than the talker's speech."},
     {"CleanAggressiveLevel", eInteger, &iCleanAggressiveLevel, required("10"), range(5, 12), kReload, eEngine,

@@ -55,9 +55,9 @@ CtimeText currentTimeText() {
   return text;
 }
 
-// Anyone may put a symbolic link into /tmp: it is not followed.
+// Anyone may put a symbolic link or a FIFO into /tmp: neither is used.
 File openEarlyLog(const Path& path) {
-  FileDescriptor descriptor(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0666));
+  FileDescriptor descriptor = openRegularFile(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW);
   if (!descriptor.isOpen()) return nullptr;
   File file(fdopen(descriptor.get(), "a"));
   if (file) descriptor.release();
@@ -145,7 +145,7 @@ void appendFromHandler(const HandlerText& record) {
   path.add(kRelativeLogPath);
   path.add(pcKestrovaInstanceSuffix.c_str());
   // HandlerText is zero-filled and larger than the longest path, so the bytes end with a terminator.
-  const int file = open(path.data(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  const int file = open(path.data(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, 0666);
   if (file < 0) return;
   [[maybe_unused]] const ssize_t written = ::write(file, record.data(), record.size());
   close(file);

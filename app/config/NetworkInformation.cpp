@@ -10,6 +10,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include "app/config/Guarded.h"
 #include "app/config/Log.h"
 #include "app/config/MyConfiguration.h"
 #include "app/config/ProcessState.h"
@@ -71,13 +72,8 @@ void takeAddress(const ifreq& interface) {
   pcMyIPAsDetectedInternally = address;
 }
 
-}  // namespace
-
-int MyConfiguration::initializeNetwork() {
-  return 0;
-}
-
-bool MyConfiguration::findMyIP(FixedText<16>& out, const char* destination, int port) {
+// Connecting a UDP socket makes the kernel choose the local address, and sends nothing.
+bool askForLocalAddress(FixedText<16>& out, const char* destination, int port) {
   const FileDescriptor probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!probe.isOpen()) {
     Log::error(kFindMyIP, "unable to open socket - %d - %s\n", errno, std::strerror(errno));
@@ -104,7 +100,7 @@ bool MyConfiguration::findMyIP(FixedText<16>& out, const char* destination, int 
   return false;
 }
 
-bool MyConfiguration::readNetworkInformation() {
+bool scanInterfaces() {
   const FileDescriptor probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!probe.isOpen()) {
     Log::warning(kReadNetwork, "problem opening socket %s\n", std::strerror(errno));
@@ -125,4 +121,18 @@ bool MyConfiguration::readNetworkInformation() {
   if (usable > 0 && !pcMyIPAsDetectedInternally.empty()) return false;
   Log::error(kReadNetwork, "no network interface with an IPv4 address found besides the loopback device\n");
   return true;
+}
+
+}  // namespace
+
+int MyConfiguration::initializeNetwork() {
+  return 0;
+}
+
+bool MyConfiguration::findMyIP(FixedText<16>& out, const char* destination, int port) {
+  return guarded(kFindMyIP, true, [&] { return askForLocalAddress(out, destination, port); });
+}
+
+bool MyConfiguration::readNetworkInformation() {
+  return guarded(kReadNetwork, true, scanInterfaces);
 }

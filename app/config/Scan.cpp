@@ -27,9 +27,14 @@ std::optional<int> scanInteger(std::string_view text) {
 
   constexpr long kLowest = std::numeric_limits<int>::min();
   constexpr long kHighest = std::numeric_limits<int>::max();
+  constexpr long kBeyondInt = kHighest + 2;
   long value = 0;
-  for (const char digit : text.substr(0, digits)) value = std::min(value * 10 + (digit - '0'), -kLowest);
-  return static_cast<int>(negative ? -value : std::min(value, kHighest));
+  for (const char digit : text.substr(0, digits)) value = std::min(value * 10 + (digit - '0'), kBeyondInt);
+  value = negative ? -value : value;
+  if (value >= kLowest && value <= kHighest) return static_cast<int>(value);
+  const bool odd = (text[digits - 1] - '0') % 2 != 0;
+  if (negative) return static_cast<int>(odd ? kLowest + 1 : kLowest);
+  return static_cast<int>(odd ? kHighest : kHighest - 1);
 }
 
 std::optional<float> scanFloat(std::string_view text) {

@@ -6,8 +6,8 @@
 #include <string_view>
 
 // The leading decimal integer, with an optional sign and after any blank space; what follows it is ignored. A
-// number beyond the range of int counts as the nearest int, so that it fails range checks instead of passing
-// them by accident.
+// number beyond the range of int counts as the nearest int that is even or odd as it is, so that it fails the
+// check it should: that of the range.
 [[nodiscard]] std::optional<int> scanInteger(std::string_view text);
 
 // The leading floating-point number, in any notation that strtof knows.

@@ -1,15 +1,12 @@
 #include "app/config/TextFile.h"
 
-#include <cerrno>
-#include <sys/stat.h>
+#include <fcntl.h>
 
 File openForReading(const char* path) {
-  File file = openFile(path, "re");
-  struct stat status {};
-  if (file && fstat(fileno(file.get()), &status) == 0 && S_ISDIR(status.st_mode)) {
-    file.reset();
-    errno = EISDIR;
-  }
+  FileDescriptor descriptor = openRegularFile(path, O_RDONLY);
+  if (!descriptor.isOpen()) return {};
+  File file(fdopen(descriptor.get(), "r"));
+  if (file) descriptor.release();
   return file;
 }
 

@@ -10,8 +10,7 @@
 // Longest line in characters, its line feed included; a longer one is read as several lines.
 inline constexpr std::size_t kMaxLineLength = 49'999;
 
-// Opens a file for reading. A directory, which stdio would open and then fail to read, does not open either
-// (errno EISDIR).
+// Opens an ordinary file for reading; anything else in its place does not open (openRegularFile says why).
 File openForReading(const char* path);
 
 // The lines of an open file, one after the other. A last line without a line feed is a line.

@@ -1,6 +1,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/stat.h>
 #include <thread>
 
 #include "app/config/Log.h"
@@ -35,10 +36,15 @@ TEST_F(LogTest, MessageIsCutTo1999Characters) {
   EXPECT_EQ(installation.logCount(", " + std::string(1999, 'b') + "\n"), 1);
 }
 
-TEST_F(LogTest, MissingDirectoryLosesTheRecordAndNothingElse) {
-  std::filesystem::remove_all(installation.root() / "log");
+TEST_F(LogTest, LogThatCannotBeOpenedLosesTheRecordAndNothingElse) {
+  const std::filesystem::path log = installation.root() / "log";
+  std::filesystem::remove_all(log);
   Log::error("f", "lost\n");
-  std::filesystem::create_directory(installation.root() / "log");
+  std::filesystem::create_directory(log);
+  ASSERT_EQ(mkfifo((log / "errLog").c_str(), 0600), 0);
+  Log::error("f", "lost, not waited for a reader\n");
+  Log::fromSignalHandler(Log::Level::eError, "f", "lost\n");
+  std::filesystem::remove(log / "errLog");
   Log::error("f", "kept\n");
   EXPECT_EQ(installation.logCount("lost"), 0);
   EXPECT_EQ(installation.logCount("kept"), 1);

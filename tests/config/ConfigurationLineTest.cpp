@@ -1,6 +1,7 @@
 // How lines of the configuration file are read, and how loading and reloading fail.
 #include <cerrno>
 #include <filesystem>
+#include <sys/stat.h>
 #include <vector>
 
 #include "app/config/MyConfiguration.h"
@@ -48,11 +49,11 @@ TEST_F(ConfigurationLineTest, AssignmentsAreFoundAmongBlanksCommentsAndOtherLine
   }
 }
 
-TEST_F(ConfigurationLineTest, NumberBeyondTheRangeOfIntCountsAsTheNearestInt) {
+TEST_F(ConfigurationLineTest, NumberBeyondTheRangeOfIntCountsAsTheNearestIntThatIsEvenOrOddAsItIs) {
   ASSERT_EQ(loadLines("SipUAPort=2147483648\n"), 0);
-  EXPECT_EQ(iSipUAPort, 2147483647);
+  EXPECT_EQ(iSipUAPort, 2147483646);
   ASSERT_EQ(loadLines("SipUAPort=-99999999999999999999999999\n"), 0);
-  EXPECT_EQ(iSipUAPort, -2147483647 - 1);
+  EXPECT_EQ(iSipUAPort, -2147483647);
   // 2^32 + 1 must not pass for 1.
   EXPECT_EQ(loadLines("NeedToDoAEC=4294967297\n"), 2);
   expectOnlyError("value of NeedToDoAEC is not 0 or 1\n");
@@ -104,6 +105,12 @@ TEST_F(ConfigurationLineTest, FileThatCannotBeReadFails) {
   const std::string directory = installation.bin().string();
   EXPECT_EQ(myConfiguration.readParams(directory.c_str(), false), 2);
   expectOnlyError("Unable to open conf-file (error=" + std::to_string(EISDIR) + ") " + directory + "\n");
+
+  installation.clearLog();
+  const std::string fifo = (installation.bin() / "fifo.conf").string();
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_EQ(myConfiguration.readParams(fifo.c_str(), true), 2) << "and does not wait for a writer";
+  expectOnlyError("Unable to open conf-file (error=" + std::to_string(EINVAL) + ") " + fifo + "\n");
 }
 
 // A reload that fails half-way: what stands before the error holds, and nothing is forgotten for the next

@@ -1,14 +1,17 @@
 // The instance lock, and the host's own addresses, on which start-up depends.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "app/config/InstanceFile.h"
 #include "app/config/MyConfiguration.h"
 #include "app/config/ProcessState.h"
+#include "common/Handle.h"
 #include "tests/support/TestInstallation.h"
 
 namespace {
@@ -70,7 +73,7 @@ TEST_F(InstanceLockTest, SuccessInBetweenForgivesFailures) {
   for (int i = 0; i < 4; ++i) EXPECT_EQ(myConfiguration.readTmpFile(), 0);
 }
 
-TEST_F(InstanceLockTest, LockIsNotWrittenThroughALinkOrOverADirectory) {
+TEST_F(InstanceLockTest, LockIsTakenOnlyInAnOrdinaryFile) {
   const std::string victim = installation.write("victim", "precious");
   std::filesystem::create_symlink(victim, path);
   EXPECT_EQ(myConfiguration.writeTmpFile(), 2);
@@ -78,9 +81,16 @@ TEST_F(InstanceLockTest, LockIsNotWrittenThroughALinkOrOverADirectory) {
   std::filesystem::remove(path);
   std::filesystem::create_directory(path);
   EXPECT_EQ(myConfiguration.writeTmpFile(), 2);
+  std::filesystem::remove(path);
+  // A FIFO that somebody listens to would open, and take the process id for good.
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  const FileDescriptor listener(open(path.c_str(), O_RDONLY | O_NONBLOCK));
+  EXPECT_EQ(myConfiguration.writeTmpFile(), 2);
+  EXPECT_EQ(myConfiguration.readTmpFile(), 0);
   EXPECT_EQ(installation.logCount(" ERROR in MyConfiguration::writeTmpFile, Unable to open " + path +
                                   " for writing\n"),
-            2);
+            3);
+  EXPECT_EQ(installation.logCount("readTmpFile, Unable to open " + path + " for reading\n"), 1);
 }
 
 // It exceeds what file systems take for a name, and must then be refused whole, not cut.

@@ -254,9 +254,15 @@ TEST_F(KeyTableTest, ReloadChangesReloadableKeysAndNoOthers) {
 // ---- Keys with rules of their own ----
 
 TEST_F(KeyTableTest, NumberOfPhonesIsEvenPositiveAndAtMostAThousandAskedInThisOrder) {
-  const std::vector<std::pair<const char*, const char*>> refused = {
-      {"7", "is not even\n"},     {"-1", "is not even\n"},     {"1001", "is not even\n"},
-      {"0", "is not positive\n"}, {"-2", "is not positive\n"}, {"1002", "is more than 1000\n"}};
+  const std::vector<std::pair<const char*, const char*>> refused = {{"7", "is not even\n"},
+                                                                    {"-1", "is not even\n"},
+                                                                    {"1001", "is not even\n"},
+                                                                    {"0", "is not positive\n"},
+                                                                    {"-2", "is not positive\n"},
+                                                                    {"1002", "is more than 1000\n"},
+                                                                    {"99999999998", "is more than 1000\n"},
+                                                                    {"99999999999", "is not even\n"},
+                                                                    {"-99999999998", "is not positive\n"}};
   for (const auto& [value, expected] : refused) {
     EXPECT_EQ(load({{"NumPhonesToAllocate", value}}), 2);
     expectOnlyError("value of NumPhonesToAllocate " + std::string(expected));
