@@ -3,13 +3,13 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <unistd.h>
 
 #include "app/config/InstanceFile.h"
 #include "app/config/Log.h"
 #include "app/config/MyConfiguration.h"
 #include "app/config/ProcessState.h"
+#include "common/FaultStack.h"
 #include "sip/MySip.h"
 
 namespace {
@@ -18,10 +18,6 @@ using Level = Log::Level;
 
 constexpr std::array kIgnoredSignals = {SIGHUP, SIGQUIT, SIGABRT, SIGPIPE, SIGALRM, SIGTERM, SIGSYS};
 constexpr std::array kFaultSignals = {SIGILL, SIGTRAP, SIGFPE};
-
-// A handler for faults needs a stack of its own, for the fault may be that the stack is full. The handlers
-// use two log records of 2,600 bytes each, and the kernel saves up to 12 KB of registers.
-alignas(std::max_align_t) std::array<std::byte, 65'536> faultStack;
 
 // The interrupted code must find errno as it left it.
 class ErrnoKeeper {
@@ -90,13 +86,6 @@ void faultOrIgnoreHandle(int number, siginfo_t* information, void*) {
   if (information->si_code > 0) _exit(1);
 }
 
-void useFaultStack() {
-  stack_t stack{};
-  stack.ss_sp = faultStack.data();
-  stack.ss_size = faultStack.size();
-  sigaltstack(&stack, nullptr);
-}
-
 struct sigaction onFaultStack(int flags) {
   struct sigaction action {};
   sigemptyset(&action.sa_mask);
@@ -112,7 +101,7 @@ void installSignalHandlers() {
   signal(SIGUSR2, sigUsr2Handle);
   for (const int number : kIgnoredSignals) signal(number, sigIgnoreHandle);
 
-  useFaultStack();
+  static const FaultStack mainThreadStack;
   struct sigaction segmentation = onFaultStack(0);
   segmentation.sa_handler = SigSegvHandle;
   sigaction(SIGSEGV, &segmentation, nullptr);

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <string_view>
+#include <unistd.h>
 
 #include "app/config/Log.h"
 #include "app/config/MyConfiguration.h"
@@ -140,6 +141,7 @@ int quorvelMain(std::span<char* const> arguments) {
     return run(arguments);
   } catch (...) {
     Log::error(kMain, "exception caught");
+    if (myRtp.psPairs) _exit(kExitFailure);  // media threads may run: no destructors
     return kExitFailure;
   }
 }

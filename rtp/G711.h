@@ -5,11 +5,10 @@
 // aligned to the high end of 16 bits. Encoding picks the interval between two of the Recommendation's
 // decision values. Which interval a sample on a decision value belongs to is left open there; here
 //   A-law   to the one above it (towards +infinity), so that each interval holds whole groups of 16 samples;
-//   mu-law  to the one below it, after the cut to 14 bits by arithmetic shift. The packet path's table knows
-//   one
-//           code per 8 samples, the one of the highest of them, and with this rule that is the code of the
-//           output value at the group's start: decoding and encoding again changes no audible code, however
-//           often.
+//   mu-law  to the one below it, after the cut to 14 bits by arithmetic shift, so that each interval holds
+//           whole groups of 8 samples.
+// The packet path's tables know one code per 8 samples, counted from the lowest: with these rules it is the
+// code of each of the eight, and decoding and encoding again changes no audible code, however often.
 //
 // These are the definitions, from which look-up tables are filled; the packet path reads only the tables.
 // Every argument value is valid.

@@ -1,3 +1,4 @@
+#include <cinttypes>
 #include <cstring>
 #include <new>
 #include <span>
@@ -14,12 +15,6 @@
 namespace {
 
 constexpr const char* kFunction = "MyRtp::init";
-
-// A call needs four sockets and up to six recordings or a registration's files; few calls need all at once.
-constexpr int kDescriptorsPerCall = 8;
-constexpr int kDescriptorsOfTheProcess = 8;
-constexpr int kMaxDescriptors = FD_SETSIZE;
-static_assert(kMaxDescriptors == 1024);
 
 constexpr int kG722BitRate = 64000;
 
@@ -73,10 +68,10 @@ void encodeG711(const std::vector<std::int16_t>& samples, const std::array<std::
 
 int MyRtp::init() {
   try {
-    const int needed = iNumCallsToFilter * kDescriptorsPerCall + kDescriptorsOfTheProcess;
+    const std::int64_t needed = descriptorsFor(iNumCallsToFilter);
     if (needed > kMaxDescriptors) {
-      Log::error(kFunction, "Not enough file descriptors to support so many calls %d < %d", kMaxDescriptors,
-                 needed);
+      Log::error(kFunction, "Not enough file descriptors to support so many calls %d < %" PRId64,
+                 kMaxDescriptors, needed);
       return 2;
     }
     if (!allocatePairs(iNumCallsToFilter)) {
@@ -117,11 +112,10 @@ bool MyRtp::initializeEngine() {
   return KestrovaPackageInit(&package) == 0;
 }
 
-// Eight neighbouring samples share one code. It is that of the lowest of them, a multiple of 8, because every
-// value that a code stands for in that range is such a multiple: decoding and encoding again gives the same
-// code. Going down from the largest sample leaves the lowest one's code in the table.
+// Eight neighbouring samples share one code in either law (see G711.h), so it does not matter which of them
+// fills the entry last.
 void MyRtp::initializeCodecTables() {
-  for (int sample = 32767; sample >= -32768; --sample) {
+  for (int sample = -32768; sample <= 32767; ++sample) {
     const int index = static_cast<std::uint16_t>(sample) >> 3;
     pucLinearToALaw[index] = linear2alaw(static_cast<std::int16_t>(sample));
     pucLinearToULaw[index] = linear2ulaw(static_cast<std::int16_t>(sample));

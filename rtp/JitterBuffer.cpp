@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "app/config/Log.h"
 #include "rtp/MyRtp.h"
-#include "rtp/RtpHeader.h"
 
 void MyRtp::insertToJitterBuffer(int side, int pair, const char* msg, int len, int seq) {
   sRtpSessionPair& record = psPairs[pair];
@@ -31,14 +31,19 @@ void MyRtp::processJitterBuffer(bool force, int side, int pair) {
       ++record.iPacketsLost[side];
     }
     record.iLastSeq[side] = head.iSeq;
-    char* const packet = head.pcPacket.data();
-    int outLen = 0;
-    processData(side, pair, packet + kRtpHeaderBytes, head.iLength - kRtpHeaderBytes,
-                extractCodecFromValidMsg(side, pair, packet), outLen);
-    updateCodecHeaderInRtpMsg(side, pair, packet);
-    addToneAndSendRtp(side, pair, packet, outLen + kRtpHeaderBytes);
+    sendBuffered(side, pair, head);
     std::move(entries.begin() + 1, entries.begin() + count, entries.begin());
     --count;
     force = false;
+  }
+}
+
+// A packet that fails is lost; those behind it still have their turn.
+void MyRtp::sendBuffered(int side, int pair, sJitterBufferEntry& entry) {
+  try {
+    char* const packet = entry.pcPacket.data();
+    sendProcessed(side, pair, packet, entry.iLength, extractCodecFromValidMsg(side, pair, packet));
+  } catch (...) {
+    Log::error("MyRtp::processJitterBuffer", "exception caught");
   }
 }

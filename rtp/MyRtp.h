@@ -56,6 +56,18 @@ struct sSessionPairRequest {
       "";  // payload type of side 0 as decimal text, leading blanks allowed, or empty
 };
 
+// select waits for descriptors below this one.
+inline constexpr int kMaxDescriptors = FD_SETSIZE;
+static_assert(kMaxDescriptors == 1024);
+
+// Descriptors to reckon with for that many calls. A call needs four sockets and up to six recordings or a
+// registration's files, but few calls need all at once; the process has some of its own.
+constexpr std::int64_t descriptorsFor(std::int64_t calls) {
+  constexpr std::int64_t kPerCall = 8;
+  constexpr std::int64_t kOfTheProcess = 8;
+  return calls * kPerCall + kOfTheProcess;
+}
+
 inline constexpr int kMaxToneBytes = 16000;  // 2 s; one byte is one 8 kHz sample time in every codec
 
 // A tone encoded in one codec.
@@ -214,7 +226,7 @@ class MyRtp {
   void loadTone(const char* path, const char* name, std::array<sToneBuffer, kNumCodecValues>& tones);
   // 2
   int takeFreeSlot(const sSessionPairRequest& request);
-  void storeLegs(int pair, const sSessionPairRequest& request);
+  void storeLegs(int pair, const sSessionPairRequest& request, in_addr own);
   void storeCodecs(int pair, const sSessionPairRequest& request);
   void resetForCall(int pair);
   bool openSockets(int pair);
@@ -239,6 +251,7 @@ class MyRtp {
   bool startsNewStream(int side, int pair, const RtpHeader& header) const;
   void resynchronise(int side, int pair, const RtpHeader& header);
   void sendProcessed(int side, int pair, char* msg, int len, SUPPORTED_CODECS_IN_QUORVEL codec);
+  void sendBuffered(int side, int pair, sJitterBufferEntry& entry);
   // 7
   int decodeIntoFrame(int side, int pair, const char* payload, int remaining,
                       SUPPORTED_CODECS_IN_QUORVEL codec);

@@ -8,6 +8,7 @@
 #include "app/config/Log.h"
 #include "app/config/Settings.h"
 #include "common/Clock.h"
+#include "common/FaultStack.h"
 #include "rtp/MyRtp.h"
 
 namespace {
@@ -23,6 +24,13 @@ sockaddr_in addressOf(in_addr ip, int port) {
   address.sin_addr = ip;
   address.sin_port = port >= 0 && port <= 65535 ? htons(static_cast<in_port_t>(port)) : in_port_t{0};
   return address;
+}
+
+// Every spelling that the configuration takes for an address.
+bool findOwnAddress(in_addr& ip) {
+  if (inet_aton(pcSipUAIPForBinding.c_str(), &ip) != 0) return true;
+  Log::error(kFunction, "SipUAIPForBinding \"%s\" is no address to bind to\n", pcSipUAIPForBinding.c_str());
+  return false;
 }
 
 in_addr parseIP(const char* text) {
@@ -49,7 +57,7 @@ bool hasG722(const CodecList& codecs, int numCodecs) {
 sigset_t blockedSignals() {
   sigset_t signals;
   sigfillset(&signals);
-  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) sigdelset(&signals, fault);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP}) sigdelset(&signals, fault);
   return signals;
 }
 
@@ -66,6 +74,7 @@ const pthread_attr_t* threadAttributes() {
 }
 
 void* mediaThread(void* arg) {
+  const FaultStack faultStack;
   myRtp.threadMainLoop(arg);
   return nullptr;
 }
@@ -76,10 +85,12 @@ int MyRtp::openSessionPair(const sSessionPairRequest& request) {
   try {
     const int pair = takeFreeSlot(request);
     if (pair < 0) return -1;
-    storeLegs(pair, request);
+    in_addr own{};
+    const bool ownKnown = findOwnAddress(own);
+    storeLegs(pair, request, own);
     storeCodecs(pair, request);
     resetForCall(pair);
-    if (!openSockets(pair)) return -1;
+    if (!ownKnown || !openSockets(pair)) return -1;
     recalculateFDSet(pair);
     if (!startEngineChannels(pair)) return -1;
     openRecordings(pair, request.sTimeCallStart);
@@ -102,13 +113,12 @@ int MyRtp::takeFreeSlot(const sSessionPairRequest& request) {
   return pair;
 }
 
-void MyRtp::storeLegs(int pair, const sSessionPairRequest& request) {
+void MyRtp::storeLegs(int pair, const sSessionPairRequest& request, in_addr own) {
   sRtpSessionPair& record = psPairs[pair];
   static_cast<sPairLegs&>(record) = sPairLegs{};
   record.bInUse = true;
   record.iCleaningType = request.iCleaningType;
   record.ucTelephoneEventPT = parsePayloadType(request.pcTelephoneEventPT);
-  const in_addr own = parseIP(pcSipUAIPForBinding.c_str());
   for (int side = 0; side < 2; ++side) {
     const sSessionPairLeg& leg = request.sLeg[side];
     record.pcCallID[side].assignCut(leg.pcCallID);

@@ -33,9 +33,10 @@ class OutRing {
     iAvailable += count;
   }
 
-  void keepNewest() {
-    iRead = iWrite;
-    iAvailable = kOutRingSamples;
+  // count: at most kOutRingSamples and at most what was written in the last writes.
+  void keepNewest(int count) {
+    iRead = wrapped(iWrite + kOutRingSamples - count);
+    iAvailable = count;
   }
 
   // count: at most available().

@@ -65,6 +65,17 @@ void addToStatistics(sPairStatistics& statistics, int side, int samples, const s
   statistics.iMaxEcho[side].raiseTo(result.iEchoLevel);
 }
 
+// Packets that are sent shorter than they came leave samples behind. When these overflow the ring, all but
+// what this packet takes is dropped: keeping the ring full would delay the call by 100 ms for good, and
+// overflow again at once.
+void limitBacklog(sRtpSessionPair& record, int side, int outLen) {
+  OutRing ring(record, side);
+  if (ring.available() <= kOutRingSamples) return;
+  Log::error(kFunction, "Too many samples in out buff %d", ring.available());
+  const int needed = record.iSampleRate == 8000 ? outLen : 2 * outLen;
+  ring.keepNewest(std::min(needed, kOutRingSamples));
+}
+
 }  // namespace
 
 void MyRtp::processData(int side, int pair, char* payload, int payloadLen, SUPPORTED_CODECS_IN_QUORVEL codec,
@@ -76,16 +87,12 @@ void MyRtp::processData(int side, int pair, char* payload, int payloadLen, SUPPO
     if (bytes == 0) break;
     consumed += bytes;
     if (record.iFrameFill[side] >= frameSamples(record)) {
+      record.iFrameFill[side] = 0;  // first, so that a frame that fails is not filled further
       handleFrame(side, pair);
-      record.iFrameFill[side] = 0;
     }
   }
-  OutRing ring(record, side);
-  if (ring.available() > kOutRingSamples) {
-    Log::error(kFunction, "Too many samples in out buff %d", ring.available());
-    ring.keepNewest();
-  }
   outLen = length / 8 * 8;
+  limitBacklog(record, side, outLen);
   encodeFromRing(side, pair, payload, outLen);
 }
 

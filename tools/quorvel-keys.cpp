@@ -10,10 +10,12 @@
 #include <unistd.h>
 
 #include "app/config/KeyRegistry.h"
+#include "app/config/Log.h"
 #include "app/config/MyConfiguration.h"
 #include "app/config/ProcessState.h"
 #include "app/config/TextFile.h"
 #include "engine/Glob.h"
+#include "rtp/MyRtp.h"
 #include "tools/quorvel-keys-print.h"
 
 namespace {
@@ -40,6 +42,13 @@ bool showAndRemoveLog() {
   return true;
 }
 
+// What the media relay refuses when it starts.
+bool callsFit() {
+  if (descriptorsFor(iNumCallsToFilter) <= kMaxDescriptors) return true;
+  Log::error("quorvel-keys", "value of NumCallsToFilter is more than the media relay can carry\n");
+  return false;
+}
+
 int check(Words words) {
   const char* installation = std::getenv("KESTROVA_BIN");
   if (installation == nullptr || !std::string_view(installation).ends_with('/') ||
@@ -47,8 +56,10 @@ int check(Words words) {
     std::fputs("KESTROVA_BIN must name the installation directory, with its final slash\n", stderr);
     return 1;
   }
-  const bool valid =
-      !myConfiguration.readNetworkInformation() && myConfiguration.readParams(words[0], false) == 0;
+  // A host without a network address of its own keeps the program from starting, whatever the file says.
+  if (myConfiguration.readNetworkInformation())
+    std::fputs("This host has no address to start with:\n", stderr);
+  const bool valid = myConfiguration.readParams(words[0], false) == 0 && callsFit();
   if (!showAndRemoveLog() && !valid)
     std::fprintf(stderr, "no reason found: can %s../log be written?\n", installation);
   std::puts(valid ? "The file is valid." : "The file is not valid.");
@@ -67,8 +78,12 @@ int set(Words words) {
     std::fprintf(stderr, "%s is no key of the configuration\n", words[1]);
     return 1;
   }
-  myConfiguration.saveParamValue(words[0], words[1], words.size() == 3 ? words[2] : nullptr);
-  return 0;
+  if (myConfiguration.saveParamValue(words[0], words[1], words.size() == 3 ? words[2] : nullptr) == 0)
+    return 0;
+  std::fprintf(stderr,
+               "%s cannot be changed: a new file in its directory, with its owner, is needed for that\n",
+               words[0]);
+  return 1;
 }
 
 struct sCommand {

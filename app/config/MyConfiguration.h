@@ -55,8 +55,9 @@ class MyConfiguration {
   // First value of the key, in `out`, which is also returned; null when the file does not give one. Exits the
   // process with status 1 when the file cannot be opened (`out` holds at least 50,000 bytes).
   char* ReadConfVal(const char* path, const char* key, char* out);
-  // Sets, replaces or (null value) comments out one key in the file.
-  void saveParamValue(const char* path, const char* key, const char* value);
+  // Sets, replaces or (null value) comments out one key in the file, which keeps its owner and permissions. 2
+  // when the file stays as it was because the new one cannot be written in its place.
+  [[nodiscard]] int saveParamValue(const char* path, const char* key, const char* value);
 
   // ---- 5 Call commands ----
 

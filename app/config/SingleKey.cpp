@@ -1,8 +1,10 @@
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "app/config/Guarded.h"
 #include "app/config/MyConfiguration.h"
 #include "app/config/Scan.h"
 #include "app/config/TextFile.h"
@@ -10,6 +12,7 @@
 namespace {
 
 constexpr std::size_t kPathCapacity = 4096;
+constexpr int kFailure = 2;
 
 // Does the line, of which the characters in `ignored` are skipped at its start, assign this key?
 bool assigns(std::string_view line, std::string_view key, std::string_view ignored) {
@@ -57,18 +60,25 @@ bool copyWithChange(std::FILE* in, std::FILE* out, const sKeyChange& change) {
   return !lines.failed() && std::fflush(out) == 0 && std::ferror(out) == 0;
 }
 
-// The new file keeps the permissions of the old one: it holds passwords.
+// A new file with the owner and the permissions of the old one, which holds passwords: nobody else may read
+// it at any moment, and a service that reads the old one must be able to read the new one. What is left in
+// its place, of an attempt that was interrupted, goes.
 File createLike(std::FILE* original, const char* path) {
-  File file = openFile(path, "we");
   struct stat status {};
-  if (file && fstat(fileno(original), &status) == 0) [[maybe_unused]]
-    const int unchanged = fchmod(fileno(file.get()), status.st_mode & 07777);
+  if (fstat(fileno(original), &status) != 0) return {};
+  unlink(path);
+  FileDescriptor descriptor(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  if (!descriptor.isOpen() || fchown(descriptor.get(), status.st_uid, status.st_gid) != 0 ||
+      fchmod(descriptor.get(), status.st_mode & 07777) != 0) {
+    if (descriptor.isOpen()) unlink(path);
+    return {};
+  }
+  File file(fdopen(descriptor.get(), "w"));
+  if (file) descriptor.release();
   return file;
 }
 
-}  // namespace
-
-char* MyConfiguration::ReadConfVal(const char* path, const char* key, char* out) {
+char* readValue(const char* path, const char* key, char* out) {
   out[0] = '\0';
   const File file = openForReading(path);
   if (!file) {
@@ -90,25 +100,38 @@ char* MyConfiguration::ReadConfVal(const char* path, const char* key, char* out)
   return nullptr;
 }
 
-void MyConfiguration::saveParamValue(const char* path, const char* key, const char* value) {
+// Replaces the file in one step, so that nobody ever finds none.
+bool replaceFile(const char* temporary, const char* path) {
+  if (std::rename(temporary, path) == 0) return true;
+  std::fprintf(stderr, "Unable to rename \"%s\" to \"%s\"\n", temporary, path);
+  unlink(temporary);
+  return false;
+}
+
+int saveValue(const char* path, const char* key, const char* value) {
   static std::array<char, kMaxLineLength + 1> current;  // main thread only, and large for a stack
-  const bool given = ReadConfVal(path, key, current.data()) != nullptr;
-  if (given ? value != nullptr && std::strcmp(value, current.data()) == 0 : value == nullptr) return;
+  const bool given = readValue(path, key, current.data()) != nullptr;
+  if (given ? value != nullptr && std::strcmp(value, current.data()) == 0 : value == nullptr) return 0;
 
   FixedText<kPathCapacity> temporary;
   const File in = openForReading(path);
-  if (!in || !temporary.format("%s.tmp", path)) return;
-  bool complete = false;
-  {
-    const File out = createLike(in.get(), temporary.c_str());
-    if (!out) return;
-    complete = copyWithChange(in.get(), out.get(), {key, value, given ? " " : " ;"});
-  }
-  if (!complete) {
+  if (!in || !temporary.format("%s.tmp", path)) return kFailure;
+  File out = createLike(in.get(), temporary.c_str());
+  if (!out) return kFailure;
+  if (!copyWithChange(in.get(), out.get(), {key, value, given ? " " : " ;"})) {
     unlink(temporary.c_str());
-    return;
+    return kFailure;
   }
-  // Replaces the file in one step, so that nobody ever finds none.
-  if (std::rename(temporary.c_str(), path) != 0)
-    std::fprintf(stderr, "Unable to rename \"%s\" to \"%s\"\n", temporary.c_str(), path);
+  out.reset();
+  return replaceFile(temporary.c_str(), path) ? 0 : kFailure;
+}
+
+}  // namespace
+
+char* MyConfiguration::ReadConfVal(const char* path, const char* key, char* out) {
+  return guarded<char*>("MyConfiguration::ReadConfVal", nullptr, [&] { return readValue(path, key, out); });
+}
+
+int MyConfiguration::saveParamValue(const char* path, const char* key, const char* value) {
+  return guarded("MyConfiguration::saveParamValue", kFailure, [&] { return saveValue(path, key, value); });
 }

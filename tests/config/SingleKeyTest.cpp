@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include "app/config/MyConfiguration.h"
@@ -25,7 +26,7 @@ class SingleKeyTest : public ::testing::Test {
   // The file after the key was saved.
   std::string saved(const std::string& text, const char* key, const char* value) {
     const std::string path = installation.write("single.conf", text);
-    myConfiguration.saveParamValue(path.c_str(), key, value);
+    EXPECT_EQ(myConfiguration.saveParamValue(path.c_str(), key, value), 0);
     EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
     return TestInstallation::read(path);
   }
@@ -80,17 +81,26 @@ TEST_F(SingleKeyTest, WriterChangesOneLineAndCopiesTheRest) {
 TEST_F(SingleKeyTest, WriterKeepsThePermissionsOfTheFile) {
   const std::string path = installation.write("secret.conf", "Secret=old\n");
   ASSERT_EQ(chmod(path.c_str(), 0600), 0);
-  myConfiguration.saveParamValue(path.c_str(), "Secret", "new");
+  installation.write("secret.conf.tmp", "left behind, readable by all");
+  EXPECT_EQ(myConfiguration.saveParamValue(path.c_str(), "Secret", "new"), 0);
   struct stat status {};
   ASSERT_EQ(stat(path.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0600U);
+  EXPECT_EQ(status.st_uid, getuid());
   EXPECT_EQ(TestInstallation::read(path), "Secret=new\r\n");
+  // Given to somebody else, it stays theirs.
+  if (getuid() != 0) return;
+  ASSERT_EQ(chown(path.c_str(), 65534, 65533), 0);
+  EXPECT_EQ(myConfiguration.saveParamValue(path.c_str(), "Secret", "third"), 0);
+  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 65534U);
+  EXPECT_EQ(status.st_gid, 65533U);
 }
 
-TEST_F(SingleKeyTest, WriterThatCannotWriteLeavesTheFile) {
+TEST_F(SingleKeyTest, WriterThatCannotWriteLeavesTheFileAndSaysSo) {
   const std::string path = installation.write("single.conf", "B=1\n");
   std::filesystem::create_directory(path + ".tmp");
-  myConfiguration.saveParamValue(path.c_str(), "B", "2");
+  EXPECT_EQ(myConfiguration.saveParamValue(path.c_str(), "B", "2"), 2);
   EXPECT_EQ(TestInstallation::read(path), "B=1\n");
 }
 

@@ -31,6 +31,7 @@ template <typename Change>
 int process(FakeEngine::Channel& channel, const void* in, std::int32_t inBytes, void* out,
             sKestrovaFrameResult* result, Change change) {
   if (!channel.bRunning) return 1;
+  if (engine.onFrame) engine.onFrame();
   ++channel.iFrames;
   const auto* from = static_cast<const std::int16_t*>(in);
   auto* to = static_cast<std::int16_t*>(out);

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,8 +28,9 @@ struct FakeEngine {
   bool failPackage = false;
   bool failCompletion = false;
   std::uint32_t speakerBytes = 654'992 + 2 * 4'740;
-  std::string digits;            // not empty: every frame raises the DTMF flag
-  int outputSamplesMissing = 0;  // the output of a frame is that much shorter
+  std::string digits;             // not empty: every frame raises the DTMF flag
+  std::function<void()> onFrame;  // runs first in every frame
+  int outputSamplesMissing = 0;   // the output of a frame is that much shorter
 
   static FakeEngine& get();
   static void reset() { get() = FakeEngine(); }

@@ -94,6 +94,17 @@ TEST_F(PacketPathTest, PayloadOfAnyLengthIsCutToMultiplesOfEightAndOverrunsNothi
   EXPECT_GE(installation.logCount("MyRtp::processData, Too many samples in out buff "), 4);
 }
 
+// Seven samples of each packet stay behind: the ring is full after 114 packets, and logged no more often.
+TEST_F(PacketPathTest, BacklogThatOverflowsIsDroppedAtOnce) {
+  Call call({eCodecPCMA}, {eCodecPCMA});
+  ASSERT_GE(call.open(), 0);
+  for (int i = 0; i < 400; ++i) {
+    ASSERT_EQ(call.pass(0, packetOf(eCodecPCMA, 1 + i, std::string(167, '\x33'))), 0);
+    ASSERT_EQ(payloadOf(call.heardBy(1)).size(), 160U);
+  }
+  EXPECT_EQ(installation.logCount("Too many samples in out buff "), 4);
+}
+
 TEST_F(PacketPathTest, EngineThatHoldsSamplesBackLeavesSilenceInFront) {
   Call call({eCodecPCMU}, {eCodecPCMU});
   call.request.iCleaningType = 1;
@@ -318,6 +329,33 @@ TEST_F(PacketPathTest, OrderIsRestoredOverAtMostFourWaitingPackets) {
     EXPECT_EQ(call.record().iPacketsReceived[0], static_cast<int>(c.in.size()));
     call.close();
   }
+}
+
+TEST_F(PacketPathTest, PacketThatFailsIsLostAndThoseBehindItAreNot) {
+  Call call({eCodecPCMU}, {eCodecPCMU});
+  call.request.iCleaningType = 1;
+  ASSERT_GE(call.open(), 0);
+  int failing = 0;
+  FakeEngine::get().onFrame = [&] {
+    if (failing-- > 0) throw 1;
+  };
+  const auto pass = [&](const Packet& packet, bool fails) {
+    failing = fails ? 1 : 0;
+    std::string datagram = packet.bytes();
+    datagram.resize(kMessageBufferBytes);
+    EXPECT_EQ(myRtp.analyzeRtpMsg(0, call.pair, datagram.data(), static_cast<int>(packet.bytes().size())), 0);
+  };
+  pass(at(1), false);
+  pass(at(2), true);
+  for (const int sequence : {4, 5, 6}) pass(at(sequence), false);
+  pass(at(7, true), true);  // flushes 4, which fails, 5 and 6
+  pass(at(8), false);
+  std::vector<int> heard;
+  for (int i = 0; i < 5; ++i) heard.push_back(sequenceOf(call.heardBy(1)));
+  EXPECT_EQ(heard, (std::vector<int>{1, 5, 6, 7, 8}));
+  EXPECT_EQ(installation.logCount("analyzeRtpMsg, exception caught"), 1);
+  EXPECT_EQ(installation.logCount("processJitterBuffer, exception caught"), 1);
+  EXPECT_EQ(call.record().iJitterCount[0], 0);
 }
 
 // ---- The engine's place in the path ----

@@ -113,9 +113,18 @@ TEST_F(SessionTest, SelectErrorsAreCountedAndEndWithTheCause) {
 // Handlers belong to the main thread: a media thread takes only the faults that it raises itself.
 TEST_F(SessionTest, MediaThreadBlocksEverySignalButFaults) {
   Call call({eCodecPCMU}, {eCodecPCMU});
+  call.request.iCleaningType = 1;
+  std::atomic<std::size_t> faultStackBytes{0};
+  FakeEngine::get().onFrame = [&] {
+    stack_t stack{};
+    sigaltstack(nullptr, &stack);
+    if ((stack.ss_flags & SS_DISABLE) == 0) faultStackBytes = stack.ss_size;
+  };
   ASSERT_EQ(call.open(), 0);
+  through(call, 0, Packet{}.bytes());
+  EXPECT_GE(faultStackBytes, 20'000U) << "a full stack must be reported too";
   std::uint64_t expected = ~std::uint64_t{0};
-  for (const int open : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGKILL, SIGSTOP})
+  for (const int open : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGKILL, SIGSTOP})
     expected &= ~(std::uint64_t{1} << (open - 1));
   constexpr std::uint64_t kOfTheCLibrary = std::uint64_t{3} << 31;  // signals 32 and 33
   const auto isMediaThread = [&](const std::filesystem::path& task) {
@@ -206,6 +215,9 @@ TEST_F(SessionTest, As127CallsRunAtOnceAndTheNextIsRefused) {
   EXPECT_EQ(
       installation.logCount("MyRtp::init, Not enough file descriptors to support so many calls 1024 < 1032"),
       1);
+  iNumCallsToFilter = 2'147'483'647;
+  EXPECT_EQ(myRtp.init(), 2);
+  EXPECT_EQ(installation.logCount("1024 < 17179869184"), 1);
   iNumCallsToFilter = 127;
   ASSERT_EQ(myRtp.init(), 0);
   Call peers({eCodecPCMU}, {eCodecPCMU});
@@ -256,6 +268,16 @@ TEST_F(SessionTest, PortInUseFailsTheOpenAndClosingReleasesTheSlot) {
       EXPECT_EQ(call.close(), 0);
     }
   }
+}
+
+TEST_F(SessionTest, AddressThatCannotBeBoundToIsSaidAndNotTakenForEveryAddress) {
+  ASSERT_TRUE(pcSipUAIPForBinding.assign("nowhere"));
+  Call call({eCodecPCMU}, {eCodecPCMU});
+  EXPECT_EQ(call.open(), -1);
+  EXPECT_EQ(installation.logCount(
+                " ERROR in MyRtp::openSessionPair, SipUAIPForBinding \"nowhere\" is no address to bind to\n"),
+            1);
+  EXPECT_EQ(call.close(), 0);
 }
 
 TEST_F(SessionTest, DescriptorBeyondWhatSelectTakesFailsTheOpen) {
