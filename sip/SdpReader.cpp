@@ -61,8 +61,8 @@ bool rewriteForOwnPort(std::string_view section, int ownPort, sPhone& leg) {
          appendWithoutConnection(section.substr(port.end), out);
 }
 
-// Keeps the section for relaying to the partner's leg. False, logged, and nothing kept when that cannot be
-// done.
+// Keeps the section for relaying to the partner's leg. One that cannot be relayed is left out, logged; the
+// audio goes on without it. False, logged: it has no connection address where it needs one.
 bool storeNonAudioSection(int slot, std::string_view section, std::string_view msg, int ownPort,
                           sPhone& leg) {
   section = section.substr(0, section.find_last_not_of(kLineEnd) + 1);
@@ -74,16 +74,17 @@ bool storeNonAudioSection(int slot, std::string_view section, std::string_view m
     stored = out.assign(section);
   } else {
     const std::string_view address = MySip::extractToken(kConnection, kAddressCapacity, msg);
-    if (address.empty())
+    if (address.empty()) {
       Log::error(kAnalyze, "unable to find connection data for non-audio segment for phone %d\n", slot);
-    stored = !address.empty() && out.assign(section) && out.append(kLineEnd) && out.append(kConnection) &&
-             out.append(address);
+      return false;
+    }
+    stored = out.assign(section) && out.append(kLineEnd) && out.append(kConnection) && out.append(address);
   }
   if (stored && out.append(kLineEnd)) return true;
-  Log::error(kAnalyze, "non-audio segment in SDP is not good for phone %d\n", slot);
+  Log::warning(kAnalyze, "non-audio segment in SDP is not good for phone %d\n", slot);
   out.clear();
   leg.iNonAudioRemotePort = -1;
-  return false;
+  return true;
 }
 
 // ---- Audio section ----
