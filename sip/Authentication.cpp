@@ -247,8 +247,17 @@ void MySip::generateUnauthorizedMsg(std::string_view challenge, const sockaddr_i
     return;
   }
   const FixedText<50> methodText = copyOf<50>(method);
-  const int slot = slotIndex.find(
-      callId, [&](int index) { return phone(index).pcCallID == callId && phone(index).iCSeq == cseq; });
+  // A REGISTER of the identity may have counted on while its INVITE waits for an answer.
+  const auto hasSent = [&](const sPhone& leg) {
+    return leg.iCSeq == cseq || (leg.bInviteSentByUs && leg.iInviteCSeq == cseq && method == "INVITE");
+  };
+  std::string_view ourTag;
+  (void)extractTag(extractToken("From:", 200, challenge), ourTag);
+  const int slot = slotIndex.find(callId, [&](int index) {
+    const sPhone& leg = phone(index);
+    return leg.pcCallID == callId && hasSent(leg) &&
+           (ourTag.empty() || leg.pcLocalTag.view().ends_with(ourTag));
+  });
   if (slot >= 0) {
     handChallengeToPartner(slot, challenge, from, methodText.c_str());
   } else if (const int binding = findBindingByRelayedRegistration(callId, cseq); binding >= 0) {

@@ -170,7 +170,7 @@ void MySip::handleOKForRegistrationOnBehalfOfBindedPhone(int binding, std::strin
 void MySip::sendOKForRegistrationBackToBindedPhone(int binding) {
   const sBinding& record = bindingAt(binding);
   MessageText text;
-  if (!text.format(kPhoneAnswerTemplate, record.pcPhoneVia.c_str(), record.pcPhoneViaParams.c_str(),
+  if (!text.format(kPhoneAnswerTemplate, viaOfAnswer(record.pcPhoneVia, record.pcPhoneViaParams).c_str(),
                    record.pcPhoneFrom.c_str(), record.pcPhoneTo.c_str(), record.pcRelayTag.c_str(),
                    record.pcPhoneContact.c_str(), record.pcPhoneCallID.c_str(), record.pcPhoneCSeq.c_str(),
                    record.pcPhoneExpires.c_str(), kUserAgent)) {

@@ -134,7 +134,7 @@ void MySip::sendOKForSubscriptionBackToBindedPhone(int binding, int entry) {
   const sBinding& owner = bindingAt(binding);
   const sSubscription& record = owner.subscription(entry);
   MessageText text;
-  if (!text.format(kPhoneAnswerTemplate, record.pcPhoneVia.c_str(), owner.pcPhoneViaParams.c_str(),
+  if (!text.format(kPhoneAnswerTemplate, viaOfAnswer(record.pcPhoneVia, owner.pcPhoneViaParams).c_str(),
                    record.pcPhoneFrom.c_str(), record.pcPhoneTo.c_str(), "", record.pcPhoneContact.c_str(),
                    record.pcPhoneCallID.c_str(), record.pcPhoneCSeq.c_str(), record.pcPhoneExpires.c_str(),
                    kUserAgent)) {
@@ -155,7 +155,7 @@ void MySip::handleNOTIFYMsgOnBehalfOfBindedPhone(int binding, int entry, std::st
     resendLastSipMsg(owner.psLastMsgs, owner.iLastMsgIndex, record.iNotifyRelayCSeq);
     return;
   }
-  record.pcNotifyVia.assignCut(extractToken("Via:", 1000, msg));
+  takeVia(msg, record.pcNotifyVia);
   record.pcNotifyFrom.assignCut(extractToken("From:", 200, msg));
   record.pcNotifyTo.assignCut(extractToken("To:", 200, msg));
   record.pcNotifyCSeq.assignCut(extractToken("CSeq:", 50, msg));

@@ -20,12 +20,12 @@ class CallIdIndex {
     puHashes[static_cast<std::size_t>(record)] = other.puHashes[static_cast<std::size_t>(otherRecord)];
   }
 
-  // First record, in index order, for which `isMatch(record)` holds among those with the Call-ID's hash; -1
-  // if none.
+  // First record from `first` on, in index order, for which `isMatch(record)` holds among those with the
+  // Call-ID's hash; -1 if none.
   template <typename IsMatch>
-  int find(std::string_view callId, IsMatch isMatch) const {
+  int find(std::string_view callId, IsMatch isMatch, int first = 0) const {
     const std::uint64_t wanted = hash(callId);
-    for (int record = 0; record < iCount; ++record) {
+    for (int record = first; record < iCount; ++record) {
       if (puHashes[static_cast<std::size_t>(record)] == wanted && isMatch(record)) return record;
     }
     return -1;

@@ -135,7 +135,7 @@ void MySip::beginOrigLeg(int orig, const sockaddr_in& from, std::string_view rep
 int MySip::readInviteOfCaller(int orig, std::string_view msg, bool& barred) {
   sPhone& leg = phone(orig);
   setCallID(orig, extractToken("Call-ID:", 100, msg));
-  leg.pcRemoteVia.assignCut(extractToken("Via:", 1000, msg));
+  takeVia(msg, leg.pcRemoteVia);
   removeRport(leg.pcRemoteVia);
   const std::string_view to = extractToken("To:", 200, msg);
   const std::string_view from = extractToken("From:", 200, msg);

@@ -111,7 +111,7 @@ MySip::Verdict MySip::dispatch(const sSipMessage& msg) {
 
 void MySip::callSlotHandler(const sSipMessage& msg, void (MySip::*handler)(int, std::string_view),
                             const char* noMatch) {
-  const int slot = findSlot(msg.callId);
+  const int slot = findSlotOf(msg);
   if (slot >= 0) {
     (this->*handler)(slot, msg.text);
   } else {
@@ -158,7 +158,11 @@ void MySip::analyzeSipMessage(std::string_view text, const sockaddr_in& from) {
                msg.cseqText.data());
     return;
   }
-  if (checkOldCalls(msg.callId, msg.firstLine, msg.iCSeq, msg.cseqText)) return;
+  const int old = findOldCall(msg.callId);
+  if (old >= 0 && !isOfRunningCall(msg, old) &&
+      checkOldCalls(msg.callId, msg.firstLine, msg.iCSeq, msg.cseqText)) {
+    return;
+  }
   (void)dispatch(msg);
 }
 
@@ -213,7 +217,7 @@ MySip::Verdict MySip::onOKForSubscribe(const sSipMessage& msg) {
 }
 
 MySip::Verdict MySip::onOKForInvite(const sSipMessage& msg) {
-  const int slot = findSlot(msg.callId);
+  const int slot = findSlotOf(msg);
   if (slot < 0) {
     Log::warning(kFunction, "no match for OK for Invite Msg\n");
   } else if (phone(slot).iInviteCSeq != msg.iCSeq) {
@@ -226,7 +230,7 @@ MySip::Verdict MySip::onOKForInvite(const sSipMessage& msg) {
 }
 
 MySip::Verdict MySip::onOKForNotify(const sSipMessage& msg) {
-  const int slot = findSlot(msg.callId);
+  const int slot = findSlotOf(msg);
   if (slot >= 0) {
     handleOKForNOTIFYMsg(slot, msg.text);
   } else if (const auto place = findSubscriptionByPhoneCallID(msg.callId, msg.iCSeq)) {
@@ -246,7 +250,8 @@ MySip::Verdict MySip::onSubscribe(const sSipMessage& msg) {
 }
 
 MySip::Verdict MySip::onInvite(const sSipMessage& msg) {
-  if (const int slot = findSlotInUse(msg.callId); slot >= 0) {
+  const int slot = findSlotOf(msg, findSlotInUse(msg.callId));
+  if (slot >= 0 && !isOwnInvite(phone(slot), msg)) {
     handleReInviteMsg(slot, msg.text, msg.sFrom);
     return Verdict::eDone;
   }
@@ -266,7 +271,7 @@ MySip::Verdict MySip::onInvite(const sSipMessage& msg) {
 }
 
 MySip::Verdict MySip::onCancel(const sSipMessage& msg) {
-  const int slot = findSlot(msg.callId);
+  const int slot = findSlotOf(msg);
   if (slot < 0) {
     Log::warning(kFunction, "no match for Cancel Msg\n");
   } else if (msg.iCSeq == phone(slot).iInviteCSeq) {
@@ -281,7 +286,7 @@ MySip::Verdict MySip::onCancel(const sSipMessage& msg) {
 }
 
 MySip::Verdict MySip::onErrorForInvite(const sSipMessage& msg) {
-  const int slot = findSlot(msg.callId);
+  const int slot = findSlotOf(msg);
   if (slot < 0) {
     Log::warning(kFunction, "no match for Error For Invite Msg\n");
   } else if (msg.iCSeq == phone(slot).iInviteCSeq) {
@@ -307,7 +312,7 @@ MySip::Verdict MySip::onErrorForNotify(const sSipMessage& msg) {
 }
 
 MySip::Verdict MySip::onAck(const sSipMessage& msg) {
-  const int slot = findSlot(msg.callId);
+  const int slot = findSlotOf(msg);
   if (slot < 0) return Verdict::eDone;
   if (msg.iCSeq == phone(slot).iInviteCSeq) {
     handleACKMsg(slot, msg.text);
@@ -318,7 +323,7 @@ MySip::Verdict MySip::onAck(const sSipMessage& msg) {
 }
 
 MySip::Verdict MySip::onNotify(const sSipMessage& msg) {
-  const int slot = findSlot(msg.callId);
+  const int slot = findSlotOf(msg);
   if (slot >= 0) {
     handleNOTIFYMsg(slot, msg.text);
   } else if (const auto place = findSubscriptionByRelayCallID(msg.callId, nullptr)) {

@@ -15,7 +15,7 @@ struct sCopiedHeaders {
 
   explicit sCopiedHeaders(std::string_view msg) {
     pcCallID.assignCut(MySip::extractToken("Call-ID:", 100, msg));
-    pcVia.assignCut(MySip::extractToken("Via:", 1000, msg));
+    MySip::takeVia(msg, pcVia);
     pcTo.assignCut(MySip::extractToken("To:", 200, msg));
     pcFrom.assignCut(MySip::extractToken("From:", 200, msg));
     pcCSeq.assignCut(MySip::extractToken("CSeq:", 50, msg));

@@ -2,6 +2,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <span>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -49,9 +50,10 @@ bool MySip::mainLoopPass(int waitMilliseconds) {
   if (bDuringShutdown) {
     if (bNeedToInitiateShutdown) {
       initiateShutdown();
+      iShutdownStarted = Clock::monotonicNanoseconds();
       bNeedToInitiateShutdown = false;
     }
-    if (hasPassed(sTimeStartShutDown, kShutdownSeconds)) return false;
+    if (hasPassed(sTimeStartShutDown, kShutdownSeconds) || shutdownIsOver()) return false;
   }
   if (!maintainTimers()) return false;
   const bool wasIdle = !receiveMessage();
@@ -61,6 +63,12 @@ bool MySip::mainLoopPass(int waitMilliseconds) {
     waitForMessage(waitMilliseconds);
   }
   return true;
+}
+
+// A wall clock that is set back in the meantime must not keep the process.
+bool MySip::shutdownIsOver() const {
+  return iShutdownStarted != 0 &&
+         static_cast<double>(Clock::monotonicNanoseconds() - iShutdownStarted) >= kShutdownSeconds * 1e9;
 }
 
 void MySip::waitForMessage(int milliseconds) {
@@ -89,7 +97,9 @@ bool MySip::receiveMessage() {
   }
   // Messages are text: a NUL byte ends them. An empty datagram is none.
   const auto bytes = static_cast<std::size_t>(length);
-  if (bytes > 0) analyzeSipMessage({pcReceiveBuffer.data(), strnlen(pcReceiveBuffer.data(), bytes)}, from);
+  const std::span<char> text(pcReceiveBuffer.data(), strnlen(pcReceiveBuffer.data(), bytes));
+  unfoldHeaders(text);
+  if (bytes > 0) analyzeSipMessage({text.data(), text.size()}, from);
   return true;
 }
 
@@ -170,7 +180,8 @@ void MySip::sweepMedia() {
   };
   for (int orig = 0; orig < numOrigSlots(); ++orig) {
     if (!hasMedia(phone(orig)) || !hasMedia(partnerOf(orig))) continue;
-    const int index = myRtp.findRtpIndex(phone(orig).pcCallID.c_str(), partnerOf(orig).pcCallID.c_str());
+    const sRelayKey key = relayKeyOf(phone(orig).iPairIndex, orig);
+    const int index = myRtp.findRtpIndex(key.pcFirst, key.pcSecond);
     if (index >= 0) checkMedia(orig, myRtp.psPairs[static_cast<std::size_t>(index)]);
   }
 }

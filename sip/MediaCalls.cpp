@@ -42,8 +42,19 @@ void MySip::openRtpSessionPair(int a, int b) {
   piActiveRtpIndexes[static_cast<std::size_t>(iNumActiveRtpIndexes++)] = relayIndex;
 }
 
+// The relay takes the first pair that has either Call-ID: one that another call has, too, would find that
+// one.
+MySip::sRelayKey MySip::relayKeyOf(int a, int b) const {
+  const char* first = psPhones[static_cast<std::size_t>(b)].pcCallID.c_str();
+  const char* second = psPhones[static_cast<std::size_t>(a)].pcCallID.c_str();
+  if (sharesCallID(b)) return {second, second};
+  if (sharesCallID(a)) return {first, first};
+  return {first, second};
+}
+
 void MySip::closeRtpSessionPair(int a, int b) {
-  const int relayIndex = myRtp.closeSessionPair(phone(b).pcCallID.c_str(), phone(a).pcCallID.c_str());
+  const sRelayKey key = relayKeyOf(a, b);
+  const int relayIndex = myRtp.closeSessionPair(key.pcFirst, key.pcSecond);
   if (relayIndex < 0) return;
   const std::span<int> active(piActiveRtpIndexes.get(), static_cast<std::size_t>(iNumActiveRtpIndexes));
   const auto found = std::find(active.begin(), active.end(), relayIndex);

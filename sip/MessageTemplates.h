@@ -82,10 +82,10 @@ inline constexpr char kRelayedSubscribeTemplate[] =
     "Contact: \"%s\" <sip:%s@%s:%d>\r\nCall-ID: %s\r\nCSeq: %d SUBSCRIBE\r\nEvent: %.*s\r\n%.*s%.*s"
     "Expires: %d\r\nMax-Forwards: 70\r\nUser-Agent: %s\r\n%.*sContent-Length: 0\r\n\r\n";
 
-// 200 for a phone's REGISTER or SUBSCRIBE. Via and its parameters; From; To and our tag, if any; Contact;
-// Call-ID; CSeq; expiry; User-Agent.
+// 200 for a phone's REGISTER or SUBSCRIBE. Via value with our parameters; From; To and our tag, if any;
+// Contact; Call-ID; CSeq; expiry; User-Agent.
 inline constexpr char kPhoneAnswerTemplate[] =
-    "SIP/2.0 200 Ok\r\nVia: %s%s\r\nFrom: %s\r\nTo: %s%s\r\nContact: %s\r\nCall-ID: %s\r\nCSeq: %s\r\n"
+    "SIP/2.0 200 Ok\r\nVia: %s\r\nFrom: %s\r\nTo: %s%s\r\nContact: %s\r\nCall-ID: %s\r\nCSeq: %s\r\n"
     "Expires: %s\r\nUser-Agent: %s\r\nContent-Length: 0\r\n\r\n";
 
 // The PBX's NOTIFY to a phone. Name; Via; From; To; Contact; Call-ID; CSeq number; User-Agent; Event,

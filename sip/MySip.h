@@ -3,9 +3,9 @@
 // allocated by init; nothing is allocated per call or per message. Main thread only, numActiveCalls excepted.
 //
 // clang-format off
-//   1  Slots, calls and generators  Slots.cpp
+//   1  Slots, calls and generators  Slots.cpp, SharedCallId.cpp
 //                                   RFC 3261 (8.1.1.7 branch, 19.3 tags, 8.1.1.4 Call-ID)
-//   2  Message text                 SipText.cpp, SipUri.cpp, MessageFields.cpp
+//   2  Message text                 SipText.cpp, SipUri.cpp, MessageFields.cpp, HostNames.cpp
 //   3  Transport                    Transport.cpp
 //   4  Main loop                    MainLoop.cpp
 //   5  Dispatch                     Dispatch.cpp
@@ -25,9 +25,9 @@
 //  17  Bound phones                 Bindings.cpp, BoundRegistration.cpp, BoundSubscription.cpp, BindingStorage.cpp
 // clang-format on
 //
-// A received message is a std::string_view that ends before the first NUL byte; it is never changed. "The
-// partner" of slot s is the other leg of its call. Status results: 0 (false) is success; failures are logged
-// where they are found.
+// A received message is a std::string_view that ends before the first NUL byte; folded header lines have been
+// joined, nothing else is changed. "The partner" of slot s is the other leg of its call. Status results: 0
+// (false) is success; failures are logged where they are found.
 #pragma once
 
 #include <array>
@@ -35,6 +35,7 @@
 #include <ctime>
 #include <memory>
 #include <netinet/in.h>
+#include <span>
 #include <string_view>
 #include <sys/types.h>
 
@@ -56,8 +57,8 @@ inline constexpr const char* kAllow = "INVITE,ACK,CANCEL,INFO,BYE";
 // message that would not fit here is not sent.
 using MessageText = FixedText<12000>;
 
-// Whether a URI's host name is looked up. Asking the name service can block, so only callers that go on to
-// use the address ask for it; dotted addresses are always read.
+// Whether a URI's host name is looked up. Only callers that go on to use the address ask for it; dotted
+// addresses are always read.
 enum class HostLookup { eNo, eYes };
 
 struct sSipUri {
@@ -122,6 +123,10 @@ class MySip {
   void releaseCall(int first);                  // both legs freed and moved to the old calls, `first` first
   int findSlot(std::string_view callId) const;  // first slot with the Call-ID, or -1
   int findSlotInUse(std::string_view callId) const;  // the same among slots in use
+  // The leg that a message belongs to: the first with its Call-ID (`first`, or -1), and among several the one
+  // whose tags it bears (SharedCallId.cpp).
+  int findSlotOf(const sSipMessage& msg, int first) const;
+  int findSlotOf(const sSipMessage& msg) const { return findSlotOf(msg, findSlot(msg.callId)); }
 
   // A new random branch, local tag or Call-ID on a leg.
   void drawBranch(sPhone& leg);
@@ -141,6 +146,11 @@ class MySip {
   // Value of the header `name` (written with its colon), found anywhere in the message; consecutive lines of
   // that header are one value. Empty, and logged, when absent or not shorter than `capacity`.
   static std::string_view extractToken(std::string_view name, std::size_t capacity, std::string_view message);
+  // Every Via value of the message in order, whatever stands between its lines (RFC 3261 8.2.6.2), as one
+  // value of several lines. Empty, and logged, when there is none or they do not fit.
+  static void takeVia(std::string_view message, FixedText<1000>& out);
+  // Joins header lines that continue on the next line (RFC 3261 7.3.1): the line end becomes blanks.
+  static void unfoldHeaders(std::span<char> text);
   // Writes compact header names out. False, and `message` unchanged, when the result would exceed 2,999
   // characters.
   static bool translateCompactHeaders(FixedText<3000>& message);
@@ -428,17 +438,31 @@ class MySip {
 
   // Parts of the operations above, file by file.
 
+  // MediaCalls.cpp
+  struct sRelayKey {
+    const char* pcFirst;
+    const char* pcSecond;
+  };
+  sRelayKey relayKeyOf(int a, int b) const;
+
   // Slots.cpp
   int allocateTables();
   void initTrunk();
   int nameSlots();
+  bool canMakeCallIDs();
   void initRegistrationIdentity(sPhone& identity);
   int findOldCall(std::string_view callId) const;
   template <typename Change>
   void changeState(int slot, Change change);
   int firstFreeOrigSlot() const;
 
+  // SharedCallId.cpp
+  bool isOfRunningCall(const sSipMessage& msg, int old) const;
+  static bool isOwnInvite(const sPhone& leg, const sSipMessage& msg);
+  bool sharesCallID(int slot) const;
+
   // MainLoop.cpp
+  bool shutdownIsOver() const;
   bool receiveMessage();
   void waitForMessage(int milliseconds);
   bool maintainTimers();   // false: leave the main loop
@@ -511,6 +535,8 @@ class MySip {
   sPhone* findSender(std::string_view callId, int cseq, int& record);
   void handChallengeToPartner(int slot, std::string_view challenge, const sockaddr_in& from,
                               const char* method);
+
+  std::int64_t iShutdownStarted = 0;  // monotonic nanoseconds; 0: no shutdown yet
 
   // Room for one datagram and the NUL that ends it.
   std::array<char, kMaxMessageLength + 1> pcReceiveBuffer{};

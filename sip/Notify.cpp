@@ -33,7 +33,7 @@ void MySip::handleNOTIFYMsg(int slot, std::string_view msg) {
   sPhone& leg = phone(slot);
   sPhone& partner = partnerOf(slot);
   if (!leg.bInUse) return;
-  leg.pcNotifyVia.assignCut(extractToken("Via:", 1000, msg));
+  takeVia(msg, leg.pcNotifyVia);
   removeRport(leg.pcNotifyVia);
   int cseq = 0;
   if (!readRequestCSeq(msg, cseq, "MySip::handleNOTIFYMsg")) return;

@@ -8,9 +8,9 @@
 #include "common/FixedText.h"
 #include "sip/MySip.h"
 
-// Header values of a request, as they stand in it. All views point into the message.
+// Header values of a request, as they stand in it. The views point into the message.
 struct sPhoneRequest {
-  std::string_view via;
+  FixedText<1000> via;
   std::string_view cseq;
   std::string_view callId;
   std::string_view to;
@@ -38,7 +38,7 @@ constexpr bool isEarlier(std::int32_t cseq, std::int32_t than) {
 // Keeps the headers in a binding or subscription, the Call-ID and CSeq number excepted.
 template <typename Record>
 void keepPhoneRequest(Record& record, const sPhoneRequest& request, int expires) {
-  record.pcPhoneVia.assignCut(request.via);
+  record.pcPhoneVia = request.via;
   MySip::removeRport(record.pcPhoneVia);
   record.pcPhoneCSeq.assignCut(request.cseq);
   record.pcPhoneTo.assignCut(request.to);

@@ -112,8 +112,8 @@ void MySip::handleOKForInviteMsg(int slot, std::string_view msg) {
 
 void MySip::handleErrorForInviteMsg(int slot, std::string_view msg) {
   if (!phone(slot).bInUse || !isAnswerToOurInvite(slot, "MySip::handleErrorForInviteMsg")) return;
-  if (reviewMoveStorage(slot)) return;
   learnRemoteTag(phone(slot), msg);
+  if (reviewMoveStorage(slot)) return;
   markTerminating(slot);
   relayErrorStatus(partnerOf(slot), msg, "MySip::handleErrorForInviteMsg");
   closeRtpSessionPair(phone(slot).iPairIndex, slot);

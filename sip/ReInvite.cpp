@@ -91,7 +91,7 @@ void MySip::beginReInvite(int slot) {
 // What the INVITE says becomes the leg's dialog. Non-zero, logged: it cannot be relayed.
 int MySip::takeReInvite(int slot, int cseq, std::string_view msg) {
   sPhone& leg = phone(slot);
-  leg.pcRemoteVia.assignCut(extractToken("Via:", 1000, msg));
+  takeVia(msg, leg.pcRemoteVia);
   removeRport(leg.pcRemoteVia);
   leg.iInviteCSeq = cseq;
   leg.iRemoteInviteCSeq = std::max(leg.iRemoteInviteCSeq, cseq);

@@ -33,7 +33,7 @@ void MySip::handleMoveMsg(int slot, std::string_view msg) {
   // A redirection can only answer an INVITE of ours.
   if (!leg.bInUse || leg.bTerminating || !leg.bInviteSentByUs) return;
   learnRemoteTag(leg, msg);
-  sendRequest(leg, requestLine("ACK", leg.pcRemoteSipName).c_str(), leg.iCSeq, "ACK", false);
+  sendRequest(leg, requestLine("ACK", leg.pcRemoteSipName).c_str(), leg.iInviteCSeq, "ACK", false);
   moveCallToOldCalls(slot);
   leg.pcMoveContacts.assignCut(extractToken(kContact, 3000, msg));
   (void)leg.pcMoveContacts.append("\r\n");
@@ -54,8 +54,12 @@ bool MySip::reviewMoveStorage(int slot) {
     Log::error(kFunction, "error analyzing the URI String %s\n", contact.c_str());
     return false;
   }
-  // The abandoned dialog's peer repeats its answer until somebody acknowledges it.
-  if (findOldCall(leg.pcCallID) < 0) moveCallToOldCalls(slot);
+  // After a redirection the old dialog has been acknowledged and is among the old calls already; after a
+  // failure it is not. Its peer repeats the answer until somebody acknowledges it.
+  if (findOldCall(leg.pcCallID) < 0) {
+    sendRequest(leg, requestLine("ACK", leg.pcRemoteSipName).c_str(), leg.iInviteCSeq, "ACK", false);
+    moveCallToOldCalls(slot);
+  }
   leg.pcRemoteSipName = uri.pcName;
   leg.pcRemoteContact.assignCut(uri.pcName);  // until the new destination names its own
   leg.sRemoteAddress = addressOf(uri.pcIP.c_str(), uri.iPort);

@@ -1,13 +1,33 @@
 // Record-Route and Route: the route set of a leg, and the header lines that the next message alone carries.
+#include <algorithm>
+
 #include "app/config/Log.h"
+#include "sip/HeaderLines.h"
 #include "sip/MySip.h"
 
 namespace {
 
 constexpr int kMaxReceivedRoutes = kMaxRoutes - 1;  // one entry is kept for ourselves
 
-std::string_view headerSection(std::string_view msg) {
-  return msg.substr(0, msg.find("\r\n\r\n"));
+// Takes the next value off a header line; several on one line stand between commas (RFC 3261 7.3.1), which
+// within angle brackets or quotes are part of the value.
+std::string_view takeValue(std::string_view& line) {
+  bool inBrackets = false;
+  bool inQuotes = false;
+  std::size_t end = 0;
+  for (; end < line.size(); ++end) {
+    const char character = line[end];
+    if (character == '"') inQuotes = !inQuotes;
+    if (inQuotes) continue;
+    if (character == '<') inBrackets = true;
+    if (character == '>') inBrackets = false;
+    if (character == ',' && !inBrackets) break;
+  }
+  std::string_view value = line.substr(0, end);
+  line.remove_prefix(std::min(end + 1, line.size()));
+  value.remove_prefix(std::min(value.find_first_not_of(' '), value.size()));
+  value.remove_suffix(value.size() - (value.find_last_not_of(' ') + 1));
+  return value;
 }
 
 }  // namespace
@@ -19,24 +39,24 @@ void MySip::storeRoutingInformation(int slot, bool reverse, std::string_view msg
 
   std::array<std::string_view, kMaxReceivedRoutes> received;
   int count = 0;
-  std::string_view rest = headerSection(msg);
-  while (!rest.empty()) {
-    const std::size_t end = rest.find("\r\n");
-    std::string_view line = rest.substr(0, end);
-    rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 2);
+  HeaderLines lines(msg);
+  for (std::string_view line; lines.next(line);) {
     if (!isMethod(line, kName)) continue;
     line.remove_prefix(kName.size());
-    while (!line.empty() && line.front() == ' ') line.remove_prefix(1);
-    if (count == kMaxReceivedRoutes) {
-      Log::error(kFunction, "Too many routing records: %.*s\n", static_cast<int>(line.size()), line.data());
-      return;
+    while (!line.empty()) {
+      const std::string_view route = takeValue(line);
+      if (count == kMaxReceivedRoutes) {
+        Log::error(kFunction, "Too many routing records: %.*s\n", static_cast<int>(route.size()),
+                   route.data());
+        return;
+      }
+      if (route.size() > decltype(sPhone::ppcRoutes)::value_type::maxLength()) {
+        // Cut, it would name another place; a route without one of its hops is the lesser harm.
+        Log::warning(kFunction, "Routing too long: %.*s\n", static_cast<int>(route.size()), route.data());
+        continue;
+      }
+      received[static_cast<std::size_t>(count++)] = route;
     }
-    if (line.size() > decltype(sPhone::ppcRoutes)::value_type::maxLength()) {
-      // Cut, it would name another place; a route without one of its hops is the lesser harm.
-      Log::warning(kFunction, "Routing too long: %.*s\n", static_cast<int>(line.size()), line.data());
-      continue;
-    }
-    received[static_cast<std::size_t>(count++)] = line;
   }
 
   sPhone& leg = phone(slot);

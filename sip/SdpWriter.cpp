@@ -1,4 +1,5 @@
 // Quorvel's own SDP for a leg, and the address that it announces there.
+#include <arpa/inet.h>
 #include <span>
 
 #include "app/config/Log.h"
@@ -64,14 +65,17 @@ std::string_view MySip::prepareSDP(int slot, MessageText& out) {
 
 void MySip::learnExternalIP(int slot, std::string_view msg) {
   constexpr std::string_view kReceived = "received=";
-  constexpr std::size_t kMinLength = 7;   // "1.2.3.4"
-  constexpr std::size_t kMaxLength = 16;  // what pcMediaIP holds
   const std::string_view via = extractToken("Via:", 1000, msg);
   const std::size_t found = stristr(via, kReceived);
   if (found == std::string_view::npos) return;
   std::string_view address = via.substr(found + kReceived.size());
-  address = address.substr(0, address.find_first_of(";\r"));
-  if (address.size() < kMinLength || address.size() > kMaxLength || !phone(slot).pcMediaIP.assign(address)) {
+  address = address.substr(0, address.find_first_of(";,\r"));
+  FixedText<17> ip;
+  in_addr binary{};
+  // What we announce as our own address must be one: "1.2.3.4" is the shortest.
+  if (ip.assign(address) && inet_pton(AF_INET, ip.c_str(), &binary) == 1) {
+    phone(slot).pcMediaIP = ip;
+  } else {
     Log::error("MySip::learnExternalIP", "Illegal IP in %.*s\n", static_cast<int>(via.size()), via.data());
   }
 }

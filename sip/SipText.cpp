@@ -10,6 +10,7 @@
 #include <span>
 
 #include "app/config/Log.h"
+#include "sip/HeaderLines.h"
 #include "sip/MySip.h"
 
 namespace {
@@ -212,6 +213,34 @@ std::string_view MySip::extractToken(std::string_view name, std::size_t capacity
     return {};
   }
   return message.substr(start, end - start);
+}
+
+void MySip::takeVia(std::string_view message, FixedText<1000>& out) {
+  constexpr std::string_view kName = "Via:";
+  const std::string_view first = extractToken(kName, out.maxLength() + 1, message);
+  out.assignCut(first);
+  if (first.empty()) return;
+  HeaderLines lines(message, static_cast<std::size_t>(first.data() + first.size() - message.data()));
+  for (std::string_view line; lines.next(line);) {
+    if (!isMethod(line, kName)) continue;
+    if (out.append(kLineEnd) && out.append(line)) continue;
+    Log::error("MySip::takeVia", "Via: is too long %d", static_cast<int>(out.size() + line.size()));
+    out.clear();
+    return;
+  }
+}
+
+void MySip::unfoldHeaders(std::span<char> text) {
+  const std::string_view view(text.data(), text.size());
+  for (std::size_t at = view.find(kLineEnd); at != kNotFound; at = view.find(kLineEnd, at)) {
+    std::size_t next = at + kLineEnd.size();
+    if (next >= view.size() || view[next] == '\r') return;
+    if (view[next] == ' ' || view[next] == '\t') {
+      text[at] = text[at + 1] = ' ';
+      for (; next < view.size() && (view[next] == ' ' || view[next] == '\t'); ++next) text[next] = ' ';
+    }
+    at = next;
+  }
 }
 
 bool MySip::translateCompactHeaders(FixedText<3000>& message) {

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "app/config/Log.h"
-#include "app/config/MyConfiguration.h"
+#include "sip/HostNames.h"
 #include "sip/MySip.h"
 
 namespace {
@@ -17,6 +17,7 @@ namespace {
 constexpr auto kNotFound = std::string_view::npos;
 constexpr std::string_view kScheme = "sip:";
 constexpr const char* kAnalyze = "MySip::analyzeURIString";
+HostNames hostNames;
 
 // The text after the first occurrence of `start`, up to the first of the `ends` characters or the end. False
 // if there is no `start`.
@@ -61,27 +62,30 @@ void readTransport(std::string_view uri, sSipUri& out) {
   out.bUdp = transport.starts_with("udp") || transport.starts_with("UDP");
 }
 
-// The host as address: dotted as it stands, a name only where the caller can wait for the name service.
-void resolveHost(std::string_view name, HostLookup lookup, FixedText<16>& ip) {
-  const std::string_view host = name.substr(name.find('@') + 1);
+// The host as address: dotted as it stands, a name only where the caller is going to use the address.
+void resolveHost(std::string_view host, HostLookup lookup, FixedText<16>& ip) {
   FixedText<16> dotted;
-  if (lookup == HostLookup::eYes) {
-    if (!myConfiguration.validateAndGetDottedIPAddress(host, dotted)) ip = dotted;
-    return;
-  }
   in_addr binary{};
-  if (dotted.assign(host) && inet_pton(AF_INET, dotted.c_str(), &binary) == 1) ip = dotted;
+  if (dotted.assign(host) && inet_pton(AF_INET, dotted.c_str(), &binary) == 1) {
+    ip = dotted;
+  } else if (lookup == HostLookup::eYes && hostNames.find(host, dotted)) {
+    ip = dotted;
+  }
 }
 
 bool readAddress(std::string_view uri, HostLookup lookup, sSipUri& out) {
   std::string_view address;
   if (!valueAfter(uri, "maddr=", ";", address)) {
-    resolveHost(out.pcName, lookup, out.pcIP);
+    const std::string_view name = out.pcName;
+    resolveHost(name.substr(name.find('@') + 1), lookup, out.pcIP);
     return true;
   }
-  if (out.pcIP.assign(address)) return true;
-  Log::error(kAnalyze, "IP too long %d\n", static_cast<int>(address.size()));
-  return false;
+  if (address.size() > out.pcIP.maxLength()) {
+    Log::error(kAnalyze, "IP too long %d\n", static_cast<int>(address.size()));
+    return false;
+  }
+  resolveHost(address, lookup, out.pcIP);
+  return true;
 }
 
 // A local number names its host, and with it the port, in its phone-context (RFC 3966 section 5.1.5).

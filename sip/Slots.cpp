@@ -114,6 +114,7 @@ int MySip::init() {
     initTrunk();
     if (nameSlots() != 0) return 2;
     for (int slot = 0; slot < iNumSlots; ++slot) initRegistrationIdentity(phone(slot));
+    if (!canMakeCallIDs()) return 2;
     loadBindingFiles();
     return 0;
   } catch (...) {
@@ -174,6 +175,22 @@ int MySip::nameSlots() {
     first = numOrigSlots();
   }
   return 0;
+}
+
+// An identity whose name leaves no room for a Call-ID could neither register nor call: better not to start.
+bool MySip::canMakeCallIDs() {
+  const auto refuse = [](const sPhone& identity) {
+    Log::error(kInit, "name %s is too long: with SipUAIP %s and \"@\" it must not exceed %d characters\n",
+               identity.pcUserName.c_str(), pcSipUAIP.c_str(), static_cast<int>(kCallIdLength));
+    return false;
+  };
+  if (sTrunk.bShouldRegister && sTrunk.pcRegistrationCallID.empty()) return refuse(sTrunk);
+  for (int slot = 0; slot < iNumSlots; ++slot) {
+    const sPhone& leg = phone(slot);
+    const bool isNeeded = leg.bShouldRegister || !isOrigSlot(slot);
+    if (isNeeded && leg.pcRegistrationCallID.empty()) return refuse(leg);
+  }
+  return true;
 }
 
 void MySip::initRegistrationIdentity(sPhone& identity) {

@@ -59,8 +59,7 @@ void MySip::handleBYEMsg(int slot, std::string_view msg) {
   const int otherSlot = leg.iPairIndex;
   sPhone& other = phone(otherSlot);
   if (!leg.bInUse) return;
-  leg.pcRemoteVia.assignCut(
-      extractToken("Via:", 1000, msg));  // also for a BYE that crosses ours: the ended call answers it
+  takeVia(msg, leg.pcRemoteVia);  // also for a BYE that crosses ours: the ended call answers it
   removeRport(leg.pcRemoteVia);
   if (leg.bTerminating && leg.bByePending) return;
   int cseq = 0;

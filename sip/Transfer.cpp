@@ -26,7 +26,7 @@ void MySip::handleREFERMsg(int slot, std::string_view msg) {
   sPhone& leg = phone(slot);
   sPhone& partner = partnerOf(slot);
   if (!leg.bInUse) return;
-  leg.pcReferVia.assignCut(extractToken("Via:", 1000, msg));
+  takeVia(msg, leg.pcReferVia);
   removeRport(leg.pcReferVia);
   const std::string_view received = extractToken("Refer-To:", kReferToRoom, msg);
   if (received.empty()) return;

@@ -11,7 +11,14 @@ namespace {
 
 using namespace sip_text;  // NOLINT(google-build-using-namespace): transcripts read better
 
-class CallTest : public SipFixture {};
+class CallTest : public SipFixture {
+ protected:
+  // The message as a stateful proxy on that port passes it on.
+  static std::string withVia(const std::string& message, int port) {
+    return replaced(message, "Via: SIP/2.0/UDP 127.0.0.1:" + header(message, "Via").substr(22, 5),
+                    "Via: SIP/2.0/UDP 127.0.0.1:" + std::to_string(port));
+  }
+};
 
 TEST_F(CallTest, InviteIsOriginatedAgainWithIdentityDialogAndSdpOfOurOwn) {
   start();
@@ -84,12 +91,69 @@ TEST_F(CallTest, EveryViaComesBackAndOnlyTheTopmostIsMarked) {
   const std::string proxy =
       "Via: SIP/2.0/UDP 127.0.0.1:" + std::to_string(caller.port()) + ";branch=z9hG4bKproxy\r\n";
   const std::string phone = header(inviteText(), "Via");
-  fromCaller(replaced(inviteText(), "Via: ", proxy + "Via: "));
+  const std::string apart = proxy + "X-Between: the\r\n two\r\nVia: ";
+  fromCaller(replaced(inviteText(), "Via: ", apart));
   fromPbx(respond(atPbx(), "180 Ringing", "b"));
   EXPECT_NE(atCaller().find("\r\nVia: SIP/2.0/UDP 127.0.0.1:" + std::to_string(caller.port()) +
                             ";branch=z9hG4bKproxy;received=127.0.0.1;rport=" + std::to_string(caller.port()) +
                             "\r\nVia: " + phone + "\r\nFrom: "),
             std::string::npos);
+}
+
+// phone ==A== Quorvel ==B==> PBX ==B==> Quorvel ==C== phone
+TEST_F(CallTest, OwnInviteThatThePbxSendsBackUnchangedIsACallOfItsOwn) {
+  iNumPhonesToAllocate = 6;  // one slot in front is free
+  iNumCallsToFilter = 3;
+  LoopbackPeer phone;
+  iNumSipRoutingRecords = 1;
+  ASSERT_TRUE(psSipRoutingRows[0].pcIP.assign("127.0.0.1") &&
+              psSipRoutingRows[0].pcExpressions[0].assign("300@127.0.0.1"));
+  psSipRoutingRows[0].iPort = phone.port();
+  psSipRoutingRows[0].iNumExpressions = 1;
+  start();
+  fromCaller(inviteText());
+  pairInvite = atPbx();
+  const std::string back =
+      withVia(replaced(pairInvite, "sip:200@127.0.0.1", "sip:300@127.0.0.1"), pbx.port());
+  fromPbx(back);
+  const std::string toPhone = phone.receive().value_or("");
+  ASSERT_TRUE(firstLine(toPhone).starts_with("INVITE sip:300@")) << toPhone;
+  EXPECT_EQ(sip->numActiveCalls(), 2);
+  fromPbx(back);
+  EXPECT_EQ(phone.receive().value_or(""), toPhone) << "repeated";
+
+  // What the phone says goes back through the PBX, under the Via that we gave it.
+  const auto fromPhone = [&](const std::string& message) {
+    phone.sendTo(iSipPort, message);
+    process();
+  };
+  const auto throughPbx = [&](std::string answer) {
+    answer = replaced(answer, header(answer, "Via"), header(pairInvite, "Via"));
+    fromPbx(answer);
+  };
+  fromPhone(respond(toPhone, "200 OK", "bob", "Contact: <sip:300@127.0.0.1>\r\n",
+                    sdp(LoopbackPeer::freePortPair(), "0")));
+  const std::string ok = atPbx();
+  throughPbx(ok);
+  callerAnswer = atCaller();
+  EXPECT_EQ(firstLine(callerAnswer), "SIP/2.0 200 Ok");
+  fromCaller(callerRequest("ACK", 1));
+  fromPbx(withVia(atPbx(), pbx.port()));
+  EXPECT_TRUE(firstLine(phone.receive().value_or("")).starts_with("ACK sip:300@"));
+  EXPECT_EQ(sip->iNumActiveRtpIndexes, 2);
+  EXPECT_NE(myRtp.findRtpIndex(invite.callId.c_str(), ""), -1);
+  EXPECT_NE(myRtp.findRtpIndex(header(toPhone, "Call-ID").c_str(), ""), -1);
+
+  fromCaller(callerRequest("BYE", 2));
+  const std::string bye = withVia(atPbx(), pbx.port());
+  fromPbx(bye);
+  fromPhone(respond(phone.receive().value_or(""), "200 OK"));
+  throughPbx(atPbx());
+  EXPECT_EQ(firstLine(atCaller()), "SIP/2.0 200 OK");
+  EXPECT_EQ(sip->numActiveCalls() + sip->iNumActiveRtpIndexes, 0);
+  for (int slot = 0; slot < sip->numSlots(); ++slot) EXPECT_FALSE(sip->phone(slot).bInUse) << slot;
+  fromPbx(bye);
+  EXPECT_EQ(firstLine(atPbx()), "SIP/2.0 200 OK") << "the ended call still answers";
 }
 
 TEST_F(CallTest, AckOfARefusedCallReachesNobody) {

@@ -395,7 +395,8 @@ TEST_F(SdpTest, AddressThatThePeerSeesIsLearntFromTheVia) {
   } cases[] = {
       {"UDP h;received=1.2.3.4;branch=x", "1.2.3.4"},
       {"UDP h;branch=x;Received=123.123.123.123", "123.123.123.123"},
-      {"UDP h;received=1234567890123456;x", "1234567890123456"},
+      {"UDP h;received=1234567890123456;x", ""},
+      {"UDP h;received=1.2.3.256;x", ""},
       {"UDP h;received=1.2.34", ""},
       {"UDP h;received=12345678901234567", ""},
       {"UDP h;received=12345678901234567890;x", ""},

@@ -170,10 +170,9 @@ TEST_F(SetUpTest, RouteSetIsStoredReversedAndReturned) {
   EXPECT_EQ(sip->phone(0).ppcRoutes[2], "<sip:10.0.0.2;lr>");
 
   const std::string proxy = "<sip:127.0.0.1:" + std::to_string(edge.port()) + ";lr>";
-  fromPbx(
-      respond(pairInvite, "200 OK", "bob1",
-              "Contact: <sip:200@127.0.0.1>\r\nRecord-Route: " + proxy + "\r\nRecord-Route: " + own + "\r\n",
-              sdp(LoopbackPeer::freePortPair(), "0")));
+  fromPbx(respond(pairInvite, "200 OK", "bob1",
+                  "Contact: <sip:200@127.0.0.1>\r\nRecord-Route: " + proxy + " , " + own + "\r\n",
+                  sdp(LoopbackPeer::freePortPair(), "0")));
   const std::string ok = atCaller();
   EXPECT_NE(ok.find("\r\nRecord-Route: " + own + "\r\nRecord-Route: <sip:127.0.0.1:" +
                     std::to_string(edge.port()) + ";lr>\r\nRecord-Route: <sip:10.0.0.2;lr>\r\nVia: "),
@@ -284,6 +283,14 @@ TEST_F(SetUpTest, SlotsArePairedNamedAndNumbered) {
     EXPECT_EQ(MySip().init(), 2);
     EXPECT_EQ(installation.logCount(each.log), 1);
   }
+  // 127.0.0.1 and "@" leave 49 of the 59 characters of a Call-ID.
+  ASSERT_TRUE(pcOrigPhonesName.assign("") && pcOrigPhonesSecret.assign(""));
+  for (const std::size_t length : {48U, 49U}) {
+    ASSERT_TRUE(pcPairPhonesNamePrefix.assign(std::string(length, 'p')));
+    EXPECT_EQ(MySip().init(), length == 48 ? 0 : 2);
+  }
+  EXPECT_EQ(installation.logCount(": with SipUAIP 127.0.0.1 and \"@\" it must not exceed 59 characters\n"),
+            1);
 }
 
 TEST_F(SetUpTest, OldestCopyOfAnEndedCallIsOverwritten) {

@@ -214,6 +214,8 @@ TEST_F(SignallingTest, ChallengeIsHandedToTheCallerInTheProxyArrangement) {
   invite.cseq = 33;
   fromCaller(inviteText());
   const std::string first = atPbx();
+  sip->sendRegistration(sip->phone(2), 60);  // counts on while the INVITE waits
+  atPbx();
   const std::string line = "Proxy-Authenticate: Digest realm=\"r\", nonce=\"n\", qop=\"auth\"";
   fromPbx(respond(first, "407 Proxy Authentication Required", "c", line + "\r\n"));
   EXPECT_EQ(atCaller(),

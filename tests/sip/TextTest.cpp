@@ -161,6 +161,7 @@ TEST_F(TextTest, UriIsTakenApart) {
       {"sip:a@10.0.0.5;lr;TRANSPORT=UDP;x", "a@10.0.0.5", 5060, true, "10.0.0.5"},
       {"sip:a@10.0.0.5;transport=Udp", "a@10.0.0.5", 5060, false, "10.0.0.5"},
       {"sip:a@10.0.0.5;maddr=10.0.0.6;lr", "a@10.0.0.5", 5060, true, "10.0.0.6"},
+      {"sip:a@10.0.0.5;maddr=10.0.0.256", "a@10.0.0.5", 5060, true, "10.9.9.9"},
       {"sip:a@10.0.0.5;x=1:2", "a@10.0.0.5", 5060, true, "10.0.0.5"},
       {"sip:a@pbx.example:5062", "a@pbx.example", 5062, true, "10.9.9.9"},
       {"sip:1234;phone-context=x@10.0.0.9:5080", "1234@10.0.0.9", 5080, true, "10.9.9.9"},
@@ -260,6 +261,28 @@ TEST_F(TextTest, FarEndUriIsTheRequestUri) {
     EXPECT_EQ(uri, "") << bad;
   }
   EXPECT_EQ(installation.logCount("ERROR in MySip::extractFarEndURI, error analyzing the RURI\n"), 3);
+}
+
+TEST_F(TextTest, EveryViaIsTakenWhateverStandsBetween) {
+  FixedText<1000> via;
+  MySip::takeVia("INVITE x\r\nVia: a\r\nX: 1\r\nvia: b\r\nY: Via: no\r\nVia:c\r\n\r\nVia: body\r\n", via);
+  EXPECT_EQ(via, "a\r\nvia: b\r\nVia:c");
+  for (const std::size_t length : {988U, 989U}) {  // with "Via: " and two line ends: 999 characters, 1000
+    MySip::takeVia("OPTIONS x\r\nVia: abcd\r\nX: 1\r\nVia: " + std::string(length, 'v') + "\r\n\r\n", via);
+    EXPECT_EQ(via.size(), length == 988 ? 999U : 0U);
+  }
+  EXPECT_TRUE(logged("ERROR in MySip::takeVia, Via: is too long 1000"));
+}
+
+TEST_F(TextTest, FoldedHeaderLinesAreJoined) {
+  const auto unfolded = [](std::string text) {
+    MySip::unfoldHeaders(text);
+    return text;
+  };
+  EXPECT_EQ(unfolded("A x\r\nTo: a\r\n \tb\r\n\tc\r\nY: 1\r\n\r\nv=0\r\n s\r\n"),
+            "A x\r\nTo: a    b   c\r\nY: 1\r\n\r\nv=0\r\n s\r\n");
+  for (const char* text : {"", "\r\n", " \r\n", "A\r\nB", "A\r\n\r\n b"}) EXPECT_EQ(unfolded(text), text);
+  EXPECT_EQ(unfolded("A\r\n "), "A   ");
 }
 
 TEST_F(TextTest, RportLeavesTheVia) {

@@ -1,0 +1,50 @@
+// Addresses of the host names that messages carry (a Route, a redirection, a Contact), without making the SIP
+// thread wait for a name service. A name is looked up beside it, one at a time; an answer that comes at once
+// is taken, a later one is kept for the next time. Until then the name counts as unknown, and its message
+// goes to the PBX. Called from the SIP thread only.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+#include "common/FixedText.h"
+
+class HostNames {
+ public:
+  // Blocks. False when the name has no IPv4 address.
+  using Lookup = bool (*)(const char* name, FixedText<16>& ip);
+
+  explicit HostNames(Lookup how = askSystem) : lookup(how) {}
+
+  // The name's address, dotted. False, and logged, when it is not known (yet).
+  [[nodiscard]] bool find(std::string_view name, FixedText<16>& ip);
+
+ private:
+  // /etc/hosts and a name server nearby answer well within it; a call is not heard to be delayed by it.
+  static constexpr std::chrono::milliseconds kLongestWait{20};
+  static constexpr std::int64_t kSecond = 1'000'000'000;
+  static constexpr std::int64_t kKnownFor = 60 * kSecond;
+  static constexpr std::int64_t kUnknownFor = 10 * kSecond;
+  static constexpr std::size_t kHostCapacity = 256;  // a name has at most 253 characters (RFC 1035, 2.3.4)
+  static constexpr std::size_t kEntries = 32;
+
+  struct sEntry {
+    FixedText<kHostCapacity> pcName;
+    FixedText<16> pcIP;            // empty: the name has no address
+    std::int64_t iValidUntil = 0;  // on the monotonic clock
+  };
+  struct sRunning;  // shared with the thread that waits for the name service, which may outlive us
+
+  static bool askSystem(const char* name, FixedText<16>& ip);
+  const sEntry* findEntry(std::string_view name) const;
+  bool begin(std::string_view name);
+  void takeResult(std::chrono::milliseconds wait);
+
+  Lookup lookup;
+  std::shared_ptr<sRunning> running;  // null: none
+  std::array<sEntry, kEntries> psEntries;
+  std::size_t uNextEntry = 0;  // the oldest gives way
+};
