@@ -1,6 +1,7 @@
 #include "engine/Glob.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 
@@ -36,8 +37,8 @@ void Glob::initRandomPackage() {
 }
 
 int Glob::getRandomInt(int lo, int hi) {
-  if (lo == hi) return hi;
-  constexpr int kRandMaximum = 2147483647;
-  const int step = std::max(1, kRandMaximum / (hi - lo + 1));
-  return std::min(hi, lo + std::rand() / step);
+  if (lo >= hi) return hi;
+  constexpr std::int64_t kRandMaximum = 2147483647;
+  const std::int64_t lStep = std::max<std::int64_t>(1, kRandMaximum / (std::int64_t{hi} - lo + 1));
+  return static_cast<int>(std::min<std::int64_t>(hi, lo + std::rand() / lStep));
 }

@@ -22,13 +22,24 @@ int leadOf(const MyChannel& ahead, const MyChannel& behind) {
   return ahead.pInputData->getNumValues() - behind.pInputData->getNumValues();
 }
 
+// Neither stream may outgrow the sample times; one that starts over alone would lose the other.
+void restartWornStreams(MyChannel& mic, MyChannel& spk) {
+  if (!mic.pMyClean->isStreamWorn() && !spk.pMyClean->isStreamWorn()) return;
+  mic.pMyClean->restartStream();
+  spk.pMyClean->restartStream();
+}
+
 // Runs one frame of silence, as long as a frame of iInBytes bytes, through an entry and discards what comes
 // out. The zeros are 16-bit ones whatever the entry's format, since the 8-bit zero is another number.
 int processZeros(MyChannel& entry, std::uint16_t uChannel, int iInBytes) {
-  const int iSamples = std::min(iInBytes / entry.bytesPerSample(), kMaxFrameBytes / 2);
-  int iOutBytes = 0;
-  return entry.pMyClean->cleanOneFrame(api::pbApiZeroes(), iSamples * 2, true, api::pbApiTmpOutput(uChannel),
-                                       &iOutBytes);
+  int iBytes = iInBytes / entry.bytesPerSample() * 2;
+  for (; iBytes > 0; iBytes -= kMaxFrameBytes) {
+    int iOutBytes = 0;
+    const int iError = entry.pMyClean->cleanOneFrame(api::pbApiZeroes(), std::min(iBytes, kMaxFrameBytes),
+                                                     true, api::pbApiTmpOutput(uChannel), &iOutBytes);
+    if (iError != 0) return iError;
+  }
+  return 0;
 }
 
 void reportFrame(const MyChannel& channel, sKestrovaFrameResult& result) {
@@ -40,7 +51,7 @@ void reportFrame(const MyChannel& channel, sKestrovaFrameResult& result) {
   result.iNoiseLevel = output.noise().iNoiseLevel;
   result.iGainPercent = output.agcCoef() * 100 / kUnityQ7;
   result.iSpeakerMatch = channel.bBypassVAD ? channel.pCycleInformation->trackers().blockRange(2).spread()
-                                            : channel.pFirstScan->speakerLevel();
+                                            : channel.pFirstScan->voiceLevel();
 }
 
 int processNoise(std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut,
@@ -58,6 +69,7 @@ int processMic(std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut
   MyChannel& mic = api::micEntry(uChannel);
   MyChannel& spk = api::spkEntry(uChannel);
   if (!isFrame(mic, pIn, iInBytes) || !spk.isInitialized()) return kBadChannelOrProcessing;
+  restartWornStreams(mic, spk);
   if (leadOf(mic, spk) > spk.iLagLimit && processZeros(spk, uChannel, iInBytes) != 0) {
     return kBadChannelOrProcessing;
   }
@@ -68,11 +80,19 @@ int processSpk(std::uint16_t uChannel, const void* pIn, int iInBytes) {
   MyChannel& mic = api::micEntry(uChannel);
   MyChannel& spk = api::spkEntry(uChannel);
   if (!isFrame(spk, pIn, iInBytes) || !mic.isInitialized()) return kBadChannelOrProcessing;
+  restartWornStreams(mic, spk);
   if (leadOf(spk, mic) > mic.iLagLimit && processZeros(mic, uChannel, iInBytes) != 0) {
     return kBadChannelOrProcessing;
   }
   int iOutBytes = 0;
   return spk.pMyClean->cleanOneFrame(pIn, iInBytes, spk.b16Bit, api::pbApiTmpOutput(uChannel), &iOutBytes);
+}
+
+// Noise that the echo stage has just lowered is no measure of the line's background.
+int processNoiseBehindEcho(std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut,
+                           sKestrovaFrameResult* pResult) {
+  api::noiseChannel(uChannel).iEchoGain = api::micEntry(uChannel).iEchoGain;
+  return processNoise(uChannel, pIn, iInBytes, pOut, pResult);
 }
 
 using Stage = int (*)(std::uint16_t, const void*, int, void*, sKestrovaFrameResult*);
@@ -112,8 +132,9 @@ int KestrovaAECProcessSpkFrame(uint16_t channel, const void* in, int32_t inBytes
 int KestrovaComboAECNRProcessFrame(uint16_t channel, const void* in, int32_t inBytes, void* out,
                                    sKestrovaFrameResult* result) {
   if (!isCall(channel, out, result)) return kBadChannelOrProcessing;
-  return guarded(kBadChannelOrProcessing,
-                 [&] { return processBoth(processMic, processNoise, channel, in, inBytes, out, result); });
+  return guarded(kBadChannelOrProcessing, [&] {
+    return processBoth(processMic, processNoiseBehindEcho, channel, in, inBytes, out, result);
+  });
 }
 
 int KestrovaComboNRAECProcessFrame(uint16_t channel, const void* in, int32_t inBytes, void* out,

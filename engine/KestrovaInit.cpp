@@ -1,5 +1,6 @@
 // The engine's call interface: package, channel life and learned voices.
 #include <algorithm>
+#include <cstring>
 #include <string_view>
 
 #include "engine/ApiSupport.h"
@@ -63,6 +64,22 @@ int initEchoChannel(std::uint16_t uChannel, const sKestrovaInit& init) {
   return kSuccess;
 }
 
+// Needs the registration that the channel does not create yet.
+bool startRegistration(const MyChannel& channel) {
+  return channel.pRegistration != nullptr;
+}
+
+// Without a speaker every voice counts, as after the init.
+bool loadSpeaker(MyChannel& channel, const sAPISpeaker* pSpeaker) {
+  if (pSpeaker == nullptr) return true;
+  const auto* puProfile = reinterpret_cast<const std::uint8_t*>(pSpeaker);
+  std::int32_t iVersion;
+  std::memcpy(&iVersion, puProfile, sizeof iVersion);
+  if (iVersion != kSpeakerVersion || !channel.pSourceSeparation) return false;
+  return channel.psSpeakerData->load(puProfile) &&
+         channel.pSourceSeparation->copySpeakerDataToDynamicInfo(puProfile + sSpeakerData::kTableBytes) == 0;
+}
+
 }  // namespace
 
 const std::uint8_t* api::pbApiZeroes() {
@@ -103,15 +120,21 @@ int KestrovaGroupInit(uint16_t channel, const sKestrovaInit* init) {
   return kSuccess;
 }
 
-// Refuses what would need a learned voice: the channel would run without it and nobody would know.
 int KestrovaIpsavoxInit(uint16_t channel, const sKestrovaInit* init) {
   if (!isChannel(channel)) return kBadChannelOrProcessing;
-  if (init == nullptr || init->bStartRegistration != 0 || init->psSpeakerInformation != nullptr) {
-    return kInitFailure;
-  }
+  if (init == nullptr) return kInitFailure;
   sKestrovaInit raised = *init;
   raised.sMaxNumCyclesInDelayBuffer = std::max(raised.sMaxNumCyclesInDelayBuffer, kMinDelayCyclesWithVoice);
-  return KestrovaInit(channel, &raised);
+  // While learning, every voice counts.
+  if (init->bStartRegistration != 0) raised.sDetectAggressiveLevel = 0;
+  if (const int iResult = KestrovaInit(channel, &raised); iResult != kSuccess) return iResult;
+  MyChannel& noise = api::noiseChannel(channel);
+  // A channel that ran without what it was asked for would look as if it had it.
+  const bool bReady = init->bStartRegistration != 0 ? startRegistration(noise)
+                                                    : loadSpeaker(noise, init->psSpeakerInformation);
+  if (bReady) return kSuccess;
+  noise.terminate();
+  return kInitFailure;
 }
 
 int KestrovaAECInit(uint16_t channel, const sKestrovaInit* init) {

@@ -54,6 +54,7 @@ int MyChannel::init() {
   pCycleInformation->init(this);
   pFirstScan->init(this);
   pOutputData->init(this);
+  pFftSchema->init(this);
   updateRealFrequency();
   iEchoGain = kUnityQ7;
   iLastEchoPosition = kNoEchoPosition;
@@ -62,7 +63,6 @@ int MyChannel::init() {
 
 void MyChannel::createComponents() {
   psSpeakerData = std::make_unique<sSpeakerData>();
-  pInputData = std::make_unique<InputData>();
   pMyDtmf = std::make_unique<MyDtmf>();
   pMyMath = std::make_unique<MyMath>();
   pFirstScan = std::make_unique<FirstScan>();
@@ -72,10 +72,19 @@ void MyChannel::createComponents() {
   pOutputData = std::make_unique<OutputData>();
   pCycleInformation = std::make_unique<CycleInformation>();
   pMyFilters = std::make_unique<MyFilters>();
+  pFftSchema = std::make_unique<FftSchema>();
+}
+
+bool MyChannel::needsMySbt() const {
+  return !bIsAecChannel && Glob::iCPUPower != 0 && !bBypassVAD;
 }
 
 void MyChannel::terminate() {
+  bInitialized = false;
+  pFftSchema.reset();
+  pSourceSeparation.reset();
   pMyFilters.reset();
+  pRegistration.reset();
   pCycleInformation.reset();
   pOutputData.reset();
   pInputData.reset();
@@ -84,6 +93,7 @@ void MyChannel::terminate() {
   pFirstScan.reset();
   pMyMath.reset();
   pMyDtmf.reset();
+  for (auto& pSbt : psSbt) pSbt.reset();
   psSpeakerData.reset();
   bRegistrationRunning = false;
   bRegistrationCompleted = false;
@@ -92,16 +102,18 @@ void MyChannel::terminate() {
 // ---- Settings
 
 int MyChannel::doInternalKestrovaInit(const sKestrovaInit& initRecord) {
+  bInitialized = false;
   if (initRecord.sFrameUnits < 1 || initRecord.sFrameUnits > kMaxFrameUnits) return 2;
   bBypassVAD = initRecord.bBypassVAD;
   if (init() != 0 || Glob::sAPIVersion != KESTROVA_API_VERSION) return 2;
   storeFormat(initRecord);
   storeNoiseShaping(initRecord);
   openStages();
-  *psSpeakerData = sSpeakerData{};
+  psSpeakerData->clear();
   setMaxNumCyclesInDelayBuffer(initRecord.sMaxNumCyclesInDelayBuffer);
   storeDetection(initRecord);
   storeLevelControl(initRecord);
+  bInitialized = true;
   return 0;
 }
 
@@ -124,14 +136,12 @@ void MyChannel::storeNoiseShaping(const sKestrovaInit& init) {
   psNoiseShaping[kBurstEndStep] = percentToQ7(init.sBurstEndStep);
 }
 
-// The leading silence is fed at the channel's rate, so that iInitialDelay samples at 8 kHz precede the
-// stream.
 void MyChannel::openStages() {
   pInputData->openSynchronized();
   pOutputData->openSynchronized();
   pMyClean->beforeCleaning();
   constexpr std::array<std::int16_t, kMaxInitialDelaySamples> psSilence{};
-  for (int i = 0; i < rateFactor(); ++i) pInputData->addData(psSilence.data(), iInitialDelay * 2, true);
+  pInputData->addData(psSilence.data(), iInitialDelay * 2, true);
 }
 
 void MyChannel::storeDetection(const sKestrovaInit& init) {
@@ -146,8 +156,8 @@ void MyChannel::storeDetection(const sKestrovaInit& init) {
 }
 
 void MyChannel::storeLevelControl(const sKestrovaInit& init) {
-  // Beyond 100 times either way a gain means nothing; the bound keeps the scaling within 32 bits.
-  constexpr int kMaxGainPercent = 10000;
+  // Keeps the scaling within 32 bits. Every sample but 0 clips long before.
+  constexpr int kMaxGainPercent = 16'000'000;
   bCancelAcousticShock = init.bCancelAcousticShock;
   bStartBypassed = init.bStartBypassed;
   bDoAGC = init.bDoAGC;
@@ -185,4 +195,5 @@ void MyChannel::updateRealFrequency() {
 void MyChannel::setMaxNumCyclesInDelayBuffer(int iCycles) {
   iMaxNumCyclesInDelayBuffer = std::clamp(iCycles, kMinDelayCycles, kMaxDelayCycles);
   if (pOutputData) pOutputData->setBlocks(iMaxNumCyclesInDelayBuffer);
+  if (pFftSchema) pFftSchema->setBlocks(pOutputData->blocks());
 }

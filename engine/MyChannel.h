@@ -12,9 +12,14 @@
 
 #include "common/FixedText.h"
 #include "engine/analysis/CycleInformation.h"
+#include "engine/analysis/FftSchema.h"
 #include "engine/analysis/FirstScan.h"
 #include "engine/analysis/MyMath.h"
+#include "engine/analysis/MySbt.h"
 #include "engine/analysis/MySubState.h"
+#include "engine/analysis/Registration.h"
+#include "engine/analysis/SourceSeparation.h"
+#include "engine/analysis/SpeakerData.h"
 #include "engine/EngineUnits.h"
 #include "engine/InputData.h"
 #include "engine/Kestrova.h"
@@ -22,15 +27,6 @@
 #include "engine/MyDtmf.h"
 #include "engine/MyFilters.h"
 #include "engine/OutputData.h"
-
-// The learned voice of a channel's talker. Pitch is in samples per period at 8 kHz; a voiced stretch may be
-// the talker's when its period lies within centre +- 2 x spread. The pair (53, 53) accepts every voice.
-struct sSpeakerData {
-  std::int32_t iPitchCentre = kAnyVoice;
-  std::int32_t iPitchSpread = kAnyVoice;
-
-  static constexpr std::int32_t kAnyVoice = 53;
-};
 
 // Indexes into MyChannel::psNoiseShaping: how silence and the end of a talk spurt are shaped. Levels are Q7.
 enum NoiseShaping {
@@ -55,7 +51,8 @@ class MyChannel {
   [[nodiscard]] int init();
   // Releases everything the channel owns. Harmless on a channel that owns nothing.
   void terminate();
-  [[nodiscard]] bool isInitialized() const { return pMyClean != nullptr; }
+  // Whether the last init has succeeded and nothing was terminated since.
+  [[nodiscard]] bool isInitialized() const { return bInitialized; }
 
   // The first half of every channel initialisation: the stages and all settings that noise and echo channels
   // share. 0, or 2.
@@ -70,6 +67,14 @@ class MyChannel {
   // Cycles that pass between a sample's analysis and its output, clamped to 2..50.
   void setMaxNumCyclesInDelayBuffer(int iCycles);
 
+  // Which noise channels re-test level jumps, and which tell voices apart.
+  [[nodiscard]] bool needsMySbt() const;
+  [[nodiscard]] bool needsSourceSeparation() const { return !bIsAecChannel; }
+  // A voice is being learned, or has been.
+  [[nodiscard]] bool usesLearnedVoice() const {
+    return bRegistrationRunning || (psSpeakerData && psSpeakerData->bTemplatesPresent != 0);
+  }
+
   // Whether this is the entry of an echo channel whose output is cleaned.
   [[nodiscard]] bool isEchoMicrophone() const { return bIsAecChannel && pSpkChannel != nullptr; }
   [[nodiscard]] int rateFactor() const { return iRealFrequency / kAnalysisRate; }
@@ -77,6 +82,7 @@ class MyChannel {
 
   // ---- What the channel owns
   std::unique_ptr<sSpeakerData> psSpeakerData;
+  std::array<std::unique_ptr<MySbt>, 2> psSbt;  // null unless needsMySbt
   std::unique_ptr<MyDtmf> pMyDtmf;
   std::unique_ptr<MyMath> pMyMath;
   std::unique_ptr<FirstScan> pFirstScan;
@@ -85,7 +91,10 @@ class MyChannel {
   std::unique_ptr<InputData> pInputData;
   std::unique_ptr<OutputData> pOutputData;
   std::unique_ptr<CycleInformation> pCycleInformation;
+  std::unique_ptr<Registration> pRegistration;  // while a voice is being learned
   std::unique_ptr<MyFilters> pMyFilters;
+  std::unique_ptr<SourceSeparation> pSourceSeparation;  // null unless needsSourceSeparation
+  std::unique_ptr<FftSchema> pFftSchema;
 
   // ---- Format
   std::uint8_t bCheckDTMF = 0;
@@ -106,6 +115,9 @@ class MyChannel {
   // Spread of four cycles (largest maximum - smallest minimum) from which on they may hold speech.
   int iMinAmplitudeForPotentialSegment = 500;
   bool bRegistrationRunning = false;
+  bool bSeparationOff = false;     // learned spectra are not consulted
+  bool bSeparationLoose = false;   // verbs are checked less strictly: the separation decides
+  bool bSeparationStrict = false;  // verbs are checked more strictly
   std::uint8_t bCancelAcousticShock = 0;
   std::uint8_t bStartBypassed = 0;
   std::uint8_t bBypassVAD = 0;
@@ -131,7 +143,9 @@ class MyChannel {
   int iAecMinOutput = 0;  // Q7
   // Samples by which the other stream of the echo channel may lag this entry's stream.
   int iLagLimit = 0;
-  int iEchoGain = kUnityQ7;  // Q7: output gain of the echo stage, in the combined mode
+  // Q7: output gain of the echo stage. The stage writes it on its microphone entry; in the combined mode the
+  // noise channel behind it gets a copy.
+  int iEchoGain = kUnityQ7;
   // Position of the last cycle analysed while iEchoGain was below unity; noise is measured only after it.
   int iLastEchoPosition = kNoEchoPosition;
   MyChannel* pPartner = this;  // the channel whose output stage is shared
@@ -140,6 +154,8 @@ class MyChannel {
 
  private:
   static FixedText<256> defaultSpeakerName();
+
+  bool bInitialized = false;
 
   void createComponents();
   void storeFormat(const sKestrovaInit& init);

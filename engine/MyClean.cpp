@@ -10,7 +10,6 @@ namespace {
 // Keys are often pressed in a row; what lies between them is left alone.
 constexpr int kAfterToneSamples = 40000;  // 5 s
 
-// Sample times are 32-bit. A stream of 37 hours starts over, long before they run out.
 constexpr int kLongestStream = 1 << 30;
 
 constexpr int kKeptSegments = 2;
@@ -24,10 +23,17 @@ void MyClean::beforeCleaning() {
   pMyChannel->pMySubState->clean();
   pMyChannel->pCycleInformation->clean();
   pMyChannel->pFirstScan->clean();
+  for (auto& pSbt : pMyChannel->psSbt) {
+    if (pSbt) pSbt->clean();
+  }
+  if (pMyChannel->pSourceSeparation) pMyChannel->pSourceSeparation->cleanHistory();
 }
 
-void MyClean::restartWornStream() {
-  if (pMyChannel->pInputData->getNumValues() < kLongestStream) return;
+bool MyClean::isStreamWorn() const {
+  return pMyChannel->pInputData->getNumValues() >= kLongestStream;
+}
+
+void MyClean::restartStream() {
   pMyChannel->pInputData->openSynchronized();
   pMyChannel->pOutputData->openSynchronized();
   beforeCleaning();
@@ -41,7 +47,7 @@ int MyClean::cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* p
     *piOutBytes = iInBytes;
     return 0;
   }
-  restartWornStream();
+  if (isStreamWorn()) restartStream();
   pMyChannel->pInputData->addData(pIn, iInBytes, bIs16Bit);
   bool bMore = true;
   // Cycle by cycle, so that the result does not depend on how the stream is cut into frames.
@@ -51,6 +57,7 @@ int MyClean::cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* p
     if (const int iError = outputResults(); iError != 0) return iError;
   }
   *piOutBytes = pMyChannel->pOutputData->take(pOut, iInBytes / (bIs16Bit ? 2 : 1), pMyChannel->b16Bit);
+  if (pMyChannel->psSbt[0] && pMyChannel->pFirstScan->isActive()) pMyChannel->psSbt[0]->afterFrameProcessed();
   return 0;
 }
 

@@ -18,12 +18,16 @@ class MyClean {
   // then as much as came in. 0, or 1 when a stage failed.
   [[nodiscard]] int cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* pOut, int* piOutBytes);
 
+  // Sample times are 32-bit. A stream of 37 hours starts over, long before they run out; the two streams of
+  // an echo channel together, which their caller sees to.
+  [[nodiscard]] bool isStreamWorn() const;
+  void restartStream();
+
   // Writes every cycle that the analysis has released. 0, or the first failure of the output stage.
   [[nodiscard]] int outputResults();
 
  private:
   [[nodiscard]] int writeCycle(cHandle cycle);
-  void restartWornStream();
 
   static constexpr int kNoTone = -99999;
 

@@ -234,24 +234,45 @@ void MyFilters::smoothGains(int iBins, int iBlocks) {
   }
 }
 
-std::span<const double> MyFilters::calcCleanFrame(int n, int iBlocks, bool bFollow,
-                                                  sSpectralNoiseType& noise) {
+void MyFilters::subtractNoise(std::span<const double> dMagnitude, int iBlocks, sSpectralNoiseType& noise) {
+  computeGains(dMagnitude, noise);
+  smoothGains(static_cast<int>(dMagnitude.size()), iBlocks);
+  pdWork[0] *= pdSmoothGain[0];
+  for (std::size_t k = 1; k < dMagnitude.size(); ++k) {
+    pdWork[2 * k] *= pdSmoothGain[k];
+    pdWork[2 * k + 1] *= pdSmoothGain[k];
+  }
+}
+
+bool MyFilters::separates() const {
+  const MyChannel& channel = *pMyChannel;
+  if (channel.bIsAecChannel || !channel.pSourceSeparation || !channel.pFftSchema->validEntry()) return false;
+  if (channel.psSbt[0] && channel.psSbt[0]->isTesting()) return false;
+  return channel.pSourceSeparation->isActive();
+}
+
+void MyFilters::separateVoice(int iLength, int iFirst, int iLast) {
+  const CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  SourceSeparation& separation = *pMyChannel->pSourceSeparation;
+  for (int iTime = iFirst; iTime < iLast; iTime += kCycleSamples) {
+    const cHandle cycle = cycles.cycleOf(iTime);
+    if (cycle >= 0) separation.analyzeDuringCleaning(cycle);
+  }
+  separation.separate(std::span(pdWork).first(static_cast<std::size_t>(iLength)), iLength, iFirst, iLast);
+}
+
+std::span<const double> MyFilters::calcCleanFrame(int iFirst, int iBlocks, sSpectralNoiseType& noise) {
+  const int iLast = iFirst + kCycleSamples * iBlocks - 1;
+  const int n = buildInput(true, iFirst, iLast);
   const int iLength = calcFFTWithHanning(n);
-  const int iBins = iLength / 2;
-  const std::span dMagnitude(pdMagnitude.data(), static_cast<std::size_t>(iBins));
+  const std::span dMagnitude(pdMagnitude.data(), static_cast<std::size_t>(iLength / 2));
   std::fill(dMagnitude.begin(), dMagnitude.end(), 0.0);
   addMagnitudes(iLength, dMagnitude);
   for (double& dValue : dMagnitude) dValue = std::max(dValue, 1.0);
-  if (noise.hasEstimate()) followDown(dMagnitude, bFollow, noise);
-  if (noise.iSubtractFactor >= 2) {
-    computeGains(dMagnitude, noise);
-    smoothGains(iBins, iBlocks);
-    pdWork[0] *= pdSmoothGain[0];
-    for (std::size_t k = 1; k < static_cast<std::size_t>(iBins); ++k) {
-      pdWork[2 * k] *= pdSmoothGain[k];
-      pdWork[2 * k + 1] *= pdSmoothGain[k];
-    }
-  }
+  if (noise.hasEstimate()) followDown(dMagnitude, iFirst > pMyChannel->iLastEchoPosition, noise);
+  const bool bSeparates = separates();
+  if (noise.iSubtractFactor >= 2 || bSeparates) subtractNoise(dMagnitude, iBlocks, noise);
+  if (bSeparates) separateVoice(iLength, iFirst, iLast);
   executeIFFT(iLength, pdWork.data());
   const double dScale = 2.0 / iLength;
   for (int i = 0; i < n; ++i) {
@@ -282,4 +303,11 @@ bool MyFilters::matchFFTHistograms(bool bStrict, const Histogram& a, const Histo
     if (std::abs(a[k] - b[k]) > dTolerance) return false;
   }
   return true;
+}
+
+bool MyFilters::validateFFTHistogram(bool bStrict, const Histogram& h) const {
+  const sSpeakerData& speaker = *pMyChannel->psSpeakerData;
+  const std::span learned(speaker.histograms.data(), static_cast<std::size_t>(speaker.iHistograms));
+  return std::any_of(learned.begin(), learned.end(),
+                     [&](const Histogram& known) { return matchFFTHistograms(bStrict, h, known); });
 }

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <span>
 
 #include "engine/EngineUnits.h"
@@ -53,23 +54,29 @@ class MyFilters {
   // Windows the n loaded values and transforms them; returns the transform's length.
   int calcFFTWithHanning(int n);
 
-  // One frame of n = kCycleSamples x iBlocks x rate factor loaded samples, with the background taken off: the
-  // windowed frame, to be overlapped by half with its neighbours. bFollow tells whether the noise may follow
-  // the frame down.
-  std::span<const double> calcCleanFrame(int n, int iBlocks, bool bFollow, sSpectralNoiseType& noise);
+  // The frame of kCycleSamples x iBlocks x rate factor samples that starts at a sample time, with the
+  // background taken off: the windowed frame, to be overlapped by half with its neighbours.
+  std::span<const double> calcCleanFrame(int iFirst, int iBlocks, sSpectralNoiseType& noise);
+
+  // Whether the learned voice is told from other sound in the frames that are cleaned now.
+  [[nodiscard]] bool separates() const;
 
   // Adds the magnitudes of the present transform of length n to a spectrum.
   void addMagnitudes(int n, std::span<double> dSpectrum) const;
 
   // Coarse spectral shapes for learning: magnitudes of bins 1..6 in percent of the largest.
-  using Histogram = std::array<int, 7>;
+  using Histogram = std::array<std::int32_t, 7>;
   void buildFFTHistogram(Histogram& histogram, int iFirst, int iLast);
   [[nodiscard]] static bool matchFFTHistograms(bool bStrict, const Histogram& a, const Histogram& b);
+  // Whether h matches one of the channel's learned histograms.
+  [[nodiscard]] bool validateFFTHistogram(bool bStrict, const Histogram& h) const;
 
  private:
   void followDown(std::span<const double> dMagnitude, bool bFollow, sSpectralNoiseType& noise) const;
   void computeGains(std::span<const double> dMagnitude, sSpectralNoiseType& noise);
   void smoothGains(int iBins, int iBlocks);
+  void subtractNoise(std::span<const double> dMagnitude, int iBlocks, sSpectralNoiseType& noise);
+  void separateVoice(int iLength, int iFirst, int iLast);
 
   MyChannel* pMyChannel = nullptr;
   int iTimeConstant = 5;

@@ -16,9 +16,13 @@ constexpr int kCngStepSamples = 4003;  // half a second between steps of the com
 constexpr int kAgcRise = 50;
 constexpr int kAgcFall = 500;
 
+constexpr int productQ7(int iA, int iB) {
+  return static_cast<int>(std::int64_t{iA} * iB >> 7);
+}
+
 }  // namespace
 
-OutputData::OutputData() : pdSum(std::size_t{kMaxTransform} * 2), psNoise(1) {}
+OutputData::OutputData() : psNoise(1) {}
 
 void OutputData::init(MyChannel* pChannel) {
   pMyChannel = pChannel;
@@ -33,7 +37,7 @@ void OutputData::clean() {
   iSpeechCoef = iAgcCoef = kUnityQ7;
   bSpectralAllowed =
       pMyChannel->bRemoveNonSelfFrequencies != 0 && pMyChannel->iRealFrequency % kAnalysisRate == 0;
-  iSumTime = iNextFrame = -1;
+  overlap.restart();
   iQueueRead = iQueued = 0;
   MyFilters::initializeSpectralNoise(psNoise[0]);
 }
@@ -46,7 +50,7 @@ int OutputData::closeOutput() const {
 
 void OutputData::setBlocks(int iCycles) {
   iBlocks = iCycles >= 8 ? 8 : std::clamp(iCycles, 2, 4);
-  iSumTime = iNextFrame = -1;
+  overlap.restart();
 }
 
 // ---- One cycle
@@ -73,7 +77,8 @@ void OutputData::applyGain(int iGain) {
   if (iGain == kUnityQ7) return;
   for (int i = 0; i < iSamples; ++i) {
     auto& sSample = psCycle[static_cast<std::size_t>(i)];
-    sSample = clampSample(sSample * iGain / kUnityQ7);
+    const std::int64_t lValue = std::int64_t{sSample} * iGain / kUnityQ7;
+    sSample = static_cast<std::int16_t>(std::clamp<std::int64_t>(lValue, -kSampleLimit, kSampleLimit));
   }
 }
 
@@ -115,7 +120,7 @@ int OutputData::writeData(cHandle cycle) {
   removeNoise();
   calcCoefDuringWriteData();
   const int iAgc = agcWhenOn();
-  applyGain(iAgc * (pMyChannel->bStartBypassed ? kUnityQ7 : iSpeechCoef) >> 7);
+  applyGain(productQ7(iAgc, pMyChannel->bStartBypassed ? kUnityQ7 : iSpeechCoef));
   bFirstSilence = true;
   return finish(std::span(psCycle).first(static_cast<std::size_t>(iSamples)),
                 pMyChannel->pMySubState->isHavingConfidence() ? kConfidentSpeech : kSpeech);
@@ -128,11 +133,11 @@ int OutputData::writeSilence(cHandle cycle) {
   const int iLevel = pMyChannel->bStartBypassed ? kUnityQ7 : iCngLevel;
   if (iLevel < 1) {
     std::fill_n(psCycle.begin(), iSamples, sSilenceValue);
-    iSumTime = -1;
+    overlap.restart();
   } else {
     calcNoiseData();
     removeNoise();
-    applyGain(agcWhenOn() * iLevel >> 7);
+    applyGain(productQ7(agcWhenOn(), iLevel));
   }
   return finish(std::span(psCycle).first(static_cast<std::size_t>(iSamples)), kSilence);
 }

@@ -16,6 +16,18 @@
 
 class MyChannel;
 
+// A run of frames that are cleaned one after another and overlapped by half: sums of what has been
+// transformed from iSumTime on.
+struct sOverlap {
+  sOverlap() : pdSum(std::size_t{kMaxTransform} * 2) {}  // throws std::bad_alloc
+  // The next cycle begins a new run.
+  void restart() { iSumTime = -1; }
+
+  ZeroedArray<double> pdSum;
+  int iSumTime = -1;    // sample time of pdSum[0]; -1 before a run
+  int iNextFrame = -1;  // sample time at which the next frame starts
+};
+
 class OutputData {
  public:
   enum State { kStart, kSilence, kSpeech, kConfidentSpeech, kDtmf };
@@ -42,6 +54,11 @@ class OutputData {
   // Moves up to iSamples queued samples out, as 16-bit or 8-bit samples; returns the bytes.
   int take(void* pOut, int iSamples, bool bIs16Bit);
 
+  // Brings pdSum of a run to start at a cycle's first sample time and to hold every frame that reaches into
+  // the cycle, cleaned with that noise estimate.
+  void calcFrames(sOverlap& run, int iFrom, sSpectralNoiseType& estimate);
+  [[nodiscard]] int blocks() const { return iBlocks; }
+
   // Moves the automatic gain one cycle on towards the target level; returns it.
   int updateAGCCoef();
 
@@ -67,8 +84,7 @@ class OutputData {
   [[nodiscard]] bool isNoise(cHandle last, int iCycles, int iLevel, int iAmp, bool bRecent) const;
   void takeNoiseSpectrum(int iFirst, int iAmp);
   void removeNoise();
-  void calcFrames(int iFrom);
-  void calcFrame(int iFrom);
+  void calcFrame(sOverlap& run, int iFrom, sSpectralNoiseType& estimate);
 
   // Gains
   [[nodiscard]] int agcLevel() const;
@@ -98,10 +114,7 @@ class OutputData {
   int iSamples = 0;  // at the channel's rate
   std::array<std::int16_t, kMaxCycleSamples> psCycle{};
 
-  // Overlapped frames: sums of what has been transformed from iSumTime on.
-  ZeroedArray<double> pdSum;
-  int iSumTime = -1;    // sample time of pdSum[0]
-  int iNextFrame = -1;  // sample time at which the next frame starts
+  sOverlap overlap;
   ZeroedArray<sSpectralNoiseType> psNoise;
 
   std::array<std::int16_t, kQueueSamples> psQueue{};

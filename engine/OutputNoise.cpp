@@ -25,7 +25,7 @@ constexpr int kNoiseFrames = 3;
 
 int OutputData::speechLevel() const {
   if (pMyChannel->bBypassVAD) return pMyChannel->pCycleInformation->trackers().blockRange(2).spread();
-  return pMyChannel->pFirstScan->speakerLevel();
+  return pMyChannel->pFirstScan->voiceLevel();
 }
 
 void OutputData::calcNoiseData() {
@@ -51,7 +51,9 @@ void OutputData::estimateNoise(int iLevel) {
   const bool bRecent = noise.hasEstimate() && iTime - noise.iLastNoisePosition < kRecentSamples;
   const int k = 2 * iBlocks;
   const int iExtra = bRecent ? kRecentExtraCycles : 0;
-  const int d = std::max(k, kStateDepthCycles - pMyChannel->iMaxNumCyclesInDelayBuffer) + iExtra;
+  const auto& pSbt = pMyChannel->psSbt[0];
+  const int iDepth = pSbt ? pSbt->depthCycles() : kStateDepthCycles;
+  const int d = std::max(k, iDepth - pMyChannel->iMaxNumCyclesInDelayBuffer) + iExtra;
   const int iChecked = d + 2 * k;
   if (iTime <= kCycleSamples * iChecked) return;
   const CycleInformation& cycles = *pMyChannel->pCycleInformation;
@@ -110,48 +112,49 @@ void OutputData::takeNoiseSpectrum(int iFirst, int iAmp) {
 // ---- Removal
 
 void OutputData::removeNoise() {
-  if (!bSpectralAllowed || pMyChannel->bStartBypassed || psNoise[0].iSubtractFactor < 1) {
-    iSumTime = -1;
+  const bool bNeeded = psNoise[0].iSubtractFactor >= 1 || pMyChannel->pMyFilters->separates();
+  if (!bSpectralAllowed || pMyChannel->bStartBypassed || !bNeeded) {
+    overlap.restart();
     copyInput();
     return;
   }
-  calcFrames(iTime);
+  calcFrames(overlap, iTime, psNoise[0]);
   for (int i = 0; i < iSamples; ++i) {
-    psCycle[static_cast<std::size_t>(i)] = clampSample(static_cast<int>(pdSum[static_cast<std::size_t>(i)]));
+    psCycle[static_cast<std::size_t>(i)] =
+        clampSample(static_cast<int>(overlap.pdSum[static_cast<std::size_t>(i)]));
   }
 }
 
-// Brings pdSum to start at the cycle and to hold every frame that reaches into it. Frames follow one another
-// by half their length; a run of cycles begins with a frame half before its first cycle.
-void OutputData::calcFrames(int iFrom) {
+// Frames follow one another by half their length; a run of cycles begins with a frame half before its first
+// cycle.
+void OutputData::calcFrames(sOverlap& run, int iFrom, sSpectralNoiseType& estimate) {
   const int iFactor = pMyChannel->rateFactor();
   const int iFrame = kCycleSamples * iBlocks;
   const int iHeld = iFrame + kCycleSamples;  // samples that pdSum may hold, at 8 kHz
-  double* pdFirst = pdSum.data();
-  if (iSumTime >= 0 && iFrom == iSumTime + kCycleSamples) {
+  double* pdFirst = run.pdSum.data();
+  if (run.iSumTime >= 0 && iFrom == run.iSumTime + kCycleSamples) {
     std::copy(pdFirst + kCycleSamples * iFactor, pdFirst + iHeld * iFactor, pdFirst);
     std::fill(pdFirst + iFrame * iFactor, pdFirst + iHeld * iFactor, 0.0);
-    iSumTime = iFrom;
   } else {
     std::fill(pdFirst, pdFirst + iHeld * iFactor, 0.0);
-    iSumTime = iFrom;
-    iNextFrame = iFrom - iFrame / 2;
+    run.iNextFrame = iFrom - iFrame / 2;
   }
-  for (; iNextFrame < iFrom + kCycleSamples; iNextFrame += iFrame / 2) calcFrame(iNextFrame);
+  run.iSumTime = iFrom;
+  for (; run.iNextFrame < iFrom + kCycleSamples; run.iNextFrame += iFrame / 2) {
+    calcFrame(run, run.iNextFrame, estimate);
+  }
 }
 
-// One frame, added to pdSum; what lies before pdSum's start is dropped.
-void OutputData::calcFrame(int iFrom) {
+// One frame, added to the run; what lies before its start is dropped.
+void OutputData::calcFrame(sOverlap& run, int iFrom, sSpectralNoiseType& estimate) {
   const int iFactor = pMyChannel->rateFactor();
   const int iLast = iFrom + kCycleSamples * iBlocks - 1;
   if (!pMyChannel->pInputData->indexExists(iLast)) return;
   MyFilters& filters = *pMyChannel->pMyFilters;
-  const bool bFollow = iFrom > pMyChannel->iLastEchoPosition;
-  const auto dFrame =
-      filters.calcCleanFrame(filters.buildInput(true, iFrom, iLast), iBlocks, bFollow, psNoise[0]);
-  const int iSkip = std::max(0, iSumTime - iFrom) * iFactor;
-  const int iOffset = std::max(0, iFrom - iSumTime) * iFactor;
+  const auto dFrame = filters.calcCleanFrame(iFrom, iBlocks, estimate);
+  const int iSkip = std::max(0, run.iSumTime - iFrom) * iFactor;
+  const int iOffset = std::max(0, iFrom - run.iSumTime) * iFactor;
   for (int i = iSkip; i < static_cast<int>(dFrame.size()); ++i) {
-    pdSum[static_cast<std::size_t>(iOffset + i - iSkip)] += dFrame[static_cast<std::size_t>(i)];
+    run.pdSum[static_cast<std::size_t>(iOffset + i - iSkip)] += dFrame[static_cast<std::size_t>(i)];
   }
 }

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <type_traits>
@@ -19,6 +20,17 @@ class ZeroedArray {
       : pValues(static_cast<T*>(std::calloc(uCount, sizeof(T)))), uSize(uCount) {
     if (!pValues) throw std::bad_alloc();
   }
+  ZeroedArray(const ZeroedArray& other) : ZeroedArray(other.uSize) { *this = other; }
+  ZeroedArray(ZeroedArray&&) noexcept = default;
+  ZeroedArray& operator=(ZeroedArray&&) noexcept = default;
+  // Copies in place between arrays of one size, allocates otherwise.
+  ZeroedArray& operator=(const ZeroedArray& other) {
+    if (this == &other) return *this;
+    if (uSize != other.uSize) *this = ZeroedArray(other.uSize);
+    if (uSize != 0) std::memcpy(data(), other.data(), uSize * sizeof(T));
+    return *this;
+  }
+  ~ZeroedArray() = default;
 
   [[nodiscard]] T* data() { return pValues.get(); }
   [[nodiscard]] const T* data() const { return pValues.get(); }

@@ -16,6 +16,28 @@ constexpr int kPlateauDivisor = 5;   // a plateau reaches Amp / 5 from the turni
 
 CycleInformation::CycleInformation() : psRing(kRingCycles), psBlocks(kBlocks) {}
 
+CycleInformation::CycleInformation(const CycleInformation& other) : CycleInformation() {
+  *this = other;
+}
+
+CycleInformation& CycleInformation::operator=(const CycleInformation& other) {
+  if (this == &other) return *this;
+  pMyChannel = other.pMyChannel;
+  psRing = other.psRing;
+  psBlocks = other.psBlocks;
+  levels = other.levels;
+  digitText = other.digitText;
+  iWrite = other.iWrite;
+  bWrapped = other.bWrapped;
+  iLap = other.iLap;
+  iLastSampleTime = other.iLastSampleTime;
+  iBlock = other.iBlock;
+  iLargestAmp = other.iLargestAmp;
+  iLastToneFeed = other.iLastToneFeed;
+  adoptBlocksOf(other);
+  return *this;
+}
+
 void CycleInformation::init(MyChannel* pChannel) {
   pMyChannel = pChannel;
   clean();
@@ -88,11 +110,25 @@ cHandle CycleInformation::getLastValidCycleInFrameThatContainsCycle(cHandle c) c
   return last;
 }
 
+// The copied cycles point to the other's blocks; they are led to the same places in ours.
+void CycleInformation::adoptBlocksOf(const CycleInformation& other) {
+  for (cHandle c = 0; c < kRingCycles; ++c) {
+    const sFluctuationInformation*& pFluctuations = at(c).fluctuations;
+    if (pFluctuations == nullptr) continue;
+    const auto uBlock =
+        static_cast<std::size_t>(reinterpret_cast<const Block*>(pFluctuations) - other.psBlocks.data());
+    pFluctuations = psBlocks[uBlock].data();
+  }
+}
+
 // ---- One cycle
 
 bool CycleInformation::calculateCyclesInformation() {
   const int iEnd = iLastSampleTime + kCycleSamples;
-  if (iEnd >= pMyChannel->pInputData->getNumValues()) return false;
+  if (iEnd >= pMyChannel->pInputData->getNumValues()) {
+    if (pMyChannel->pRegistration) pMyChannel->pRegistration->handleProcessingForCycle();
+    return false;
+  }
   std::int16_t* psSamples = samplesOf(iLastSampleTime + 1);
   sCycleInformation& cycle = at(iWrite);
   cycle = sCycleInformation{};
@@ -103,6 +139,7 @@ bool CycleInformation::calculateCyclesInformation() {
     iLargestAmp = std::max(iLargestAmp, cycle.Amp);
     analyseFluctuations(cycle, psSamples);
   }
+  if (pMyChannel->iEchoGain < kUnityQ7) pMyChannel->iLastEchoPosition = cycle.EndIndex;
   detectTone(cycle, psSamples);
   const std::span samples(psSamples, kCycleSamples);
   const int iMean = std::accumulate(samples.begin(), samples.end(), 0) / kCycleSamples;

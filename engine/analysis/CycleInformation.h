@@ -21,6 +21,10 @@ class MyChannel;
 class CycleInformation {
  public:
   CycleInformation();  // throws std::bad_alloc
+  // A copy of the whole state. Assignment allocates nothing.
+  CycleInformation(const CycleInformation& other);
+  CycleInformation& operator=(const CycleInformation& other);
+  ~CycleInformation() = default;
 
   void init(MyChannel* pChannel);
   // Forgets everything, for a new stream.
@@ -75,6 +79,7 @@ class CycleInformation {
   void analyseFluctuations(sCycleInformation& cycle, const std::int16_t* psSamples);
   void detectTone(sCycleInformation& cycle, const std::int16_t* psSamples);
   void advance();
+  void adoptBlocksOf(const CycleInformation& other);
 
   MyChannel* pMyChannel = nullptr;
   ZeroedArray<sCycleInformation> psRing;

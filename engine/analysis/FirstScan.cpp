@@ -33,7 +33,7 @@ void FirstScan::init(MyChannel* pChannel) {
 }
 
 void FirstScan::clean() {
-  iOldest = iClosed = 0;
+  iOldest = iClosed = iIdentities = 0;
   bExamining = bAccepted = bGoingDown = false;
   iReferenceSpread = iArtificial = 0;
   segmentWindows.iCount = 0;
@@ -146,6 +146,7 @@ const sSegment* FirstScan::findSegment(int iTime) const {
 
 void FirstScan::shiftOneSegment() {
   if (iClosed == 0) return;
+  if (pMyChannel->pRegistration) pMyChannel->pRegistration->insertNewSegment(closedSegment(0));
   iOldest = (iOldest + 1) % kSegments;
   --iClosed;
 }
@@ -184,4 +185,9 @@ void FirstScan::updateMaxAmplitudeOfGoodVerbsInPrevBursts() {
 int FirstScan::speakerLevel() const {
   if (!bSelfVerb || !pMyChannel->pMySubState->isHavingConfidence()) return iReferenceAmp;
   return std::max(iBurstAmp, iReferenceAmp);
+}
+
+int FirstScan::voiceLevel() const {
+  const bool bLouder = pMyChannel->pMySubState->isHavingConfidence() && iBurstAmp > iReferenceAmp;
+  return bLouder ? iBurstAmp : iReferenceAmp;
 }

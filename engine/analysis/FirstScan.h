@@ -56,6 +56,8 @@ class FirstScan {
   // Removes the oldest closed segment.
   void shiftOneSegment();
   [[nodiscard]] int closedSegments() const { return iClosed; }
+  // The closed segments, 0 the oldest.
+  [[nodiscard]] sSegment& closedSegment(int i) { return psSegments[slot(i)]; }
 
   // ---- Levels of good verbs, as spreads
   // A good verb has this spread.
@@ -69,6 +71,8 @@ class FirstScan {
   [[nodiscard]] bool isInSelfVerb() const { return bSelfVerb; }                // F
   // max(c, p) while confident speech is running, else p. 0 before any good verb.
   [[nodiscard]] int speakerLevel() const;
+  // c when the burst is confident and louder than the bursts before, else p.
+  [[nodiscard]] int voiceLevel() const;
 
   // Mean period of the segment's match at the cycle, of its last match beyond them; 0 without a match.
   [[nodiscard]] static int estimatePitch(const sSegment& segment, cHandle cycle);
@@ -121,6 +125,7 @@ class FirstScan {
   bool stopExaminedVerbSegment(bool bFinal);
   void acceptSelfVerb();
   void endSegment();
+  void learnFrom(sSegment& segment);
   [[nodiscard]] bool isStable(const sSegment& segment) const;
   void markVerb(const sSegment& segment, bool bSelf);
   void startOtherVerb(int iTime);
@@ -139,6 +144,7 @@ class FirstScan {
   ZeroedArray<sSegment> psSegments;
   int iOldest = 0;
   int iClosed = 0;
+  int iIdentities = 0;
 
   // The examined segment
   bool bExamining = false;

@@ -55,13 +55,16 @@ void FirstScan::startSegment(int iTime) {
   iArtificial = 0;
   segmentWindows.iCount = 0;
   sSegment& segment = examined();
+  segment.iIdentity = ++iIdentities;
   segment.type = kUnsettled;
   segment.first = segment.last = pMyChannel->pCycleInformation->cycleOf(iTime);
   segment.iStartTime = iTime;
   segment.iEndTime = iTime + kCycleSamples - 1;
   segment.iNumMatches = 0;
   segment.iAmp = 0;
-  segment.bGood = segment.bExaminedForNoise = false;
+  segment.bGood = segment.bExaminedForNoise = segment.bHasHistogram = false;
+  segment.iWinner = -1;
+  segment.iSchemas = 0;
   iNextTime = iTime + kElementCycles * kCycleSamples;
 }
 
@@ -123,6 +126,16 @@ void FirstScan::endSegment() {
   if (!bVerb) return;
   if (segment.bGood) updateMaxAmplitudeOfGoodVerbsInPrevBursts();
   keepExamined();
+  if (pMyChannel->bRegistrationRunning) learnFrom(closedSegment(iClosed - 1));
+}
+
+// The talker is being learned: the spectrum of the last period goes with the segment.
+void FirstScan::learnFrom(sSegment& segment) {
+  const int iPeriod = estimatePitch(segment, segment.last);
+  pMyChannel->pMyFilters->buildFFTHistogram(segment.histogram, segment.iEndTime + 1 - iPeriod,
+                                            segment.iEndTime);
+  segment.bHasHistogram = true;
+  if (pMyChannel->pRegistration) pMyChannel->pRegistration->handleProcessingForSegment(segment);
 }
 
 void FirstScan::markVerb(const sSegment& segment, bool bSelf) {

@@ -39,7 +39,6 @@ constexpr int kMaxArtificialMatches = 1;
 
 // Points a cycle of a voice may have, over its shortest period: 320 samples are ten cycles.
 constexpr int kFluctuationSpan = 320;
-constexpr int kShortestPeriod = 12;
 
 void markCandidates(const std::array<float, PitchComparator::sScores::kLags>& fScores, float fThreshold,
                     std::array<bool, PitchComparator::kMaxPeriod + 3>& candidates) {
@@ -84,8 +83,7 @@ int FirstScan::requiredMatches(int iTime) const {
 
 bool FirstScan::tooManyFluctuations(int iTime) const {
   const CycleInformation& cycles = *pMyChannel->pCycleInformation;
-  const sSpeakerData& speaker = *pMyChannel->psSpeakerData;
-  const int iShortest = std::max(speaker.iPitchCentre - 4 * speaker.iPitchSpread, kShortestPeriod);
+  const int iShortest = pMyChannel->psSpeakerData->shortestPeriod();
   const sCycleInformation& cycle = cycles.at(cycles.cycleOf(iTime));
   return cycle.fluctuations != nullptr && cycle.fluctuations[0].nsegments > kFluctuationSpan / iShortest;
 }

@@ -165,3 +165,31 @@ std::int16_t MyMath::calculateNumValCrossing(int v, const sFluctuationInformatio
   }
   return static_cast<std::int16_t>(iCrossings);
 }
+
+MyMath::sConnection MyMath::analyzeConnectionBetweenTwoCycles(const sFluctuationInformation& a,
+                                                              const sFluctuationInformation& b,
+                                                              int iMinSwing) {
+  sConnection connection;
+  auto* pOut = connection.asPoint.data();
+  const int iLast = a.nsegments - 1;
+  const bool bLastUp = (iLast % 2 == 0) == a.startingup;
+  const int iLastValue = iLast >= 0 ? a.points[static_cast<std::size_t>(iLast)].lval : 0;
+  if (iLast >= 0) *pOut++ = {iLast, bLastUp, sConnection::kFromFirst};
+  if (b.nsegments == 0) return connection;
+  const int iFirstValue = b.points[0].lval;
+  const int iFurther = b.startingup ? iLastValue - iFirstValue : iFirstValue - iLastValue;
+  if (iLast >= 0 && bLastUp == b.startingup) {
+    const int iLimit = iMinSwing > 0 ? iMinSwing : std::min(a.threshold, b.threshold);
+    if (std::abs(iFirstValue - iLastValue) >= iLimit) {
+      *pOut++ = {0, b.startingup, sConnection::kFromSecond};
+    } else if (iFurther > 0) {
+      pOut[-1] = {0, b.startingup, sConnection::kJoined};
+    } else {
+      pOut[-1].kind = sConnection::kJoined;
+    }
+  } else if (iLast < 0 || iFurther > 0) {
+    *pOut++ = {0, b.startingup, sConnection::kFromSecond};
+  }
+  if (b.nsegments > 1) *pOut = {1, !b.startingup, sConnection::kFromSecond};
+  return connection;
+}

@@ -1,6 +1,7 @@
 // Turning points of a waveform. Each channel owns one, with its working space; nothing is allocated later.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <span>
 
@@ -25,6 +26,23 @@ class MyMath {
   static std::int16_t calculateMeanVal(const sFluctuationInformation& level);
   // Steps between consecutive turning values that reach or pass v, in either direction.
   static std::int16_t calculateNumValCrossing(int v, const sFluctuationInformation& level);
+
+  // How the turning points of one cycle and the next join. Up to three points span the boundary: a's last,
+  // b's first, b's second. A valley that follows a valley is the same one when they differ by less than
+  // iMinSwing.
+  struct sConnection {
+    enum Kind { kNone = -1, kFromFirst = 0, kFromSecond = 1, kJoined = 2 };
+    struct sPoint {
+      int iIndex = -1;   // in the points of the cycle it comes from; -1 when there is no such point
+      bool bUp = false;  // the waveform rises after it
+      Kind kind = kNone;
+    };
+    std::array<sPoint, 3> asPoint{};
+  };
+  // iMinSwing 0 takes the smaller threshold of the two.
+  [[nodiscard]] static sConnection analyzeConnectionBetweenTwoCycles(const sFluctuationInformation& a,
+                                                                     const sFluctuationInformation& b,
+                                                                     int iMinSwing = 0);
 
  private:
   WorkPoints work;

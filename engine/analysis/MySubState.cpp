@@ -14,9 +14,22 @@ constexpr int kBurstSamples = 18000;
 // Where the last good end stands when a burst begins: just beyond that distance.
 constexpr int kNoGoodEnd = -18018;
 
-// What a verb needs to be checked: matches, and the share of them that may be revoked.
-constexpr int kMinMatchesToCheck = 5;
-constexpr int kMaxRevokedPercent = 25;
+// What a verb needs to be checked: matches, the share of them that may be revoked, and whether it must differ
+// from the background. Where the separation decides in the end, the check is loose; where it must not be
+// misled, strict.
+struct sVerbCheck {
+  int iMinMatches;
+  int iMaxRevokedPercent;
+  bool bNoiseTest;
+};
+constexpr sVerbCheck kUsualCheck{5, 25, true};
+constexpr sVerbCheck kLooseCheck{3, 50, false};
+constexpr sVerbCheck kStrictCheck{8, 1, true};
+
+const sVerbCheck& checkOf(const MyChannel& channel) {
+  if (channel.bSeparationLoose) return kLooseCheck;
+  return channel.bSeparationStrict ? kStrictCheck : kUsualCheck;
+}
 
 // Bad verbs that a burst survives: an unconfident one fewer.
 constexpr int kMaxBadWhenConfident = 9;
@@ -155,37 +168,54 @@ void MySubState::updateExistingSelfVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSe
                                               int iRevoked) {
   constexpr int kMatchesBetweenTests = 3;
   *pType = kSelfVerb;
-  if (!pSegment->bGood && (pSegment->iNumMatches - kMinMatchesToCheck) % kMatchesBetweenTests != 0) return;
+  const int iSince = pSegment->iNumMatches - checkOf(*pMyChannel).iMinMatches;
+  if (!pSegment->bGood && iSince % kMatchesBetweenTests != 0) return;
   settleSelfVerb(pSegment, iRevoked);
 }
 
 void MySubState::settleSelfVerb(sSegment* pSegment, int iRevoked) {
   if (!pSegment->bExaminedForNoise) {
     int iPeriod = 0;
-    if (!hasVoicePitch(pSegment, iRevoked, &iPeriod) || !differentFromNoise(iPeriod, pSegment)) return;
+    if (!hasVoicePitch(pSegment, iRevoked, &iPeriod)) return;
+    if (checkOf(*pMyChannel).bNoiseTest && !differentFromNoise(iPeriod, pSegment)) return;
     pSegment->bExaminedForNoise = true;
   }
+  if (!pSegment->bGood && !isLearnedVoice(pSegment)) return;
   const bool bNew = !pSegment->bGood;
   pSegment->bGood = true;
   updateGood(pSegment->iStartTime, pSegment->iEndTime, pSegment->iAmp, bNew ? pSegment->iNumMatches : 0,
              pSegment->lastMatch().period());
 }
 
+// Every voice is, while one is being learned and as long as none has been.
+bool MySubState::isLearnedVoice(sSegment* pSegment) const {
+  if (pMyChannel->bRegistrationRunning || pMyChannel->psSpeakerData->iTemplates == 0) return true;
+  if (pMyChannel->pSourceSeparation) {
+    const auto verdict = pMyChannel->pSourceSeparation->verdictOn(*pSegment);
+    if (verdict != SourceSeparation::Verdict::kUnknown) {
+      return verdict == SourceSeparation::Verdict::kLearnedVoice;
+    }
+  }
+  if (!pMyChannel->pFftSchema->validEntry()) return true;
+  float fDrift;
+  return pMyChannel->pFftSchema->findWinnerSchema(pSegment->last, &pSegment->iWinner, &fDrift,
+                                                  pMyChannel->pOutputData->noise());
+}
+
 bool MySubState::hasVoicePitch(const sSegment* pSegment, int iRevoked, int* piPeriod) const {
-  if (pSegment->iNumMatches < kMinMatchesToCheck) return false;
-  const sSpeakerData& speaker = *pMyChannel->psSpeakerData;
+  const sVerbCheck& check = checkOf(*pMyChannel);
+  if (pSegment->iNumMatches < check.iMinMatches) return false;
   int iDoubled = 0;
   int iResized = 0;
   for (int i = 0; i < pSegment->iNumMatches; ++i) {
     iDoubled += pSegment->asMatch[static_cast<std::size_t>(i)].bDoubled;
     iResized += pSegment->asMatch[static_cast<std::size_t>(i)].bResized;
   }
-  if (std::max({iDoubled, iResized, iRevoked}) * 100 >= kMaxRevokedPercent * pSegment->iNumMatches)
-    return false;
+  const int iWorst = std::max({iDoubled, iResized, iRevoked});
+  if (iWorst * 100 >= check.iMaxRevokedPercent * pSegment->iNumMatches) return false;
   for (int i = pSegment->iNumMatches - 1; i >= 0; --i) {
     const sMatch& match = pSegment->asMatch[static_cast<std::size_t>(i)];
-    if (match.iNear < speaker.iPitchCentre - 2 * speaker.iPitchSpread) continue;
-    if (match.iFar > speaker.iPitchCentre + 2 * speaker.iPitchSpread) continue;
+    if (!pMyChannel->psSpeakerData->mayHavePeriod(match.iNear, match.iFar)) continue;
     *piPeriod = match.period();
     return true;
   }

@@ -52,6 +52,7 @@ class MySubState {
 
   void settleSelfVerb(sSegment* pSegment, int iRevoked);
   [[nodiscard]] bool hasVoicePitch(const sSegment* pSegment, int iRevoked, int* piPeriod) const;
+  [[nodiscard]] bool isLearnedVoice(sSegment* pSegment) const;
   [[nodiscard]] bool staysInBurst() const;
   void expireBurst(int iTime);
 

@@ -4,6 +4,7 @@
 #include <array>
 
 #include "engine/analysis/Cycle.h"
+#include "engine/analysis/SpeakerData.h"
 
 enum POTENTIAL_SEGMENT_TYPE {
   kUnsettled = 0,
@@ -54,6 +55,9 @@ struct sMatch {
 inline constexpr int kMaxMatches = 100;
 
 struct sSegment {
+  static constexpr int kMaxSchemas = 20;
+
+  int iIdentity = 0;  // counts the segments of a stream
   POTENTIAL_SEGMENT_TYPE type = kUnsettled;
   cHandle first = 0;
   cHandle last = 0;
@@ -64,6 +68,13 @@ struct sSegment {
   int iAmp = 0;        // largest spread of four cycles
   bool bGood = false;  // belongs to the channel's own voice
   bool bExaminedForNoise = false;
+  int iWinner = -1;  // the learned template that it matched best
+
+  // What a registration learns from it.
+  bool bHasHistogram = false;
+  MyFilters::Histogram histogram{};
+  std::array<sFftSchemaType, kMaxSchemas> asSchema{};
+  int iSchemas = 0;
 
   [[nodiscard]] const sMatch& lastMatch() const { return asMatch[static_cast<std::size_t>(iNumMatches - 1)]; }
   [[nodiscard]] bool contains(int iTime) const { return iTime >= iStartTime && iTime <= iEndTime; }

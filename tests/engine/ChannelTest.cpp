@@ -79,7 +79,7 @@ TEST_F(ChannelTest, SettingsAreClampedAndScaled) {
   sKestrovaInit init = defaultInit();
   init.iSampleRate = 96000;
   init.sFrameUnits = 8;
-  init.sInitialDelayUnits = 13;
+  init.sInitialDelayUnits = 13;  // 104 samples
   init.sCNGInitialValue = 10;
   init.sCNGEndValue = 40;
   init.sBurstEndLowerValue = 20;
@@ -93,7 +93,7 @@ TEST_F(ChannelTest, SettingsAreClampedAndScaled) {
   EXPECT_EQ(channel.iRealFrequency, 64000);
   EXPECT_EQ(channel.iSamplesPerFrameAtRate, 2048);
   EXPECT_EQ(channel.iInitialDelay, 96);
-  EXPECT_EQ(received(channel), 96);
+  EXPECT_EQ(received(channel), 96 / 8) << "the leading silence is counted at the channel's rate";
   // The comfort noise starts no lower than it ends, and the speech gain never falls below that start.
   const std::array<int, 7> expected{51, 6, 51, 51, 1, 51, 6};
   EXPECT_EQ(channel.psNoiseShaping, expected);
@@ -160,12 +160,16 @@ TEST_F(ChannelTest, VoiceGroupsPresetThePitch) {
   }
 }
 
-TEST_F(ChannelTest, VoiceInitRaisesTheDelayAndRefusesWhatNeedsALearnedVoice) {
+TEST_F(ChannelTest, VoiceInitRaisesTheDelayAndRefusesWhatIsNoVoiceProfile) {
   sKestrovaInit init = defaultInit();
   ASSERT_EQ(KestrovaIpsavoxInit(2, &init), 0);
   EXPECT_EQ(KestrovapMyChannels[2].iMaxNumCyclesInDelayBuffer, 10);
-  init.bStartRegistration = 1;
+  const std::int32_t piWrongVersion[8] = {3};
+  init.psSpeakerInformation = reinterpret_cast<const sAPISpeaker*>(piWrongVersion);
   EXPECT_EQ(KestrovaIpsavoxInit(2, &init), 2);
+  Samples frame(32);
+  sKestrovaFrameResult result{};
+  EXPECT_EQ(KestrovaProcessFrame(2, frame.data(), 64, frame.data(), &result), 1) << "the init has failed";
 }
 
 TEST_F(ChannelTest, FramesAreRefusedBeforeInitAndWhenTheyAreNoFrames) {
