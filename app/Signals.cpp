@@ -100,6 +100,7 @@ void installSignalHandlers() {
   signal(SIGUSR1, sigUsr1Handle);
   signal(SIGUSR2, sigUsr2Handle);
   for (const int number : kIgnoredSignals) signal(number, sigIgnoreHandle);
+  signal(SIGXFSZ, SIG_IGN);  // a file at the limit of its size is an error of the write, not the end
 
   static const FaultStack mainThreadStack;
   struct sigaction segmentation = onFaultStack(0);

@@ -13,7 +13,8 @@ int flagsOf(std::string_view mode) {
   const bool both = mode.find('+') != std::string_view::npos;
   switch (mode.front()) {
     case 'w':
-      return (both ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
+      return (both ? O_RDWR : O_WRONLY) | O_CREAT |
+             (mode.find('x') == std::string_view::npos ? O_TRUNC : O_EXCL);
     case 'a':
       return (both ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
     default:

@@ -42,7 +42,7 @@ using File = std::unique_ptr<std::FILE, FileCloser>;
 
 // fopen that never waits and is not inherited by other programs: a FIFO in place of the file does not open
 // for writing while nobody reads it, and reads as empty while nobody writes it. mode: 'r', 'w' or 'a', with
-// '+' where wanted; 'b' and 't' make no difference.
+// '+' where wanted and with 'x' for a file that must not exist yet; 'b' and 't' make no difference.
 [[nodiscard]] File openFile(const char* path, const char* mode);
 // The same for a file that must be an ordinary one, which is what can be read to its end: errno is EISDIR for
 // a directory, EINVAL for a FIFO, a device or a socket. Safe in signal handlers.

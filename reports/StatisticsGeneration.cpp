@@ -11,6 +11,10 @@
 
 namespace {
 
+constexpr const char* kFunction = "StatisticsGeneration::generateRealTimeStatistics";
+// What stands around the table, and as many rows as there can be calls: two names, of 165 characters that may
+// each become five, and 15 figures of at most 40 characters with their cells.
+constexpr std::size_t kMaxPageBytes = 8'192 + 127 * (2 * 5 * 165 + 15 * 40 + 200);
 constexpr const char* kAverageTitle = "Real Time Average Statistics On Active Channels";
 constexpr const char* kExtremeTitle = "Real Time Extreme Statistics On Active Channels";
 
@@ -111,7 +115,7 @@ void writeRow(std::FILE* file, int pair, const sPage& page) {
   const sRtpSessionPair& record = myRtp.psPairs[static_cast<std::size_t>(pair)];
   writeName(file, record.pcPartyName[0]);
   writeName(file, record.pcPartyName[1]);
-  std::fprintf(file, "<td>%d</td>\n", record.iProcessedSamples[0] / record.iSampleRate);
+  std::fprintf(file, "<td>%d</td>\n", myRtp.callSeconds(pair));
   for (int side = 0; side < 2; ++side) writeFigures(file, myRtp.figuresOf(side, pair), page.bExtreme);
   std::fputs("</tr>\n", file);
 }
@@ -136,30 +140,39 @@ void writeBody(std::FILE* file, const sPage& page) {
 }  // namespace
 
 void StatisticsGeneration::generateRealTimeStatistics() {
-  constexpr const char* kFunction = "StatisticsGeneration::generateRealTimeStatistics";
+  const char* const average = pcRealTimeAverageStatisticsFile.c_str();
+  const char* const extreme = pcRealTimeExtremeStatisticsFile.c_str();
+  if (*average != '\0') {
+    const File file = openFile(average, "w");
+    if (!file) {
+      Log::warning(kFunction, "Unable to open file. Retry later. %s\n", average);
+      return;
+    }
+    writePage(file.get(), average, kAverageTitle, &StatisticsGeneration::writeRealTimeAverageBody);
+  }
+  if (*extreme != '\0') {
+    const File file = openFile(extreme, "w");
+    if (!file) {
+      Log::error(kFunction, "Unable to open file %s\n", extreme);
+      return;
+    }
+    writePage(file.get(), extreme, kExtremeTitle, &StatisticsGeneration::writeRealTimeExtremeBody);
+  }
+}
+
+// The page goes to the file in one piece, so that a browser hardly ever loads half of it. One that fails
+// leaves the other its turn.
+void StatisticsGeneration::writePage(std::FILE* file, const char* path, const char* title,
+                                     void (StatisticsGeneration::*writeBody)(std::FILE*)) {
+  static std::array<char, kMaxPageBytes> page;  // main thread only
+  std::setvbuf(file, page.data(), _IOFBF, page.size());
   try {
-    if (!pcRealTimeAverageStatisticsFile.empty()) {
-      const File file = openFile(pcRealTimeAverageStatisticsFile.c_str(), "w");
-      if (!file) {
-        Log::warning(kFunction, "Unable to open file. Retry later. %s\n",
-                     pcRealTimeAverageStatisticsFile.c_str());
-        return;
-      }
-      writeHTMLHeader(file.get(), iRefreshRateOfRealTimeStatistics, kAverageTitle);
-      writeRealTimeAverageBody(file.get());
-    }
-    if (!pcRealTimeExtremeStatisticsFile.empty()) {
-      const File file = openFile(pcRealTimeExtremeStatisticsFile.c_str(), "w");
-      if (!file) {
-        Log::error(kFunction, "Unable to open file %s\n", pcRealTimeExtremeStatisticsFile.c_str());
-        return;
-      }
-      writeHTMLHeader(file.get(), iRefreshRateOfRealTimeStatistics, kExtremeTitle);
-      writeRealTimeExtremeBody(file.get());
-    }
+    writeHTMLHeader(file, iRefreshRateOfRealTimeStatistics, title);
+    (this->*writeBody)(file);
   } catch (...) {
     Log::error(kFunction, "exception caught");
   }
+  if (std::fflush(file) != 0) Log::warning(kFunction, "Unable to write to file %s\n", path);
 }
 
 void StatisticsGeneration::writeHTMLHeader(std::FILE* file, int refreshSeconds, const char* title) {

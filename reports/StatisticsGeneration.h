@@ -16,6 +16,10 @@ class StatisticsGeneration {
   void writeHTMLHeader(std::FILE* file, int refreshSeconds, const char* title);
   void writeRealTimeAverageBody(std::FILE* file);
   void writeRealTimeExtremeBody(std::FILE* file);
+
+ private:
+  void writePage(std::FILE* file, const char* path, const char* title,
+                 void (StatisticsGeneration::*writeBody)(std::FILE*));
 };
 
 inline StatisticsGeneration statisticsGeneration;

@@ -4,7 +4,6 @@
 
 #include "rtp/MyRtp.h"
 #include "rtp/RtpHeader.h"
-#include "rtp/Saturating.h"
 
 namespace {
 
@@ -45,19 +44,20 @@ void MyRtp::calcJitterStatistics(int seq, int side, int pair) {
   int total = 0;
   for (int i = count - 1; i >= 0 && entries[i].iSeq > seq; --i) total += entries[i].iLength - kRtpHeaderBytes;
   record.iMaxJitter[side].raiseTo(total);
-  addSaturated(record.iJitterSum[side], total);
+  record.iJitterSum[side] += total;
 }
 
 sCallFigures MyRtp::figuresOf(int side, int pair) const {
   const sRtpSessionPair& record = psPairs[pair];
   const std::int64_t packets = std::max<int>(record.iPacketsReceived[side], 1);
   const int unitsPerMs = psCodecTiming[record.psCodecs[side][0].eCodec].iRtcpUnitsPerMs;
-  const int samples = std::max<int>(record.iProcessedSamples[side], 1);
+  const std::int64_t samples = std::max<std::int64_t>(record.iProcessedSamples[side], 1);
   const double framesPerSample = record.iSampleRate == 8000 ? 32.0 : 64.0;
-  const auto frameAverage = [&](double sum) { return static_cast<int>(sum / samples * framesPerSample); };
+  const auto frameAverage = [&](double sum) {
+    return static_cast<int>(sum / static_cast<double>(samples) * framesPerSample);
+  };
   sCallFigures figures;
-  figures.iConfidentVoicePercent =
-      static_cast<int>(std::int64_t{record.iConfidentVoiceSamples[side]} * 100 / samples);
+  figures.iConfidentVoicePercent = static_cast<int>(record.iConfidentVoiceSamples[side] * 100 / samples);
   figures.iAvgNoise = frameAverage(record.dNoiseSum[side]);
   figures.iMaxNoise = record.iMaxNoise[side];
   figures.iAvgAgc = frameAverage(record.dAgcSum[side]);
@@ -89,5 +89,5 @@ void MyRtp::calcMOS(int pair) {
 }
 
 int MyRtp::callSeconds(int pair) const {
-  return psPairs[pair].iProcessedSamples[0] / psPairs[pair].iSampleRate;
+  return static_cast<int>(psPairs[pair].iProcessedSamples[0] / psPairs[pair].iSampleRate);
 }

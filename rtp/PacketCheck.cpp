@@ -4,7 +4,6 @@
 #include "common/Clock.h"
 #include "rtp/MyRtp.h"
 #include "rtp/RtpHeader.h"
-#include "rtp/Saturating.h"
 #include "rtp/SendDatagram.h"
 
 namespace {
@@ -31,14 +30,15 @@ void setDelayReference(sPairDelay& delay, int side, std::uint32_t timestamp, con
 void measureDelay(sPairDelay& delay, int side, std::uint32_t timestamp, const timeval& arrival,
                   int unitsPerMs) {
   const timeval& reference = delay.sRefArrival[side];
-  const std::int64_t elapsedMs =
-      (arrival.tv_sec - reference.tv_sec) * std::int64_t{1000} + (arrival.tv_usec - reference.tv_usec) / 1000;
+  const std::int64_t elapsedMs = ((arrival.tv_sec - reference.tv_sec) * std::int64_t{1'000'000} +
+                                  (arrival.tv_usec - reference.tv_usec)) /
+                                 1000;
   const std::uint32_t sentMs =
       (timestamp - delay.uRefTimestamp[side]) / static_cast<std::uint32_t>(unitsPerMs);
   const int delayMs =
       static_cast<int>(std::clamp<std::int64_t>(elapsedMs - std::int64_t{sentMs}, 0, kMaxDelayMs));
   ++delay.iDelayCount[side];
-  addSaturated(delay.iDelaySum[side], delayMs);
+  delay.iDelaySum[side] += delayMs;
   delay.iMaxDelay[side].raiseTo(delayMs);
   if (delay.iDelayCount[side] >= kPacketsPerDelayReference) {
     setDelayReference(delay, side, timestamp, arrival);

@@ -5,7 +5,6 @@
 #include "rtp/MyRtp.h"
 #include "rtp/OutRing.h"
 #include "rtp/RateConversion.h"
-#include "rtp/Saturating.h"
 
 namespace {
 
@@ -54,9 +53,9 @@ void writeSamples(const File& file, const std::int16_t* samples, int bytes) {
 }
 
 void addToStatistics(sPairStatistics& statistics, int side, int samples, const sKestrovaFrameResult& result) {
-  addSaturated(statistics.iProcessedSamples[side], samples);
-  if (result.iSpeech != 0) addSaturated(statistics.iSpeechSamples[side], samples);
-  if (result.iConfidentVoice != 0) addSaturated(statistics.iConfidentVoiceSamples[side], samples);
+  statistics.iProcessedSamples[side] += samples;
+  if (result.iSpeech != 0) statistics.iSpeechSamples[side] += samples;
+  if (result.iConfidentVoice != 0) statistics.iConfidentVoiceSamples[side] += samples;
   statistics.dNoiseSum[side] += result.iNoiseLevel;
   statistics.dAgcSum[side] += result.iGainPercent;
   statistics.dEchoSum[side] += result.iEchoLevel;
@@ -191,7 +190,7 @@ void MyRtp::checkDigits(int side, int pair, const sKestrovaFrameResult& result) 
     }
   }
   auto& digits = record.pcDtmfDigits[side];
-  const int position = record.iProcessedSamples[side];
+  const std::int64_t position = record.iProcessedSamples[side];
   if (record.iLastDigitSample[side] == position) checkAndHandleDTMFCommands(side, pair, digits.data());
   if (!digits.empty() && position - record.iLastDigitSample[side] > kDigitsLifetimeSamples) digits.clear();
 }

@@ -12,6 +12,7 @@
 namespace {
 
 constexpr const char* kOpenFunction = "MyRtp::openSessionPair";
+constexpr const char* kCloseFunction = "MyRtp::closeSessionPair";
 constexpr int kFileCounterModulus = 10;
 
 // A library (299), the time with its counters, two party names and the kind of file.
@@ -68,6 +69,11 @@ File openStatistics(const char* function) {
   return file;
 }
 
+void finishStatistics(std::FILE* file, const char* function) {
+  if (std::fflush(file) != 0)
+    Log::warning(function, "unable to write to statistics file %s\n", pcStatisticsFile.c_str());
+}
+
 }  // namespace
 
 void MyRtp::replaceSpecialChars(char* text, bool forPath) {
@@ -101,12 +107,13 @@ void MyRtp::writeOpenLine(int pair) {
   if (!file) return;
   std::fprintf(file.get(), "%s Open session (%d): %s<->%s\n", timeText(Clock::now()).data(), pair,
                record.pcPartyName[0].c_str(), record.pcPartyName[1].c_str());
+  finishStatistics(file.get(), kOpenFunction);
 }
 
 void MyRtp::writeClosingLine(int pair) {
   if (pcStatisticsFile.empty()) return;
   calcMOS(pair);
-  const File file = openStatistics("MyRtp::closeSessionPair");
+  const File file = openStatistics(kCloseFunction);
   if (!file) return;
   const sRtpSessionPair& record = psPairs[pair];
   const char* const name0 = record.pcPartyName[0].c_str();
@@ -128,4 +135,5 @@ void MyRtp::writeClosingLine(int pair) {
                name1, name0, f1.iConfidentVoicePercent, f1.iAvgNoise, f1.iMaxNoise, f1.iAvgAgc, f1.iMaxAgc,
                f1.iAvgEcho, f1.iMaxEcho, f1.iAvgJitterMs, f1.iMaxJitterMs, f1.fPacketLossPercent,
                f1.iAvgDelayMs, f1.iMaxDelayMs, f1.fAvgMos, f1.fMinMos, record.pcCallID[1].c_str());
+  finishStatistics(file.get(), kCloseFunction);
 }

@@ -21,7 +21,7 @@ bool VoiceProfile::allocate(std::uint32_t bytes) {
 }
 
 VoiceProfile::Read VoiceProfile::readFrom(std::FILE* file) {
-  const std::uint32_t available = fileBytes(file);
+  const std::uint32_t available = fileBytes(file).value_or(0);
   unsigned char length[kLengthBytes];
   if (std::fread(length, sizeof length, 1, file) != 1) return Read::eBadFile;
   const std::uint32_t bytes =
@@ -36,16 +36,16 @@ bool VoiceProfile::writeLengthTo(std::FILE* file) const {
   const unsigned char length[kLengthBytes] = {
       static_cast<unsigned char>(iBytes), static_cast<unsigned char>(iBytes >> 8),
       static_cast<unsigned char>(iBytes >> 16), static_cast<unsigned char>(iBytes >> 24)};
-  return std::fwrite(length, sizeof length, 1, file) == 1;
+  return std::fwrite(length, sizeof length, 1, file) == 1 && std::fflush(file) == 0;
 }
 
 bool VoiceProfile::writeRecordTo(std::FILE* file) const {
   return std::fwrite(pcBytes.get(), iBytes, 1, file) == 1 && std::fflush(file) == 0;
 }
 
-std::uint32_t fileBytes(std::FILE* file) {
+std::optional<std::uint32_t> fileBytes(std::FILE* file) {
   const long size = std::fseek(file, 0, SEEK_END) == 0 ? std::ftell(file) : -1;
   std::rewind(file);
-  if (size < 0 || static_cast<unsigned long>(size) > std::numeric_limits<std::uint32_t>::max()) return 0;
+  if (size < 0 || static_cast<unsigned long>(size) > std::numeric_limits<std::uint32_t>::max()) return {};
   return static_cast<std::uint32_t>(size);
 }

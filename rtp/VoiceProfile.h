@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <optional>
 
 #include "engine/Kestrova.h"
 
@@ -27,6 +28,7 @@ class VoiceProfile {
   // before anything is allocated.
   [[nodiscard]] Read readFrom(std::FILE* file);
 
+  // True when what was written has left the process.
   [[nodiscard]] bool writeLengthTo(std::FILE* file) const;
   [[nodiscard]] bool writeRecordTo(std::FILE* file) const;
 
@@ -35,5 +37,6 @@ class VoiceProfile {
   std::uint32_t iBytes = 0;
 };
 
-// Size of a file in bytes, its position put back to the start; 0 when it cannot be told.
-std::uint32_t fileBytes(std::FILE* file);
+// Size of a file in bytes, its position put back to the start; nothing when it cannot be told, or when what
+// was written to the file before cannot be stored.
+[[nodiscard]] std::optional<std::uint32_t> fileBytes(std::FILE* file);

@@ -2,6 +2,7 @@
 // copy of what was said.
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <unistd.h>
 
@@ -16,16 +17,24 @@ constexpr const char* kStartFunction = "MyRtp::doRegistration";
 constexpr const char* kStopFunction = "MyRtp::doStopRegistration";
 constexpr const char* kNoNoiseReduction = "how did we start registration if ther is no noise cleaning ?\n";
 
-// The library (299), a name (49) and an ending.
-using ProfilePath = FixedText<360>;
+// The library (299), a name (as many digits as a command holds) and an ending.
+using ProfilePath = FixedText<299 + kMaxDtmfDigits + 4 + 1>;
 
-ProfilePath profilePath(std::string_view name, std::string_view ending = {}) {
+ProfilePath profilePath(std::string_view name) {
   ProfilePath path;
-  (void)(path.assign(pcRegistrationLibrary.load()) && path.append(name) && path.append(ending));
+  (void)(path.assign(pcRegistrationLibrary.load()) && path.append(name));
   return path;
 }
 
+// The files of one registration. Their names are made once: a reload may change the library meanwhile.
 struct sRegistrationFiles {
+  explicit sRegistrationFiles(std::string_view name) : pcData(profilePath(name)) {
+    (void)(pcRaw.assign(pcData) && pcRaw.append(".raw"));
+    (void)(pcWave.assign(pcData) && pcWave.append(".wav"));
+  }
+  ProfilePath pcData;
+  ProfilePath pcRaw;
+  ProfilePath pcWave;
   File pfData;
   File pfRaw;
   File pfWave;
@@ -37,24 +46,34 @@ File openForRegistration(const ProfilePath& path, const char* mode) {
   return file;
 }
 
-// An existing profile is never replaced. On failure the name is free again.
-bool openFiles(std::string_view name, sRegistrationFiles& files) {
-  const ProfilePath data = profilePath(name);
-  if (openFile(data.c_str(), "rbe")) {
-    Log::warning(kStartFunction, "do not allow to override file %s\n", data.c_str());
-    return false;
+// An existing profile is never replaced, not even by two calls that register the same name at once.
+bool openDataFile(sRegistrationFiles& files) {
+  bool exists = openFile(files.pcData.c_str(), "rbe") != nullptr;
+  if (!exists) {
+    files.pfData = openFile(files.pcData.c_str(), "wbxe");
+    if (files.pfData) return true;
+    exists = errno == EEXIST;
   }
-  files.pfData = openForRegistration(data, "wbe");
-  if (!files.pfData) return false;
-  files.pfRaw = openForRegistration(profilePath(name, ".raw"), "a+be");
-  if (files.pfRaw) files.pfWave = openForRegistration(profilePath(name, ".wav"), "wbe");
-  if (files.pfWave) return true;
-  unlink(data.c_str());
+  Log::warning(kStartFunction, exists ? "do not allow to override file %s\n" : "unable to open file %s\n",
+               files.pcData.c_str());
   return false;
 }
 
-void removeFiles(std::string_view name) {
-  for (const char* ending : {"", ".raw", ".wav"}) unlink(profilePath(name, ending).c_str());
+// Takes back what was opened: the name is free again. What an earlier registration left in the raw file
+// stays.
+void removeFiles(const sRegistrationFiles& files) {
+  if (files.pfData) unlink(files.pcData.c_str());
+  if (files.pfRaw && fileBytes(files.pfRaw.get()) == 0U) unlink(files.pcRaw.c_str());
+  if (files.pfWave) unlink(files.pcWave.c_str());
+}
+
+bool openFiles(sRegistrationFiles& files) {
+  if (!openDataFile(files)) return false;
+  files.pfRaw = openForRegistration(files.pcRaw, "a+be");
+  if (files.pfRaw) files.pfWave = openForRegistration(files.pcWave, "wbe");
+  if (files.pfWave) return true;
+  removeFiles(files);
+  return false;
 }
 
 void closeFiles(sPairCommands& record, int side) {
@@ -64,14 +83,24 @@ void closeFiles(sPairCommands& record, int side) {
 }
 
 // Names become file names and must fit the record.
-bool isUsableName(const sPairCommands& record, int side, std::string_view name) {
-  const ProfilePath raw = profilePath(name, ".raw");
+bool isUsableName(const sPairCommands& record, int side, std::string_view name,
+                  const sRegistrationFiles& files) {
   if (name.size() <= record.pcRegistrationName[side].maxLength() &&
-      raw.size() <= record.pcRegistrationRawPath[side].maxLength()) {
+      files.pcRaw.size() <= record.pcRegistrationRawPath[side].maxLength()) {
     return true;
   }
-  Log::warning(kStartFunction, "registration name is too long, %s\n", raw.c_str());
+  Log::warning(kStartFunction, "registration name is too long, %s\n", files.pcRaw.c_str());
   return false;
+}
+
+// The recording as a WAV file. False when it could not be read or written whole.
+bool copyToWave(std::FILE* raw, std::FILE* wave, int sampleRate) {
+  const std::optional<std::uint32_t> bytes = fileBytes(raw);
+  if (!bytes) return false;
+  const std::uint32_t dataBytes = *bytes & ~1U;
+  MyRtp::writeWaveHeader(wave, dataBytes, sampleRate);
+  MyRtp::writeWaveData(raw, wave, dataBytes);
+  return std::ferror(raw) == 0 && std::fflush(wave) == 0 && std::ferror(wave) == 0;
 }
 
 // Takes the learned voice from the engine into the data file. False, logged, when that fails.
@@ -106,8 +135,8 @@ bool saveProfile(std::uint16_t channel, std::FILE* data) {
 void MyRtp::doRegistration(int side, int pair, std::string_view name) {
   sRtpSessionPair& record = psPairs[pair];
   if (!record.bNoiseReduction[side]) return;
-  sRegistrationFiles files;
-  if (!isUsableName(record, side, name) || !openFiles(name, files)) {
+  sRegistrationFiles files(name);
+  if (!isUsableName(record, side, name, files) || !openFiles(files)) {
     playFailTone(1 - side, pair);
     return;
   }
@@ -119,12 +148,12 @@ void MyRtp::doRegistration(int side, int pair, std::string_view name) {
   (void)KestrovaTerminate(channel);
   if (KestrovaIpsavoxInit(channel, &init) != 0) {
     Log::warning(kStartFunction, "unable to initialize kestrova channel %d\n", channel);
-    removeFiles(name);
+    removeFiles(files);
     playFailTone(1 - side, pair);
     return;
   }
   (void)record.pcRegistrationName[side].assign(name);
-  (void)record.pcRegistrationRawPath[side].assign(profilePath(name, ".raw"));
+  (void)record.pcRegistrationRawPath[side].assign(files.pcRaw);
   record.pfRegistrationData[side] = std::move(files.pfData);
   record.pfRegistrationRaw[side] = std::move(files.pfRaw);
   record.pfRegistrationWave[side] = std::move(files.pfWave);
@@ -140,17 +169,16 @@ void MyRtp::doStopRegistration(int side, int pair) {
     return;
   }
   record.bRegistering[side] = false;
-  const bool saved =
-      saveProfile(static_cast<std::uint16_t>(2 * pair + side), record.pfRegistrationData[side].get());
-  if (saved) {
-    std::FILE* const raw = record.pfRegistrationRaw[side].get();
-    std::FILE* const wave = record.pfRegistrationWave[side].get();
-    const std::uint32_t dataBytes = fileBytes(raw) & ~1U;
-    writeWaveHeader(wave, dataBytes, record.iSampleRate);
-    writeWaveData(raw, wave, dataBytes);
+  const char* const rawPath = record.pcRegistrationRawPath[side].c_str();
+  if (saveProfile(static_cast<std::uint16_t>(2 * pair + side), record.pfRegistrationData[side].get())) {
+    if (copyToWave(record.pfRegistrationRaw[side].get(), record.pfRegistrationWave[side].get(),
+                   record.iSampleRate)) {
+      unlink(rawPath);
+    } else {
+      Log::warning(kStopFunction, "unable to copy %s to its WAV file, it stays\n", rawPath);
+    }
   }
   closeFiles(record, side);
-  if (saved) unlink(record.pcRegistrationRawPath[side].c_str());
 }
 
 void MyRtp::doAbortRegistration(int side, int pair) {

@@ -76,7 +76,7 @@ struct sPairLegs {
 
 struct sPairDigits {
   PerSide<FixedText<kMaxDtmfDigits + 1>> pcDtmfDigits;  // received as telephone events, in order
-  PerSide<int> iLastDigitSample{};                      // iProcessedSamples when the last event arrived
+  PerSide<std::int64_t> iLastDigitSample{};             // iProcessedSamples when the last event arrived
 };
 
 // Empty where nothing is recorded.
@@ -97,12 +97,12 @@ struct sPairSamples {
 };
 
 // Read by the statistics pages while packets flow, except fMinMos and fAvgMos, which only the SIP thread
-// touches.
+// touches. 32 bits of samples would be full after 37 hours at 16 kHz.
 struct sPairStatistics {
-  PerSide<Relaxed<int>> iSpeechSamples{};
-  PerSide<Relaxed<int>> iConfidentVoiceSamples{};
-  PerSide<Relaxed<int>> iProcessedSamples{};  // call duration in samples
-  PerSide<Relaxed<double>> dNoiseSum{};       // sums and maxima are per engine frame
+  PerSide<Relaxed<std::int64_t>> iSpeechSamples{};
+  PerSide<Relaxed<std::int64_t>> iConfidentVoiceSamples{};
+  PerSide<Relaxed<std::int64_t>> iProcessedSamples{};  // call duration in samples
+  PerSide<Relaxed<double>> dNoiseSum{};                // sums and maxima are per engine frame
   PerSide<Relaxed<double>> dEchoSum{};
   PerSide<Relaxed<double>> dAgcSum{};
   PerSide<Relaxed<int>> iMaxNoise{};
@@ -110,7 +110,7 @@ struct sPairStatistics {
   PerSide<Relaxed<int>> iMaxAgc{};
   PerSide<Relaxed<int>> iPacketsReceived{};
   PerSide<Relaxed<int>> iMaxJitter{};  // RTP timestamp units
-  PerSide<Relaxed<int>> iJitterSum{};
+  PerSide<Relaxed<std::int64_t>> iJitterSum{};
   PerSide<Relaxed<int>> iPacketsLost{};
   PerSide<float> fMinMos{};
   PerSide<float> fAvgMos{};
@@ -140,7 +140,7 @@ struct sPairDelay {
   PerSide<timeval> sRefArrival{};
   PerSide<Relaxed<int>> iMaxDelay{};  // milliseconds
   PerSide<int> iDelayCount{};         // since the last reference packet
-  PerSide<Relaxed<int>> iDelaySum{};
+  PerSide<Relaxed<std::int64_t>> iDelaySum{};
 };
 
 struct sPairCodecLists {

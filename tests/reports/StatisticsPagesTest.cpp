@@ -142,6 +142,9 @@ TEST_F(StatisticsPagesTest, PageThatCannotBeOpenedIsTriedAgain) {
       installation.logCount("ERROR in StatisticsGeneration::generateRealTimeStatistics, Unable to open file "
                             "/nowhere/extreme.html\n"),
       1);
+  ASSERT_TRUE(pcRealTimeExtremeStatisticsFile.assign("/dev/full"));
+  statisticsGeneration.generateRealTimeStatistics();
+  EXPECT_EQ(installation.logCount("Unable to write to file /dev/full\n"), 1);
 }
 
 }  // namespace

@@ -107,6 +107,17 @@ TEST_F(DtmfTest, DigitsAreForgotten16000SamplesAfterTheLastEvent) {
   EXPECT_EQ(digits(), "2");
 }
 
+// 32 bits of samples are full after 74 hours at 8 kHz.
+TEST_F(DtmfTest, CallOfManyDaysStillForgetsDigitsAndCountsOn) {
+  constexpr std::int64_t kDays = std::int64_t{8000} * 86'400 * 5;
+  call.record().iProcessedSamples[0] = kDays;
+  press("12");
+  talk(102);
+  EXPECT_EQ(digits(), "");
+  EXPECT_EQ(call.record().iProcessedSamples[0], kDays + 102 * 160);
+  EXPECT_EQ(myRtp.callSeconds(0), 5 * 86'400 + 2);
+}
+
 TEST_F(DtmfTest, CommandsRunOnceAndAnswerWithATone) {
   struct Case {
     const char* keys;

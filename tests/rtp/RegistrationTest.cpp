@@ -102,6 +102,27 @@ TEST_F(RegistrationTest, NeverReplacesAProfile) {
       1);
 }
 
+// Another call may take the name between the look and the opening; here a link that leads nowhere does.
+TEST_F(RegistrationTest, NameThatIsTakenMeanwhileIsRefusedToo) {
+  std::filesystem::create_symlink("nowhere", path("5"));
+  ASSERT_EQ(call.open(), 0);
+  command("*15#");
+  EXPECT_EQ(toneForDialler(), "fail");
+  EXPECT_EQ(installation.logCount("do not allow to override file " + path("5")), 1);
+}
+
+TEST_F(RegistrationTest, RecordingStaysWhenItsCopyCannotBeWritten) {
+  std::filesystem::create_symlink("/dev/full", path("6.wav"));
+  ASSERT_EQ(call.open(), 0);
+  command("*16#");
+  talk(101);
+  call.close();
+  EXPECT_EQ(TestInstallation::read(path("6")), profile());
+  EXPECT_EQ(std::filesystem::file_size(path("6.raw")), 6 * 64U);
+  EXPECT_EQ(installation.logCount(" WARNING in MyRtp::doStopRegistration, unable to copy " + path("6.raw")),
+            1);
+}
+
 TEST_F(RegistrationTest, CommandDuringARegistrationAbortsItAndTheNameStaysTaken) {
   ASSERT_EQ(call.open(), 0);
   command("*11#");
@@ -146,7 +167,7 @@ TEST_F(RegistrationTest, IsRefusedWhereItCannotRun) {
     EXPECT_EQ(toneForDialler(), "fail");
     EXPECT_FALSE(call.record().bRegistering[0]);
     EXPECT_EQ(installation.logCount(" WARNING in MyRtp::doRegistration, " + std::string(c.warning)), 1);
-    EXPECT_FALSE(std::filesystem::exists(path("4")) || std::filesystem::exists(path("5")));
+    for (const char* left : {"4", "5", "4.raw"}) EXPECT_FALSE(std::filesystem::exists(path(left))) << left;
     call.close();
   }
 }
