@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <sndfile.h>
 #include <stdexcept>
@@ -15,6 +16,16 @@ using Sound = std::unique_ptr<SNDFILE, CloseSound>;
 
 [[noreturn]] void fail(const std::string& sName, const std::string& sWhat) {
   throw std::runtime_error(sName + ": " + sWhat);
+}
+
+// What the library would call an unknown format, or just a system error.
+void checkIsFile(const std::string& sName) {
+  std::error_code error;
+  const auto status = std::filesystem::status(sName, error);
+  if (!std::filesystem::exists(status)) fail(sName, error ? error.message() : "no such file");
+  if (std::filesystem::is_directory(status)) fail(sName, "is a directory");
+  if (std::filesystem::is_regular_file(status) && std::filesystem::file_size(sName, error) == 0)
+    fail(sName, "is empty");
 }
 
 void checkFormat(const std::string& sName, const SF_INFO& info) {
@@ -41,6 +52,7 @@ void checkWhole(const std::string& sName, SNDFILE* pFile) {
 }  // namespace
 
 Wav readWav(const std::string& sName) {
+  checkIsFile(sName);
   SF_INFO info{};
   const Sound pFile(sf_open(sName.c_str(), SFM_READ, &info));
   if (!pFile) fail(sName, sf_strerror(nullptr));

@@ -3,13 +3,28 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
+#include <limits>
 #include <string_view>
 #include <vector>
 
+#include "app/config/KeyRegistry.h"
+
 namespace {
+
+struct sLimits {
+  int iLow;
+  int iHigh;
+};
+constexpr sLimits kFlag{0, 1};
+constexpr sLimits kPercent{0, 100};
+constexpr sLimits kWord{0, std::numeric_limits<std::uint16_t>::max()};
+constexpr sLimits kCount{0, std::numeric_limits<int>::max()};
 
 struct sOption {
   std::string_view name;
+  const char* pcKey;  // key of the configuration file that has the default; null: the program's own value
+  sLimits limits;
   const char* pcHelp;
   void (*set)(Options& options, int iValue);
   int (*get)(const Options& options);
@@ -17,8 +32,11 @@ struct sOption {
 
 // One row per field: what the option sets is what the help prints as default.
 template <auto Field>
-constexpr sOption field(std::string_view name, const char* pcHelp) {
-  return {name, pcHelp,
+constexpr sOption field(std::string_view name, const char* pcKey, sLimits limits, const char* pcHelp) {
+  return {name,
+          pcKey,
+          limits,
+          pcHelp,
           [](Options& options, int iValue) {
             auto& value = options.init.*Field;
             value = static_cast<std::remove_reference_t<decltype(value)>>(iValue);
@@ -26,52 +44,83 @@ constexpr sOption field(std::string_view name, const char* pcHelp) {
           [](const Options& options) { return static_cast<int>(options.init.*Field); }};
 }
 
-constexpr std::array psOptions{
-    field<&sKestrovaInit::sFrameUnits>("frame-units", "frame length, 32 samples each (1..8)"),
-    field<&sKestrovaInit::sInitialDelayUnits>("initial-delay", "leading silence, 8 samples each"),
-    field<&sKestrovaInit::bCheckDTMF>("dtmf", "look for DTMF digits (0/1)"),
-    field<&sKestrovaInit::bRemoveNonSelfFrequencies>("spectral", "take the background's spectrum off (0/1)"),
-    field<&sKestrovaInit::sCNGInitialValue>("cng-start", "comfort noise when silence begins, percent"),
-    field<&sKestrovaInit::sCNGStep>("cng-step", "comfort noise step, percent"),
-    field<&sKestrovaInit::sCNGEndValue>("cng-end", "comfort noise floor, percent"),
-    field<&sKestrovaInit::sBurstEndDecrease>("burst-decrease", "speech gain decrease per period, percent"),
-    field<&sKestrovaInit::sBurstEndMode>("burst-mode", "periods per second"),
-    field<&sKestrovaInit::sBurstEndLowerValue>("burst-floor", "speech gain floor, percent"),
-    field<&sKestrovaInit::sBurstEndStep>("burst-step", "bonus on the speech gain, percent"),
-    field<&sKestrovaInit::sMaxNumCyclesInDelayBuffer>("delay", "cycles of delay, 4 ms each (2..50)"),
-    field<&sKestrovaInit::sDetectAggressiveLevel>("detect", "detection level (0..4)"),
-    field<&sKestrovaInit::sCleanAggressiveLevel>("clean", "cleaning level (5..12)"),
-    field<&sKestrovaInit::bCancelAcousticShock>("shock", "limit acoustic shocks (0/1)"),
-    field<&sKestrovaInit::bStartBypassed>("bypassed", "processing bypassed (0/1)"),
-    field<&sKestrovaInit::bBypassVAD>("bypass-vad", "take everything for speech (0/1)"),
-    field<&sKestrovaInit::bDoAGC>("agc", "control the gain (0/1)"),
-    field<&sKestrovaInit::iAGCLevel>("agc-level", "target level, peak to peak"),
-    field<&sKestrovaInit::iAGCMinPercent>("agc-min", "smallest gain, percent"),
-    field<&sKestrovaInit::iAGCMaxPercent>("agc-max", "largest gain, percent"),
-    field<&sKestrovaInit::iGroupType>("group", "voice group (0..3)"),
-    field<&sKestrovaInit::sAecAlgorithm>("aec", "echo algorithm, 0 basic .. 7"),
-    field<&sKestrovaInit::sSpkLagFrames>("spk-lag", "frames the loudspeaker may lag"),
-    field<&sKestrovaInit::sMicLagFrames>("mic-lag", "frames the microphone may lag"),
-    field<&sKestrovaInit::sAecSupressionHold>("aec-hold", "suppression hangover (0..10)"),
-    field<&sKestrovaInit::sAecAggressiveLevel>("aec-level", "echo aggressiveness (0..20)"),
-    field<&sKestrovaInit::sAecHowlingLevel>("aec-howling", "howling level (0..20)"),
-    field<&sKestrovaInit::sAecMaxCoef>("aec-max-coef", "largest echo coefficient, percent"),
-    field<&sKestrovaInit::sAecMinCoef>("aec-min-coef", "smallest echo coefficient, percent"),
-    field<&sKestrovaInit::sAecTailType>("aec-tail", "echo tail (-58..5)"),
-    field<&sKestrovaInit::sAecTailStart>("aec-tail-start", "start of the echo tail (-58..0)"),
-    field<&sKestrovaInit::iAecTalkHoldSamples>("aec-talk-hold", "talk hold, samples"),
-    field<&sKestrovaInit::iAecHold2Samples>("aec-strong-hold", "strong-talk hold, samples"),
-    field<&sKestrovaInit::sMinOutputPercentDuringEcho>("aec-min-output", "output during echo, percent"),
-    sOption{"cpu", "processing effort (0..10)",
-            [](Options& options, int iValue) { options.iCPUPower = iValue; },
-            [](const Options& options) { return options.iCPUPower; }},
-    sOption{"combo", "with --spk: reduce noise too (0/1)",
-            [](Options& options, int iValue) { options.bCombo = iValue != 0; },
-            [](const Options& options) { return options.bCombo ? 1 : 0; }},
-    sOption{"align", "output as long as the input (0/1)",
-            [](Options& options, int iValue) { options.bAlign = iValue != 0; },
-            [](const Options& options) { return options.bAlign ? 1 : 0; }},
+template <auto Member>
+constexpr sOption member(std::string_view name, const char* pcKey, sLimits limits, const char* pcHelp) {
+  return {name,
+          pcKey,
+          limits,
+          pcHelp,
+          [](Options& options, int iValue) {
+            auto& value = options.*Member;
+            value = static_cast<std::remove_reference_t<decltype(value)>>(iValue);
+          },
+          [](const Options& options) { return static_cast<int>(options.*Member); }};
+}
+
+using Init = sKestrovaInit;
+struct sGroup {
+  const char* pcTitle;
+  std::vector<sOption> options;
 };
+
+const std::vector<sGroup>& groups() {
+  static const std::vector<sGroup> all{
+      {"Noise reduction",
+       {field<&Init::bRemoveNonSelfFrequencies>("spectral", "RemoveNonSelfFrequencies", kFlag,
+                                                "take the background's spectrum off"),
+        field<&Init::sCNGInitialValue>("cng-start", "CNGInitialValue", kPercent,
+                                       "percent of the background left when a pause begins"),
+        field<&Init::sCNGStep>("cng-step", nullptr, kPercent, "percent taken off every half second of pause"),
+        field<&Init::sCNGEndValue>("cng-end", "CNGEndValue", kPercent,
+                                   "percent of the background left in a long pause"),
+        field<&Init::sBurstEndDecrease>("burst-decrease", "BurstEndDecrease", kPercent,
+                                        "percent the speech gain loses per period after certain speech"),
+        field<&Init::sBurstEndMode>("burst-mode", nullptr, kWord, "such periods per second"),
+        field<&Init::sBurstEndLowerValue>("burst-floor", "BurstEndLowerValue", kPercent,
+                                          "percent, lowest speech gain"),
+        field<&Init::sBurstEndStep>("burst-step", nullptr, kPercent,
+                                    "percent added to the speech gain's aim"),
+        field<&Init::sMaxNumCyclesInDelayBuffer>("delay", nullptr, {2, 50}, "delay in cycles of 4 ms"),
+        field<&Init::sDetectAggressiveLevel>("detect", "DetectAggressiveLevel", {0, 4},
+                                             "how readily a sound is no speech"),
+        field<&Init::sCleanAggressiveLevel>("clean", "CleanAggressiveLevel", {5, 12},
+                                            "how strongly noise is taken off"),
+        field<&Init::bBypassVAD>("bypass-vad", "BypassVAD", kFlag, "take everything for speech"),
+        field<&Init::iGroupType>("group", "GroupType", {0, 3}, "any voice, deep, middle or high voices")}},
+      {"Gain, tones, format",
+       {field<&Init::bDoAGC>("agc", "NeedToDoAGC", kFlag, "bring speech to an even level"),
+        field<&Init::iAGCLevel>("agc-level", "AGCLevel", kCount, "that level, peak to peak"),
+        field<&Init::iAGCMinPercent>("agc-min", nullptr, kCount, "percent, smallest gain"),
+        field<&Init::iAGCMaxPercent>("agc-max", nullptr, kCount, "percent, largest gain"),
+        field<&Init::bCancelAcousticShock>("shock", "CancelAcousticShock", kFlag, "limit sudden loud sounds"),
+        field<&Init::bCheckDTMF>("dtmf", "NeedToCheckDTMF", kFlag, "look for DTMF digits"),
+        field<&Init::bStartBypassed>("bypassed", nullptr, kFlag, "pass everything but the gain by"),
+        field<&Init::sFrameUnits>("frame-units", nullptr, {1, 8}, "length of a frame in units of 4 ms"),
+        field<&Init::sInitialDelayUnits>("initial-delay", nullptr, {0, 12},
+                                         "silence first, in units of 1 ms"),
+        member<&Options::iCPUPower>("cpu", "CPUPower", {0, 10}, "processing effort"),
+        member<&Options::bAlign>("align", nullptr, kFlag, "make the output as long as the input")}},
+      {"Echo cancellation (with --spk)",
+       {member<&Options::bCombo>("combo", nullptr, kFlag, "reduce noise, too"),
+        field<&Init::sAecAlgorithm>("aec", nullptr, {0, 7}, "algorithm, 0 basic to 7 advanced"),
+        field<&Init::sSpkLagFrames>("spk-lag", nullptr, {0, 50}, "frames the loudspeaker may lag"),
+        field<&Init::sMicLagFrames>("mic-lag", nullptr, {0, 50}, "frames the microphone may lag"),
+        field<&Init::sAecSupressionHold>("aec-hold", nullptr, {0, 10}, "how long suppression holds on"),
+        field<&Init::sAecAggressiveLevel>("aec-level", "AECAggressiveLevel", {0, 20},
+                                          "how readily a talker is let through"),
+        field<&Init::sAecHowlingLevel>("aec-howling", "AECHowlingLevel", {0, 20},
+                                       "how readily howling is detected"),
+        field<&Init::sAecMaxCoef>("aec-max-coef", "MaxCoefInAECParam", {10, 300},
+                                  "percent, largest coupling reckoned with"),
+        field<&Init::sAecMinCoef>("aec-min-coef", nullptr, {1, 150}, "percent, smallest coupling"),
+        field<&Init::sAecTailType>("aec-tail", "AECTailType", {-58, 5}, "length of the echo"),
+        field<&Init::sAecTailStart>("aec-tail-start", nullptr, {-58, 0}, "start of the echo"),
+        field<&Init::iAecTalkHoldSamples>("aec-talk-hold", nullptr, kCount, "samples that talk holds on"),
+        field<&Init::iAecHold2Samples>("aec-strong-hold", nullptr, kCount, "the same, strong talk"),
+        field<&Init::sMinOutputPercentDuringEcho>("aec-min-output", "AECMinOutputPercentageDuringEcho",
+                                                  kPercent, "percent, lowest gain during echo")}}};
+  return all;
+}
 
 struct sNameOption {
   std::string_view name;
@@ -81,18 +130,83 @@ struct sNameOption {
 constexpr std::array psNameOptions{
     sNameOption{"spk", "what the loudspeaker plays: runs the echo canceller", &Options::sSpeaker},
     sNameOption{"csv", "a row per frame is written here", &Options::sCsv},
+    sNameOption{"picture", "a PNG is written here: spectrograms and decisions", &Options::sPicture},
 };
 
-void printHelp(std::FILE* pFile) {
+// ---- Help
+
+constexpr const char* kHelpHead =
+    R"(NAME
+  kestrova-wav - the voice engine on sound files
+
+SYNOPSIS
+  kestrova-wav [options] MICROPHONE.wav OUT.wav
+  kestrova-wav [options] --spk LOUDSPEAKER.wav MICROPHONE.wav OUT.wav
+
+DESCRIPTION
+  Sends the microphone's sound through the engine as a call does, frame by frame, and writes what comes out. The first
+  form reduces noise; the second cancels the loudspeaker's echo, and with --combo 1 reduces noise as well. Files are
+  WAV, mono, 16-bit, 8 or 16 kHz. The output starts with the sample that the input starts with; the last samples stay
+  inside the engine, as many as its delay.
+
+FILES
+)";
+
+constexpr const char* kHelpTail =
+    R"(
+CSV
+  time_s           start of the frame in the input
+  out_samples      samples that came out for it, those of some frames earlier: the delay
+  speech           1: speech came out
+  confident        1: of a talk spurt that is certainly speech
+  noise_level      the background, largest minus smallest sample; 0 until it is known
+  gain_percent     gain of the automatic gain control
+  echo_level       with --spk
+  speaker_level    the talker, largest minus smallest sample; 0 before any speech
+  dtmf             1: a digit, or five seconds after one
+  digits           all digits of that sequence
+  state            start, silence, speech, confident or dtmf: what came out
+
+EXIT STATUS
+  0 done, 1 a file or the engine failed, 2 the command line is wrong.
+
+EXAMPLES
+  kestrova-wav noisy.wav clean.wav --csv frames.csv --picture clean.png
+  kestrova-wav --agc 1 --cng-start 5 --cng-end 5 noisy.wav clean.wav
+  kestrova-wav --spk far.wav --combo 1 microphone.wav clean.wav
+)";
+
+std::string limitsText(const sOption& option) {
+  if (option.limits.iHigh == kCount.iHigh || option.limits.iHigh == kWord.iHigh) return "N";
+  return std::to_string(option.limits.iLow) + ".." + std::to_string(option.limits.iHigh);
+}
+
+void printHelp() {
   const Options defaults;
-  std::fputs("kestrova-wav [options] MICROPHONE.wav OUT.wav: the voice engine on a file\n\n", pFile);
-  for (const sNameOption& option : psNameOptions) {
-    std::fprintf(pFile, "  --%-16s %s\n", std::string(option.name).c_str(), option.pcHelp);
+  std::fputs(kHelpHead, stdout);
+  for (const sNameOption& option : psNameOptions)
+    std::printf("  --%-15s %-8s %s\n", std::string(option.name).c_str(), "FILE", option.pcHelp);
+  for (const sGroup& group : groups()) {
+    std::printf("\nOPTIONS: %s\n", group.pcTitle);
+    for (const sOption& option : group.options) {
+      const std::string sKey = option.pcKey != nullptr ? std::string(" ") + option.pcKey : "";
+      std::printf("  --%-15s %-8s %s [%d%s]\n", std::string(option.name).c_str(), limitsText(option).c_str(),
+                  option.pcHelp, option.get(defaults), sKey.c_str());
+    }
   }
-  for (const sOption& option : psOptions) {
-    std::fprintf(pFile, "  --%-16s %s [%d]\n", std::string(option.name).c_str(), option.pcHelp,
-                 option.get(defaults));
+  std::fputs("\n  In brackets the default, and the key of the configuration file that has it.\n", stdout);
+  std::fputs(kHelpTail, stdout);
+}
+
+// ---- Reading
+
+const sOption* findOption(std::string_view name) {
+  for (const sGroup& group : groups()) {
+    for (const sOption& option : group.options) {
+      if (option.name == name) return &option;
+    }
   }
+  return nullptr;
 }
 
 // Takes one option with its value; a text that says what is wrong, or an empty one.
@@ -100,19 +214,20 @@ std::string take(std::string_view name, std::string_view value, Options& options
   for (const sNameOption& option : psNameOptions) {
     if (option.name != name) continue;
     options.*option.value = value;
-    return "";
+    return value.empty() ? "--" + std::string(name) + " needs the name of a file" : "";
   }
-  for (const sOption& option : psOptions) {
-    if (option.name != name) continue;
-    int iValue = 0;
-    const auto parsed = std::from_chars(value.data(), value.data() + value.size(), iValue);
-    if (parsed.ec != std::errc{} || parsed.ptr != value.data() + value.size()) {
-      return "--" + std::string(name) + " needs a number, not " + std::string(value);
-    }
-    option.set(options, iValue);
-    return "";
+  const sOption* pOption = findOption(name);
+  if (pOption == nullptr) return "unknown option --" + std::string(name);
+  int iValue = 0;
+  const char* pcEnd = value.data() + value.size();
+  const auto parsed = std::from_chars(value.data(), pcEnd, iValue);
+  const bool bInside = iValue >= pOption->limits.iLow && iValue <= pOption->limits.iHigh;
+  if (parsed.ec != std::errc{} || parsed.ptr != pcEnd || !bInside) {
+    return "--" + std::string(name) + " takes a number from " + std::to_string(pOption->limits.iLow) +
+           " to " + std::to_string(pOption->limits.iHigh) + ", not " + std::string(value);
   }
-  return "unknown option --" + std::string(name);
+  pOption->set(options, iValue);
+  return "";
 }
 
 int refuse(const std::string& sWhy) {
@@ -120,33 +235,35 @@ int refuse(const std::string& sWhy) {
   return 2;
 }
 
+// The value that the configuration has when its file does not give the key; for a required key, the sample's.
+int defaultOfKey(const char* pcKey) {
+  const sKeyDefault& preset = keyRegistry()[static_cast<std::size_t>(findKey(pcKey))].sDefault;
+  return std::atoi(preset.kind == sKeyDefault::Kind::eRequired ? preset.pcExample : preset.pcText);
+}
+
 }  // namespace
 
+// What no key of the configuration sets is what calls use.
 Options::Options() {
   init.sBitsPerSample = 16;
   init.iSampleRate = 8000;
   init.sFrameUnits = 1;
-  init.bRemoveNonSelfFrequencies = 1;
-  init.sCNGInitialValue = init.sCNGEndValue = 15;
   init.sCNGStep = 5;
-  init.sBurstEndDecrease = 40;
   init.sBurstEndMode = 1;
-  init.sBurstEndLowerValue = 15;
   init.sBurstEndStep = 5;
   init.sMaxNumCyclesInDelayBuffer = 6;
-  init.sDetectAggressiveLevel = 2;
-  init.sCleanAggressiveLevel = 8;
-  init.iAGCLevel = 32000;
   init.iAGCMinPercent = 50;
   init.iAGCMaxPercent = 500;
   init.sAecAlgorithm = 7;
   init.sSpkLagFrames = init.sMicLagFrames = 15;
   init.sAecSupressionHold = 6;
-  init.sAecAggressiveLevel = init.sAecHowlingLevel = 10;
-  init.sAecMaxCoef = 100;
   init.sAecMinCoef = 1;
-  init.sAecTailType = 1;
   init.iAecTalkHoldSamples = init.iAecHold2Samples = 2000;
+  for (const sGroup& group : groups()) {
+    for (const sOption& option : group.options) {
+      if (option.pcKey != nullptr) option.set(*this, defaultOfKey(option.pcKey));
+    }
+  }
 }
 
 std::optional<int> parseOptions(int argc, char** argv, Options& options) {
@@ -159,7 +276,7 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     }
     word.remove_prefix(2);
     if (word == "help") {
-      printHelp(stdout);
+      printHelp();
       return 0;
     }
     if (++i == argc) return refuse("--" + std::string(word) + " needs a value");

@@ -1,4 +1,5 @@
-// Command line of kestrova-wav: one option per field of sKestrovaInit, with the configuration's defaults.
+// Command line of kestrova-wav: one option per field of sKestrovaInit. Where a key of the configuration file
+// sets the field, its default is the option's.
 #pragma once
 
 #include <optional>
@@ -10,13 +11,14 @@ struct Options {
   Options();
 
   sKestrovaInit init{};
-  int iCPUPower = 5;
+  int iCPUPower = 0;
   bool bCombo = false;
   bool bAlign = false;
   std::string sMicrophone;
   std::string sSpeaker;
   std::string sOut;
   std::string sCsv;
+  std::string sPicture;
 };
 
 // Fills the options. An exit status when the program is to end at once (help, or a bad command line, which

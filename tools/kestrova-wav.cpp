@@ -4,19 +4,22 @@
 //   kestrova-wav [options] --spk SPEAKER.wav MIC.wav OUT.wav   echo channel, with --combo also noise
 //   reduction
 //
-// Files are mono, 16-bit, 8 or 16 kHz. --csv writes a row per frame.
+// --csv writes a row per frame, --picture spectrograms with the engine's decisions.
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "engine/Kestrova.h"
 #include "tools/kestrova-wav-files.h"
 #include "tools/kestrova-wav-options.h"
+#include "tools/kestrova-wav-picture.h"
 
 namespace {
 
@@ -38,18 +41,31 @@ File openCsv(const std::string& sName) {
   File pFile(std::fopen(sName.c_str(), "w"));
   if (!pFile) throw std::runtime_error(sName + ": " + std::strerror(errno));
   std::fputs(
-      "time_s,out_samples,speech,confident,noise_level,gain_percent,echo_level,speaker_level,dtmf,digits\n",
+      "time_s,out_samples,speech,confident,noise_level,gain_percent,echo_level,speaker_level,dtmf,digits,"
+      "state\n",
       pFile.get());
   return pFile;
+}
+
+Decision decisionOf(const sKestrovaFrameResult& result) {
+  if (result.iOutBytes == 0) return Decision::eNothing;
+  if (result.iDtmf != 0) return Decision::eDtmf;
+  if (result.iSpeech == 0) return Decision::eSilence;
+  return result.iConfidentVoice != 0 ? Decision::eConfident : Decision::eSpeech;
+}
+
+const char* nameOf(Decision decision) {
+  constexpr std::array pcNames{"start", "silence", "speech", "confident", "dtmf"};
+  return pcNames[static_cast<std::size_t>(decision)];
 }
 
 void writeCsvRow(std::FILE* pFile, double dTime, const sKestrovaFrameResult& result) {
   char pcDigits[100] = "";
   if (result.iDtmf != 0 && KestrovaGetLastDTMFBuffer(kChannel, pcDigits, sizeof pcDigits) != 0)
     pcDigits[0] = '\0';
-  std::fprintf(pFile, "%.3f,%d,%d,%d,%d,%d,%d,%d,%d,%s\n", dTime, result.iOutBytes / 2, result.iSpeech,
+  std::fprintf(pFile, "%.3f,%d,%d,%d,%d,%d,%d,%d,%d,%s,%s\n", dTime, result.iOutBytes / 2, result.iSpeech,
                result.iConfidentVoice, result.iNoiseLevel, result.iGainPercent, result.iEchoLevel,
-               result.iSpeakerMatch, result.iDtmf, pcDigits);
+               result.iSpeakerMatch, result.iDtmf, pcDigits, nameOf(decisionOf(result)));
 }
 
 class Run {
@@ -75,8 +91,10 @@ class Run {
       check(processFrame(frame, result), "processing a frame");
       out.insert(out.end(), frame.begin(), frame.begin() + result.iOutBytes / 2);
       if (pCsv) writeCsvRow(pCsv.get(), static_cast<double>(uPosition) / mic.iRate, result);
-      showProgress(uPosition);
+      if (result.iOutBytes > 0) decisions.push_back(decisionOf(result));
+      showProgress(uPosition + uFrame);
     }
+    if (!options.sPicture.empty()) draw(uFrame);
     if (options.bAlign) align();
     writeWav(options.sOut, {out, mic.iRate});
   }
@@ -120,12 +138,26 @@ class Run {
   // that the input starts with, and the end, still inside the engine, is silence.
   void align() { out.resize(mic.samples.size()); }
 
-  void showProgress(std::size_t uPosition) {
-    const std::size_t uSecond = uPosition / static_cast<std::size_t>(mic.iRate);
-    if (mic.samples.size() / static_cast<std::size_t>(mic.iRate) < kProgressFrom || uSecond == uShown) return;
-    uShown = uSecond;
-    std::fprintf(stderr, "\r%zu of %zu s", uSecond, mic.samples.size() / static_cast<std::size_t>(mic.iRate));
-    if (uPosition + static_cast<std::size_t>(mic.iRate) >= mic.samples.size()) std::fputc('\n', stderr);
+  void draw(std::size_t uFrame) const {
+    drawPicture(options.sPicture, {.sTitle = options.sMicrophone + ", " + std::to_string(mic.iRate) + " Hz",
+                                   .iRate = mic.iRate,
+                                   .before = mic.samples,
+                                   .after = out,
+                                   .decisions = decisions,
+                                   .uFrame = uFrame});
+  }
+
+  // A line that counts on a terminal; ten lines in all where it goes to a file.
+  void showProgress(std::size_t uDone) {
+    const auto uRate = static_cast<std::size_t>(mic.iRate);
+    const std::size_t uAll = mic.samples.size() / uRate;
+    const bool bTerminal = isatty(STDERR_FILENO) != 0;
+    const std::size_t uStep = bTerminal ? 1 : std::max<std::size_t>(1, uAll / 10);
+    if (uAll < kProgressFrom || uDone / uRate / uStep == uShown) return;
+    uShown = uDone / uRate / uStep;
+    const bool bEnd = uDone >= mic.samples.size();
+    std::fprintf(stderr, "%s%zu of %zu s%s", bTerminal ? "\r" : "", std::min(uDone / uRate, uAll), uAll,
+                 bEnd || !bTerminal ? "\n" : "");
   }
 
   Options options;
@@ -133,6 +165,7 @@ class Run {
   Wav spk;
   File pCsv;
   std::vector<std::int16_t> out;
+  std::vector<Decision> decisions;  // of the frames that gave something
   std::size_t uShown = 0;
 };
 
