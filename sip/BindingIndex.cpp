@@ -45,7 +45,8 @@ void BindingIndex::update(int binding, const sBinding& record) {
   key.iNumSubscriptions = record.iNumSubscriptions;
   for (int entry = 0; entry < record.iNumSubscriptions; ++entry) {
     const sSubscription& subscription = record.subscription(entry);
-    subscriptionKeys(binding)[entry] = {hash(subscription.relayCallID()), hash(subscription.pcPhoneCallID)};
+    subscriptionKeys(binding)[entry] = {hash(subscription.relayCallID()), hash(subscription.pcPhoneCallID),
+                                        subscription.iRelayCSeq};
     key.tEarliestExpiry =
         std::min(key.tEarliestExpiry, std::max(subscription.tConfirmedExpiry, subscription.tRequestedExpiry));
   }

@@ -54,6 +54,18 @@ class BindingIndex {
     return false;
   }
 
+  // First subscription whose last SUBSCRIBE to the PBX had that CSeq and for which the question is answered
+  // with yes; isMatch(binding, entry). False if none.
+  template <typename IsMatch>
+  bool findRelayedSubscribe(std::int32_t cseq, int count, IsMatch isMatch) const {
+    for (int binding = 0; binding < count; ++binding) {
+      for (int entry = 0; entry < keys(binding).iNumSubscriptions; ++entry) {
+        if (subscriptionKeys(binding)[entry].iRelayCSeq == cseq && isMatch(binding, entry)) return true;
+      }
+    }
+    return false;
+  }
+
   enum class CallIdKind { eRelay, ePhone };
   // The same among the subscriptions; isMatch(binding, entry). False if none.
   template <typename IsMatch>
@@ -82,6 +94,7 @@ class BindingIndex {
   struct sSubscriptionKeys {
     std::uint64_t uRelayCallIdHash = 0;
     std::uint64_t uPhoneCallIdHash = 0;
+    std::int32_t iRelayCSeq = 0;
   };
 
   static std::uint64_t hash(std::string_view text);

@@ -136,8 +136,8 @@ int MySip::findBindingByRelayedRegistration(std::string_view callId, int cseq) {
   });
 }
 
-MySip::sSubscriptionPlace MySip::findSubscriptionByRelayCallID(std::string_view callId,
-                                                               const int* relayCSeq) {
+MySip::sSubscriptionPlace MySip::findSubscriptionByRelayCallID(std::string_view callId, const int* relayCSeq,
+                                                               bool mayBeContained) {
   sSubscriptionPlace place;
   if (callId.empty()) return place;
   const auto fits = [&](int binding, int entry) {
@@ -153,15 +153,11 @@ MySip::sSubscriptionPlace MySip::findSubscriptionByRelayCallID(std::string_view 
         const bool matches = bindingAt(binding).subscription(entry).relayCallID() == callId;
         return matches && fits(binding, entry) && take(binding, entry);
       });
-  if (place || relayCSeq == nullptr) return place;
-
-  // An answer may carry our Call-ID inside a longer one.
-  for (int binding = 0; binding < iNumBindings; ++binding) {
-    for (int entry = 0; entry < bindingAt(binding).iNumSubscriptions; ++entry) {
-      const std::string_view relayed = bindingAt(binding).subscription(entry).pcRelayCallID;
-      if (!relayed.empty() && fits(binding, entry) && contains(callId, relayed)) return {binding, entry};
-    }
-  }
+  if (place || relayCSeq == nullptr || !mayBeContained) return place;
+  bindingIndex.findRelayedSubscribe(*relayCSeq, iNumBindings, [&](int binding, int entry) {
+    const std::string_view relayed = bindingAt(binding).subscription(entry).pcRelayCallID;
+    return !relayed.empty() && contains(callId, relayed) && take(binding, entry);
+  });
   return place;
 }
 

@@ -60,21 +60,25 @@ struct sContactAddress {
 
   bool read(std::string_view contact) {
     const auto refuse = [contact](const char* why) {
-      Log::error(kFunction, "%s: %.*s\n", why, static_cast<int>(contact.size()), contact.data());
+      Log::error(kFunction, "%s%.*s\n", why, static_cast<int>(contact.size()), contact.data());
       return false;
     };
     const std::size_t start = MySip::stristr(contact, "sip:");
-    if (contact.empty() || start == std::string_view::npos) return refuse("unable to find sip: in To string");
+    if (contact.empty() || start == std::string_view::npos)
+      return refuse("unable to find sip: in To string: ");
     // Only an address that is going to be used is worth asking the name service.
     const bool isUsed = iUseContactHeaderForFarEndAddressDuringRegistation == 1;
     sSipUri uri;
-    if (MySip::analyzeURIString(contact.substr(start), uri, isUsed ? HostLookup::eYes : HostLookup::eNo) != 0)
-      return refuse("error analyzing the URI String");
+    if (MySip::analyzeURIString(contact.substr(start), uri, isUsed ? HostLookup::eYes : HostLookup::eNo) !=
+            0 ||
+        (isUsed && !uri.bHasAddress)) {
+      return refuse("error analyzing the URI String ");  // the proxy's address would stand for the phone's
+    }
     const std::string_view name = uri.pcName;
     const std::size_t at = name.find('@');
-    if (at == std::string_view::npos) return refuse("unable to find @ in To string");
+    if (at == std::string_view::npos) return refuse("unable to find @ in To string: ");
     const std::string_view host = name.substr(at + 1);
-    if (host.size() > kLongestContactHost) return refuse("IP address to long in string");
+    if (host.size() > kLongestContactHost) return refuse("IP address to long in string: ");
     pcHost.assignCut(host);
     iPort = uri.iPort;
     in_addr dotted{};

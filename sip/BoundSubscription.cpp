@@ -33,6 +33,13 @@ std::string_view optionalHeader(std::string_view msg, std::string_view name) {
   return MySip::contains(msg, name) ? MySip::extractToken(name, 3000, msg) : std::string_view();
 }
 
+bool hasSubscription(const sBinding& record, std::string_view phoneCallId) {
+  for (int entry = 0; entry < record.iNumSubscriptions; ++entry) {
+    if (record.subscription(entry).pcPhoneCallID == phoneCallId) return true;
+  }
+  return false;
+}
+
 using HeaderLine = FixedText<3100>;
 
 // "Name: value" with CR LF when the message has it, else nothing.
@@ -155,11 +162,13 @@ void MySip::handleNOTIFYMsgOnBehalfOfBindedPhone(int binding, int entry, std::st
     resendLastSipMsg(owner.psLastMsgs, owner.iLastMsgIndex, record.iNotifyRelayCSeq);
     return;
   }
-  takeVia(msg, record.pcNotifyVia);
-  record.pcNotifyFrom.assignCut(extractToken("From:", 200, msg));
-  record.pcNotifyTo.assignCut(extractToken("To:", 200, msg));
-  record.pcNotifyCSeq.assignCut(extractToken("CSeq:", 50, msg));
-  record.pcNotifyContact.assignCut(extractToken("Contact:", 3000, msg));
+  sPhoneRequest request;
+  if (!request.read(msg, kNotify)) return;
+  record.pcNotifyVia = request.via;
+  record.pcNotifyFrom.assignCut(request.from);
+  record.pcNotifyTo.assignCut(request.to);
+  record.pcNotifyCSeq.assignCut(request.cseq);
+  record.pcNotifyContact.assignCut(request.contact);
   record.iNotifyCSeq = cseq;
   fillNewBranchData(record.pcNotifyBranch);
   record.iNotifyRelayCSeq = ++owner.iRelayCSeqCounter;
@@ -224,7 +233,8 @@ void MySip::handleNOTIFYMsgWithUnknownCallID(std::string_view msg, const sockadd
   sSipUri phone;
   if (analyzeHeaderUri(request.to, phone, kUnknown) != 0) return;
   const int binding = getBindingIndex(phone.pcName);
-  if (binding < 0) return;
+  // Under the Call-ID of a phone's own subscription the PBX knows nothing: it has ours.
+  if (binding < 0 || hasSubscription(bindingAt(binding), request.callId)) return;
   const int entry = processNewSubscriptionInformation(binding, request.callId, kUnsolicitedExpires);
   if (entry < 0) {
     Log::warning(kUnknown, "No room for aditional subscriptions for phone %s\n", phone.pcName.c_str());

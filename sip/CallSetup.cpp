@@ -19,6 +19,7 @@ void beginLeg(sPhone& leg, std::time_t now) {
   leg.iByeCSeq = leg.iRemoteByeCSeq = leg.iReferCSeq = leg.iNotifyCSeq = -1;
   leg.iRemoteInviteCSeq = -1;
   leg.pcMoveContacts.clear();
+  leg.iNumRedirections = 0;
   leg.iSdpVersion = 1;
   leg.iNumRoutes = 0;
   leg.pcNonAudioMedia.clear();

@@ -210,7 +210,7 @@ MySip::Verdict MySip::onOKForRegister(const sSipMessage& msg) {
 }
 
 MySip::Verdict MySip::onOKForSubscribe(const sSipMessage& msg) {
-  const sSubscriptionPlace place = findSubscriptionByRelayCallID(msg.callId, &msg.iCSeq);
+  const sSubscriptionPlace place = findSubscriptionByRelayCallID(msg.callId, &msg.iCSeq, true);
   if (!place) return Verdict::eContinue;
   handleOKForSubscriptionOnBehalfOfBindedPhone(place.iBinding, place.iEntry, msg.text);
   return Verdict::eDone;

@@ -111,12 +111,16 @@ void MySip::sendResponseWithVia(sPhone& leg, const char* statusLine, int cseq, c
 }
 
 // The status line of an answer to our INVITE becomes, unchanged, that of our answer to the partner's.
-void MySip::relayErrorStatus(sPhone& partner, std::string_view msg, const char* function) {
+void MySip::relayErrorStatus(sPhone& partner, const FixedText<1000>& via, std::string_view msg,
+                             const char* function) {
   constexpr std::size_t kMaxStatusLine = 199;
   const std::string_view line = msg.substr(0, msg.find("\r\n"));
   FixedText<kMaxStatusLine + 1> status;
   if (status.assign(line)) {
-    sendResponse(partner, status.c_str(), partner.iInviteCSeq, "INVITE", true);
+    FixedText<30> cseq;
+    (void)cseq.format("%d INVITE", partner.iInviteCSeq);
+    generalPrepareAndSendMsg(false, partner, status.c_str(), cseq.c_str(), kNoBody, 0, true,
+                             partner.pcRemoteTag.c_str(), via.c_str(), partner.pcBranch.c_str());
   } else {
     Log::error(function, "request line smaller than %d\n", static_cast<int>(line.size()));
   }

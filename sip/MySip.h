@@ -66,6 +66,7 @@ struct sSipUri {
   int iPort = 5060;
   bool bUdp = true;
   FixedText<16> pcIP;        // dotted
+  bool bHasAddress = false;  // the URI gives pcIP; otherwise it is the proxy's
   FixedText<200> pcFullUri;  // without "sip:"
 };
 
@@ -393,7 +394,10 @@ class MySip {
     int iEntry = -1;
     explicit operator bool() const { return iBinding >= 0; }
   };
-  sSubscriptionPlace findSubscriptionByRelayCallID(std::string_view callId, const int* relayCSeq);
+  // By the Call-ID, and the CSeq of the SUBSCRIBE if given; an answer may carry our Call-ID inside a longer
+  // one.
+  sSubscriptionPlace findSubscriptionByRelayCallID(std::string_view callId, const int* relayCSeq,
+                                                   bool mayBeContained = false);
   sSubscriptionPlace findSubscriptionByPhoneCallID(std::string_view callId, int notifyRelayCSeq);
 
   sBinding& bindingAt(int binding) {
@@ -514,7 +518,8 @@ class MySip {
   void sendSdpAnswer(int slot, const char* status);
   void sendResponseWithVia(sPhone& leg, const char* statusLine, int cseq, const char* method,
                            const FixedText<1000>& via);
-  void relayErrorStatus(sPhone& partner, std::string_view msg, const char* function);
+  void relayErrorStatus(sPhone& partner, const FixedText<1000>& via, std::string_view msg,
+                        const char* function);
 
   // GeneralAnswers.cpp
   void sendRefusal(const char* status, std::string_view msg, const sockaddr_in& to, int slot,
@@ -551,12 +556,15 @@ class MySip {
   // ReInvite.cpp, Transfer.cpp, Notify.cpp
   bool admitReInvite(int slot, int cseq, bool hasCredentials, std::string_view msg, const sockaddr_in& from);
   void resendInvite(int slot);
+  void setReInviteAside(int slot);
   void beginReInvite(int slot);
   int takeReInvite(int slot, int cseq, std::string_view msg);
   void prepareToReInvite(int slot, std::string_view msg);
   bool translateReferTo(std::string_view received, FixedText<366>& out);
   const sPhone* findReplacedPartner(std::string_view escaped);
-  void relayNotify(sPhone& partner, std::string_view msg);
+  void relayNotify(sPhone& partner, std::string_view msg, const FixedText<100>& branch);
+  FixedText<100> drawRequestBranch(sPhone& leg);
+  bool inviteContact(int slot, const sSipUri& contact);
 
   // Bindings.cpp, BoundRegistration.cpp, BoundSubscription.cpp
   void emptyBindingTable();

@@ -32,7 +32,10 @@ void appendEvent(MessageText& out, std::string_view msg) {
 void MySip::handleNOTIFYMsg(int slot, std::string_view msg) {
   sPhone& leg = phone(slot);
   sPhone& partner = partnerOf(slot);
-  if (!leg.bInUse) return;
+  if (!leg.bInUse) {
+    Log::error("MySip::handleNOTIFYMsg", "error, the phone %d is not during a call \n", slot);
+    return;
+  }
   takeVia(msg, leg.pcNotifyVia);
   removeRport(leg.pcNotifyVia);
   int cseq = 0;
@@ -43,12 +46,12 @@ void MySip::handleNOTIFYMsg(int slot, std::string_view msg) {
     return;
   }
   leg.iNotifyCSeq = cseq;
-  drawBranch(partner);
+  const FixedText<100> branch = drawRequestBranch(partner);
   partner.iNotifyCSeq = ++partner.iCSeq;
-  relayNotify(partner, msg);
+  relayNotify(partner, msg, branch);
 }
 
-void MySip::relayNotify(sPhone& partner, std::string_view msg) {
+void MySip::relayNotify(sPhone& partner, std::string_view msg, const FixedText<100>& branch) {
   const std::string_view body = bodyOf(msg);
   FixedText<30> cseqText;
   (void)cseqText.format("%d NOTIFY", partner.iNotifyCSeq);
@@ -61,8 +64,7 @@ void MySip::relayNotify(sPhone& partner, std::string_view msg) {
   (void)tail.append(body);
   generalPrepareAndSendMsg(true, partner, requestLine("NOTIFY", partner.pcRemoteSipName).c_str(),
                            cseqText.c_str(), tail.c_str(), static_cast<int>(body.size()), true,
-                           partner.pcRemoteTag.c_str(), partner.pcRemoteVia.c_str(),
-                           partner.pcBranch.c_str());
+                           partner.pcRemoteTag.c_str(), partner.pcRemoteVia.c_str(), branch.c_str());
 }
 
 void MySip::handleOKForNOTIFYMsg(int slot, std::string_view) {

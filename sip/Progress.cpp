@@ -115,7 +115,7 @@ void MySip::handleErrorForInviteMsg(int slot, std::string_view msg) {
   learnRemoteTag(phone(slot), msg);
   if (reviewMoveStorage(slot)) return;
   markTerminating(slot);
-  relayErrorStatus(partnerOf(slot), msg, "MySip::handleErrorForInviteMsg");
+  relayErrorStatus(partnerOf(slot), partnerOf(slot).pcRemoteVia, msg, "MySip::handleErrorForInviteMsg");
   closeRtpSessionPair(phone(slot).iPairIndex, slot);
 }
 

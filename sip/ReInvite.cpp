@@ -19,6 +19,22 @@ bool isUntouched(const sPhone& leg) {
   return !leg.bMediaEstablished && !leg.bAnswered;
 }
 
+bool hasBye(const sPhone& leg) {
+  return leg.iByeCSeq >= 0 || leg.iRemoteByeCSeq >= 0;
+}
+
+// Was the re-INVITE in progress sent on this leg? It was not where its SDP could not be read.
+bool wasRelayedOn(const sPhone& leg) {
+  const sDialog& before = leg.sSavedDialog;
+  return leg.bInviteSentByUs && !(before.bInviteSentByUs && before.iInviteCSeq == leg.iInviteCSeq);
+}
+
+bool isInCall(const sPhone& leg, int slot, const char* function) {
+  if (leg.bInUse) return true;
+  Log::error(function, "error, the phone %d is not during a call \n", slot);
+  return false;
+}
+
 }  // namespace
 
 // ---- A re-INVITE arrives ----
@@ -63,7 +79,7 @@ bool MySip::admitReInvite(int slot, int cseq, bool hasCredentials, std::string_v
   }
   if (!leg.bReInviteInProgress) return true;
   if (leg.bReInviteFromThisLeg && cseq == leg.iInviteCSeq) {
-    resendInvite(leg.iPairIndex);
+    if (wasRelayedOn(partnerOf(slot))) resendInvite(leg.iPairIndex);
     return false;
   }
   Log::info(kFunction,
@@ -124,10 +140,23 @@ void MySip::prepareToReInvite(int slot, std::string_view msg) {
 // ---- It fails ----
 
 void MySip::handleErrorForReInviteMsg(int slot, std::string_view msg) {
+  constexpr const char* kError = "MySip::handleErrorForReInviteMsg";
+  if (!isInCall(phone(slot), slot, kError) || !isAnswerToOurInvite(slot, kError)) return;
   learnRemoteTag(phone(slot), msg);
   sPhone& partner = partnerOf(slot);
-  relayErrorStatus(partner, msg, "MySip::handleErrorForReInviteMsg");
+  // An INVITE with credentials may have been redirected; the caller waits for the first answer still.
+  if (!isAnswered(partner) && reviewMoveStorage(slot)) return;
+  relayErrorStatus(partner, hasBye(partner) ? partner.pcPrevRemoteVia : partner.pcRemoteVia, msg, kError);
   stopReInviteAndRollBack(slot, phone(slot).iPairIndex);
+}
+
+// A BYE brings a Via and a branch of its own, and is answered under them.
+void MySip::setReInviteAside(int slot) {
+  for (sPhone* leg : {&phone(slot), &partnerOf(slot)}) {
+    if (!leg->bReInviteInProgress) continue;
+    leg->pcPrevRemoteVia = leg->pcRemoteVia;
+    leg->pcPrevBranch = leg->pcBranch;
+  }
 }
 
 void MySip::stopReInviteAndRollBack(int a, int b) {
@@ -135,8 +164,13 @@ void MySip::stopReInviteAndRollBack(int a, int b) {
     sPhone& leg = phone(slot);
     leg.iPrevInviteCSeq = leg.iInviteCSeq;
     leg.pcPrevRemoteTag = leg.pcRemoteTag;
-    leg.pcPrevRemoteVia = leg.pcRemoteVia;
-    leg.pcPrevBranch = leg.pcBranch;
+    if (hasBye(leg)) {
+      leg.sSavedDialog.pcRemoteVia = leg.pcRemoteVia;
+      leg.sSavedDialog.pcBranch = leg.pcBranch;
+    } else {
+      leg.pcPrevRemoteVia = leg.pcRemoteVia;
+      leg.pcPrevBranch = leg.pcBranch;
+    }
     leg.dialog() = leg.sSavedDialog;
     leg.bReInviteInProgress = false;
   }
@@ -153,6 +187,7 @@ void MySip::stopReInviteAndRollBack(int a, int b) {
 
 void MySip::sendACKOnFailedReInvite(int slot, std::string_view) {
   sPhone& leg = phone(slot);
+  if (!isInCall(leg, slot, "MySip::sendACKOnFailedReInvite")) return;
   FixedText<30> cseq;
   (void)cseq.format("%d ACK", leg.iPrevInviteCSeq);
   generalPrepareAndSendMsg(true, leg, requestLine("ACK", leg.pcRemoteSipName).c_str(), cseq.c_str(), kNoBody,
@@ -166,6 +201,7 @@ void MySip::handleACKForPreviousFailedReInvite(int slot, std::string_view msg) {
 
 void MySip::sendRequestTerminatedOnFailedReInvite(int slot, std::string_view) {
   sPhone& leg = phone(slot);
+  if (!isInCall(leg, slot, "MySip::sendRequestTerminatedOnFailedReInvite")) return;
   FixedText<30> cseq;
   (void)cseq.format("%d INVITE", leg.iPrevInviteCSeq);
   generalPrepareAndSendMsg(false, leg, "SIP/2.0 487 Request Terminated", cseq.c_str(), kNoBody, 0, false,

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "app/config/Log.h"
+#include "sip/HeaderLines.h"
 #include "sip/MySip.h"
 
 namespace {
@@ -10,59 +11,98 @@ namespace {
 constexpr const char* kFunction = "MySip::reviewMoveStorage";
 constexpr std::string_view kContact = "Contact:";
 
-// Takes the first contact out of the list, in which all but the first follow a header name.
+// What the other party is told, since "moved" would make it try the Contact that we answer with: our own.
+constexpr std::string_view kNowhereToGo = "SIP/2.0 480 Temporarily Unavailable";
+constexpr int kMaxRedirections = 10;  // per call: two servers may redirect to each other
+
+// Takes the first contact out of the list, in which each is followed by a comma or by the name of the next
+// header line.
 FixedText<3001> takeNextContact(FixedText<3001>& contacts) {
-  const std::size_t next = MySip::stristr(contacts, kContact);
-  FixedText<3001> contact;
-  if (next == std::string_view::npos) {
-    contact = contacts;
-    contacts.clear();
-    return contact;
-  }
-  const std::size_t blankAfterName = 1;
   const std::string_view all = contacts;
-  contact.assignCut(all.substr(0, next));
-  contacts.assignCut(all.substr(std::min(all.size(), next + kContact.size() + blankAfterName)));
+  const std::size_t nextName = MySip::stristr(all, kContact);
+  std::string_view line = all.substr(0, nextName);
+  FixedText<3001> contact;
+  contact.assignCut(HeaderLines::takeValue(line));
+  if (!line.empty() && line != "\r\n") {
+    contacts.assignCut(all.substr(static_cast<std::size_t>(line.data() - all.data())));
+  } else if (nextName == std::string_view::npos) {
+    contacts.clear();
+  } else {
+    const std::size_t blankAfterName = 1;
+    contacts.assignCut(all.substr(std::min(all.size(), nextName + kContact.size() + blankAfterName)));
+  }
   return contact;
+}
+
+bool readContact(const FixedText<3001>& contact, sSipUri& out) {
+  const std::size_t start = MySip::stristr(contact, "sip:");
+  if (start == std::string_view::npos) {
+    Log::error(kFunction, "unable to find sip: in %s\n", contact.c_str());
+    return false;
+  }
+  if (MySip::analyzeURIString(contact.view().substr(start), out, HostLookup::eYes) == 0) return true;
+  Log::error(kFunction, "error analyzing the URI String %s\n", contact.c_str());
+  return false;
 }
 
 }  // namespace
 
 void MySip::handleMoveMsg(int slot, std::string_view msg) {
   sPhone& leg = phone(slot);
-  // A redirection can only answer an INVITE of ours.
-  if (!leg.bInUse || leg.bTerminating || !leg.bInviteSentByUs) return;
+  std::string_view cseqText;
+  int cseq = 0;
+  // A redirection can only answer the INVITE that we have sent last.
+  if (!leg.bInUse || leg.bTerminating || !leg.bInviteSentByUs || !readCSeq(msg, cseq, cseqText) ||
+      cseq != leg.iInviteCSeq || !contains(cseqText, "INVITE")) {
+    return;
+  }
   learnRemoteTag(leg, msg);
   sendRequest(leg, requestLine("ACK", leg.pcRemoteSipName).c_str(), leg.iInviteCSeq, "ACK", false);
+  sPhone& partner = partnerOf(slot);
+  if (leg.bAnswered) {  // a call that stands does not move
+    if (!leg.bReInviteInProgress) return;
+    relayErrorStatus(partner, partner.pcRemoteVia, kNowhereToGo, "MySip::handleMoveMsg");
+    stopReInviteAndRollBack(slot, leg.iPairIndex);
+    return;
+  }
   moveCallToOldCalls(slot);
   leg.pcMoveContacts.assignCut(extractToken(kContact, 3000, msg));
   (void)leg.pcMoveContacts.append("\r\n");
-  (void)reviewMoveStorage(slot);
+  if (reviewMoveStorage(slot)) return;
+  markTerminating(slot);
+  relayErrorStatus(partner, partner.pcRemoteVia, kNowhereToGo, "MySip::handleMoveMsg");
+  closeRtpSessionPair(leg.iPairIndex, slot);
 }
 
 bool MySip::reviewMoveStorage(int slot) {
   sPhone& leg = phone(slot);
-  if (leg.pcMoveContacts.empty()) return false;
-  const FixedText<3001> contact = takeNextContact(leg.pcMoveContacts);
-  const std::size_t start = stristr(contact, "sip:");
-  if (start == std::string_view::npos) {
-    Log::error(kFunction, "unable to find sip: in %s\n", contact.c_str());
+  while (!leg.pcMoveContacts.empty()) {
+    const FixedText<3001> contact = takeNextContact(leg.pcMoveContacts);
+    sSipUri uri;
+    if (readContact(contact, uri) && inviteContact(slot, uri)) return true;
+  }
+  return false;
+}
+
+// False, and logged, when the contact would only lead round in a circle.
+bool MySip::inviteContact(int slot, const sSipUri& contact) {
+  sPhone& leg = phone(slot);
+  const bool isOurself = contact.pcIP == pcSipUAIP.view() && contact.iPort == iSipUAPort;
+  if (leg.iNumRedirections >= kMaxRedirections || (isOurself && getBindingIndex(contact.pcName) < 0)) {
+    Log::warning(kFunction, "contact %s is not tried, it leads round in a circle\n",
+                 contact.pcFullUri.c_str());
     return false;
   }
-  sSipUri uri;
-  if (analyzeURIString(contact.view().substr(start), uri, HostLookup::eYes) != 0) {
-    Log::error(kFunction, "error analyzing the URI String %s\n", contact.c_str());
-    return false;
-  }
+  ++leg.iNumRedirections;
   // After a redirection the old dialog has been acknowledged and is among the old calls already; after a
   // failure it is not. Its peer repeats the answer until somebody acknowledges it.
   if (findOldCall(leg.pcCallID) < 0) {
     sendRequest(leg, requestLine("ACK", leg.pcRemoteSipName).c_str(), leg.iInviteCSeq, "ACK", false);
     moveCallToOldCalls(slot);
   }
-  leg.pcRemoteSipName = uri.pcName;
-  leg.pcRemoteContact.assignCut(uri.pcName);  // until the new destination names its own
-  leg.sRemoteAddress = addressOf(uri.pcIP.c_str(), uri.iPort);
+  leg.pcRemoteSipName = contact.pcName;
+  leg.pcRemoteContact.assignCut(contact.pcName);  // until the new destination names its own
+  leg.sRemoteAddress = addressOf(contact.pcIP.c_str(), contact.iPort);
   beginDialog(slot);
   leg.iInviteCSeq = leg.iCSeq;
   prepareSDPAndsendInvite(slot, "", "");

@@ -1,6 +1,4 @@
 // Record-Route and Route: the route set of a leg, and the header lines that the next message alone carries.
-#include <algorithm>
-
 #include "app/config/Log.h"
 #include "sip/HeaderLines.h"
 #include "sip/MySip.h"
@@ -8,27 +6,6 @@
 namespace {
 
 constexpr int kMaxReceivedRoutes = kMaxRoutes - 1;  // one entry is kept for ourselves
-
-// Takes the next value off a header line; several on one line stand between commas (RFC 3261 7.3.1), which
-// within angle brackets or quotes are part of the value.
-std::string_view takeValue(std::string_view& line) {
-  bool inBrackets = false;
-  bool inQuotes = false;
-  std::size_t end = 0;
-  for (; end < line.size(); ++end) {
-    const char character = line[end];
-    if (character == '"') inQuotes = !inQuotes;
-    if (inQuotes) continue;
-    if (character == '<') inBrackets = true;
-    if (character == '>') inBrackets = false;
-    if (character == ',' && !inBrackets) break;
-  }
-  std::string_view value = line.substr(0, end);
-  line.remove_prefix(std::min(end + 1, line.size()));
-  value.remove_prefix(std::min(value.find_first_not_of(' '), value.size()));
-  value.remove_suffix(value.size() - (value.find_last_not_of(' ') + 1));
-  return value;
-}
 
 }  // namespace
 
@@ -44,7 +21,7 @@ void MySip::storeRoutingInformation(int slot, bool reverse, std::string_view msg
     if (!isMethod(line, kName)) continue;
     line.remove_prefix(kName.size());
     while (!line.empty()) {
-      const std::string_view route = takeValue(line);
+      const std::string_view route = HeaderLines::takeValue(line);
       if (count == kMaxReceivedRoutes) {
         Log::error(kFunction, "Too many routing records: %.*s\n", static_cast<int>(route.size()),
                    route.data());

@@ -63,28 +63,29 @@ void readTransport(std::string_view uri, sSipUri& out) {
 }
 
 // The host as address: dotted as it stands, a name only where the caller is going to use the address.
-void resolveHost(std::string_view host, HostLookup lookup, FixedText<16>& ip) {
+void resolveHost(std::string_view host, HostLookup lookup, sSipUri& out) {
   FixedText<16> dotted;
   in_addr binary{};
   if (dotted.assign(host) && inet_pton(AF_INET, dotted.c_str(), &binary) == 1) {
-    ip = dotted;
-  } else if (lookup == HostLookup::eYes && hostNames.find(host, dotted)) {
-    ip = dotted;
+    out.bHasAddress = true;
+  } else if (lookup == HostLookup::eYes) {
+    out.bHasAddress = hostNames.find(host, dotted);
   }
+  if (out.bHasAddress) out.pcIP = dotted;
 }
 
 bool readAddress(std::string_view uri, HostLookup lookup, sSipUri& out) {
   std::string_view address;
   if (!valueAfter(uri, "maddr=", ";", address)) {
     const std::string_view name = out.pcName;
-    resolveHost(name.substr(name.find('@') + 1), lookup, out.pcIP);
+    resolveHost(name.substr(name.find('@') + 1), lookup, out);
     return true;
   }
   if (address.size() > out.pcIP.maxLength()) {
     Log::error(kAnalyze, "IP too long %d\n", static_cast<int>(address.size()));
     return false;
   }
-  resolveHost(address, lookup, out.pcIP);
+  resolveHost(address, lookup, out);
   return true;
 }
 

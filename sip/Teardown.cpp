@@ -59,6 +59,7 @@ void MySip::handleBYEMsg(int slot, std::string_view msg) {
   const int otherSlot = leg.iPairIndex;
   sPhone& other = phone(otherSlot);
   if (!leg.bInUse) return;
+  if (!leg.bTerminating) setReInviteAside(slot);
   takeVia(msg, leg.pcRemoteVia);  // also for a BYE that crosses ours: the ended call answers it
   removeRport(leg.pcRemoteVia);
   if (leg.bTerminating && leg.bByePending) return;
@@ -110,6 +111,7 @@ void MySip::initiateCallTermination(int slot) {
   sPhone& other = partnerOf(slot);
   if (!leg.bTerminating) {
     markTerminating(slot);
+    setReInviteAside(slot);
     for (sPhone* each : {&leg, &other}) {
       each->bByePending = true;
       beginBye(*each);

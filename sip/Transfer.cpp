@@ -41,7 +41,7 @@ void MySip::handleREFERMsg(int slot, std::string_view msg) {
   FixedText<366> referTo;
   if (!translateReferTo(leg.pcReferTo, referTo)) return;
   leg.iReferCSeq = cseq;
-  drawBranch(partner);
+  const FixedText<100> branch = drawRequestBranch(partner);
   partner.iReferCSeq = ++partner.iCSeq;
   FixedText<500> tail;
   FixedText<30> cseqText;
@@ -49,7 +49,21 @@ void MySip::handleREFERMsg(int slot, std::string_view msg) {
   (void)tail.format("\r\nRefer-To: %s\r\n\r\n", referTo.c_str());
   generalPrepareAndSendMsg(true, partner, requestLine("REFER", partner.pcRemoteSipName).c_str(),
                            cseqText.c_str(), tail.c_str(), 0, true, partner.pcRemoteTag.c_str(),
-                           partner.pcRemoteVia.c_str(), partner.pcBranch.c_str());
+                           partner.pcRemoteVia.c_str(), branch.c_str());
+}
+
+// A new branch for a request within the call. It becomes the leg's own unless an INVITE is pending there:
+// that one's CANCEL and ACK still need theirs.
+FixedText<100> MySip::drawRequestBranch(sPhone& leg) {
+  if (!leg.bInviteSentByUs || (leg.bAnswered && !leg.bReInviteInProgress)) {
+    drawBranch(leg);
+    return leg.pcBranch;
+  }
+  FixedText<41> drawn;
+  fillNewBranchData(drawn);
+  FixedText<100> branch;
+  branch.assignCut(drawn);
+  return branch;
 }
 
 // The Refer-To for the receiver of the REFER. False, and logged, when it cannot be given.
@@ -88,7 +102,7 @@ const sPhone* MySip::findReplacedPartner(std::string_view escaped) {
     Log::error(kFunction, "Call ID too long %s\n", callId.c_str());
     return nullptr;
   }
-  const int named = callId.empty() ? -1 : findSlot(callId);
+  const int named = callId.empty() ? -1 : findSlotInUse(callId);
   if (named < 0) {
     Log::error(kFunction, "unable to find a phone with call-id %s\n", callId.c_str());
     return nullptr;

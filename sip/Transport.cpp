@@ -105,7 +105,7 @@ void MySip::resendLastSipMsg(const MessageRing& ring, int ringIndex, int cseq) {
   for (int back = 1; back <= kStoredMessages; ++back) {
     const sLastMsgData& record =
         ring[static_cast<std::size_t>((ringIndex + kStoredMessages - back) % kStoredMessages)];
-    if (record.iCSeq != cseq) continue;
+    if (record.iCSeq != cseq || record.pcMsg.empty()) continue;
     sendSipMsg(nullptr, nullptr, {}, cseq, record.pcMsg, record.sAddress);
     return;
   }

@@ -144,7 +144,7 @@ TEST_F(BindingsTest, LookupsAgreeWithAPlainScanThroughoutALongLife) {
       const std::string relayed(table.bindingAt(byPhone.iBinding).subscription(byPhone.iEntry).relayCallID());
       const auto again = table.findSubscriptionByRelayCallID(relayed, nullptr);
       ASSERT_TRUE(again.iBinding == byPhone.iBinding && again.iEntry == byPhone.iEntry);
-      const auto contained = table.findSubscriptionByRelayCallID("x" + relayed + "y", &cseq);
+      const auto contained = table.findSubscriptionByRelayCallID("x" + relayed + "y", &cseq, true);
       ASSERT_EQ(static_cast<bool>(contained), cseq == 0);
       ASSERT_FALSE(table.findSubscriptionByRelayCallID("x" + relayed, nullptr));
     }

@@ -176,6 +176,14 @@ TEST_F(BoundPhoneTest, AddressIsTheSourceOrAsConfiguredTheContact) {
     EXPECT_EQ(phone().iContactPort, elsewhere.port());
     expectSilence();
   }
+  // A host without address must not be bound to the PBX's, which would then count as a phone of ours.
+  Request request = phoneRequest("REGISTER", 1);
+  request.callId = request.to = "<sip:202@phone.example>";
+  request.contact = "<sip:202@nobody.invalid>";
+  fromCaller(build(request));
+  EXPECT_EQ(installation.logCount("error analyzing the URI String <sip:202@nobody.invalid>\n"), 1);
+  EXPECT_EQ(sip->iNumBindings, 1);
+  expectSilence();
 }
 
 TEST_F(BoundPhoneTest, ProxyRegistersThePhoneWithThePbxAndRelaysTheChallenge) {
@@ -334,6 +342,16 @@ TEST_F(BoundPhoneTest, SubscriptionIsRelayedAndItsNotifiesComeBack) {
     fromCaller(replaced(respond(out, status), "CSeq: " + std::to_string(cseqOut), "CSeq: 99"));
     expectSilence();
   }
+  const std::string more = build(notify(std::string(entry.pcRelayCallID.view()), 50));
+  for (const char* name : {"Via: ", "From: ", "To: ", "Contact: "}) {
+    installation.clearLog();
+    fromPbx(replaced(more, "\r\n" + std::string(name), "\r\nX-"));
+    EXPECT_EQ(installation.logCount("Unable to extract data\n"), 1) << name;
+  }
+  fromPbx(build(notify(subscribe.callId, 51)));  // the phone's Call-ID, of which the PBX knows nothing
+  expectSilence();
+  fromPbx(more);
+  EXPECT_EQ(header(atCaller(), "Call-ID"), subscribe.callId) << "what came before has changed nothing";
   passSeconds(601);
   EXPECT_EQ(phone().iNumSubscriptions, 0);
   EXPECT_EQ(sip->iNumBindings, 1);

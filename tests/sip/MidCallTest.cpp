@@ -185,6 +185,39 @@ TEST_F(MidCallTest, RefusedReInviteRestoresTheCallAndItsLateMessagesAreAnswered)
   EXPECT_EQ(header(atPbx(), "CSeq"), "3 INVITE") << "the next one is relayed again";
 }
 
+TEST_F(MidCallTest, ByeEndsACallWhoseReInviteIsPending) {
+  for (const bool weEndIt : {false, true}) {
+    SCOPED_TRACE(weEndIt);
+    start();
+    callerAnswer.clear();
+    answer();
+    const std::string relayed = relayReInvite(sdp(4000, "0", "a=sendonly\r\n"));
+    const Request bye = callerWithin("BYE", 3);
+    weEndIt ? sip->initiateCallTermination(kOrig) : fromCaller(build(bye));
+    const std::string toPbx = atPbx();
+    EXPECT_TRUE(firstLine(toPbx).starts_with("BYE ")) << toPbx;
+    if (weEndIt) atCaller();
+    fromPbx(respond(relayed, "487 Request Terminated"));
+    const std::string refusal = atCaller();
+    EXPECT_EQ(firstLine(refusal) + branchOf(refusal), "SIP/2.0 487 Request Terminatedz9hG4bKINVITE2");
+    EXPECT_EQ(header(refusal, "CSeq"), "2 INVITE");
+    fromCaller(build(callerWithin("ACK", 2)));
+    const std::string ack = atPbx();
+    EXPECT_EQ(header(ack, "CSeq") + branchOf(ack), "2 ACK" + branchOf(relayed));
+    if (weEndIt) {
+      passSeconds(1);
+      EXPECT_EQ(atPbx(), toPbx) << "the same BYE, under its own branch";
+      atCaller();
+    }
+    fromPbx(respond(toPbx, "200 OK"));
+    if (weEndIt) continue;
+    const std::string ok = atCaller();
+    EXPECT_EQ(firstLine(ok) + branchOf(ok), "SIP/2.0 200 OKz9hG4bKBYE3");
+    fromCaller(build(bye));
+    EXPECT_EQ(branchOf(atCaller()), "z9hG4bKBYE3");
+  }
+}
+
 TEST_F(MidCallTest, OneReInviteAtATime) {
   start();
   answer();
@@ -206,7 +239,13 @@ TEST_F(MidCallTest, OneReInviteAtATime) {
                 " INFO in MySip::handleReInviteMsg, ignoring re-invite for phone 0 since it is already in "
                 "process of another re-invite. Going to reply with 491\n"),
             1);
+  fromCaller(respond(build(callerWithin("INVITE", 2)), "488 No"));  // its own is not its to refuse
   expectSilence();
+  EXPECT_TRUE(sip->phone(kOrig).bReInviteInProgress);
+  Request refer = callerWithin("REFER", 4);
+  refer.extraHeaders = "Refer-To: <sip:300@127.0.0.1>\r\n";
+  fromCaller(build(refer));
+  EXPECT_NE(branchOf(atPbx()), branchOf(relayed));
 
   fromCaller(build(callerWithin("CANCEL", 2)));
   const std::string cancel = atPbx();
@@ -222,7 +261,10 @@ TEST_F(MidCallTest, OneReInviteAtATime) {
 TEST_F(MidCallTest, ReInvitesThatCannotBeRelayedAreLogged) {
   start();
   answer();
-  fromCaller(build(callerWithin("INVITE", 2, sdp(4000, "18", "a=ptime:20\r\n"))));
+  const std::string unreadable = build(callerWithin("INVITE", 2, sdp(4000, "18", "a=ptime:20\r\n")));
+  fromCaller(unreadable);
+  fromCaller(unreadable);
+  expectSilence();
   EXPECT_EQ(
       installation.logCount(" ERROR in MySip::handleReInviteMsg, error during SDP analyze for phone 0\n"), 1);
   EXPECT_TRUE(sip->phone(kOrig).bReInviteInProgress && sip->phone(kPair).bReInviteInProgress);
@@ -427,12 +469,24 @@ TEST_F(MidCallTest, MessagesOfNoCallAreNotRelayed) {
 // ---- Redirection ----
 
 TEST_F(MidCallTest, ContactsOfARedirectionAreTriedInOrder) {
-  for (const bool secondAnswers : {true, false}) {
+  for (const auto& [secondAnswers, withCredentials] :
+       {std::pair{true, false}, {false, false}, {true, true}, {false, true}}) {
     SCOPED_TRACE(secondAnswers);
     LoopbackPeer first;
     LoopbackPeer second;
+    iSipProxyArchitecture = withCredentials ? 1 : 0;
     start();
+    callerAnswer.clear();
+    invite.cseq = 1;
+    invite.extraHeaders.clear();
     ring();
+    if (withCredentials) {
+      invite.cseq = 2;
+      invite.extraHeaders = "Proxy-Authorization: Digest username=\"100\"\r\n";
+      fromCaller(inviteText());
+      pairInvite = atPbx();
+    }
+    const std::string acknowledged = withCredentials ? "2 ACK" : "1 ACK";
     const auto contact = [](const char* user, const LoopbackPeer& at) {
       return "Contact: <sip:" + std::string(user) + "@127.0.0.1:" + std::to_string(at.port()) + ">\r\n";
     };
@@ -441,14 +495,14 @@ TEST_F(MidCallTest, ContactsOfARedirectionAreTriedInOrder) {
     sip->sendRegistration(sip->phone(kPair), 60);  // counts on while the INVITE waits
     atPbx();
     fromPbx(moved);
-    EXPECT_EQ(header(atPbx(), "CSeq"), "1 ACK");
+    EXPECT_EQ(header(atPbx(), "CSeq"), acknowledged);
     const std::string toFirst = first.receive().value_or("");
     EXPECT_EQ(firstLine(toFirst), "INVITE sip:first@127.0.0.1 SIP/2.0");
     EXPECT_EQ(header(toFirst, "CSeq"), "1 INVITE");
     EXPECT_NE(header(toFirst, "Call-ID"), header(pairInvite, "Call-ID"));
     EXPECT_EQ(tag(header(toFirst, "To")), "");
     fromPbx(moved);
-    EXPECT_EQ(header(atPbx(), "CSeq"), "1 ACK") << "the old dialog still acknowledges";
+    EXPECT_EQ(header(atPbx(), "CSeq"), acknowledged) << "the old dialog still acknowledges";
 
     first.sendTo(iSipPort, respond(toFirst, "486 Busy Here", "f"));
     process();
@@ -469,22 +523,82 @@ TEST_F(MidCallTest, ContactsOfARedirectionAreTriedInOrder) {
     process();
     EXPECT_EQ(firstLine(atCaller()), secondAnswers ? "SIP/2.0 200 Ok" : "SIP/2.0 603 Decline");
     EXPECT_EQ(sip->numActiveCalls(), secondAnswers ? 1 : 0);
-    fromCaller(callerRequest("ACK", 1));
+    fromCaller(callerRequest("ACK", invite.cseq));
     EXPECT_TRUE(firstLine(second.receive().value_or("")).starts_with("ACK sip:second@127.0.0.1"));
     expectSilence();
     if (secondAnswers) sip->closeRtpSessionPair(kOrig, kPair);
   }
 }
 
-TEST_F(MidCallTest, RedirectionThatNamesNobodyOrAnswersNothingChangesNothing) {
+TEST_F(MidCallTest, ContactsThatLeadNowhereAreLeftOut) {
+  const std::string ourselves = "<sip:nobody@127.0.0.1:" + std::to_string(iSipPort) + ">";
+  struct sCase {
+    std::string contacts;
+    const char* pcLog;
+    bool isTried;
+  };
+  LoopbackPeer there;
+  const std::string good = "\"A, B\" <sip:there@127.0.0.1:" + std::to_string(there.port()) + ">";
+  for (const sCase& testCase :
+       {sCase{"Contact: <tel:+123>\r\n",
+              "ERROR in MySip::reviewMoveStorage, unable to find sip: in <tel:+123>", false},
+        sCase{"", "unable to find Contact: in", false},
+        sCase{"Contact: " + ourselves + "\r\n", "contact nobody@127.0.0.1", false},
+        sCase{"Contact: <tel:1>, " + good + ";q=0.5\r\n", "unable to find sip: in <tel:1>", true},
+        sCase{"Contact: <sip:a@b:x>\r\nContact: *\r\nContact: " + good + ", <sip:c@d>\r\n",
+              "error analyzing the URI String <sip:a@b:x>", true}}) {
+    SCOPED_TRACE(testCase.contacts);
+    start();
+    installation.clearLog();
+    ring();
+    fromPbx(respond(pairInvite, "302 Moved Temporarily", "bob1", testCase.contacts));
+    EXPECT_EQ(header(atPbx(), "CSeq"), "1 ACK");
+    EXPECT_EQ(installation.logCount(testCase.pcLog), 1) << installation.log();
+    EXPECT_EQ(firstLine(there.receive(std::chrono::milliseconds(0)).value_or("")),
+              testCase.isTried ? "INVITE sip:there@127.0.0.1 SIP/2.0" : "");
+    if (!testCase.isTried) {
+      EXPECT_EQ(firstLine(atCaller()), "SIP/2.0 480 Temporarily Unavailable");
+      fromCaller(callerRequest("ACK", 1));
+      EXPECT_EQ(header(atPbx(), "CSeq"), "1 ACK");
+      EXPECT_FALSE(sip->phone(kOrig).bInUse);
+    }
+    expectSilence();
+  }
+}
+
+TEST_F(MidCallTest, RedirectionsThatDoNotEndAreGivenUp) {
   start();
   ring();
-  fromCaller(respond(inviteText(), "302 Moved Temporarily", "", "Contact: <sip:a@127.0.0.1>\r\n"));
+  std::string last = pairInvite;
+  int redirections = 0;
+  const std::string again = "Contact: <sip:200@127.0.0.1:" + std::to_string(pbx.port()) + ">\r\n";
+  while (redirections < 50 && firstLine(last).starts_with("INVITE ")) {
+    fromPbx(respond(last, "302 Moved Temporarily", "b", again));
+    EXPECT_EQ(header(atPbx(), "CSeq"), "1 ACK");
+    last = pbx.receive(std::chrono::milliseconds(0)).value_or("");
+    ++redirections;
+  }
+  EXPECT_EQ(redirections, 11);
+  EXPECT_EQ(firstLine(atCaller()), "SIP/2.0 480 Temporarily Unavailable");
+}
+
+TEST_F(MidCallTest, OnlyTheLastInviteOfACallThatIsNotAnsweredCanBeRedirected) {
+  start();
+  ring();
+  const std::string elsewhere = "Contact: <sip:a@127.0.0.1>\r\n";
+  fromCaller(respond(inviteText(), "302 Moved Temporarily", "", elsewhere));
+  fromPbx(replaced(respond(pairInvite, "302 Moved Temporarily", "bob1", elsewhere), "1 INVITE", "9 INVITE"));
+  fromPbx(replaced(respond(pairInvite, "302 Moved Temporarily", "bob1", elsewhere), "1 INVITE", "1 REFER"));
   expectSilence();
-  fromPbx(respond(pairInvite, "301 Moved Permanently", "bob1", "Contact: <tel:+123>\r\n"));
-  EXPECT_EQ(header(atPbx(), "CSeq"), "1 ACK");
-  EXPECT_EQ(installation.logCount("ERROR in MySip::reviewMoveStorage, unable to find sip: in <tel:+123>"), 1);
-  expectSilence();
+  start();
+  answer();
+  const std::string relayed = relayReInvite(sdp(4000, "0", "a=sendonly\r\n"));
+  fromPbx(respond(relayed, "302 Moved Temporarily", "", elsewhere));
+  EXPECT_EQ(header(atPbx(), "CSeq"), "2 ACK");
+  EXPECT_EQ(firstLine(atCaller()), "SIP/2.0 480 Temporarily Unavailable");
+  EXPECT_EQ(sip->phone(kPair).pcCallID, header(pairInvite, "Call-ID"));
+  EXPECT_FALSE(sip->phone(kOrig).bReInviteInProgress || sip->phone(kOrig).bOnHold);
+  EXPECT_TRUE(hasMedia());
 }
 
 }  // namespace
