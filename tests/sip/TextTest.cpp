@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr auto kNotFound = std::string_view::npos;
-
 class TextTest : public testing::Test {
  protected:
   TextTest() {
