@@ -16,8 +16,9 @@ std::string account(const PhoneSetup& setup) {
   if (setup.registrar == 0)
     return "<sip:" + setup.user + "@127.0.0.1:" + std::to_string(setup.sipPort) + ">;regint=0" + common +
            "\n";
-  return "<sip:" + setup.user + "@127.0.0.1>;auth_user=" + setup.user + ";auth_pass=" + setup.password +
-         ";outbound=\"sip:127.0.0.1:" + std::to_string(setup.registrar) + "\";regint=60" + common + "\n";
+  return "<sip:" + setup.user + "@" + setup.domain + ">;auth_user=" + setup.user +
+         ";auth_pass=" + setup.password + ";outbound=\"sip:127.0.0.1:" + std::to_string(setup.registrar) +
+         "\";regint=" + std::to_string(setup.registerSeconds) + common + "\n";
 }
 
 std::string configuration(const PhoneSetup& setup, const std::filesystem::path& home) {

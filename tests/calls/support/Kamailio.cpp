@@ -23,10 +23,12 @@ loadmodule "registrar.so"
 loadmodule "auth.so"
 loadmodule "textops.so"
 loadmodule "siputils.so"
+loadmodule "uac.so"
 modparam("usrloc", "db_mode", 0)
 modparam("registrar", "min_expires", 1)
 modparam("auth", "nonce_expire", 300)
 modparam("xlog", "force_color", 0)
+modparam("uac", "restore_mode", "none")
 
 request_route {
   if (is_method("REGISTER")) {
@@ -38,6 +40,10 @@ request_route {
     if ($hdr(Expires) == "0") { xlog("L_ERR", "PBX withdrawn $tU;\n"); }
     else { xlog("L_ERR", "PBX registered $tU;\n"); }
     save("location");
+    if (@NOTIFIES@ && $hdr(Expires) != "0") {
+      $uac_req(callid) = "unasked-" + $ci;
+      route(NOTIFY);
+    }
     exit;
   }
   if (is_method("OPTIONS")) { sl_send_reply("200", "OK"); exit; }
@@ -56,11 +62,31 @@ request_route {
     exit;
   }
   consume_credentials();
+  if (is_method("SUBSCRIBE")) {
+    append_to_reply("Expires: $hdr(Expires)\r\n");
+    sl_send_reply("200", "OK");
+    $uac_req(callid) = $ci;
+    route(NOTIFY);
+    exit;
+  }
   record_route();
   if (!($fU =~ "^@PREFIX@")) { $ru = "sip:@TRUNK@@127.0.0.1"; }
   if (!lookup("location")) { sl_send_reply("404", "Not Found"); exit; }
   t_relay();
 }
+
+route[NOTIFY] {
+  $uac_req(method) = "NOTIFY";
+  $uac_req(ruri) = $(ct{nameaddr.uri});
+  $uac_req(furi) = "sip:" + $fU + "@127.0.0.1";
+  $uac_req(turi) = "sip:" + $fU + "@127.0.0.1";
+  $uac_req(hdrs) = "Event: message-summary\r\nSubscription-State: active\r\nContact: <sip:127.0.0.1:@PORT@>\r\nContent-Type: application/simple-message-summary\r\n";
+  $uac_req(body) = "Messages-Waiting: yes\r\n";
+  $uac_req(evroute) = 1;
+  uac_req_send();
+}
+
+event_route[uac:reply] { xlog("L_ERR", "PBX told $uac_req(evcode);\n"); }
 )";
 
 }  // namespace
@@ -76,6 +102,8 @@ Kamailio::Kamailio(const std::filesystem::path& directory, const PbxSetup& setup
   text = sip_text::replaced(text, "@CHALLENGE@", kind + "_challenge");
   text = sip_text::replaced(text, "@PREFIX@", setup.trunkPhonePrefix);
   text = sip_text::replaced(text, "@TRUNK@", setup.trunk);
+  text = sip_text::replaced(text, "@NOTIFIES@", setup.notifies ? "1" : "0");
+  text = sip_text::replaced(text, "@PORT@", std::to_string(setup.port));
   writeFile(home / "kamailio.cfg", text);
   program = std::make_unique<Process>(
       "kamailio",

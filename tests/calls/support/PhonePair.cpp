@@ -51,15 +51,19 @@ PhonePair::PhonePair(const std::filesystem::path& directory, const PortBlock& po
                                                           .codec = setup.callerCodec,
                                                           .plays = firstPlays,
                                                           .registrar = setup.registrar,
-                                                          .password = setup.password});
-  second = std::make_unique<Baresip>(directory, PhoneSetup{.user = "200",
-                                                           .sipPort = setup.calleePort,
-                                                           .controlPort = ports.control(1),
-                                                           .mediaPort = ports.media(1),
-                                                           .codec = setup.calleeCodec,
-                                                           .plays = secondPlays,
-                                                           .registrar = setup.registrar,
-                                                           .password = setup.password});
+                                                          .password = setup.password,
+                                                          .domain = setup.callerDomain,
+                                                          .registerSeconds = setup.registerSeconds});
+  second = std::make_unique<Baresip>(directory,
+                                     PhoneSetup{.user = "200",
+                                                .sipPort = setup.calleePort,
+                                                .controlPort = ports.control(1),
+                                                .mediaPort = ports.media(1),
+                                                .codec = setup.calleeCodec,
+                                                .plays = secondPlays,
+                                                .registrar = setup.calleeRegistrar.value_or(setup.registrar),
+                                                .password = setup.password,
+                                                .registerSeconds = setup.registerSeconds});
 }
 
 void PhonePair::expectReady() {

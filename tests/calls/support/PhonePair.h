@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "tests/calls/support/Baresip.h"
@@ -12,9 +13,12 @@
 struct PairSetup {
   std::string callerCodec = "PCMU/8000/1";
   std::string calleeCodec = "PCMU/8000/1";
-  int calleePort = 0;  // SIP port of the callee
-  int registrar = 0;   // both register there; 0: neither does
+  int calleePort = 0;                    // SIP port of the callee
+  int registrar = 0;                     // both register there; 0: neither does
+  std::optional<int> calleeRegistrar{};  // the callee registers there instead, or with 0 nowhere
   std::string password{};
+  std::string callerDomain = "127.0.0.1";
+  int registerSeconds = 60;
 };
 
 class PhonePair {
