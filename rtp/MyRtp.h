@@ -250,6 +250,7 @@ class MyRtp {
   // 6
   bool startsNewStream(int side, int pair, const RtpHeader& header) const;
   void resynchronise(int side, int pair, const RtpHeader& header);
+  void sendUnchanged(int side, int pair, char* msg, int len);
   void sendProcessed(int side, int pair, char* msg, int len, SUPPORTED_CODECS_IN_QUORVEL codec);
   void sendBuffered(int side, int pair, sJitterBufferEntry& entry);
   // 7

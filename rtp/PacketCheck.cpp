@@ -77,7 +77,7 @@ int MyRtp::parseAndSendRtpMsg(int side, int pair, char* msg, int len) {
   if (header.payloadType() == record.ucTelephoneEventPT) handleTelephoneEvent(side, pair, msg, len);
   SUPPORTED_CODECS_IN_QUORVEL codec;
   if (!isValidAudioCodecOfPacket(side, pair, msg, codec)) {
-    addToneAndSendRtp(side, pair, msg, len);
+    sendUnchanged(side, pair, msg, len);
     return 0;
   }
   if (const char* refusal = refusalOf(header); refusal != nullptr) {
@@ -102,6 +102,20 @@ int MyRtp::parseAndSendRtpMsg(int side, int pair, char* msg, int len) {
   sendProcessed(side, pair, msg, len, codec);
   processJitterBuffer(false, side, pair);
   return 0;
+}
+
+// Telephone events and comfort noise take their numbers from the stream they belong to (RFC 4733 section 2.1,
+// RFC 3389 section 3): to the audio behind them they are no gap.
+void MyRtp::sendUnchanged(int side, int pair, char* msg, int len) {
+  sRtpSessionPair& record = psPairs[pair];
+  const RtpHeader header(msg);
+  addToneAndSendRtp(side, pair, msg, len);
+  if (record.iLastSeq[side] == -1 || header.ssrc() != record.uSsrc[side] ||
+      header.sequence() != record.iLastSeq[side] + 1) {
+    return;
+  }
+  record.iLastSeq[side] = header.sequence();
+  processJitterBuffer(false, side, pair);
 }
 
 // The first packet, another source, the start of a talk spurt, or a packet that is behind what was sent last:

@@ -30,6 +30,10 @@ constexpr sKeyDefault computed(void (*compute)(), const char* description, const
           .pcComputed = description,
           .pcExample = example};
 }
+// What a fresh installation is to have although the program could do without.
+constexpr sKeyDefault inSample(const char* value, const char* example) {
+  return {.pcText = value, .pcExample = example, .bSetInSample = true};
+}
 // Without rules and without a default command no call finds its way.
 constexpr sKeyDefault kDefaultCommand = {.pcExample = "*##3", .bSetInSample = true};
 
@@ -156,21 +160,21 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
      "Directory, with its final slash, for recordings of the processed audio; empty means no recording."},
     {"StatisticsFile", ePath, text(pcStatisticsFile), none("../log/statistics"), kAny, kReload, eStatistics,
      "File that gets a line per call; empty means none."},
-    {"DTMFRegistraterPrefix", eWord, text(pcDTMFRegisterPrefix), preset("abcde"), kAny, kReload, eDtmf,
-     "Digits that start the registration of the talker's voice; a name and DTMFSuffix follow."},
-    {"DTMFActivatePrefix", eWord, text(pcDTMFActivatePrefix), preset("abcde"), kAny, kReload, eDtmf,
+    {"DTMFRegistraterPrefix", eWord, text(pcDTMFRegisterPrefix), inSample("abcde", "*1*"), kAny, kReload,
+     eDtmf, "Digits that start the registration of the talker's voice; a name and DTMFSuffix follow."},
+    {"DTMFActivatePrefix", eWord, text(pcDTMFActivatePrefix), inSample("abcde", "*2*"), kAny, kReload, eDtmf,
      "Digits that switch processing on; a name, or none, and DTMFSuffix follow."},
-    {"DTMFSuffix", eWord, text(pcDTMFSuffix), preset("abcde"), kAny, kReload, eDtmf,
+    {"DTMFSuffix", eWord, text(pcDTMFSuffix), inSample("abcde", "#"), kAny, kReload, eDtmf,
      "Digits that end a registration or activation command."},
-    {"DTMFDisable", eWord, text(pcDTMFDisable), preset("abcde"), kAny, kReload, eDtmf,
+    {"DTMFDisable", eWord, text(pcDTMFDisable), inSample("abcde", "*3*"), kAny, kReload, eDtmf,
      "Digits that switch processing off."},
-    {"RegistrationLibrary", ePath, text(pcRegistrationLibrary), none("../voices/"), kAny, kReload, eDtmf,
-     "Directory, with its final slash, for learned voices."},
-    {"DTMFOKToneFile", ePath, text(pcDTMFOKToneFile), none("../tones/ok.raw"), kAny, kStart, eDtmf,
+    {"RegistrationLibrary", ePath, text(pcRegistrationLibrary), inSample("", "../voices/"), kAny, kReload,
+     eDtmf, "Directory, with its final slash, for learned voices."},
+    {"DTMFOKToneFile", ePath, text(pcDTMFOKToneFile), inSample("", "../tones/ok.raw"), kAny, kStart, eDtmf,
      "Tone that confirms a command: 16-bit samples at 8 kHz without a header, at most 2 s; empty means "
      "none."},
-    {"DTMFFailToneFile", ePath, text(pcDTMFFailToneFile), none("../tones/fail.raw"), kAny, kStart, eDtmf,
-     "Tone that reports the failure of a command, in the same form; empty means none."},
+    {"DTMFFailToneFile", ePath, text(pcDTMFFailToneFile), inSample("", "../tones/fail.raw"), kAny, kStart,
+     eDtmf, "Tone that reports the failure of a command, in the same form; empty means none."},
     {"MaxCoefInAECParam", eInteger, &iMaxCoefInAECParam, preset("100"), range(10, 300), kReload, eEcho,
      "Largest coupling from loudspeaker to microphone that the basic algorithm reckons with, in percent."},
     {"AECTailType", eInteger, &iAECTailType, preset("1"), range(-58, 5), kReload, eEcho,

@@ -2,6 +2,7 @@
 // manual's list of keys.
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 
@@ -35,6 +36,22 @@ TEST_F(KeysToolTest, SampleLoadsAsItStands) {
       << installation.log();
   EXPECT_EQ(pcDefaultDestination, "*");
   EXPECT_EQ(iDefaultFilteringType, 3);
+  // The tones it names are shipped beside it.
+  for (const std::string_view tone : {pcDTMFOKToneFile.view(), pcDTMFFailToneFile.view()}) {
+    const std::string_view relative = tone.substr(tone.find("../tones/") + 3);
+    const auto bytes = std::filesystem::file_size(kSource / "packaging" / relative);
+    EXPECT_TRUE(bytes > 0 && bytes % 2 == 0 && bytes < 2 * 16'000) << tone;
+  }
+}
+
+TEST_F(KeysToolTest, CommittedTonesAreThoseOfTheScript) {
+  if (std::system("command -v sox >/dev/null") != 0) GTEST_SKIP() << "sox is not installed";
+  const std::string made = (installation.root() / "made").string();
+  ASSERT_EQ(outputOf((kSource / "packaging/make-tones").string() + " " + made + " 2>&1"), "");
+  for (const char* tone : {"ok.raw", "fail.raw"})
+    EXPECT_EQ(TestInstallation::read(made + "/" + tone),
+              TestInstallation::read(kSource / "packaging/tones" / tone))
+        << tone;
 }
 
 // Every commented-out line is a value that its key takes: uncommenting any of them must not stop the program.

@@ -266,6 +266,36 @@ TEST_F(PacketPathTest, PayloadTypesThatWereNotNegotiatedPassUntouched) {
   EXPECT_EQ(call.record().iPacketsReceived[0], 0);
 }
 
+// A key press of a phone that goes on sending audio meanwhile must not look like a broken line.
+TEST_F(PacketPathTest, EventsTakeTheirPlaceInTheOrderOfTheAudio) {
+  Call call({eCodecPCMU}, {eCodecPCMU});
+  ASSERT_GE(call.open(), 0);
+  struct Sent {
+    int sequence;
+    bool isEvent;
+    std::vector<int> heard;
+  };
+  const Sent all[] = {{1, false, {1}}, {2, true, {2}}, {3, false, {3}},   {4, true, {4}},   {5, true, {5}},
+                      {6, false, {6}}, {8, false, {}}, {7, true, {7, 8}}, {10, true, {10}}, {9, false, {9}}};
+  for (const Sent& sent : all) {
+    SCOPED_TRACE(sent.sequence);
+    Packet packet;
+    packet.sequence = sent.sequence;
+    if (sent.isEvent) packet.payloadType = kTelephoneEventPT;
+    ASSERT_EQ(call.pass(0, packet), 0);
+    for (const int sequence : sent.heard) EXPECT_EQ(sequenceOf(call.heardBy(1)), sequence);
+  }
+  // Of another source, an event is no part of the stream.
+  Packet stray;
+  stray.payloadType = kTelephoneEventPT;
+  stray.sequence = 10;
+  stray.ssrc = 9;
+  ASSERT_EQ(call.pass(0, stray), 0);
+  EXPECT_EQ(call.record().iLastSeq[0], 9);
+  EXPECT_EQ(call.record().iPacketsLost[0], 0);
+  EXPECT_EQ(call.record().iJitterSum[0], 0);
+}
+
 // ---- Order ----
 
 struct OrderCase {

@@ -299,7 +299,6 @@ Separator=##
 NumPhonesToAllocate=2
 RegisterOrigPhones=0
 RegisterPairPhones=0
-NeedToCheckDTMF=0
 CPUPower=5
 DetectAggressiveLevel=2
 CleanAggressiveLevel=10
@@ -307,6 +306,15 @@ AECAlgorithm=advanced
 ; the caller's voice is processed before the other party hears it
 DefaultCmd=*##1
 NeedToDoNoiseCancellation=1
+; *3* switches the processing off, *2*# on; a tone answers
+NeedToCheckDTMF=1
+DTMFRegistraterPrefix=*1*
+DTMFActivatePrefix=*2*
+DTMFSuffix=#
+DTMFDisable=*3*
+RegistrationLibrary=../voices/
+DTMFOKToneFile=../tones/ok.raw
+DTMFFailToneFile=../tones/fail.raw
 OrigRecordingLibrary=../recordings/
 CleanRecordingLibrary=../recordings/
 StatisticsFile=../statistics.txt
@@ -433,8 +441,9 @@ def report(directory, sounds, caller, callee, capture):
 
 def main(program):
     directory = tempfile.mkdtemp(prefix="quorvel-demo-")
-    for name in ("bin", "log", "recordings"):
+    for name in ("bin", "log", "recordings", "voices"):
         os.mkdir(f"{directory}/{name}")
+    shutil.copytree(f"{os.path.dirname(os.path.abspath(__file__))}/../../packaging/tones", f"{directory}/tones")
     instance = f"-demo{os.getpid()}"
     log = f"{directory}/log/errLog{instance}"
     print("Making the speech and the noise", flush=True)

@@ -17,6 +17,13 @@ int rateOf(const std::string& codec) {
   return codec.starts_with("G722") ? 16000 : 8000;
 }
 
+Sound repeated(const Sound& sound, int times) {
+  Sound result{.rate = sound.rate, .samples = {}};
+  for (int i = 0; i < times; ++i)
+    result.samples.insert(result.samples.end(), sound.samples.begin(), sound.samples.end());
+  return result;
+}
+
 // A phone's very first sounds may be lost or repeated while both ends get going, so one piece in eight may
 // fail.
 void expectHeard(const Sound& played, const Sound& heard, double correlation) {
@@ -42,8 +49,8 @@ std::string phonesMissing() {
 }
 
 PhonePair::PhonePair(const std::filesystem::path& directory, const PortBlock& ports, const PairSetup& setup)
-    : firstPlays(spoken(kFirstText, "en-us", rateOf(setup.callerCodec), directory)),
-      secondPlays(spoken(kSecondText, "en+f3", rateOf(setup.calleeCodec), directory)) {
+    : firstPlays(repeated(spoken(kFirstText, "en-us", rateOf(setup.callerCodec), directory), setup.times)),
+      secondPlays(repeated(spoken(kSecondText, "en+f3", rateOf(setup.calleeCodec), directory), setup.times)) {
   first = std::make_unique<Baresip>(directory, PhoneSetup{.user = "100",
                                                           .sipPort = ports.phone(0),
                                                           .controlPort = ports.control(0),

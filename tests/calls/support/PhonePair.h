@@ -19,6 +19,7 @@ struct PairSetup {
   std::string password{};
   std::string callerDomain = "127.0.0.1";
   int registerSeconds = 60;
+  int times = 1;  // that often each says its text: a call ends when one has no more to say
 };
 
 class PhonePair {
@@ -31,13 +32,16 @@ class PhonePair {
   void talk(Baresip& from, Baresip& to, const std::string& uri, Seconds duration);
   // Each heard the other, not itself, in (nearly) every half second.
   void expectBothHeard(double correlation);
+  // What 100 and 200 say.
+  const Sound& firstSaid() const { return firstPlays; }
+  const Sound& secondSaid() const { return secondPlays; }
 
   std::unique_ptr<Baresip> first;   // user 100
   std::unique_ptr<Baresip> second;  // user 200
 
  private:
-  Sound firstPlays;
-  Sound secondPlays;
+  const Sound firstPlays;
+  const Sound secondPlays;
 };
 
 // What stands in the way of a test with phones; empty when nothing does.
