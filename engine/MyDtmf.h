@@ -21,8 +21,8 @@ class MyDtmf {
 
   // One sample; kIncomplete until it completes a block, then the block's result.
   Result go(std::int16_t sSample);
-  // The samples of one cycle. True while a digit is present: it has been confirmed and the latest block held
-  // it.
+  // The samples of one cycle. True while a digit is present: it has been confirmed, the latest block held it,
+  // and its two tones carry most of what was heard since it began.
   bool insertSampleForCycle(std::span<const std::int16_t> samples);
 
   [[nodiscard]] char digit() const { return cCandidate; }
@@ -39,11 +39,16 @@ class MyDtmf {
   [[nodiscard]] Result judge(int& iRow, int& iColumn) const;
   [[nodiscard]] int strongest(int iFirst) const;
   void countDigit(char cDigit);
+  [[nodiscard]] bool tonesPrevail() const;
 
   std::array<sGoertzel, kFrequencies> asState;
   bool bDetected = false;
   char cCandidate = '?';
   int iRunLength = 0;
   int iBlockSamples = 0;
+  double dBlockEnergy = 0;  // sum of squares
+  // Of the blocks of the current run, in the units of a block's power
+  double dRunTones = 0;
+  double dRunTotal = 0;
   Result lastBlock = kTooWeak;
 };

@@ -14,12 +14,13 @@ class DtmfTest : public EngineTest {
     init.bCheckDTMF = 1;
     EXPECT_EQ(KestrovaInit(0, &init), 0);
   }
-  static Samples key(char cDigit, std::size_t uMs, double dRow = 4000, double dColumn = 4000) {
+  static Samples key(char cDigit, std::size_t uMs, double dRow = 4000, double dColumn = 4000,
+                     double dScale = 1) {
     for (int r = 0; r < 4; ++r) {
       for (int c = 0; c < 4; ++c) {
         if (MyDtmf::row_col_ascii_codes[r][c] != cDigit) continue;
-        return tone(8 * uMs, MyDtmf::freqs[static_cast<std::size_t>(r)], dRow,
-                    MyDtmf::freqs[static_cast<std::size_t>(4 + c)], dColumn);
+        return tone(8 * uMs, dScale * MyDtmf::freqs[static_cast<std::size_t>(r)], dRow,
+                    dScale * MyDtmf::freqs[static_cast<std::size_t>(4 + c)], dColumn);
       }
     }
     ADD_FAILURE() << cDigit;
@@ -68,6 +69,10 @@ TEST_F(DtmfTest, ShortAndTwistedAndWeakAndImpureKeysAreNot) {
       {mixed(key('5', 200), tone(1600, 852, 2000)), ""},  // a third frequency 6 dB below
       {mixed(key('5', 200), tone(1600, 941, 200)), "5"},  // 26 dB below
       {mixed(key('5', 200), gaussianNoise(1600, 150, 2)), "5"},
+      {key('5', 200, 4000, 4000, 1.015), "5"},  // ITU-T Q.24: 1.5 % off must be heard,
+      {key('9', 200, 4000, 4000, 0.985), "9"},
+      {key('5', 200, 4000, 4000, 1.035), ""},  // 3.5 % must not
+      {key('5', 200, 4000, 4000, 0.965), ""},
   };
   for (const auto& row : pCases) {
     open();
@@ -109,6 +114,25 @@ TEST_F(DtmfTest, ToneAndFiveSecondsAfterItPassUntouched) {
   EXPECT_NEAR(iFlags * 32, 40000 + 1600 - 644, 500);
   EXPECT_TRUE(std::equal(out.begin() + 26000, out.begin() + 24000 + 1600 + 39000, in.begin() + 26000));
   EXPECT_LT(rms(out, 70000, 72000), 30) << "then the background is gated again";
+}
+
+// Harmonics near a row and a column frequency, the others between the eight: pure enough for 80 ms.
+TEST_F(DtmfTest, VowelsWithFormantsOnAPairHoldNoDigits) {
+  for (double dPitch = 80; dPitch < 260; dPitch += 7) {
+    open();
+    process(0, voice(12000, 8000, dPitch, 26000));
+    EXPECT_EQ(digits(), "") << dPitch;
+  }
+}
+
+TEST_F(DtmfTest, DigitsAreHeardOverAVoiceAndInNoise) {
+  for (const char c : std::string("18B0")) {
+    open();
+    EXPECT_EQ(heard(mixed(key(c, 200, 8000, 8000), voice(1600, 8000, 110, 8000))), std::string(1, c));
+    open();
+    EXPECT_EQ(heard(mixed(key(c, 200), gaussianNoise(1600, 1800, 3))), std::string(1, c))
+        << "4 dB below a tone";
+  }
 }
 
 TEST_F(DtmfTest, NoiseHoldsNoDigits) {
