@@ -21,13 +21,13 @@ bool VoiceProfile::allocate(std::uint32_t bytes) {
 }
 
 VoiceProfile::Read VoiceProfile::readFrom(std::FILE* file) {
-  const std::uint32_t available = fileBytes(file).value_or(0);
+  const std::optional<std::uint32_t> available = fileBytes(file);
   unsigned char length[kLengthBytes];
-  if (std::fread(length, sizeof length, 1, file) != 1) return Read::eBadFile;
+  if (!available || std::fread(length, sizeof length, 1, file) != 1) return Read::eBadFile;
   const std::uint32_t bytes =
       static_cast<std::uint32_t>(length[0]) | static_cast<std::uint32_t>(length[1]) << 8 |
       static_cast<std::uint32_t>(length[2]) << 16 | static_cast<std::uint32_t>(length[3]) << 24;
-  if (bytes > available - kLengthBytes || !isSpeakerLength(bytes)) return Read::eBadFile;
+  if (bytes > *available - kLengthBytes || !isSpeakerLength(bytes)) return Read::eBadFile;
   if (!allocate(bytes)) return Read::eNoMemory;
   return std::fread(pcBytes.get(), bytes, 1, file) == 1 ? Read::eDone : Read::eBadFile;
 }

@@ -118,6 +118,119 @@ TEST_F(CallQualityTest, JitterIsTheAudioThatArrivedAheadOfAPacket) {
   EXPECT_EQ(myRtp.figuresOf(0, call.pair).iMaxJitterMs, 60);
 }
 
+// ---- Whole calls, worked out by hand ----
+
+struct Arrival {
+  int sequence;
+  int atMs;
+  std::uint32_t timestamp;
+  std::uint32_t ssrc = 1;
+  bool marker = false;
+};
+
+// Packets of 20 ms, each as late as its lateness says, without the missing ones.
+std::vector<Arrival> stream(
+    int first, int last, const std::function<bool(int)>& missing,
+    const std::function<int(int)>& lateMs = [](int) { return 0; }) {
+  std::vector<Arrival> result;
+  for (int i = first; i <= last; ++i) {
+    if (!missing(i)) result.push_back({i & 0xFFFF, 20 * i + lateMs(i), 160U * static_cast<std::uint32_t>(i)});
+  }
+  return result;
+}
+bool none(int) {
+  return false;
+}
+
+// From packet 11 on 300 ms late.
+std::vector<Arrival> jump(std::uint32_t newSource, bool marker) {
+  auto result = stream(1, 20, none, [](int i) { return i > 10 ? 300 : 0; });
+  for (Arrival& arrival : result) {
+    if (arrival.sequence > 10) arrival.ssrc = newSource;
+    if (arrival.sequence == 11) arrival.marker = marker;
+  }
+  return result;
+}
+
+// Every second packet changes place with the one behind it: one comes 20 ms early, the other 20 ms late.
+std::vector<Arrival> swapped() {
+  auto result = stream(1, 100, none);
+  for (std::size_t i = 1; i + 1 < result.size(); i += 2) {
+    std::swap(result[i], result[i + 1]);
+    std::swap(result[i].atMs, result[i + 1].atMs);
+  }
+  return result;
+}
+
+// Packets of 40 ms; the second comes behind the sixth.
+std::vector<Arrival> overtaken() {
+  std::vector<Arrival> result;
+  for (const int sequence : {1, 3, 4, 5, 6, 2, 7, 8}) {
+    const int place = static_cast<int>(result.size()) + 1;
+    result.push_back({sequence, 40 * place, 320U * static_cast<std::uint32_t>(sequence)});
+  }
+  return result;
+}
+
+struct WorkedCall {
+  const char* name;
+  std::vector<Arrival> arrivals;
+  double lossPercent;
+  int avgJitterMs;
+  int maxJitterMs;
+  int avgDelayMs;
+  int maxDelayMs;
+  double avgMos;
+  double minMos;
+  std::size_t payloadBytes = 160;
+};
+
+TEST_F(CallQualityTest, FiguresOfWholeCallsAreThoseWorkedOutByHand) {
+  const WorkedCall calls[] = {
+      {"clean", stream(1, 100, none), 0, 0, 0, 0, 0, 4.41, 4.41},
+      // 5 single gaps, 200 packets received: 2.5 %, half-way between 0.2 and 0.31.
+      {"2.5 % lost", stream(1, 205, [](int i) { return i % 40 == 20; }), 2.5, 0, 0, 0, 0, 4.155, 4.155},
+      // 10 single gaps, 100 packets received.
+      {"10 % lost", stream(1, 110, [](int i) { return i % 11 == 5; }), 10, 0, 0, 0, 0, 3.37, 3.37},
+      // 49 packets find 20 ms of audio ahead of them, and are 20 ms late themselves: 9.8 ms on average.
+      {"swapped pairs", swapped(), 0, 9, 20, 9, 20, 4.41, 4.41},
+      // The late one finds 4 x 40 ms ahead, 20 ms over 8 packets; jitter of 160 ms costs 0.48.
+      {"overtaken by four", overtaken(), 0, 20, 160, 20, 160, 4.41, 3.93, 320},
+      // Ten of 20 packets are 300 ms late: 150 ms on average cost nothing, 300 ms 0.48.
+      {"delay jumps", jump(1, false), 0, 0, 0, 150, 300, 4.41, 3.93},
+      {"another source is another reference", jump(2, false), 0, 0, 0, 0, 0, 4.41, 4.41},
+      {"so is a talk spurt", jump(1, true), 0, 0, 0, 0, 0, 4.41, 4.41},
+      {"numbers wrap", stream(65530, 65545, none), 0, 0, 0, 0, 0, 4.41, 4.41},
+      {"loss at the wrap is not seen", stream(65530, 65545, [](int i) { return i == 65535; }), 0, 0, 0, 0, 0,
+       4.41, 4.41},
+  };
+  for (const WorkedCall& worked : calls) {
+    SCOPED_TRACE(worked.name);
+    Call call({eCodecPCMU}, {eCodecPCMA}, worked.name);
+    ASSERT_GE(call.open(), 0);
+    const int start = worked.arrivals.front().atMs;
+    for (const Arrival& arrival : worked.arrivals) {
+      // Near the end of a second, every other packet 0.2 ms late: no whole millisecond.
+      Clock::freezeAt(1'000'000, 999'900);
+      Clock::advanceMicroseconds((arrival.atMs - start) * 1000 + (arrival.sequence + 1) % 2 * 200);
+      Packet packet = timed(arrival.sequence, arrival.timestamp, arrival.marker);
+      packet.ssrc = arrival.ssrc;
+      packet.payload = std::string(worked.payloadBytes, '\xFF');
+      ASSERT_EQ(call.pass(0, packet), 0);
+    }
+    myRtp.calcMOS(call.pair);
+    const sCallFigures figures = myRtp.figuresOf(0, call.pair);
+    EXPECT_NEAR(figures.fPacketLossPercent, worked.lossPercent, 1e-6);
+    EXPECT_EQ(figures.iAvgJitterMs, worked.avgJitterMs);
+    EXPECT_EQ(figures.iMaxJitterMs, worked.maxJitterMs);
+    EXPECT_EQ(figures.iAvgDelayMs, worked.avgDelayMs);
+    EXPECT_EQ(figures.iMaxDelayMs, worked.maxDelayMs);
+    EXPECT_NEAR(figures.fAvgMos, worked.avgMos, 1e-5);
+    EXPECT_NEAR(figures.fMinMos, worked.minMos, 1e-5);
+    call.close();
+  }
+}
+
 TEST_F(CallQualityTest, ClosingLineCarriesTheFiguresOfBothDirections) {
   Clock::freezeAt(1'000'000);
   ASSERT_TRUE(pcStatisticsFile.assign((installation.bin() / "calls.txt").string()));

@@ -78,9 +78,6 @@ TEST_F(DtmfTest, DigitsComeFromTheEndsOfEvents) {
       {event(1, true), "1"},
       {event(10, true) + event(11, true), "1*#"},
       {event(12, true) + event(16, true) + event(255, true) + event(15, true), "1*#AD"},
-      {event(0, true).substr(0, 3), "1*#AD"},
-      {"", "1*#AD"},
-      {event(0, true) + event(9, true).substr(0, 3), "1*#AD0"},
   };
   for (const Case& c : cases) {
     send(c.payload);
@@ -88,10 +85,42 @@ TEST_F(DtmfTest, DigitsComeFromTheEndsOfEvents) {
   }
 }
 
-TEST_F(DtmfTest, HundredthDigitIsDropped) {
-  for (int i = 0; i < 100; ++i) press(i % 2 == 0 ? "5" : "6");
+TEST_F(DtmfTest, OnlyWholeBlocksOfAPacketCount) {
+  std::string blocks;
+  for (int i = 0; i < 6; ++i) blocks += event(i, true);
+  for (std::size_t length = 0; length <= blocks.size(); ++length) {
+    SCOPED_TRACE(length);
+    call.record().pcDtmfDigits[0].clear();
+    send(blocks.substr(0, length));
+    EXPECT_EQ(digits(), std::string("012345").substr(0, length / 4));
+  }
+  std::string longest = blocks;
+  longest.resize(kMaxDatagramBytes - 12, '\xFF');
+  send(longest);
+  EXPECT_EQ(digits(), "012345012345");
+}
+
+TEST_F(DtmfTest, LongestCommandHas99Digits) {
+  std::string name;
+  for (int i = 0; i < 97; ++i) name += i % 2 == 0 ? '5' : '6';
+  const std::string shorter = name.substr(1);
+  press("*2" + shorter + "#");
   EXPECT_EQ(digits().size(), 99U);
+  talk(1);
+  EXPECT_EQ(toneFor(0), "F");
+  EXPECT_EQ(installation.logCount("unable to open file " + (installation.bin() / "voice-").string() +
+                                  shorter + "\n"),
+            1);
+  press("*1" + shorter + "#");
+  talk(1);
+  EXPECT_EQ(toneFor(0), "F");
+  EXPECT_EQ(installation.logCount("registration name is too long, "), 1);
+
+  press("*2" + name + "#");  // the last key finds no room
   EXPECT_EQ(installation.logCount(" WARNING in MyRtp::handleTelephoneEvent, No room to insert DTMF"), 1);
+  talk(1);
+  EXPECT_EQ(toneFor(0), "");
+  EXPECT_EQ(digits().size(), 99U);
 }
 
 TEST_F(DtmfTest, DigitsAreForgotten16000SamplesAfterTheLastEvent) {

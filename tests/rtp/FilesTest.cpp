@@ -1,5 +1,6 @@
 // Recordings, statistics lines and tones: what a call reads and leaves on disk.
 #include <filesystem>
+#include <sys/stat.h>
 
 #include "app/config/Settings.h"
 #include "rtp/G711.h"
@@ -113,6 +114,11 @@ TEST_F(FilesTest, FilesThatCannotBeOpenedLeaveTheCallToGoOn) {
   call.close();
   EXPECT_EQ(installation.logCount(" WARNING in MyRtp::openSessionPair, unable to open file " + missing), 2);
   EXPECT_EQ(installation.logCount("unable to open statistics file " + missing + "\n"), 2);
+
+  ASSERT_TRUE(pcStatisticsFile.assign("/dev/full"));
+  ASSERT_EQ(call.open(), 0);
+  call.close();
+  EXPECT_EQ(installation.logCount("unable to write to statistics file /dev/full\n"), 2);
 }
 
 TEST_F(FilesTest, LongestLibraryAndNamesStillMakeAPath) {
@@ -147,6 +153,20 @@ TEST_F(FilesTest, TonesAreEncodedOncePerCodec) {
     ASSERT_EQ(myRtp.psOKTones[eCodecPCMA].pcData[i], linear2alaw(sample));
     ASSERT_EQ(myRtp.psOKTones[eCodecPCMU].pcData[i], linear2ulaw(sample));
   }
+}
+
+TEST_F(FilesTest, WhatIsNoToneIsNoToneAndStopsNobody) {
+  const std::string fifo = (installation.bin() / "fifo").string();
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& file : {installation.write("empty", ""), installation.write("byte", "x"),
+                                  installation.bin().string(), fifo}) {
+    ASSERT_TRUE(pcDTMFFailToneFile.assign(file));
+    ASSERT_EQ(myRtp.init(), 0);
+    for (const sToneBuffer& tone : myRtp.psFailTones) EXPECT_EQ(tone.iLength, 0) << file;
+  }
+  ASSERT_TRUE(pcDTMFFailToneFile.assign("/dev/zero"));  // a file without end
+  ASSERT_EQ(myRtp.init(), 0);
+  EXPECT_EQ(installation.logCount("too many samples in fail tone ignoring them"), 1);
 }
 
 TEST_F(FilesTest, ToneFileEndsAt16000Samples) {

@@ -226,6 +226,15 @@ TEST_F(RegistrationTest, OnlyAWholeProfileIsActivated) {
   }
 }
 
+// A file of 5 GB without content: nothing of it is read into memory.
+TEST_F(RegistrationTest, HugeFileIsNoProfile) {
+  installation.write("voice-3", profile().substr(0, 8));
+  std::filesystem::resize_file(path("3"), 5'000'000'000);
+  ASSERT_EQ(call.open(), 0);
+  command("*23#");
+  EXPECT_EQ(toneForDialler(), "fail");
+}
+
 TEST(WaveTest, LengthStaysTrueWhenTheRawFileIsShorter) {
   std::FILE* raw = std::tmpfile();
   std::FILE* wave = std::tmpfile();
