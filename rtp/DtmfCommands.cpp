@@ -46,8 +46,9 @@ void storeDigit(sPairDigits& digits, int side, char digit) {
 
 int MyRtp::handleTelephoneEvent(int side, int pair, const char* msg, int len) {
   sRtpSessionPair& record = psPairs[pair];
-  const auto* block = reinterpret_cast<const unsigned char*>(msg) + kRtpHeaderBytes;
-  for (int left = len - kRtpHeaderBytes; left >= kEventBlockBytes; left -= kEventBlockBytes) {
+  const int start = RtpHeader(msg).payloadStart(len);
+  const auto* block = reinterpret_cast<const unsigned char*>(msg) + start;
+  for (int left = len - start; left >= kEventBlockBytes; left -= kEventBlockBytes) {
     const std::size_t event = block[0];
     const bool isEnd = (block[1] & kEndBit) != 0;
     block += kEventBlockBytes;

@@ -23,6 +23,14 @@ class RtpHeader {
   int sequence() const { return pcBytes[2] << 8 | pcBytes[3]; }
   std::uint32_t timestamp() const { return number(4); }
   std::uint32_t ssrc() const { return number(8); }
+  // Where the payload begins, behind contributing sources and an extension; `length`, the packet's, when
+  // these leave no room for one.
+  int payloadStart(int length) const {
+    int start = kRtpHeaderBytes + 4 * csrcCount();
+    if (hasExtension() && start + 4 <= length)
+      start += 4 + 4 * (pcBytes[start + 2] << 8 | pcBytes[start + 3]);
+    return start < length ? start : length;
+  }
 
  private:
   std::uint32_t number(int offset) const {

@@ -100,6 +100,22 @@ TEST_F(DtmfTest, OnlyWholeBlocksOfAPacketCount) {
   EXPECT_EQ(digits(), "012345012345");
 }
 
+// Two contributing sources, and an extension of one word: each looks like the end of a key.
+TEST_F(DtmfTest, EventsStandBehindTheWholeHeader) {
+  const std::string fixed = Packet{.payloadType = kTelephoneEventPT, .payload = {}}.bytes().substr(1);
+  const std::string sources = event(7, true) + event(8, true);
+  const std::string extension = std::string("\xBE\xDE\x00\x01", 4) + event(9, true);
+  for (const std::string& datagram :
+       {"\x82" + fixed + sources + event(1, true), "\x90" + fixed + extension + event(2, true),
+        "\x92" + fixed + sources + extension + event(3, true), "\x9F" + fixed + sources + extension,
+        "\x90" + fixed + extension.substr(0, 3),
+        "\x90" + fixed + std::string("\xBE\xDE\xFF\xFF", 4) + sources}) {
+    EXPECT_EQ(call.pass(0, datagram), 0);
+    EXPECT_EQ(call.heardBy(1), datagram);
+  }
+  EXPECT_EQ(digits(), "123");
+}
+
 TEST_F(DtmfTest, LongestCommandHas99Digits) {
   std::string name;
   for (int i = 0; i < 97; ++i) name += i % 2 == 0 ? '5' : '6';
