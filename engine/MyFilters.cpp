@@ -60,6 +60,28 @@ const sTables& tables() {
   return instance;
 }
 
+// Smoothing of the power that speech is told by: neighbouring bins on each side, and per frame.
+constexpr int kPowerNeighbours = 4;
+constexpr double kPowerFollowing = 0.5;
+// Mean power of noise whose mean magnitude is 1 (Rayleigh distributed magnitudes).
+constexpr double kPowerOfMagnitude = 4 / std::numbers::pi;
+
+// dTo[k]: mean of f over the bins k - kPowerNeighbours .. k + kPowerNeighbours, as far as there are any.
+template <typename Function>
+void slidingMean(std::span<const double> dFrom, std::span<double> dTo, Function f) {
+  const int n = static_cast<int>(dFrom.size());
+  double dSum = 0;
+  for (int k = 0; k < std::min(kPowerNeighbours, n); ++k) dSum += f(dFrom[static_cast<std::size_t>(k)]);
+  for (int k = 0; k < n; ++k) {
+    const int iEnters = k + kPowerNeighbours;
+    const int iLeaves = k - kPowerNeighbours - 1;
+    if (iEnters < n) dSum += f(dFrom[static_cast<std::size_t>(iEnters)]);
+    if (iLeaves >= 0) dSum -= f(dFrom[static_cast<std::size_t>(iLeaves)]);
+    const int iCount = std::min(iEnters, n - 1) - std::max(iLeaves, -1);
+    dTo[static_cast<std::size_t>(k)] = dSum / iCount;
+  }
+}
+
 void reorderBits(int n, double* pdData) {
   for (int i = 1, j = 0; i < n; ++i) {
     int iBit = n / 2;
@@ -178,6 +200,7 @@ void MyFilters::initializeSpectralNoise(sSpectralNoiseType& noise) {
   noise.dCandidate.fill(0);
   noise.iBelow.fill(0);
   noise.dPreviousGain.fill(0.5);
+  noise.dPower.fill(0);
   noise.iSubtractFactor = 0;
   noise.iLastNoisePosition = sSpectralNoiseType::kNoEstimate;
   noise.iNoiseLevel = 0;
@@ -234,9 +257,34 @@ void MyFilters::smoothGains(int iBins, int iBlocks) {
   }
 }
 
-void MyFilters::subtractNoise(std::span<const double> dMagnitude, int iBlocks, sSpectralNoiseType& noise) {
+// The power of each bin, averaged with its neighbours' and over the latest frames.
+void MyFilters::followPower(std::span<const double> dMagnitude, sSpectralNoiseType& noise) {
+  slidingMean(dMagnitude, pdGain, [](double dValue) { return dValue * dValue; });
+  for (std::size_t k = 0; k < dMagnitude.size(); ++k) {
+    noise.dPower[k] += kPowerFollowing * (pdGain[k] - noise.dPower[k]);
+  }
+}
+
+// What the subtraction makes of a frame is right on average and for pauses. In speech it takes too much: the
+// average over 15 bins lowers a voice's harmonics with what lies between them, and the mean of two frames
+// lowers every beginning. So in speech each bin keeps at least the part of its power that the background does
+// not explain (Wiener's rule on the smoothed power), and never less than a certain part.
+void MyFilters::protectSpeech(int iBins, const sProtection& protection, const sSpectralNoiseType& noise) {
+  const std::span dNoise(noise.dNoise.data(), static_cast<std::size_t>(iBins));
+  slidingMean(dNoise, pdGain, [](double dValue) { return kPowerOfMagnitude * dValue * dValue; });
+  const double dFactor = protection.dOversubtraction * noise.iSubtractFactor / kUnityQ7;
+  for (std::size_t k = 0; k < dNoise.size(); ++k) {
+    const double dSpeech = 1 - dFactor * pdGain[k] / std::max(1.0, noise.dPower[k]);
+    pdSmoothGain[k] = std::max({pdSmoothGain[k], dSpeech, protection.dLeastGain});
+  }
+}
+
+void MyFilters::subtractNoise(std::span<const double> dMagnitude, int iBlocks, const sProtection& protection,
+                              sSpectralNoiseType& noise) {
+  const int iBins = static_cast<int>(dMagnitude.size());
   computeGains(dMagnitude, noise);
-  smoothGains(static_cast<int>(dMagnitude.size()), iBlocks);
+  smoothGains(iBins, iBlocks);
+  if (protection.dLeastGain > 0) protectSpeech(iBins, protection, noise);
   pdWork[0] *= pdSmoothGain[0];
   for (std::size_t k = 1; k < dMagnitude.size(); ++k) {
     pdWork[2 * k] *= pdSmoothGain[k];
@@ -261,7 +309,8 @@ void MyFilters::separateVoice(int iLength, int iFirst, int iLast) {
   separation.separate(std::span(pdWork).first(static_cast<std::size_t>(iLength)), iLength, iFirst, iLast);
 }
 
-std::span<const double> MyFilters::calcCleanFrame(int iFirst, int iBlocks, sSpectralNoiseType& noise) {
+std::span<const double> MyFilters::calcCleanFrame(int iFirst, int iBlocks, const sProtection& protection,
+                                                  sSpectralNoiseType& noise) {
   const int iLast = iFirst + kCycleSamples * iBlocks - 1;
   const int n = buildInput(true, iFirst, iLast);
   const int iLength = calcFFTWithHanning(n);
@@ -270,8 +319,9 @@ std::span<const double> MyFilters::calcCleanFrame(int iFirst, int iBlocks, sSpec
   addMagnitudes(iLength, dMagnitude);
   for (double& dValue : dMagnitude) dValue = std::max(dValue, 1.0);
   if (noise.hasEstimate()) followDown(dMagnitude, iFirst > pMyChannel->iLastEchoPosition, noise);
+  followPower(dMagnitude, noise);
   const bool bSeparates = separates();
-  if (noise.iSubtractFactor >= 2 || bSeparates) subtractNoise(dMagnitude, iBlocks, noise);
+  if (noise.iSubtractFactor >= 2 || bSeparates) subtractNoise(dMagnitude, iBlocks, protection, noise);
   if (bSeparates) separateVoice(iLength, iFirst, iLast);
   executeIFFT(iLength, pdWork.data());
   const double dScale = 2.0 / iLength;

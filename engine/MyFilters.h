@@ -24,13 +24,21 @@ struct sSpectralNoiseType {
   std::array<double, kMaxNoiseBins> dCandidate;    // largest magnitude since the bin fell below the noise
   std::array<std::int32_t, kMaxNoiseBins> iBelow;  // frames since then
   std::array<double, kMaxNoiseBins> dPreviousGain;
-  int iSubtractFactor;     // Q7: part of the noise that is taken off
+  std::array<double, kMaxNoiseBins> dPower;  // of the signal, smoothed over frames and neighbouring bins
+  int iSubtractFactor;                       // Q7: part of the noise that is taken off
   int iLastNoisePosition;  // sample time of the latest stretch of noise; kNoEstimate before any
   int iNoiseLevel;         // its spread
   bool bNoisy;             // the background is far below the speaker: nothing needs taking off
 
   static constexpr int kNoEstimate = -160;
   [[nodiscard]] bool hasEstimate() const { return iLastNoisePosition != kNoEstimate; }
+};
+
+// How a frame's speech is kept from the subtraction.
+struct sProtection {
+  double dLeastGain = 0;  // of any bin; 0 outside speech, where nothing is protected
+  // How much of the background's power counts as explained by it, times the part that is taken off.
+  double dOversubtraction = 1;
 };
 
 class MyFilters {
@@ -55,8 +63,10 @@ class MyFilters {
   int calcFFTWithHanning(int n);
 
   // The frame of kCycleSamples x iBlocks x rate factor samples that starts at a sample time, with the
-  // background taken off: the windowed frame, to be overlapped by half with its neighbours.
-  std::span<const double> calcCleanFrame(int iFirst, int iBlocks, sSpectralNoiseType& noise);
+  // background taken off: the windowed frame, to be overlapped by half with its neighbours. In speech no bin
+  // is lowered further than its share of speech allows, and none below dLeastGain; 0 outside speech.
+  std::span<const double> calcCleanFrame(int iFirst, int iBlocks, const sProtection& protection,
+                                         sSpectralNoiseType& noise);
 
   // Whether the learned voice is told from other sound in the frames that are cleaned now.
   [[nodiscard]] bool separates() const;
@@ -75,7 +85,10 @@ class MyFilters {
   void followDown(std::span<const double> dMagnitude, bool bFollow, sSpectralNoiseType& noise) const;
   void computeGains(std::span<const double> dMagnitude, sSpectralNoiseType& noise);
   void smoothGains(int iBins, int iBlocks);
-  void subtractNoise(std::span<const double> dMagnitude, int iBlocks, sSpectralNoiseType& noise);
+  void followPower(std::span<const double> dMagnitude, sSpectralNoiseType& noise);
+  void protectSpeech(int iBins, const sProtection& protection, const sSpectralNoiseType& noise);
+  void subtractNoise(std::span<const double> dMagnitude, int iBlocks, const sProtection& protection,
+                     sSpectralNoiseType& noise);
   void separateVoice(int iLength, int iFirst, int iLast);
 
   MyChannel* pMyChannel = nullptr;

@@ -38,6 +38,9 @@ void OutputData::clean() {
   bSpectralAllowed =
       pMyChannel->bRemoveNonSelfFrequencies != 0 && pMyChannel->iRealFrequency % kAnalysisRate == 0;
   overlap.restart();
+  protection = {};
+  bCertain = false;
+  iSpeechCycles = 0;
   iQueueRead = iQueued = 0;
   MyFilters::initializeSpectralNoise(psNoise[0]);
 }
@@ -117,6 +120,9 @@ int OutputData::writeData(cHandle cycle) {
   if (pMyChannel->sCleanAggressiveLevel >= kStrongCleaning || pMyChannel->bRegistrationRunning) {
     psNoise[0].iSubtractFactor = std::max(psNoise[0].iSubtractFactor, 2);
   }
+  // What is still in the frames was computed for silence.
+  if (iSpeechCycles++ == 0) overlap.restart();
+  protection = protectionOfSpeech();
   removeNoise();
   calcCoefDuringWriteData();
   const int iAgc = agcWhenOn();
@@ -130,6 +136,9 @@ int OutputData::writeSilence(cHandle cycle) {
   if (!begin(cycle)) return 0;
   stepComfortNoise();
   bFirstSpeech = true;
+  iSpeechCycles = 0;
+  bCertain = false;
+  protection = {};
   const int iLevel = pMyChannel->bStartBypassed ? kUnityQ7 : iCngLevel;
   if (iLevel < 1) {
     std::fill_n(psCycle.begin(), iSamples, sSilenceValue);

@@ -83,6 +83,7 @@ class OutputData {
   void estimateNoise(int iLevel);
   [[nodiscard]] bool isNoise(cHandle last, int iCycles, int iLevel, int iAmp, bool bRecent) const;
   void takeNoiseSpectrum(int iFirst, int iAmp);
+  [[nodiscard]] sProtection protectionOfSpeech();
   void removeNoise();
   void calcFrame(sOverlap& run, int iFrom, sSpectralNoiseType& estimate);
 
@@ -115,6 +116,9 @@ class OutputData {
   std::array<std::int16_t, kMaxCycleSamples> psCycle{};
 
   sOverlap overlap;
+  sProtection protection;  // of the frames that are computed now
+  int iSpeechCycles = 0;   // written since silence
+  bool bCertain = false;   // that there is speech in them
   ZeroedArray<sSpectralNoiseType> psNoise;
 
   std::array<std::int16_t, kQueueSamples> psQueue{};

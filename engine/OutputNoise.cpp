@@ -1,5 +1,6 @@
 // The output stage's noise estimate and its removal.
 #include <algorithm>
+#include <cmath>
 
 #include "engine/MyChannel.h"
 #include "engine/OutputData.h"
@@ -18,6 +19,14 @@ constexpr int kBypassedRecentSamples = 16000;
 constexpr int kMinEstimateDistance = 160;   // samples
 constexpr int kMaxNoiseOfSpeaker = 38;      // Q7, 30 %
 constexpr int kMaxNoiseOfNeighbours = 141;  // Q7, 110 %
+// How far a bin is lowered in speech at most, at full strength, and in its beginning.
+constexpr double kLeastInSpeechDb = -7.5;
+constexpr double kLeastAtOnsetDb = -2;
+constexpr double kLeastWhenDoubtfulDb = -15;
+constexpr double kOversubtraction = 0.9;
+constexpr double kOversubtractionWhenDoubtful = 1.6;
+constexpr float kCertainRise = 0.2F;  // steady noise does not reach it
+constexpr int kOnsetCycles = 15;      // 60 ms
 constexpr int kNoMeasurement = 1;
 constexpr int kNoiseFrames = 3;
 
@@ -111,6 +120,18 @@ void OutputData::takeNoiseSpectrum(int iFirst, int iAmp) {
 
 // ---- Removal
 
+// What is only presumed to be speech may be the background as well, which is to stay down then. The beginning
+// of an utterance carries its first consonant, which the smoothed power does not show yet.
+sProtection OutputData::protectionOfSpeech() {
+  const sCycleInformation& cycle = pMyChannel->pCycleInformation->at(current);
+  bCertain |= cycle.bInSelfVerb || cycle.fRise >= kCertainRise;
+  const bool bOnset = iSpeechCycles <= kOnsetCycles;
+  const double dDecibels = !bCertain ? kLeastWhenDoubtfulDb : bOnset ? kLeastAtOnsetDb : kLeastInSpeechDb;
+  const double dStrength = static_cast<double>(iCleanStrength) / kUnityQ7;
+  return {.dLeastGain = std::pow(10.0, dStrength * dDecibels / 20),
+          .dOversubtraction = bCertain ? kOversubtraction : kOversubtractionWhenDoubtful};
+}
+
 void OutputData::removeNoise() {
   const bool bNeeded = psNoise[0].iSubtractFactor >= 1 || pMyChannel->pMyFilters->separates();
   if (!bSpectralAllowed || pMyChannel->bStartBypassed || !bNeeded) {
@@ -151,7 +172,7 @@ void OutputData::calcFrame(sOverlap& run, int iFrom, sSpectralNoiseType& estimat
   const int iLast = iFrom + kCycleSamples * iBlocks - 1;
   if (!pMyChannel->pInputData->indexExists(iLast)) return;
   MyFilters& filters = *pMyChannel->pMyFilters;
-  const auto dFrame = filters.calcCleanFrame(iFrom, iBlocks, estimate);
+  const auto dFrame = filters.calcCleanFrame(iFrom, iBlocks, protection, estimate);
   const int iSkip = std::max(0, run.iSumTime - iFrom) * iFactor;
   const int iOffset = std::max(0, iFrom - run.iSumTime) * iFactor;
   for (int i = iSkip; i < static_cast<int>(dFrame.size()); ++i) {

@@ -63,5 +63,6 @@ struct sCycleInformation {
   bool bInSelfVerb = false;  // of a periodic, speech-like stretch
   bool bInGoodVerb = false;  // of a stretch that belongs to the channel's own voice
   bool bRisen = false;       // stood out from the steady background
+  float fRise = 0;           // by how much, from here on (SpectralRise); known when the cycle is written
   bool bTone = false;        // a DTMF digit was present
 };

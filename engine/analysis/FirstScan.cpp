@@ -96,10 +96,11 @@ void FirstScan::scoreRise() {
     cycles.at(CycleInformation::before(cycles.newest(), i)).bRisen = true;
 }
 
-// Score of the four cycles from iTime on.
+// Score of the seven cycles from iTime on, or as many as there are.
 float FirstScan::riseFrom(int iTime) const {
+  constexpr int kScoredCycles = kElementCycles + SpectralRise::kSpans - 1;
   const int iLast =
-      std::min(iTime + (kElementCycles - 1) * kCycleSamples, pMyChannel->pCycleInformation->lastSampleTime());
+      std::min(iTime + (kScoredCycles - 1) * kCycleSamples, pMyChannel->pCycleInformation->lastSampleTime());
   const cHandle last = pMyChannel->pCycleInformation->cycleOf(iLast);
   return fScores[static_cast<std::size_t>(last) % kScores];
 }
@@ -113,14 +114,14 @@ void FirstScan::releaseCycle() {
   iReleasedTime = iTime;
   iReleased = cycles.cycleOf(iTime);
   sCycleInformation& cycle = cycles.at(iReleased);
+  cycle.fRise = riseFrom(iTime);
   const sSegment* pSegment = cycle.bInVerb ? findSegment(iTime) : nullptr;
   const bool bRejected = pSegment != nullptr && pSegment->type == kOtherVerb;
   const OnsetGuard::sCycle judged{
       .bInSegment = cycle.bInVerb && !bRejected,
       .bRepeating = bExamining && examined().iNumMatches >= 2 && iTime >= examined().iStartTime,
       .iSpread = spreadFrom(iTime, kElementCycles),
-      .fRise = riseFrom(iTime),
-      .fRiseAhead = fScores[static_cast<std::size_t>(cycles.newest()) % kScores]};
+      .fRise = cycle.fRise};
   const OnsetGuard::Verdict verdict =
       pMyChannel->bBypassVAD ? OnsetGuard::Verdict::kPresumed : guard.judge(judged);
   if (bRejected && !pMyChannel->bBypassVAD) return;

@@ -1,18 +1,19 @@
 #include "engine/analysis/OnsetGuard.h"
 
+#include <algorithm>
+
 namespace {
 
 // All lengths in cycles of 4 ms.
 constexpr int kHoldCycles = 30;  // shorter: holes inside words in noise; longer: noise after every word
 constexpr int kTailCycles = 60;
 constexpr int kPresumedCycles = 30;  // as long as an initial consonant lasts
+constexpr int kLatchCycles = 3;      // the rise of a consonant is ragged
 constexpr int kQuietCycles = 5;
 
-// Scores of SpectralRise. Steady noise reaches the risen one in one cycle of two hundred.
-constexpr float kTail = 0.22F;
-constexpr float kRisen = 0.40F;
-constexpr float kRising = 0.24F;  // when what follows has risen
-constexpr float kRisenAhead = 0.60F;
+// Scores of SpectralRise, which tells how often steady noise reaches them.
+constexpr float kTail = 0.085F;
+constexpr float kRisen = 0.145F;
 
 // Spreads below this are no speech, whatever the background.
 constexpr int kLeastSpread = 100;
@@ -21,8 +22,8 @@ constexpr int kLeastSpread = 100;
 
 bool OnsetGuard::presume(const sCycle& cycle) {
   if (cycle.iSpread < kLeastSpread) return false;
-  return cycle.fRise >= kRisen || (cycle.fRise >= kRising && cycle.fRiseAhead >= kRisenAhead) ||
-         cycle.bRepeating;
+  if (cycle.fRise >= kRisen || cycle.bRepeating) iLatch = kLatchCycles;
+  return iLatch-- > 0;
 }
 
 OnsetGuard::Verdict OnsetGuard::judge(const sCycle& cycle) {
@@ -37,7 +38,7 @@ OnsetGuard::Verdict OnsetGuard::judge(const sCycle& cycle) {
     --iHold;
     return Verdict::kKept;
   }
-  if (iTail > 0 && iQuiet == 0) {
+  if (iTail > 0 && iQuiet < kQuietCycles) {
     --iTail;
     return Verdict::kKept;
   }
@@ -46,6 +47,7 @@ OnsetGuard::Verdict OnsetGuard::judge(const sCycle& cycle) {
     bArmed = true;
     iPresumed = 0;
   }
+  iLatch = std::max(iLatch, 0);
   if (!bArmed || !presume(cycle)) return Verdict::kSilence;
   if (++iPresumed >= kPresumedCycles) bArmed = false;
   return Verdict::kPresumed;

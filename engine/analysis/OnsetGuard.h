@@ -6,10 +6,11 @@
 //        /--------\/---------------------\/-----\/-----\      .
 //   ____/  s  e  v  e  n                         \ t   \______
 //
-//   presumed  the level has risen well above the background, or first repetitions are there; for 120 ms at
-//             most, then only after quiet again: a machine that starts to hum must not pass for long
+//   presumed  the spectrum has risen above the background, or first repetitions are there; for 120 ms at
+//   most,
+//             then only after quiet again: a machine that starts to hum must not pass for long
 //   hold      after a segment, whatever the level: bridges the gaps between segments of one word
-//   tail      while the level stays above the background: final consonants
+//   tail      while the spectrum stays above the background: final consonants
 #pragma once
 
 class OnsetGuard {
@@ -18,8 +19,7 @@ class OnsetGuard {
     bool bInSegment = false;  // written as speech anyway
     bool bRepeating = false;  // an examined stretch covers it and has begun to repeat
     int iSpread = 0;          // four cycles from this one on
-    float fRise = 0;          // their SpectralRise score
-    float fRiseAhead = 0;     // that of the newest four cycles
+    float fRise = 0;          // SpectralRise score from this cycle on, as far as the delay lets it see
   };
   enum class Verdict { kSilence, kPresumed, kKept };
 
@@ -33,6 +33,7 @@ class OnsetGuard {
 
   int iHold = 0;
   int iTail = 0;
+  int iLatch = 0;
   int iPresumed = 0;
   int iQuiet = 0;
   bool bArmed = true;

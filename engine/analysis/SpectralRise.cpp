@@ -11,8 +11,8 @@ namespace {
 
 constexpr int kLearningCycles = 12;  // 48 ms until the background is first known
 constexpr int kBlockCycles = 125;    // 0.5 s
-constexpr float kSmoothing = 0.12F;  // of a band's power, per cycle: 33 ms
-constexpr float kFollowing = 0.03F;  // of the background, per quiet cycle: 130 ms
+constexpr float kSmoothing = 0.06F;  // of a band's power, per cycle: 67 ms
+constexpr float kFollowing = 0.02F;  // of the background, per quiet cycle: 200 ms
 // The lowest smoothed power of steady noise over three seconds, to its mean.
 constexpr float kLowestToMean = 2.0F;
 // Power of a band below which there is nothing to hear: one quantisation step of A-law near zero.
@@ -35,12 +35,15 @@ void SpectralRise::power(std::span<const double> dSamples) {
   std::array<double, kSpanSamples> dWork;
   for (std::size_t i = 0; i < dWork.size(); ++i) dWork[i] = dSamples[i] * window()[i];
   MyFilters::executeFFT(kSpanSamples, dWork.data());
+  Bands& fNewest = fSpan[static_cast<std::size_t>(iCycles) % kSpans];
   for (std::size_t b = 0; b < kBands; ++b) {
     double dSum = 0;
     for (std::size_t k = kFirstBin + b * kBandBins; k < kFirstBin + (b + 1) * kBandBins; ++k) {
       dSum += dWork[2 * k] * dWork[2 * k] + dWork[2 * k + 1] * dWork[2 * k + 1];
     }
-    fPower[b] = std::max(kLeastPower, static_cast<float>(dSum) / kBandBins);
+    fNewest[b] = std::max(kLeastPower, static_cast<float>(dSum) / kBandBins);
+    fPower[b] = 0;
+    for (const Bands& fEach : fSpan) fPower[b] += fEach[b] / kSpans;
   }
 }
 
@@ -56,10 +59,11 @@ float SpectralRise::score() const {
 float SpectralRise::push(std::span<const double> dSamples) {
   power(dSamples);
   if (iCycles < kLearningCycles) {
+    const Bands& fNewest = fSpan[static_cast<std::size_t>(iCycles) % kSpans];
     ++iCycles;
     const float fPart = 1.0F / static_cast<float>(iCycles);
     for (std::size_t b = 0; b < kBands; ++b) {
-      fBackground[b] += fPart * (fPower[b] - fBackground[b]);
+      fBackground[b] += fPart * (fNewest[b] - fBackground[b]);
       fSmooth[b] = fBackground[b];
     }
     for (auto& fBlock : fLowest) fBlock = fBackground;
