@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <unistd.h>
@@ -139,7 +140,8 @@ class Run {
   void align() { out.resize(mic.samples.size()); }
 
   void draw(std::size_t uFrame) const {
-    drawPicture(options.sPicture, {.sTitle = options.sMicrophone + ", " + std::to_string(mic.iRate) + " Hz",
+    drawPicture(options.sPicture, {.sTitle = std::filesystem::path(options.sMicrophone).filename().string() +
+                                             ", " + std::to_string(mic.iRate) + " Hz",
                                    .iRate = mic.iRate,
                                    .before = mic.samples,
                                    .after = out,

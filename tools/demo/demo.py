@@ -28,7 +28,10 @@ with warnings.catch_warnings():  # leaves Python with 3.13; Debian 12 has 3.11
 CALL_SECONDS = 20
 RATE = 8000
 FRAME = RATE // 50  # 20 ms
-SPOKEN = ("/usr/share/asterisk/sounds/en_US_f_Allison", ["demo-congrats", "demo-instruct", "vm-intro"])
+SPOKEN = ("/usr/share/asterisk/sounds/en_US_f_Allison",
+          ["vm-nobodyavail", "please-try-call-later", "pls-hold-while-try", "tt-somethingwrong",
+           "cannot-complete-as-dialed"])
+PAUSE = "1.4"  # seconds after each, in which the noise is heard alone
 
 
 # ---- Sound -------------------------------------------------------------------------------------------------------
@@ -50,15 +53,20 @@ def read_samples(path):
 def make_speech(directory):
     """The caller's clean speech (a recorded talker with pauses), the same in noise, and the other party's speech."""
     folder, names = SPOKEN
-    parts = [f"{folder}/{name}.wav" for name in names if os.path.exists(f"{folder}/{name}.wav")]
     clean = f"{directory}/caller-clean.wav"
-    if parts:
-        sox(*parts, "-r", str(RATE), "-c", "1", "-b", "16", clean, "gain", "-n", "-3", "trim", "0", str(CALL_SECONDS))
-    else:
-        text = "This is a call through Quorvel. The noise that you hear behind my voice was added on purpose. " * 4
-        spoken = f"{directory}/espeak.wav"
-        subprocess.run(["espeak-ng", "-w", spoken, text], check=True)
-        sox(spoken, "-r", str(RATE), "-c", "1", clean, "gain", "-n", "-3", "trim", "0", str(CALL_SECONDS))
+    parts = []
+    for number, name in enumerate(names):
+        parts.append(f"{directory}/said{number}.wav")
+        if os.path.exists(f"{folder}/{name}.wav"):
+            source = f"{folder}/{name}.wav"
+        else:
+            source = f"{directory}/espeak.wav"
+            subprocess.run(["espeak-ng", "-w", source, f"This is sentence {number} of a call through Quorvel."],
+                           check=True)
+        sox(source, "-r", str(RATE), "-c", "1", "-b", "16", parts[-1], "pad", "0", PAUSE)
+    sox(*parts, clean, "pad", "0.8", "gain", "-n", "-3", "trim", "0", str(CALL_SECONDS))
+    for part in parts:
+        os.remove(part)
     noise = f"{directory}/noise.wav"
     noisy = f"{directory}/caller-noisy.wav"
     sox("-n", "-r", str(RATE), "-c", "1", "-b", "16", noise, "synth", str(CALL_SECONDS), "pinknoise", "gain", "-n",
@@ -385,7 +393,36 @@ def in_words(noise, speech):
     return f"The called party heard {abs(noise):.0f} dB {quieter} noise between the words; the speech {kept}."
 
 
-def report(directory, sounds, caller, callee, capture):
+def recording(directory, ending):
+    """One of Quorvel's own recordings, headerless samples."""
+    names = [name for name in os.listdir(f"{directory}/recordings") if name.endswith(ending)]
+    if len(names) != 1:
+        raise RuntimeError(f"there should be one recording {ending} in {directory}/recordings")
+    with open(f"{directory}/recordings/{names[0]}", "rb") as file:
+        return file.read()
+
+
+def write_wav(path, data):
+    with wave.open(path, "wb") as file:
+        file.setnchannels(1)
+        file.setsampwidth(2)
+        file.setframerate(RATE)
+        file.writeframes(data)
+
+
+def draw(directory, program):
+    """Draws the call: what Quorvel received goes through the engine once more, which must give what the call gave."""
+    received, again, picture = (f"{directory}/{name}" for name in ("received.wav", "again.wav", "call.png"))
+    write_wav(received, recording(directory, "-orig"))
+    subprocess.run([program, received, again, "--picture", picture, "--dtmf", "0"], check=True)
+    with wave.open(again) as file:
+        same = file.readframes(file.getnframes()) == recording(directory, "-clean")
+    print("  the same sound, sent through the engine again, gives "
+          f"{'exactly what the call gave' if same else 'SOMETHING ELSE than the call gave'}")
+    return picture
+
+
+def report(directory, sounds, caller, callee, capture, draws):
     clean, noisy, answer = sounds
     statistics = open(f"{directory}/statistics.txt", encoding="utf-8", errors="replace").read()
     closed = [line for line in statistics.splitlines() if "Closed session" in line]
@@ -425,21 +462,25 @@ def report(directory, sounds, caller, callee, capture):
           f"({after[1] - before[1]:+.1f} dB)")
 
     print(f"  {in_words(after[0] - before[0], after[1] - before[1])}")
+    picture = draw(directory, draws)
+    both = f"{directory}/before-then-after.wav"
+    sox(noisy, "-r", str(RATE), heard_by_callee, both, "remix", "1")
 
     print("\nWhere everything lies")
-    for what, path in (("what the caller said", noisy), ("what the called party heard", heard_by_callee),
+    for what, path in (("picture of the call", picture), ("to listen: before, then after", both),
+                       ("what the caller said", noisy), ("what the called party heard", heard_by_callee),
                        ("what the caller heard", heard_by_caller),
                        ("Quorvel's own recordings", f"{directory}/recordings/"),
                        ("log", f"{directory}/log/"), ("statistics", f"{directory}/statistics.txt"),
                        ("live page", f"{directory}/average.html"),
                        ("configuration", f"{directory}/bin/quorvel.conf")):
         if os.path.exists(path):
-            print(f"  {what + ':':30} {path}")
+            print(f"  {what + ':':31} {path}")
     if alike < 0.3 or back_alike < 0.5:
         raise RuntimeError("the audio that arrived is not the audio that was sent")
 
 
-def main(program):
+def main(program, draws):
     directory = tempfile.mkdtemp(prefix="quorvel-demo-")
     for name in ("bin", "log", "recordings", "voices"):
         os.mkdir(f"{directory}/{name}")
@@ -473,7 +514,7 @@ def main(program):
         capture.stop()
         caller.stop()
         callee.stop()
-        report(directory, sounds, caller, callee, capture)
+        report(directory, sounds, caller, callee, capture, draws)
     except RuntimeError:
         print(f"\nThe end of Quorvel's log, {log}:\n{end_of(log)}", file=sys.stderr)
         raise
@@ -494,7 +535,7 @@ if __name__ == "__main__":
         if shutil.which(needed) is None:
             sys.exit(f"{needed} is missing")
     try:
-        main(os.path.abspath(sys.argv[1]))
+        main(os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2]))
     except KeyboardInterrupt:
         sys.exit("\nInterrupted; everything was stopped.")
     except (RuntimeError, OSError, subprocess.CalledProcessError) as failure:
