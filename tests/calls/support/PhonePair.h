@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "tests/calls/support/Baresip.h"
 #include "tests/calls/support/PortBlock.h"
@@ -19,7 +20,7 @@ struct PairSetup {
   std::string password{};
   std::string callerDomain = "127.0.0.1";
   int registerSeconds = 60;
-  int times = 1;  // that often each says its text: a call ends when one has no more to say
+  int times = 1;  // how often each says its text: a call ends when one has no more to say
 };
 
 class PhonePair {
@@ -32,6 +33,8 @@ class PhonePair {
   void talk(Baresip& from, Baresip& to, const std::string& uri, Seconds duration);
   // Each heard the other, not itself, in (nearly) every half second.
   void expectBothHeard(double correlation);
+  // From now on, for so long, in a call that goes on: each hears the other, whatever came before.
+  void expectBothHear(Seconds duration, double correlation);
   // What 100 and 200 say.
   const Sound& firstSaid() const { return firstPlays; }
   const Sound& secondSaid() const { return secondPlays; }
@@ -40,8 +43,12 @@ class PhonePair {
   std::unique_ptr<Baresip> second;  // user 200
 
  private:
+  // What 100 and 200 hear in so long a time from now on.
+  std::pair<Sound, Sound> heardSince(Seconds duration);
+
   const Sound firstPlays;
   const Sound secondPlays;
+  const double textSeconds;  // of the longer text
 };
 
 // What stands in the way of a test with phones; empty when nothing does.

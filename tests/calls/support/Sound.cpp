@@ -95,7 +95,7 @@ constexpr int kSearch = 60 * kRate / 1000;                // 60 ms either way fo
 constexpr double kSpeechEnergy = kPiece * 300.0 * 300.0;  // a piece of 300 units RMS, 40 dB below full scale
 
 // Samples by which the loudest two seconds heard come later than the same in the sound played.
-int wholeLag(const Samples& played, const Samples& heard) {
+int wholeLag(const Samples& played, const Samples& heard, double beginsWithin) {
   const Samples coarsePlayed = decimated(played, kCoarseFactor);
   const Samples coarseHeard = decimated(heard, kCoarseFactor);
   const std::size_t count = std::min<std::size_t>(2 * kRate / kCoarseFactor, coarseHeard.size());
@@ -109,8 +109,11 @@ int wholeLag(const Samples& played, const Samples& heard) {
     }
   }
   const int at = static_cast<int>(loudest);
+  const int beginning = static_cast<int>(beginsWithin * kRate / kCoarseFactor);
   const Best best =
-      bestFit(coarseHeard.data() + loudest, count, coarsePlayed, at - kWidestLag, at + kWidestLag);
+      beginning > 0
+          ? bestFit(coarseHeard.data() + loudest, count, coarsePlayed, at, at + beginning)
+          : bestFit(coarseHeard.data() + loudest, count, coarsePlayed, at - kWidestLag, at + kWidestLag);
   return (at - best.offset) * kCoarseFactor;
 }
 
@@ -174,11 +177,11 @@ Sound spoken(const std::string& text, const std::string& voice, int rate,
   return readWav(result);
 }
 
-std::vector<Match> matches(const Sound& played, const Sound& heard) {
+std::vector<Match> matches(const Sound& played, const Sound& heard, double beginsWithin) {
   const Samples from = asFloat(atTelephoneRate(played));
   const Samples arrived = asFloat(atTelephoneRate(heard));
   if (from.size() < kPiece || arrived.size() < kPiece) return {};
-  int lag = wholeLag(from, arrived);
+  int lag = wholeLag(from, arrived, beginsWithin);
   std::vector<Match> result;
   for (int at = 0; at + kPiece <= static_cast<int>(arrived.size()); at += kPiece) {
     const float* piece = arrived.data() + at;

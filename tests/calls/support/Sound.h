@@ -35,7 +35,8 @@ struct Match {
 };
 
 // One match for each half second of `heard` that holds speech, each at its own best lag within 60 ms of the
-// one that fits the whole best, because a phone may drop or insert a packet's worth of sound.
-std::vector<Match> matches(const Sound& played, const Sound& heard);
+// one that fits the whole best, because a phone may drop or insert a packet's worth of sound. The sound heard
+// begins with the one played, or, if given, somewhere within so many seconds of it.
+std::vector<Match> matches(const Sound& played, const Sound& heard, double beginsWithin = 0);
 // The middle value of the matches' correlations; 0 without matches.
 double medianCorrelation(const std::vector<Match>& all);

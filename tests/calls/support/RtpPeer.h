@@ -1,0 +1,70 @@
+// One end of a call's sound, for tests that choose every packet: it sends a steady sample and looks for one.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "tests/calls/support/Process.h"
+#include "tests/support/LoopbackPeer.h"
+
+// A steady sample as one codec writes it. The two are the same sound: G.711 decodes the first to 15,996 and
+// encodes that as the second.
+struct SteadySound {
+  int payloadType = 0;
+  char code = 0;
+};
+inline constexpr SteadySound kSteadyPcmu{0, '\x90'};
+inline constexpr SteadySound kSteadyPcma{8, '\xBA'};
+
+class RtpPeer {
+ public:
+  explicit RtpPeer(int port) : socket(port) {}
+
+  // Sends a packet every 20 ms to Quorvel's port in that SDP until the other hears the sound as it should.
+  bool isHeardBy(RtpPeer& other, const std::string& sdpOfQuorvel, SteadySound sent, SteadySound expected,
+                 Seconds limit = Seconds(5)) {
+    const std::size_t line = sdpOfQuorvel.find("m=audio ");
+    if (line == std::string::npos) return false;
+    const int port = std::stoi(sdpOfQuorvel.substr(line + 8));
+    while (other.socket.receive(std::chrono::milliseconds(0))) {
+    }
+    return eventually(
+        [&] {
+          socket.sendTo(port, packet(sent));
+          const auto received = other.socket.receive(std::chrono::milliseconds(20));
+          return received && received->size() == kHeader + kSamples &&
+                 (received->at(1) & 0x7F) == expected.payloadType &&
+                 received->find_first_not_of(expected.code, kHeader) == std::string::npos;
+        },
+        limit);
+  }
+
+ private:
+  static constexpr std::size_t kHeader = 12;
+  static constexpr std::size_t kSamples = 160;  // 20 ms
+
+  std::string packet(SteadySound sound) {
+    ++sequence;
+    std::string text(kHeader + kSamples, sound.code);
+    const std::uint32_t stamp = sequence * kSamples;
+    const std::array<int, kHeader> header{0x80,
+                                          sound.payloadType,
+                                          sequence >> 8,
+                                          sequence,
+                                          int(stamp >> 24),
+                                          int(stamp >> 16),
+                                          int(stamp >> 8),
+                                          int(stamp),
+                                          1,
+                                          2,
+                                          3,
+                                          4};
+    for (std::size_t i = 0; i < kHeader; ++i) text[i] = static_cast<char>(header[i]);
+    return text;
+  }
+
+  LoopbackPeer socket;
+  std::uint16_t sequence = 0;
+};
