@@ -38,18 +38,22 @@ SipFixture::SipFixture() : iSipPort(LoopbackPeer::freePortPair()) {
   invite.sdp = sip_text::sdp(LoopbackPeer::freePortPair(), "0 8");
 }
 
-SipFixture::~SipFixture() {
-  if (sip) {
-    for (int slot = 0; slot < sip->numOrigSlots(); ++slot) {
-      if (sip->phone(slot).bMediaEstablished) sip->closeRtpSessionPair(slot, sip->phone(slot).iPairIndex);
-    }
+// No media thread outlives the engine that has started it: the next one begins with the same pairs.
+void SipFixture::endMedia() {
+  for (int slot = 0; sip && slot < sip->numOrigSlots(); ++slot) {
+    if (sip->phone(slot).bMediaEstablished) sip->closeRtpSessionPair(slot, sip->phone(slot).iPairIndex);
   }
+}
+
+SipFixture::~SipFixture() {
+  endMedia();
   bDuringShutdown = bNeedToInitiateShutdown = bGotShutdownRequest = false;
   unlink(("/tmp/KestrovaQuorvel" + std::string(pcKestrovaInstanceSuffix.view())).c_str());
   Clock::followSystem();
 }
 
 void SipFixture::start() {
+  endMedia();
   sip = std::make_unique<MySip>();
   ASSERT_EQ(sip->init(), 0) << installation.log();
   ASSERT_EQ(sip->prepareConnection(), 0) << installation.log();

@@ -44,6 +44,8 @@ class SipFixture : public ::testing::Test {
   std::string pbxBye(int cseq) const;
 
   TestInstallation installation;
+  void endMedia();
+
   LoopbackPeer caller;
   LoopbackPeer pbx;
   int iSipPort = 0;
