@@ -46,6 +46,7 @@ class Talker:
     recorded: bool
     clean: np.ndarray        # utterances with silence around them
     utterances: list         # of (first sample, behind the last)
+    gains: list              # what each was multiplied by, so that all have the same level
 
 
 # ---- Reading and making sound
@@ -92,8 +93,10 @@ def active_rms(samples, rate):
 
 
 def utterance(samples, rate):
+    """The samples at the level that all have, and what they were multiplied by."""
     cut = trimmed(samples)
-    return cut * (ACTIVE_RMS / active_rms(cut, rate))
+    gain = ACTIVE_RMS / active_rms(cut, rate)
+    return cut * gain, gain
 
 
 def announcements(folder, shortest=1.5, longest=6.0):
@@ -108,12 +111,12 @@ def arranged(name, recorded, utterances, rate, chance):
     """One talker's utterances behind one another, with pauses of different length."""
     pieces, marks = [np.zeros(LEAD_SECONDS * rate)], []
     position = len(pieces[0])
-    for samples in utterances:
+    for samples, _ in utterances:
         marks.append((position, position + len(samples)))
         gap = np.zeros(int(rate * chance.uniform(*GAP_SECONDS)))
         pieces += [samples, gap]
         position += len(samples) + len(gap)
-    return Talker(name, recorded, np.concatenate(pieces), marks)
+    return Talker(name, recorded, np.concatenate(pieces), marks, [gain for _, gain in utterances])
 
 
 def make_talkers(rate):
@@ -147,7 +150,7 @@ def babble(count, rate, chance):
     for voice in BABBLERS:
         talk = np.zeros(0)
         while len(talk) < count:
-            talk = np.concatenate([talk, utterance(spoken(voice, pick.choice(TEXTS["en"]), rate), rate)])
+            talk = np.concatenate([talk, utterance(spoken(voice, pick.choice(TEXTS["en"]), rate), rate)[0]])
         total += np.roll(talk[:count], int(chance.integers(count)))
     return total
 
@@ -178,10 +181,10 @@ def load(directory, rate):
             np.save(kept / f"talker{number}.npy", talker.clean)
         for name, noise in noises.items():
             np.save(kept / f"{name}.npy", noise)
-        index = {"talkers": [(talker.name, talker.recorded, talker.utterances) for talker in talkers],
+        index = {"talkers": [(talker.name, talker.recorded, talker.utterances, talker.gains) for talker in talkers],
                  "noises": list(noises)}
         (kept / "index.json").write_text(json.dumps(index))
     index = json.loads((kept / "index.json").read_text())
-    talkers = [Talker(name, recorded, np.load(kept / f"talker{number}.npy"), [tuple(mark) for mark in marks])
-               for number, (name, recorded, marks) in enumerate(index["talkers"])]
+    talkers = [Talker(name, recorded, np.load(kept / f"talker{number}.npy"), [tuple(mark) for mark in marks], gains)
+               for number, (name, recorded, marks, gains) in enumerate(index["talkers"])]
     return talkers, {name: np.load(kept / f"{name}.npy") for name in index["noises"]}

@@ -102,6 +102,8 @@ const std::vector<sGroup>& groups() {
         member<&Options::bAlign>("align", nullptr, kFlag, "make the output as long as the input")}},
       {"Echo cancellation (with --spk)",
        {member<&Options::bCombo>("combo", nullptr, kFlag, "reduce noise, too"),
+        member<&Options::iAecDelay>("aec-delay", nullptr, {0, 50},
+                                    "delay of the echo canceller in cycles of 4 ms"),
         field<&Init::sAecAlgorithm>("aec", nullptr, {0, 7}, "algorithm, 0 basic to 7 advanced"),
         field<&Init::sSpkLagFrames>("spk-lag", nullptr, {0, 50}, "frames the loudspeaker may lag"),
         field<&Init::sMicLagFrames>("mic-lag", nullptr, {0, 50}, "frames the microphone may lag"),

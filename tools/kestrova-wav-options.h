@@ -13,6 +13,7 @@ struct Options {
   sKestrovaInit init{};
   int iCPUPower = 0;
   bool bCombo = false;
+  int iAecDelay = 2;  // cycles
   bool bAlign = false;
   std::string sMicrophone;
   std::string sSpeaker;

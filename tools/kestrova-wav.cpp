@@ -106,7 +106,12 @@ class Run {
   void openChannel() {
     const sKestrovaPackage package{KESTROVA_API_VERSION, nullptr, options.iCPUPower};
     check(KestrovaPackageInit(&package), "initialising the engine");
-    if (hasSpeaker()) check(KestrovaAECInit(kChannel, &options.init), "initialising the echo channel");
+    if (hasSpeaker()) {
+      sKestrovaInit echo = options.init;
+      echo.bRemoveNonSelfFrequencies = 1;
+      echo.sMaxNumCyclesInDelayBuffer = static_cast<std::uint16_t>(options.iAecDelay);
+      check(KestrovaAECInit(kChannel, &echo), "initialising the echo channel");
+    }
     if (!hasSpeaker() || options.bCombo) {
       check(KestrovaGroupInit(kChannel, &options.init), "initialising the noise channel");
     }
