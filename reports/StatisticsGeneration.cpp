@@ -1,5 +1,6 @@
 #include "reports/StatisticsGeneration.h"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -142,37 +143,39 @@ void writeBody(std::FILE* file, const sPage& page) {
 void StatisticsGeneration::generateRealTimeStatistics() {
   const char* const average = pcRealTimeAverageStatisticsFile.c_str();
   const char* const extreme = pcRealTimeExtremeStatisticsFile.c_str();
-  if (*average != '\0') {
-    const File file = openFile(average, "w");
-    if (!file) {
-      Log::warning(kFunction, "Unable to open file. Retry later. %s\n", average);
-      return;
-    }
-    writePage(file.get(), average, kAverageTitle, &StatisticsGeneration::writeRealTimeAverageBody);
+  if (*average != '\0' &&
+      !writePage(average, kAverageTitle, &StatisticsGeneration::writeRealTimeAverageBody)) {
+    Log::warning(kFunction, "Unable to open file. Retry later. %s\n", average);
+    return;
   }
-  if (*extreme != '\0') {
-    const File file = openFile(extreme, "w");
-    if (!file) {
-      Log::error(kFunction, "Unable to open file %s\n", extreme);
-      return;
-    }
-    writePage(file.get(), extreme, kExtremeTitle, &StatisticsGeneration::writeRealTimeExtremeBody);
+  if (*extreme != '\0' &&
+      !writePage(extreme, kExtremeTitle, &StatisticsGeneration::writeRealTimeExtremeBody)) {
+    Log::error(kFunction, "Unable to open file %s\n", extreme);
   }
 }
 
-// The page goes to the file in one piece, so that a browser hardly ever loads half of it. One that fails
-// leaves the other its turn.
-void StatisticsGeneration::writePage(std::FILE* file, const char* path, const char* title,
+// The page is made in memory and goes to the file in one piece, so that a browser hardly ever loads half of
+// it or none.
+bool StatisticsGeneration::writePage(const char* path, const char* title,
                                      void (StatisticsGeneration::*writeBody)(std::FILE*)) {
   static std::array<char, kMaxPageBytes> page;  // main thread only
-  std::setvbuf(file, page.data(), _IOFBF, page.size());
+  std::size_t length = 0;
   try {
-    writeHTMLHeader(file, iRefreshRateOfRealTimeStatistics, title);
-    (this->*writeBody)(file);
+    const File memory(fmemopen(page.data(), page.size(), "w"));
+    if (!memory) return false;
+    writeHTMLHeader(memory.get(), iRefreshRateOfRealTimeStatistics, title);
+    (this->*writeBody)(memory.get());
+    length = static_cast<std::size_t>(std::max(std::ftell(memory.get()), 0L));
   } catch (...) {
     Log::error(kFunction, "exception caught");
+    return true;
   }
-  if (std::fflush(file) != 0) Log::warning(kFunction, "Unable to write to file %s\n", path);
+  const File file = openFile(path, "w");
+  if (!file) return false;
+  std::setvbuf(file.get(), nullptr, _IONBF, 0);
+  if (std::fwrite(page.data(), 1, length, file.get()) != length)
+    Log::warning(kFunction, "Unable to write to file %s\n", path);
+  return true;
 }
 
 void StatisticsGeneration::writeHTMLHeader(std::FILE* file, int refreshSeconds, const char* title) {

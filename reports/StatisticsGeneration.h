@@ -18,8 +18,9 @@ class StatisticsGeneration {
   void writeRealTimeExtremeBody(std::FILE* file);
 
  private:
-  void writePage(std::FILE* file, const char* path, const char* title,
-                 void (StatisticsGeneration::*writeBody)(std::FILE*));
+  // False when the file cannot be opened.
+  [[nodiscard]] bool writePage(const char* path, const char* title,
+                               void (StatisticsGeneration::*writeBody)(std::FILE*));
 };
 
 inline StatisticsGeneration statisticsGeneration;

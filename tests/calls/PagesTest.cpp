@@ -64,6 +64,8 @@ class PagesTest : public TalkFixture {
       if (sequence == 21) continue;
       std::string packet("\x80\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x09", 12);
       packet[3] = static_cast<char>(sequence);
+      packet[6] = static_cast<char>(sequence * 160 >> 8);  // sent all at once, none comes late
+      packet[7] = static_cast<char>(sequence * 160);
       from.sendTo(relayPort, packet + std::string(160, '\xFF'));
     }
   }
