@@ -119,6 +119,24 @@ typedef struct sKestrovaFrameResult {
 } sKestrovaFrameResult;
 
 /* Snapshot of an echo canceller, for support. */
+enum {
+  KESTROVA_AEC_NO_ALGORITHM, /* no canceller runs (algorithm 0 or no init); everything else is 0 */
+  KESTROVA_AEC_NEAR_END_TALK,
+  KESTROVA_AEC_CONVERGED,
+  KESTROVA_AEC_FILTER_IN_USE, /* 1 time domain, 2 frequency domain */
+  KESTROVA_AEC_HOWLING,
+  KESTROVA_AEC_STABLE_PATH
+};
+enum {
+  KESTROVA_AEC_TALK_SCORE,         /* -35 echo for certain .. 100 talk for certain */
+  KESTROVA_AEC_DELAY,              /* echo delay in samples at 8 kHz, -1 while unknown */
+  KESTROVA_AEC_GAIN,               /* suppression gain of the newest cycle, 128 = unchanged */
+  KESTROVA_AEC_START,              /* first delay of the active coefficient set, samples */
+  KESTROVA_AEC_LENGTH,             /* its taps */
+  KESTROVA_AEC_RESIDUAL,           /* its smoothed residual over the microphone, per mille */
+  KESTROVA_AEC_REFERENCE_RESIDUAL, /* the same over the expected echo */
+  KESTROVA_AEC_GOOD_UPDATES
+};
 typedef struct sKestrovaAECStatus {
   uint8_t bFlags[6];
   int32_t iValues[8];

@@ -27,6 +27,7 @@ void restartWornStreams(MyChannel& mic, MyChannel& spk) {
   if (!mic.pMyClean->isStreamWorn() && !spk.pMyClean->isStreamWorn()) return;
   mic.pMyClean->restartStream();
   spk.pMyClean->restartStream();
+  mic.pMyAEC->clean();
 }
 
 // Runs one frame of silence, as long as a frame of iInBytes bytes, through an entry and discards what comes
@@ -73,7 +74,9 @@ int processMic(std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut
   if (leadOf(mic, spk) > spk.iLagLimit && processZeros(spk, uChannel, iInBytes) != 0) {
     return kBadChannelOrProcessing;
   }
-  return mic.pMyClean->cleanOneFrame(pIn, iInBytes, mic.b16Bit, pOut, &pResult->iOutBytes);
+  const int iError = mic.pMyClean->cleanOneFrame(pIn, iInBytes, mic.b16Bit, pOut, &pResult->iOutBytes);
+  pResult->iEchoLevel = mic.pMyAEC->echoLevel();
+  return iError;
 }
 
 int processSpk(std::uint16_t uChannel, const void* pIn, int iInBytes) {
@@ -156,13 +159,21 @@ int KestrovaGetLastDTMFBuffer(uint16_t channel, char* text, int32_t capacity) {
 
 int KestrovaGetAECInternalStatus(uint16_t channel, uint8_t* status) {
   if (!isChannel(channel) || status == nullptr) return kBadChannelOrProcessing;
-  *status = 0;
+  const MyChannel& mic = api::micEntry(channel);
+  const bool bRuns = mic.isInitialized() && mic.pMyAEC;
+  *status =
+      bRuns && (mic.iAecAlgorithm > 0 ? mic.pMyAEC->isWorking() : mic.pOutputData->echoGain() < kUnityQ7);
   return kSuccess;
 }
 
 int KestrovaGetAECInternalStatusParameters(uint16_t channel, sKestrovaAECStatus* status) {
   if (!isChannel(channel) || status == nullptr) return kBadChannelOrProcessing;
   *status = sKestrovaAECStatus{};
-  status->bFlags[0] = 1;
+  MyChannel& mic = api::micEntry(channel);
+  if (!mic.isInitialized() || !mic.pMyAEC || mic.iAecAlgorithm == 0) {
+    status->bFlags[KESTROVA_AEC_NO_ALGORITHM] = 1;
+  } else {
+    mic.pMyAEC->fillStatus(*status);
+  }
   return kSuccess;
 }

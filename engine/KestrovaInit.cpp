@@ -58,9 +58,11 @@ int initEchoChannel(std::uint16_t uChannel, const sKestrovaInit& init) {
   if (initEchoEntry(mic, &spk, init, init.sMicLagFrames) != 0) return kInitFailure;
   mic.storeAecSettings(init);
   // The basic suppressor compares levels and needs no look-ahead.
-  if (mic.iAecAlgorithm < 2 && init.sMaxNumCyclesInDelayBuffer <= 1) mic.iMaxNumCyclesInDelayBuffer = 0;
+  const bool bDelayed = mic.iAecAlgorithm >= 2 || init.sMaxNumCyclesInDelayBuffer > 1;
+  mic.iAecDelayCycles = bDelayed ? mic.iMaxNumCyclesInDelayBuffer : 0;
   if (initEchoEntry(spk, nullptr, init, init.sSpkLagFrames) != 0) return kInitFailure;
   spk.iAecAlgorithm = mic.iAecAlgorithm;
+  mic.pMyAEC->clean();
   return kSuccess;
 }
 

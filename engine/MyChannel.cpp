@@ -54,6 +54,7 @@ int MyChannel::init() {
   pCycleInformation->init(this);
   pFirstScan->init(this);
   pOutputData->init(this);
+  if (pMyAEC) pMyAEC->init(this);
   pFftSchema->init(this);
   updateRealFrequency();
   iEchoGain = kUnityQ7;
@@ -64,6 +65,7 @@ int MyChannel::init() {
 void MyChannel::createComponents() {
   psSpeakerData = std::make_unique<sSpeakerData>();
   pMyDtmf = std::make_unique<MyDtmf>();
+  if (isEchoMicrophone()) pMyAEC = std::make_unique<MyAEC>();
   pMyMath = std::make_unique<MyMath>();
   pFirstScan = std::make_unique<FirstScan>();
   pMyClean = std::make_unique<MyClean>();
@@ -92,6 +94,7 @@ void MyChannel::terminate() {
   pMyClean.reset();
   pFirstScan.reset();
   pMyMath.reset();
+  pMyAEC.reset();
   pMyDtmf.reset();
   for (auto& pSbt : psSbt) pSbt.reset();
   psSpeakerData.reset();

@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "common/FixedText.h"
+#include "engine/aec/MyAEC.h"
 #include "engine/analysis/CycleInformation.h"
 #include "engine/analysis/FftSchema.h"
 #include "engine/analysis/FirstScan.h"
@@ -84,6 +85,7 @@ class MyChannel {
   std::unique_ptr<sSpeakerData> psSpeakerData;
   std::array<std::unique_ptr<MySbt>, 2> psSbt;  // null unless needsMySbt
   std::unique_ptr<MyDtmf> pMyDtmf;
+  std::unique_ptr<MyAEC> pMyAEC;  // microphone entries of echo channels
   std::unique_ptr<MyMath> pMyMath;
   std::unique_ptr<FirstScan> pFirstScan;
   std::unique_ptr<MyClean> pMyClean;
@@ -140,7 +142,8 @@ class MyChannel {
   int iAecTailStart = 0;
   int iAecTalkHoldSamples = 0;
   int iAecHold2Samples = 0;
-  int iAecMinOutput = 0;  // Q7
+  int iAecMinOutput = 0;    // Q7
+  int iAecDelayCycles = 0;  // cycles between the newest analysed cycle and the written one
   // Samples by which the other stream of the echo channel may lag this entry's stream.
   int iLagLimit = 0;
   // Q7: output gain of the echo stage. The stage writes it on its microphone entry; in the combined mode the

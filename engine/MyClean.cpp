@@ -41,12 +41,6 @@ void MyClean::restartStream() {
 
 int MyClean::cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* pOut, int* piOutBytes) {
   *piOutBytes = 0;
-  if (pMyChannel->bIsAecChannel) {
-    pMyChannel->pInputData->addData(pIn, iInBytes, bIs16Bit);
-    std::memmove(pOut, pIn, static_cast<std::size_t>(iInBytes));
-    *piOutBytes = iInBytes;
-    return 0;
-  }
   if (isStreamWorn()) restartStream();
   pMyChannel->pInputData->addData(pIn, iInBytes, bIs16Bit);
   bool bMore = true;
@@ -75,6 +69,9 @@ int MyClean::outputResults() {
 }
 
 int MyClean::writeCycle(cHandle cycle) {
+  if (pMyChannel->bIsAecChannel) {
+    return pMyChannel->isEchoMicrophone() ? pMyChannel->pOutputData->writeAEC(cycle) : 0;
+  }
   const sCycleInformation& info = pMyChannel->pCycleInformation->at(cycle);
   OutputData& output = *pMyChannel->pOutputData;
   if (info.bTone) iLastTonePosition = info.EndIndex;

@@ -193,6 +193,15 @@ int MyFilters::calcFFTWithHanning(int n) {
   return executeFFT(n, pdWork.data());
 }
 
+int MyFilters::calcFFTWithHanningCyclicInput(std::span<const std::int16_t> psRing, std::size_t uPosition,
+                                             int n) {
+  for (int i = 0; i < n; ++i) {
+    pdWork[static_cast<std::size_t>(i)] = psRing[uPosition];
+    if (++uPosition == psRing.size()) uPosition = 0;
+  }
+  return calcFFTWithHanning(n);
+}
+
 // ---- Spectral subtraction
 
 void MyFilters::initializeSpectralNoise(sSpectralNoiseType& noise) {

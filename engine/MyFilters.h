@@ -59,6 +59,8 @@ class MyFilters {
   // Loads the samples iFirst..iLast (sample times) into the work array, from the full-rate ring or the
   // analysis ring; samples that are not in the ring are 0. Returns their number.
   int buildInput(bool bFullRate, int iFirst, int iLast);
+  // Loads n values of a ring from a position on, windows and transforms them; returns the transform's length.
+  int calcFFTWithHanningCyclicInput(std::span<const std::int16_t> psRing, std::size_t uPosition, int n);
   // Windows the n loaded values and transforms them; returns the transform's length.
   int calcFFTWithHanning(int n);
 

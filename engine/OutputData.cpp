@@ -43,6 +43,7 @@ void OutputData::clean() {
   iSpeechCycles = 0;
   iQueueRead = iQueued = 0;
   MyFilters::initializeSpectralNoise(psNoise[0]);
+  echo = sEcho{};
 }
 
 int OutputData::closeOutput() const {

@@ -14,6 +14,7 @@
 #include "engine/MyFilters.h"
 #include "engine/ZeroedArray.h"
 
+class MyAEC;
 class MyChannel;
 
 // A run of frames that are cleaned one after another and overlapped by half: sums of what has been
@@ -50,6 +51,8 @@ class OutputData {
   [[nodiscard]] int writeData(cHandle cycle);
   [[nodiscard]] int writeSilence(cHandle cycle);
   [[nodiscard]] int writeDTMF(cHandle cycle);
+  // On the microphone entry of an echo channel: the cycle without its echo.
+  [[nodiscard]] int writeAEC(cHandle cycle);
 
   // Moves up to iSamples queued samples out, as 16-bit or 8-bit samples; returns the bytes.
   int take(void* pOut, int iSamples, bool bIs16Bit);
@@ -64,6 +67,10 @@ class OutputData {
 
   [[nodiscard]] State state() const { return iState; }
   [[nodiscard]] int agcCoef() const { return iAgcCoef; }
+  // Gain of the last cycle that writeAEC wrote, Q7.
+  [[nodiscard]] int echoGain() const { return echo.iGain; }
+  // What is left of the microphone on echo channels, as a spread.
+  [[nodiscard]] int residualLevel() const { return echo.iResidualLevel; }
   [[nodiscard]] const sSpectralNoiseType& noise() const { return *psNoise.data(); }
 
  private:
@@ -86,6 +93,14 @@ class OutputData {
   [[nodiscard]] sProtection protectionOfSpeech();
   void removeNoise();
   void calcFrame(sOverlap& run, int iFrom, sSpectralNoiseType& estimate);
+
+  // Echo
+  void removeEcho(const MyAEC& aec);
+  void takeEchoSpectrum(int iFrom, int iFrameSamples);
+  int basicGain(cHandle cycle);
+  [[nodiscard]] bool isOurPartyTalkingAEC(cHandle cycle);
+  [[nodiscard]] int speakerSpread() const;
+  void followBasicCoupling(int iRatio, int iSpkAmp);
 
   // Gains
   [[nodiscard]] int agcLevel() const;
@@ -114,6 +129,20 @@ class OutputData {
   int iTime = 0;     // sample time of its first sample
   int iSamples = 0;  // at the channel's rate
   std::array<std::int16_t, kMaxCycleSamples> psCycle{};
+
+  struct sEcho {
+    int iGain = kUnityQ7;
+    int iResidualLevel = 1;
+    // The basic suppressor
+    int iBasicGain = kUnityQ7;
+    bool bPartyTalking = true;
+    int iTalkHold = 0;  // samples left
+    int iLastTalkHold = -1000000;
+    int iCoupling = 0;  // 1/1024
+    int iCouplingPeak = 0;
+    int iCouplingCycles = 0;
+  };
+  sEcho echo;
 
   sOverlap overlap;
   sProtection protection;  // of the frames that are computed now

@@ -172,6 +172,7 @@ void OutputData::calcFrame(sOverlap& run, int iFrom, sSpectralNoiseType& estimat
   const int iLast = iFrom + kCycleSamples * iBlocks - 1;
   if (!pMyChannel->pInputData->indexExists(iLast)) return;
   MyFilters& filters = *pMyChannel->pMyFilters;
+  if (pMyChannel->isEchoMicrophone()) takeEchoSpectrum(iFrom, kCycleSamples * iBlocks);
   const auto dFrame = filters.calcCleanFrame(iFrom, iBlocks, protection, estimate);
   const int iSkip = std::max(0, run.iSumTime - iFrom) * iFactor;
   const int iOffset = std::max(0, iFrom - run.iSumTime) * iFactor;

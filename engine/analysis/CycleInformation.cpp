@@ -135,7 +135,7 @@ bool CycleInformation::calculateCyclesInformation() {
   cycle.StartIndex = iLastSampleTime + 1;
   cycle.EndIndex = iEnd;
   storeLevels(cycle, psSamples);
-  if (!pMyChannel->isEchoMicrophone()) {
+  if (!pMyChannel->bIsAecChannel) {
     iLargestAmp = std::max(iLargestAmp, cycle.Amp);
     analyseFluctuations(cycle, psSamples);
   }

@@ -70,6 +70,10 @@ void FirstScan::handleNextFrame(bool* pbMore) {
   CycleInformation& cycles = *pMyChannel->pCycleInformation;
   *pbMore = cycles.calculateCyclesInformation();
   if (!*pbMore) return;
+  if (pMyChannel->bIsAecChannel) {
+    handleEchoCycle();
+    return;
+  }
   const sCycleInformation& newest = cycles.at(cycles.newest());
   comparator.push(std::span(pMyChannel->pInputData->cycleSamples(newest.StartIndex), kCycleSamples));
   floor.push(cycles.calcAmp(cycles.newest(), kElementCycles));
@@ -78,6 +82,15 @@ void FirstScan::handleNextFrame(bool* pbMore) {
   followLoudness();
   releaseCycle();
   closeFrame();
+}
+
+// On echo channels the canceller judges the cycle; verbs are not looked for.
+void FirstScan::handleEchoCycle() {
+  const CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  const bool bCancels = pMyChannel->isEchoMicrophone() && pMyChannel->iAecAlgorithm >= 1;
+  if (bCancels) pMyChannel->pMyAEC->performAec(cycles.newest());
+  iReleasedTime = cycles.lastSampleTime() + 1 - kCycleSamples - pMyChannel->iAecDelayCycles * kCycleSamples;
+  if (iReleasedTime >= 0) iReleased = cycles.cycleOf(iReleasedTime);
 }
 
 // A cycle that a risen span covers may hold speech: the background is not learned from it.

@@ -98,6 +98,7 @@ class FirstScan {
   void releaseCycle();
   void closeFrame();
   void followLoudness();
+  void handleEchoCycle();
   void scoreRise();
   [[nodiscard]] float riseFrom(int iTime) const;
   [[nodiscard]] bool canCompare() const;

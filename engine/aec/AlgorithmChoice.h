@@ -1,0 +1,36 @@
+// Which filter's echo estimate is used: votes, block by block, on the figures of both.
+#pragma once
+
+#include "engine/aec/AecTypes.h"
+#include "engine/aec/CoefSet.h"
+#include "engine/aec/FrequencyFilter.h"
+
+enum AecAlgorithm { kNoAlgorithm = 0, kTimeDomain = 1, kFrequencyDomain = 2 };
+
+class AlgorithmChoice {
+ public:
+  void clean(sAecMode aecMode);
+
+  // Once per block of the frequency-domain filter.
+  void chooseBestAecAlgorithm(const sAecCycle& now, const FrequencyFilter& filter, const sAecCoefSet& active,
+                              std::int64_t lTrackedMicPower);
+  // The frequency-domain result cannot be used any more.
+  void forceTimeDomain();
+
+  [[nodiscard]] int preferred() const { return iPreferredAlgorithm; }
+  [[nodiscard]] int selected() const { return iSelectedAlgorithm; }
+  [[nodiscard]] int cyclesSinceSwitch() const { return iCyclesSinceSwitch; }
+
+ private:
+  void switchTo(int iAlgorithm);
+  [[nodiscard]] bool frequencyDomainWins(const sAecCycle& now, const FrequencyFilter& filter,
+                                         const sAecCoefSet& active) const;
+  [[nodiscard]] bool mustSwitchBack(const sAecCycle& now, const FrequencyFilter& filter,
+                                    std::int64_t lTrackedMicPower) const;
+
+  sAecMode mode;
+  int iPreferredAlgorithm = kTimeDomain;
+  int iSelectedAlgorithm = kTimeDomain;
+  int iCyclesSinceSwitch = 0;
+  int iSwitchVotes = 0;
+};

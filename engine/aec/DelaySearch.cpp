@@ -1,0 +1,191 @@
+#include "engine/aec/DelaySearch.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+// ---- Coupling
+
+void CoarseFilter::clean(sEchoSpan echoSpan) {
+  *this = CoarseFilter{};
+  span = echoSpan;
+  iTaps = std::min(kMaxTaps, span.cycles() * kPerCycle);
+  iNewest = static_cast<int>(fHistory.size()) - iTaps;
+  iPeaks.fill(-1);
+}
+
+// Four samples become one, after a difference that flattens the spectrum of speech.
+void CoarseFilter::decimate(const std::array<float, kCycleSamples>& fIn, float& fMemory, float& fLast,
+                            std::array<float, kPerCycle>& fOut) const {
+  constexpr float kSmoothed = 0.35F;
+  constexpr float kEmphasis = 0.8F;
+  for (std::size_t i = 0; i < fOut.size(); ++i) {
+    for (std::size_t j = 0; j < kDecimation; ++j) fMemory += kSmoothed * (fIn[kDecimation * i + j] - fMemory);
+    fOut[i] = fMemory - kEmphasis * fLast;
+    fLast = fMemory;
+  }
+}
+
+void CoarseFilter::push(const std::array<float, kCycleSamples>& fSpk,
+                        const std::array<float, kCycleSamples>& fMic) {
+  std::array<float, kPerCycle> x;
+  std::array<float, kPerCycle> m;
+  decimate(fSpk, fSpkMemory, fSpkLast, x);
+  decimate(fMic, fMicMemory, fMicLast, m);
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    if (iNewest == 0) {
+      iNewest = static_cast<int>(fHistory.size()) - iTaps;
+      std::copy_n(fHistory.begin(), iTaps, fHistory.begin() + iNewest);
+    }
+    const float fOldest = fHistory[static_cast<std::size_t>(iNewest + iTaps - 1)];
+    fHistory[static_cast<std::size_t>(--iNewest)] = x[i];
+    dPower += static_cast<double>(x[i]) * x[i] - static_cast<double>(fOldest) * fOldest;
+    adapt(m[i]);
+  }
+  findPeak();
+}
+
+// Normalised LMS: w += mu e x / |x|^2.
+void CoarseFilter::adapt(float fMic) {
+  constexpr float kStep = 0.6F;
+  constexpr double kLeastMeanSquare = 400;  // a loudspeaker at -64 dB and below excites nothing
+  if (dPower < kLeastMeanSquare * 200) return;
+  const float* __restrict x = fHistory.data() + iNewest;
+  float* __restrict w = fTaps.data();
+  constexpr std::size_t kParallel = 8;
+  std::array<float, kParallel> fSums{};
+  const auto uTaps = static_cast<std::size_t>(iTaps);  // a multiple of 8
+  for (std::size_t k = 0; k < uTaps; k += kParallel) {
+    for (std::size_t j = 0; j < kParallel; ++j) fSums[j] += w[k + j] * x[k + j];
+  }
+  float fEcho = 0;
+  for (const float fSum : fSums) fEcho += fSum;
+  const auto fScale = static_cast<float>(kStep * (fMic - fEcho) / (dPower + kLeastMeanSquare));
+  for (std::size_t k = 0; k < uTaps; ++k) w[k] += fScale * x[k];
+}
+
+// A reflection stands out when it holds far more than its share of the filter, and is believed when most of
+// the latest cycles have named it.
+void CoarseFilter::findPeak() {
+  constexpr float kStandsOut = 40;   // peak power over the mean
+  constexpr int kAgreeing = 26;      // of the latest 40 cycles
+  constexpr int kSame = 3;           // taps: 1.5 ms
+  constexpr float kSpkActive = 900;  // mean square at the quarter rate
+  if (dPower < static_cast<double>(kSpkActive) * 200) return;
+  ++iActive;
+  float fSum = 0;
+  float fLargest = 0;
+  int iLargest = 0;
+  for (int k = 0; k < iTaps; ++k) {
+    const float fPower = fTaps[static_cast<std::size_t>(k)] * fTaps[static_cast<std::size_t>(k)];
+    fSum += fPower;
+    if (fPower > fLargest) {
+      fLargest = fPower;
+      iLargest = k;
+    }
+  }
+  const bool bStandsOut = fLargest * static_cast<float>(iTaps) > kStandsOut * fSum;
+  iPeak = (iPeak + 1) % kRecent;
+  iPeaks[static_cast<std::size_t>(iPeak)] = bStandsOut ? iLargest : -1;
+  if (!bStandsOut) return;
+  const auto iAgree = std::count_if(iPeaks.begin(), iPeaks.end(), [&](int iOther) {
+    return iOther >= 0 && std::abs(iOther - iLargest) <= kSame;
+  });
+  if (iAgree >= kAgreeing) iDelay = span.startSamples() + iLargest * kDecimation;
+}
+
+// ---- Level changes
+
+void DelaySearch::clean(SpeakerHistory* pSpeaker, sEchoSpan echoSpan) {
+  *this = DelaySearch{};
+  pHistory = pSpeaker;
+  span = echoSpan;
+  iAmp.fill(kUnknownAmp);
+  coarse.clean(span);
+}
+
+void DelaySearch::initDelaynLengthCoeffCounters() {
+  iVotes.fill(0);
+  iEvents = iBestVotes = 0;
+  iVoted = -1;
+}
+
+void DelaySearch::takeLevels(const sAecCycle& now) {
+  std::copy_backward(iAmp.begin() + 1, iAmp.end() - 1, iAmp.end());
+  const int iFresh = pHistory->cycleAmp(now.iFirst - span.startSamples());
+  iAmp[1] = iFresh > 0 ? iFresh : kUnknownAmp;
+  if (iFresh > 2000 && iFresh < 65535) {
+    lSpkPower = lSpkPower * 99 / 100 + static_cast<std::int64_t>(iFresh) * iFresh / 100;
+  }
+}
+
+void DelaySearch::updateEchoDelayParams(const sAecCycle& now, bool bMayCount) {
+  takeLevels(now);
+  std::array<float, kCycleSamples> fSpk;
+  pHistory->copy(now.iFirst - span.startSamples(), fSpk);
+  coarse.push(fSpk, now.fMic);
+
+  const int iShift = now.anyDoublePath() || bStrongEcho ? 4 : 6;
+  const int iChange = now.iMicAmp1 - now.iPrevMicAmp1;
+  const bool bFilled = now.iFirst > span.endSamples();
+  if (bFilled && !now.bHowling) {
+    if (bMayCount && std::abs(iChange) > std::max(now.iPrevMicAmp1 >> iShift, 25)) {
+      int iRise = 0;
+      if (iChange > 0 && now.iMicAmp1 > 2999) {
+        iRise = now.iMicAmp1 * 112 / std::max({now.iPrevMicAmp1, iReference, 1});
+        if (iRise < 180) iRise = 0;
+      }
+      countEvent(now, iRise);
+    }
+    punishSilentLags(now);
+    findBest();
+  }
+  iReference = (iReference * 7 + now.iMicAmp1) >> 3;
+}
+
+// Loud enough to matter: what the coupling so far would turn into an eighth of the microphone's level; until
+// a coupling is known, 1000.
+int DelaySearch::vote(const sAecCycle& now, int d, int iThreshold, int iRise) const {
+  const auto u = static_cast<std::size_t>(d);
+  const int a = iAmp[u];
+  if (now.anyDoublePath() && a < iThreshold) return -2;
+  if (a <= iThreshold) return 0;
+  const int iBefore = iAmp[u + 1];
+  if (iBefore == kUnknownAmp || a <= iBefore) return iRise > 0 ? -8 : -2;
+  const bool bStrong =
+      iRise > 0 && a > 2 * iThreshold && iRise < static_cast<std::int64_t>(a) * 128 / std::max(1, iBefore);
+  return bStrong ? 8 : 2;
+}
+
+void DelaySearch::countEvent(const sAecCycle& now, int iRise) {
+  // The votes of long ago fade, so that a path that has moved is found.
+  constexpr int kFadeEvents = 250;
+  const int iThreshold =
+      iCoupling > 0
+          ? static_cast<int>(std::min<std::int64_t>(std::int64_t{now.iMicAmp1} * 1024 / iCoupling / 8, 8000))
+          : 1000;
+  const int s = now.iMicAmp1 > now.iPrevMicAmp1 ? 1 : -1;
+  for (int d = 1; d < span.cycles(); ++d) {
+    if (iAmp[static_cast<std::size_t>(d)] == kUnknownAmp) continue;
+    iVotes[static_cast<std::size_t>(d)] += s * vote(now, d, iThreshold, iRise);
+  }
+  if (++iEvents % kFadeEvents != 0) return;
+  for (int& iCount : iVotes) iCount = iCount * 3 / 4;
+}
+
+void DelaySearch::punishSilentLags(const sAecCycle& now) {
+  constexpr int kQuietMic = 999;
+  if (now.iMicAmp1 > kQuietMic) return;
+  const int iLoud = std::max(16 * now.iMicAmp1, 8000);
+  for (int d = 1; d < span.cycles(); ++d) {
+    const int a = iAmp[static_cast<std::size_t>(d)];
+    if (a != kUnknownAmp && a > iLoud) iVotes[static_cast<std::size_t>(d)] -= 16;
+  }
+}
+
+void DelaySearch::findBest() {
+  const auto pFirst = iVotes.begin() + 1;
+  const auto pBest = std::max_element(pFirst, pFirst + std::max(1, span.cycles() - 1));
+  iBestVotes = *pBest;
+  iVoted = iBestVotes > 0 ? (static_cast<int>(pBest - iVotes.begin()) + span.iStart - 1) * kCycleSamples : -1;
+}

@@ -1,0 +1,440 @@
+#include "engine/aec/FrequencyFilter.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "engine/MyChannel.h"
+
+namespace {
+
+constexpr float kFirstStep = 0.2F;
+constexpr float kBetaSum = 0.9F;
+constexpr float kLeastPower = 10.0F;   // of a smoothed bin
+constexpr float kNoSpeaker = 100.0F;   // largest smoothed bin below which nothing is learnt
+constexpr float kSpeakerTalks = 3000;  // mean square of a loudspeaker block that excites the path
+constexpr float kPowerKept = 0.98F;
+constexpr float kPowerNew = 0.01999998F;
+
+// Per block the path is expected to move by this part of its power: enough to follow two clocks that differ
+// by 100 ppm, little enough to converge 35 dB deep.
+constexpr float kPathDrift = 4e-4F;
+// Power of the coupling that is thought possible before anything is known: an echo as loud as its source.
+constexpr float kFirstUncertainty = 1.0F;
+
+float energy(const float* pfValues, std::size_t uCount) {
+  float fSum = 0;
+  for (std::size_t i = 0; i < uCount; ++i) fSum += pfValues[i] * pfValues[i];
+  return fSum;
+}
+
+void follow(float& fOld, float fNew, float fPart) {
+  fOld += fPart * (fNew - fOld);
+}
+
+}  // namespace
+
+// ---- Life
+
+void FrequencyFilter::clean(const MyChannel* pMicChannel, SpeakerHistory* pSpeaker, sEchoSpan echoSpan) {
+  pMic = pMicChannel;
+  pHistory = pSpeaker;
+  span = echoSpan;
+  const auto uFactor = static_cast<std::size_t>(pMic->rateFactor());
+  uLength = 2 * kBlock * uFactor;
+  uBins = uLength / 2 + 1;
+  uSamples = kBlock * uFactor;
+  fPower.fill(kLeastPower);
+  fOther.fill(0);
+  X = Spectra{};
+  const int iStart = span.startSamples();
+  fd_resetFreqDomainAnalysisParams(iStart, std::min(iStart + kMaxTaps, span.endSamples()) - 1);
+}
+
+bool FrequencyFilter::supportsRate() const {
+  return (uLength & (uLength - 1)) == 0 && uLength <= lanes::kMaxLength;
+}
+
+void FrequencyFilter::resetBetas() {
+  fBeta.fill(0);
+  std::fill_n(fBeta.begin(), iPartitions, kBetaSum / static_cast<float>(iPartitions));
+}
+
+void FrequencyFilter::fd_invalidate_fda() {
+  bReady = false;
+  fRatio.fill(1.0F);
+}
+
+// Moves the lanes by whole blocks: what was the weight of a delay stays the weight of that delay.
+void FrequencyFilter::shiftPartitions(Spectra& spectra, int iBlocks) const {
+  const auto move = [&](lanes::Lanes<kVectors>& values) {
+    lanes::Lanes<kVectors> fresh{};
+    for (int p = std::max(0, -iBlocks); p < iPartitions && p + iBlocks < kMaxPartitions; ++p) {
+      const auto uFrom = static_cast<std::size_t>(p + iBlocks);
+      lanes::setLane(fresh, static_cast<std::size_t>(p), lanes::lane(values, uFrom));
+    }
+    values = fresh;
+  };
+  for (std::size_t k = 0; k < uBins; ++k) {
+    move(spectra.re[k]);
+    move(spectra.im[k]);
+  }
+}
+
+void FrequencyFilter::moveWeights(int iOldBulk, bool bKeep) {
+  for (Spectra& weights : W) {
+    if (bKeep) {
+      shiftPartitions(weights, (iBulk - iOldBulk) / kBlock);
+    } else {
+      weights = Spectra{};
+    }
+  }
+}
+
+// Places the range on the delays iFrom..iTo; weights of delays that stay inside are kept when the peak is
+// among them and the range has moved by whole blocks.
+void FrequencyFilter::fd_resetFreqDomainAnalysisParams(int iFrom, int iTo) {
+  const int iOldBulk = iBulk;
+  iBulk = std::max(0, iFrom);
+  iPartitions = std::clamp((iTo - iBulk + 1) / kBlock, kMinPartitions, kMaxPartitions);
+  const bool bKeep = bHadEcho && covers(iPeakDelay) && (iBulk - iOldBulk) % kBlock == 0;
+  moveWeights(iOldBulk, bKeep);
+  resetBetas();
+  for (int k = 0; k < iPartitions; ++k) fd_setSpkrFftData(iBlockEnd, k);
+  iHeadToDrop = iTailToDrop = -1;
+  iPeakSteadySamples = 0;
+  if (bKeep) return;
+  bHadEcho = false;
+  fStep.fill(kFirstStep);
+  fUncertainty.fill(kFirstUncertainty);
+  present = brief = lasting = sEnergies{};
+  iActiveBlocks = iPoorBlocks = iSinceRaise = 0;
+  iPeakDelay = iPreviousPeakDelay = iBulk;
+  fd_invalidate_fda();
+}
+
+void FrequencyFilter::recentre(int iDelay) {
+  constexpr int kBlocksBefore = 2;
+  const int iWanted = std::max(0, iDelay / kBlock - kBlocksBefore) * kBlock;
+  const int iLatest = std::max(span.startSamples(), span.endSamples() - kMinPartitions * kBlock);
+  const int iFrom = std::clamp(iWanted, span.startSamples(), iLatest);
+  fd_resetFreqDomainAnalysisParams(iFrom, std::min(iFrom + kMaxTaps, span.endSamples()) - 1);
+}
+
+// ---- One block
+
+void FrequencyFilter::run(const sAecCycle& cycle) {
+  if (!supportsRate()) return;
+  iBlockEnd = cycle.iLast;
+  // The loudspeaker stream may lag behind the microphone's: what has not arrived cannot be used.
+  if (cycle.iLast - iBulk > cycle.iSpkLast) {
+    fd_invalidate_fda();
+    return;
+  }
+  takeSpeaker(cycle.iLast);
+  takeMicrophone(cycle.iFirst);
+  estimateEchoes();
+  measureErrors();
+  fd_checkRollbackAndResetForFreqDomainAnalysis();
+  updateWeights();
+  fd_considerBlockRemoval();
+}
+
+// Transforms the 64 samples that end k blocks before the bulk delay into partition k; a range that is not in
+// the ring counts as silence.
+bool FrequencyFilter::fd_setSpkrFftData(int iCycleEnd, int k) {
+  std::array<float, 2 * kMaxSamples> fSamples;
+  const std::span samples(fSamples.data(), uLength);
+  const bool bComplete = pHistory->copyFullRate(iCycleEnd + 1 - iBulk - (k + 2) * kBlock, samples);
+  for (std::size_t i = 0; i < uLength; ++i) blockTime.x[i][0] = lanes::Vector{samples[i]};
+  lanes::Transform<1>::forward(uLength, blockTime, block);
+  for (std::size_t b = 0; b < uBins; ++b) {
+    lanes::setLane(X.re[b], static_cast<std::size_t>(k), block.re[b][0][0]);
+    lanes::setLane(X.im[b], static_cast<std::size_t>(k), block.im[b][0][0]);
+  }
+  if (k == 0) fSpkPower = energy(samples.data(), uLength) / static_cast<float>(uLength);
+  return bComplete;
+}
+
+void FrequencyFilter::takeSpeaker(int iCycleEnd) {
+  shiftPartitions(X, -1);
+  (void)fd_setSpkrFftData(iCycleEnd, 0);
+}
+
+void FrequencyFilter::takeMicrophone(int iFirst) {
+  const std::int64_t lFirst = static_cast<std::int64_t>(iFirst) * pMic->rateFactor();
+  for (std::size_t i = 0; i < uSamples; ++i) {
+    fMic[i] = static_cast<float>(pMic->pInputData->atFullRate(lFirst + static_cast<std::int64_t>(i)));
+  }
+}
+
+// Y = sum over the partitions of X W.
+void FrequencyFilter::fd_calcFreqEcho(const Spectra& weights, std::size_t uLane) {
+  for (std::size_t k = 0; k < uBins; ++k) {
+    lanes::Vector re{};
+    lanes::Vector im{};
+    for (std::size_t v = 0; v < kVectors; ++v) {
+      re += X.re[k][v] * weights.re[k][v] - X.im[k][v] * weights.im[k][v];
+      im += X.re[k][v] * weights.im[k][v] + X.im[k][v] * weights.re[k][v];
+    }
+    lanes::setLane(block.re[k], uLane, lanes::sum(re));
+    lanes::setLane(block.im[k], uLane, lanes::sum(im));
+  }
+}
+
+// Of a block of 64 the second half is free of wrap-around.
+void FrequencyFilter::estimateEchoes() {
+  fd_calcFreqEcho(W[kUsed], kUsed);
+  fd_calcFreqEcho(W[kAdapted], kAdapted);
+  lanes::Transform<1>::inverse(uLength, block, blockTime);
+  for (std::size_t i = 0; i < uSamples; ++i) {
+    fUsed[i] = blockTime.x[uSamples + i][0][kUsed];
+    fAdapted[i] = blockTime.x[uSamples + i][0][kAdapted];
+  }
+}
+
+void FrequencyFilter::measureErrors() {
+  constexpr float kBriefly = 0.2F;
+  constexpr float kLastingly = 0.02F;
+  constexpr float kLeastEnergy = 1.0F;
+  present = sEnergies{.fMic = kLeastEnergy, .fResidual = {kLeastEnergy, kLeastEnergy}};
+  float fEcho = 0;
+  for (std::size_t i = 0; i < uSamples; ++i) {
+    const float fUsedError = fMic[i] - fUsed[i];
+    const float fAdaptedError = fMic[i] - fAdapted[i];
+    present.fMic += fMic[i] * fMic[i];
+    present.fResidual[kUsed] += fUsedError * fUsedError;
+    present.fResidual[kAdapted] += fAdaptedError * fAdaptedError;
+    fEcho += fUsed[i] * fUsed[i];
+  }
+  const auto fCount = static_cast<float>(uSamples);
+  fMicPower = present.fMic / fCount;
+  fResidualPower = present.fResidual[kUsed] / fCount;
+  fEchoPower = fEcho / fCount;
+  if (fSpkPower < kSpeakerTalks) return;
+  ++iActiveBlocks;
+  for (auto& [smoothed, fPart] : {std::pair{&brief, kBriefly}, std::pair{&lasting, kLastingly}}) {
+    follow(smoothed->fMic, present.fMic, fPart);
+    for (std::size_t s = 0; s < kSets; ++s) follow(smoothed->fResidual[s], present.fResidual[s], fPart);
+  }
+  const auto ratio = [](const sEnergies& e, Set set) { return std::sqrt(e.fResidual[set] / e.fMic); };
+  fRatio = {ratio(brief, kUsed), ratio(lasting, kUsed), ratio(brief, kAdapted), ratio(lasting, kAdapted)};
+}
+
+// ---- The two sets
+
+void FrequencyFilter::adopt() {
+  W[kUsed] = W[kAdapted];
+  for (sEnergies* pEnergies : {&brief, &lasting})
+    pEnergies->fResidual[kUsed] = pEnergies->fResidual[kAdapted];
+  bHadEcho = true;
+  bReady = true;
+}
+
+void FrequencyFilter::rollBack() {
+  // The used set is known to be close: a tenth of its power may still be wrong.
+  constexpr float kLikelyError = 0.03F;
+  W[kAdapted] = W[kUsed];
+  for (sEnergies* pEnergies : {&brief, &lasting})
+    pEnergies->fResidual[kAdapted] = pEnergies->fResidual[kUsed];
+  for (std::size_t k = 0; k < uBins; ++k) {
+    fUncertainty[k] = std::min(fUncertainty[k], kLikelyError * weightPower(k));
+  }
+}
+
+float FrequencyFilter::weightPower(std::size_t k) const {
+  lanes::Vector power{};
+  for (std::size_t v = 0; v < kVectors; ++v) {
+    power += W[kAdapted].re[k][v] * W[kAdapted].re[k][v] + W[kAdapted].im[k][v] * W[kAdapted].im[k][v];
+  }
+  return lanes::sum(power);
+}
+
+void FrequencyFilter::raiseUncertainty(float fLeast) {
+  for (std::size_t k = 0; k < uBins; ++k) {
+    fUncertainty[k] = std::max({fUncertainty[k], weightPower(k), fLeast});
+  }
+  iSinceRaise = 0;
+}
+
+void FrequencyFilter::fd_checkRollbackAndResetForFreqDomainAnalysis() {
+  constexpr int kSettleBlocks = 5;     // until the brief energies mean something
+  constexpr int kPoorBlocks = 20;      // 80 ms without cancellation: somebody talks, or the path has changed
+  constexpr int kRaiseDistance = 100;  // blocks between two searches for a changed path
+  constexpr int kRaisedBlocks = 60;    // the adapting set may be bad for so long after a raise
+  constexpr float kLeastRaised = 0.05F;
+  if (fSpkPower < kSpeakerTalks || iActiveBlocks < kSettleBlocks) return;
+  ++iSinceRaise;
+  const auto& b = brief.fResidual;
+  const auto& l = lasting.fResidual;
+  const bool bPoor = b[kUsed] > 0.5F * brief.fMic;
+  iPoorBlocks = bPoor ? iPoorBlocks + 1 : 0;
+  if (b[kAdapted] < 0.5F * b[kUsed] || (b[kAdapted] < 0.8F * b[kUsed] && l[kAdapted] < 0.95F * l[kUsed])) {
+    if (bHadEcho && bPoor) ++iPathChanges;
+    adopt();
+    return;
+  }
+  if (l[kUsed] > 1.3F * lasting.fMic && bHadEcho) {
+    W[kUsed] = Spectra{};
+    bHadEcho = false;
+    raiseUncertainty(kLeastRaised);
+    lasting.fResidual[kUsed] = lasting.fMic;
+    brief.fResidual[kUsed] = brief.fMic;
+    return;
+  }
+  if (iPoorBlocks >= kPoorBlocks && iSinceRaise >= kRaiseDistance) {
+    raiseUncertainty(kLeastRaised);
+  } else if (iSinceRaise > kRaisedBlocks && b[kAdapted] > 2 * b[kUsed] && l[kAdapted] > 1.2F * l[kUsed]) {
+    rollBack();
+  }
+}
+
+// ---- Adaptation
+
+bool FrequencyFilter::updatePower() {
+  float fLargest = 0;
+  for (std::size_t k = 0; k < uBins; ++k) {
+    const float re = X.re[k][0][0];
+    const float im = X.im[k][0][0];
+    fPower[k] = std::max(kLeastPower, kPowerKept * fPower[k] + kPowerNew * (re * re + im * im));
+    fLargest = std::max(fLargest, fPower[k]);
+  }
+  return fLargest >= kNoSpeaker;
+}
+
+// Sets c of a bin, and what is left of the uncertainty after the step.
+void FrequencyFilter::updateStep(std::size_t k) {
+  constexpr float kOtherFollows = 0.3F;
+  lanes::Vector weighted{};
+  for (std::size_t v = 0; v < kVectors; ++v) {
+    const lanes::Vector beta{fBeta[4 * v], fBeta[4 * v + 1], fBeta[4 * v + 2], fBeta[4 * v + 3]};
+    weighted += beta * (X.re[k][v] * X.re[k][v] + X.im[k][v] * X.im[k][v]);
+  }
+  const float fExcited = lanes::sum(weighted);
+  const float re = block.re[k][0][2];
+  const float im = block.im[k][0][2];
+  const float fError = re * re + im * im;
+  follow(fOther[k], fError, kOtherFollows);
+  const float M = fUncertainty[k];
+  const float fGain = M / (M * fExcited / kBetaSum + 2 * std::max(fOther[k], fError) + 1.0F);
+  fStep[k] = fGain * fPower[k];
+  const float fReduced = M * (1 - 0.5F * fGain * fExcited / fEffective);
+  fUncertainty[k] = fReduced + kPathDrift * weightPower(k);
+}
+
+// G = mu conj(X) E with mu = beta c / S.
+void FrequencyFilter::calcGradient(std::size_t k) {
+  const float fMu = fStep[k] / fPower[k];
+  const float re = fMu * block.re[k][0][2];
+  const float im = fMu * block.im[k][0][2];
+  for (std::size_t v = 0; v < kVectors; ++v) {
+    const lanes::Vector beta{fBeta[4 * v], fBeta[4 * v + 1], fBeta[4 * v + 2], fBeta[4 * v + 3]};
+    gradient.re[k][v] = beta * (X.re[k][v] * re + X.im[k][v] * im);
+    gradient.im[k][v] = beta * (X.re[k][v] * im - X.im[k][v] * re);
+  }
+}
+
+// A partition is 32 taps long: what the gradient says of later ones is wrap-around.
+void FrequencyFilter::constrainGradient() {
+  lanes::Transform<kVectors>::inverse(uLength, gradient, gradientTime);
+  for (std::size_t i = uSamples; i < uLength; ++i) gradientTime.x[i] = {};
+  lanes::Transform<kVectors>::forward(uLength, gradientTime, gradient);
+}
+
+void FrequencyFilter::updateWeights() {
+  if (!updatePower()) return;
+  for (std::size_t i = 0; i < uSamples; ++i) {
+    blockTime.x[i][0] = lanes::Vector{};
+    blockTime.x[uSamples + i][0] = lanes::Vector{0, 0, fMic[i] - fAdapted[i], 0};
+  }
+  lanes::Transform<1>::forward(uLength, blockTime, block);
+  const bool bGood = fRatio[kAdaptedLasting] < 0.85F && fRatio[kAdaptedNow] < 0.75F;
+  if (fSpkPower > kSpeakerTalks) fd_updateBetaValuesFreqDomain(bGood);
+  for (std::size_t k = 0; k < uBins; ++k) {
+    updateStep(k);
+    calcGradient(k);
+  }
+  constrainGradient();
+  for (std::size_t k = 0; k < uBins; ++k) {
+    for (std::size_t v = 0; v < kVectors; ++v) {
+      W[kAdapted].re[k][v] += gradient.re[k][v];
+      W[kAdapted].im[k][v] += gradient.im[k][v];
+    }
+  }
+}
+
+// ---- Partitions
+
+// The stronger a partition, the larger its share of the step; with bTrack false only the peak is followed.
+void FrequencyFilter::fd_updateBetaValuesFreqDomain(bool bTrack) {
+  std::array<float, kMaxPartitions> fEnergy{};
+  lanes::Lanes<kVectors> sum{};
+  for (std::size_t k = 0; k < uBins; ++k) {
+    for (std::size_t v = 0; v < kVectors; ++v) {
+      const lanes::Vector re = W[kAdapted].re[k][v];
+      const lanes::Vector im = W[kAdapted].im[k][v];
+      sum[v] += re * re + im * im;
+    }
+  }
+  for (std::size_t p = 0; p < fEnergy.size(); ++p) fEnergy[p] = std::sqrt(lanes::lane(sum, p));
+  const auto pLast = fEnergy.begin() + iPartitions;
+  const auto iStrongest = static_cast<int>(std::max_element(fEnergy.begin(), pLast) - fEnergy.begin());
+  trackPeak(iStrongest);
+  if (!bTrack) return;
+  findWeakPartitions(fEnergy, iStrongest);
+  const float fStrongest = fEnergy[static_cast<std::size_t>(iStrongest)];
+  // A hundredth of the strongest, spread over the partitions, is the least.
+  const auto fCount = static_cast<float>(iPartitions);
+  const float fFloor = fStrongest > 0 ? 0.01F * fStrongest / fCount : 0.01F / fCount;
+  std::array<float, kMaxPartitions + 2> fRaised{};
+  for (int p = 0; p < iPartitions; ++p) {
+    fRaised[static_cast<std::size_t>(p) + 1] = std::max(fEnergy[static_cast<std::size_t>(p)], fFloor);
+  }
+  // Neighbours share: the path may move a little.
+  float fSum = 0;
+  for (std::size_t p = 0; p < static_cast<std::size_t>(iPartitions); ++p) {
+    const bool bEdge = p == 0;
+    fBeta[p] = bEdge ? fRaised[1] + fRaised[2] / 4 : fRaised[p + 1] + (fRaised[p] + fRaised[p + 2]) / 8;
+    fSum += fBeta[p];
+  }
+  float fSquares = 0;
+  for (float& fBetaOfPartition : fBeta) {
+    fBetaOfPartition *= kBetaSum / fSum;
+    fSquares += fBetaOfPartition * fBetaOfPartition;
+  }
+  fEffective = kBetaSum * kBetaSum / fSquares;
+}
+
+void FrequencyFilter::trackPeak(int iStrongest) {
+  iPreviousPeakDelay = iPeakDelay;
+  iPeakDelay = iBulk + iStrongest * kBlock;
+  const bool bSteady = std::abs(iPeakDelay - iPreviousPeakDelay) <= kBlock;
+  iPeakSteadySamples = bSteady ? iPeakSteadySamples + kBlock : 0;
+}
+
+// With a steady peak, partitions at the ends that hold next to nothing only slow the others down.
+void FrequencyFilter::findWeakPartitions(const std::array<float, kMaxPartitions>& fEnergy, int iStrongest) {
+  constexpr int kLeastToTrim = 10;
+  constexpr int kMostAtOnce = 2;
+  constexpr float kWeak = 1.0F / 40;
+  iHeadToDrop = iTailToDrop = -1;
+  if (iPartitions <= kLeastToTrim || iPeakSteadySamples < 800) return;
+  const float fLimit = kWeak * fEnergy[static_cast<std::size_t>(iStrongest)];
+  const auto weak = [&](int p) { return fEnergy[static_cast<std::size_t>(p)] < fLimit; };
+  const int iSpare = std::min(kMostAtOnce, iPartitions - kLeastToTrim);
+  for (int n = 0; n < iSpare && iPartitions - 1 - n > iStrongest + 3 && weak(iPartitions - 1 - n); ++n) {
+    iTailToDrop = n + 1;
+  }
+  for (int n = 0; n < iSpare && n < iStrongest - 2 && weak(n); ++n) iHeadToDrop = n + 1;
+}
+
+// Trims only a filter that has long been good: what is cut off is not learnt again before the next move.
+void FrequencyFilter::fd_considerBlockRemoval() {
+  constexpr int kLongActive = 1000;  // blocks, 4 s of loudspeaker sound
+  if ((iHeadToDrop < 0 && iTailToDrop < 0) || iActiveBlocks < kLongActive) return;
+  if (fRatio[kUsedLasting] > 0.3F) return;
+  const int iFrom = iBulk + std::max(iHeadToDrop, 0) * kBlock;
+  const int iTo = endDelay() - std::max(iTailToDrop, 0) * kBlock - 1;
+  iActiveBlocks = 0;
+  fd_resetFreqDomainAnalysisParams(iFrom, iTo);
+}

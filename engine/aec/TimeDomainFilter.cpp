@@ -1,0 +1,231 @@
+// The time-domain layer: estimation, step size and quality figures.
+#include "engine/aec/TimeDomainFilter.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+namespace {
+
+constexpr int kBlockSamples = 16;
+constexpr double kFirstMu = 0.3;
+constexpr double kLeastMu = 0.1;
+constexpr double kLargestMu = 1.2;
+constexpr std::int64_t kLeastPower = 1000;
+constexpr int kSmoothedParts = 100;
+
+int perMille(std::int64_t lValue, std::int64_t lReference) {
+  return static_cast<int>(
+      std::min<std::int64_t>(lValue * 1000 / std::max<std::int64_t>(lReference, 1), 2000));
+}
+
+}  // namespace
+
+void TimeDomainFilter::clean(SpeakerHistory* pSpeaker, DelaySearch* pDelaySearch, sEchoSpan echoSpan,
+                             sAecMode aecMode) {
+  *this = TimeDomainFilter{};
+  pHistory = pSpeaker;
+  pSearch = pDelaySearch;
+  span = echoSpan;
+  mode = aecMode;
+  for (sAecCoefSet& set : asCoefSet) {
+    set.iStart = span.startSamples();
+    set.iLength = std::min(span.cycles() * kCycleSamples, kMaxTaps);
+  }
+  bSearching = span.cycles() * kCycleSamples > kMaxTaps;
+  iRangeStart = span.startSamples();
+  iRangeEnd = iRangeStart + std::min(span.cycles() * kCycleSamples / 2, kMaxTaps);
+}
+
+// ---- One cycle
+
+void TimeDomainFilter::performTimeDomainAnalysis(sAecCycle& now, bool bAdapt) {
+  updateReference(now);
+  std::shift_left(iGoodRecord.begin(), iGoodRecord.end(), 1);
+  iGoodRecord.back() = set(kActive).iGoodUpdates;
+  runSets(now, bAdapt);
+  controlStepSize(now, bAdapt);
+  compareTestSets(now);
+  considerMove(now);
+  prepareBckpCoeffs(now, kActive);
+  td_checkRollbackAndReset(now);
+}
+
+// The speaker-derived reference: what the microphone has carried of the loudspeaker on average. It grows by a
+// bounded amount, so that talk at the near end does not become the measure at once.
+void TimeDomainFilter::updateReference(const sAecCycle& now) {
+  constexpr int kGrowth = 1500;
+  constexpr float kSlow = 0.002F;
+  float fMean = 0;
+  for (const float m : now.fMic) fMean += std::abs(m);
+  fMean /= kCycleSamples;
+  if (now.iSpkSpanAmp < 1000) return;
+  const float fRatio = fMean * 8 / static_cast<float>(now.iSpkSpanAmp);
+  fCoupling = fCoupling > 0 ? fCoupling + kSlow * (fRatio - fCoupling) : fRatio;
+  const auto iLevel = static_cast<int>(fCoupling * static_cast<float>(now.iSpkSpanAmp) / 8);
+  iExpected = std::max(1, std::min(iLevel, iExpected + kGrowth));
+  iReferenceLevel = std::max(1, (iReferenceLevel * 15 + iExpected) / 16);
+}
+
+void TimeDomainFilter::runSets(sAecCycle& now, bool bAdapt) {
+  constexpr int kSpkForAlternative = 5000;
+  iSmallestResidual = kUnknownPeak;
+  calcEchoAndConverge(now, kTest, bAdapt);
+  calcEchoAndConverge(now, kActive, false);
+  const sAecCoefSet& alternative = set(kAlternative);
+  const bool bApart = std::abs(alternative.iStart - set(kTest).iStart) >= kTapsPerWeight;
+  const bool bPoor = alternative.r[3] > 599;
+  if (now.iSpkAmp > kSpkForAlternative && (bApart || bPoor)) {
+    calcEchoAndConverge(now, kAlternative, bAdapt);
+  } else {
+    iTestStart += kCycleSamples;
+  }
+}
+
+void TimeDomainFilter::calcEchoAndConverge(sAecCycle& now, int iSet, bool bAdapt) {
+  sAecCoefSet& s = set(iSet);
+  s.iProcessedTime = now.iLast;
+  s.iSpeakerLevel = pHistory->calcSpkrAmp(now.iLast - s.iStart, s.iLength + kCycleSamples);
+  s.iLargestRawStep = 0;
+  std::array<float, kCycleSamples> y{};
+  std::array<float, kCycleSamples> e = now.fMic;
+  std::array<float, kMaxTaps + kCycleSamples> x;
+  const auto uNeeded = static_cast<std::size_t>(s.iLength + kCycleSamples - 1);
+  const bool bAudible =
+      s.iSpeakerLevel >= kSpeakerAudible && pHistory->copy(now.iFirst - s.end(), std::span(x).first(uNeeded));
+  if (bAudible) {
+    const bool bLearn = bAdapt;
+    float fPower = 0;
+    if (bLearn) {
+      calcStepProfile(now, s);
+      fPower = static_cast<float>(std::max(
+          kLeastPower, pHistory->power(now.iFirst - s.end() - 1 - kBlockSamples, now.iLast - s.iStart)));
+    }
+    for (std::size_t b = 0; b < kCycleSamples; b += kBlockSamples) {
+      const std::span<float, 16> yBlock(y.data() + b, 16);
+      s.estimate(x.data() + b, yBlock);
+      for (std::size_t j = b; j < b + kBlockSamples; ++j) e[j] = now.fMic[j] - y[j];
+      if (!bLearn) continue;
+      s.blockUpdateAecCoefs(x.data() + b, std::span<const float, 16>(e.data() + b, 16),
+                            static_cast<float>(dMu), fPower, profile);
+    }
+    if (bLearn) {
+      ++s.iAdaptations;
+      s.updateTapStatistics();
+      s.iSmoothedRawStep = (5 * s.iLargestRawStep + 995 * s.iSmoothedRawStep) / 1000;
+    }
+  }
+  const auto [pLow, pHigh] = std::minmax_element(e.begin(), e.end());
+  float fSum = 0;
+  for (const float fError : e) fSum += std::abs(fError);
+  s.iResidualSpread = static_cast<int>(*pHigh - *pLow);
+  s.iResidual = {static_cast<int>(fSum / kCycleSamples), static_cast<int>(std::max(*pHigh, -*pLow))};
+  iSmallestResidual = std::min(iSmallestResidual, s.iResidualSpread);
+  if (iSet == kActive) fEstimate = y;
+  if (bAudible) updateQuality(now, s, s.iResidual[0]);
+}
+
+void TimeDomainFilter::updateQuality(const sAecCycle& now, sAecCoefSet& s, int iMeanError) {
+  const bool bWorse = s.iResidualSpread >= now.iMicSpread && now.iMicSpread <= 500;
+  const int iDivisor = bWorse ? std::min(now.iMicSpread + 150, 500) : now.iMicSpread;
+  s.r[0] = perMille(s.iResidualSpread, iDivisor);
+  s.r[2] = perMille(iMeanError, iReferenceLevel);
+  int p = now.bMicQuiet ? 1 : 5;
+  if (now.iSpkAmp > 4000 && now.iSpkAmp > 2 * now.iSpkSpanAmp / 2 && !now.bMicQuiet) {
+    const int q = now.iSpkAmp * 2 / std::max(1, now.iSpkSpanAmp);
+    p = std::clamp(4 * q * q, 1, 20);
+  }
+  s.r[1] = (p * s.r[0] + (kSmoothedParts - p) * s.r[1]) / kSmoothedParts;
+  s.r[3] = (p * s.r[2] + (kSmoothedParts - p) * s.r[3]) / kSmoothedParts;
+  if (s.r[0] <= 799 && s.r[2] <= 699) ++s.iGoodUpdates;
+}
+
+void TimeDomainFilter::calcStepProfile(const sAecCycle& now, const sAecCoefSet& s) {
+  constexpr int kAfterClipping = 2000;
+  constexpr int kLongAfterClipping = 80000;
+  const int iBlocks = s.blocks();
+  const bool bNear = s.iPeakDrift < 31;
+  float fFactor = 8;
+  if ((s.iAdaptations < 51 && s.iGoodUpdates <= 99) || s.iPeak == 0) {
+    profile.fill(1024);
+    return;
+  }
+  if (now.iFirst - now.iLastClipping < kAfterClipping && iBlocks > 9 && !now.bStablePath) {
+    profile.fill(256);
+    return;
+  }
+  if (now.iFirst - now.iLastClipping < kLongAfterClipping && !now.bStablePath && s.r[0] >= 950 &&
+      s.r[1] > 999 && s.r[2] >= 950 && s.r[3] > 999 && now.iFirst - iLastRestart > 40000) {
+    profile.fill(512);
+    return;
+  }
+  if (s.iAdaptations > 99 || now.bStablePath || bNear) {
+    const bool bWide = bNear && (s.r[3] < 851 || iBlocks > 5);
+    const int m = bWide ? std::max(4, std::min(2 * iBlocks, 32)) : std::min(iBlocks, 10);
+    s.profileByTaps(m, profile);
+  } else {
+    profile.fill(1024);
+  }
+  const bool bLost = iBlocks > 9 && s.r[3] > 1000 &&
+                     (now.bDoublePath ||
+                      std::abs(s.newestPeak() - asPeaks[static_cast<std::size_t>(iNewestPeak)].iDelay) > 100);
+  if (bLost) {
+    fFactor = 10;
+  } else if (!now.bMicQuiet && iBlocks <= 9 && set(kTest).r[3] <= 599) {
+    fFactor = static_cast<float>(std::clamp(8 * now.iSpkAmp / std::max(1, now.iSpkSpanAmp), 4, 8));
+  }
+  for (float& fWeight : profile) fWeight *= fFactor / 8;
+}
+
+void TimeDomainFilter::controlStepSize(const sAecCycle& now, bool bAdapted) {
+  constexpr int kCounted = 19;
+  const sAecCoefSet& s = set(kTest);
+  if (s.iGoodUpdates > 50) {
+    ++counts.iCycles;
+    const int iError = s.iResidual[0];
+    if (iError > std::max(5 * iReferenceLevel, 500)) ++counts.iBad;
+    if ((set(kActive).isGood() || now.bMicQuiet) && bAdapted && s.iSpeakerLevel >= kSpeakerAudible) {
+      ++counts.iAdapting;
+      if (2 * iError >= iReferenceLevel && 10 * iError <= 12 * iReferenceLevel) ++counts.iInRange;
+      if (s.iLargestRawStep > 512 * 128) ++counts.iLargeSteps;
+    }
+  }
+  if (counts.iCycles <= kCounted) return;
+  const bool bFewBad = 4 * counts.iBad <= counts.iCycles;
+  const bool bFewLarge = 4 * counts.iLargeSteps <= counts.iAdapting || counts.iAdapting < 11;
+  if (bFewBad && bFewLarge) {
+    bDivergence = false;
+    if (2 * counts.iInRange > counts.iAdapting && counts.iAdapting >= 11)
+      dMu = std::min(1.03 * dMu, kLargestMu);
+  } else {
+    dMu = std::max(dMu / 1.1, kLeastMu);
+    if (!now.bRestarted) {
+      if (!bDivergence) iDivergenceTime = now.iFirst;
+      bDivergence = true;
+    }
+  }
+  counts = sCounts{};
+}
+
+// ---- Convergence
+
+void TimeDomainFilter::checkIfConvergenceOkay(sAecCycle& now, int iEchoPercent) {
+  const sAecCoefSet& s = set(kActive);
+  now.bConvergenceOk = false;
+  if (!s.isGood() || (s.iLength > 415 && s.iGoodUpdates < 201) || iEchoPercent >= 100) return;
+  if (now.bRestarted && s.iGoodUpdates < 11) return;
+  const auto compact = [&](int iTaps, int iCrossings, int iOscillations) {
+    return s.iTapsAboveHalf <= iTaps && s.iHalfCrossings <= iCrossings && s.iOscillations <= iOscillations;
+  };
+  const int iGrowth = iGoodRecord.back() - iGoodRecord.front();
+  if (compact(49, 9, 99) || (iEchoPercent < 35 && compact(99, 19, 199))) {
+    now.bConvergenceOk = true;
+  } else if (s.iGoodUpdates >= 201) {
+    now.bConvergenceOk = iGrowth >= 21 && compact(74, 14, 149);
+  } else if (!now.bMicQuiet) {
+    bool bSteady = iGrowth > 49;
+    for (std::size_t i = 1; i < iGoodRecord.size(); ++i)
+      bSteady = bSteady && iGoodRecord[i] - iGoodRecord[i - 1] >= 5;
+    now.bConvergenceOk = bSteady;
+  }
+}

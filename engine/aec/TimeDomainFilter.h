@@ -1,0 +1,124 @@
+// The time-domain layer: eight coefficient sets over the loudspeaker signal.
+//
+//   0      active: its estimate is used, and it is never adapted itself
+//   1..5   copies of earlier good states
+//   6      main test set, adapted every cycle at the active placement
+//   7      alternative test set, adapted at another placement of the delay range
+//
+// A test set that proves better is copied into the active one; an active set that has gone bad is replaced by
+// the best copy; when nothing helps, all begin anew.
+#pragma once
+
+#include <array>
+
+#include "engine/aec/AecTypes.h"
+#include "engine/aec/CoefSet.h"
+#include "engine/aec/DelaySearch.h"
+#include "engine/aec/SpeakerHistory.h"
+
+class TimeDomainFilter {
+ public:
+  static constexpr int kSets = 8;
+  enum Set { kActive, kFirstBackup, kLastBackup = 5, kTest = 6, kAlternative = 7 };
+
+  void clean(SpeakerHistory* pSpeaker, DelaySearch* pDelaySearch, sEchoSpan echoSpan, sAecMode aecMode);
+
+  // One cycle; the microphone's samples are cached. Renews the residual figures of the cycle. bAdapt: the
+  // talk detector lets the sets learn.
+  void performTimeDomainAnalysis(sAecCycle& now, bool bAdapt);
+  // Sets bConvergenceOk; iEchoPercent is the detector's echo figure in percent of its reference.
+  void checkIfConvergenceOkay(sAecCycle& now, int iEchoPercent);
+
+  [[nodiscard]] bool td_isCoef2BetterThanCoef1OnTst(int iSet1, int iSet2) const;
+
+  [[nodiscard]] const sAecCoefSet& set(int i) const { return asCoefSet[static_cast<std::size_t>(i)]; }
+  [[nodiscard]] sAecCoefSet& set(int i) { return asCoefSet[static_cast<std::size_t>(i)]; }
+  [[nodiscard]] const std::array<float, kCycleSamples>& estimate() const { return fEstimate; }
+  [[nodiscard]] int smallestResidual() const { return iSmallestResidual; }
+  [[nodiscard]] double stepSize() const { return dMu; }
+  [[nodiscard]] bool isSearching() const { return bSearching; }
+  [[nodiscard]] int delayRangeStart() const { return iRangeStart; }
+  [[nodiscard]] int delayRangeEnd() const { return iRangeEnd; }
+
+  // Used by the tests of the parts.
+  void calcEchoAndConverge(sAecCycle& now, int iSet, bool bAdapt);
+  void addToDelayHistory(const sAecCycle& now, int iSet);
+
+ private:
+  struct sPlacement {
+    int iStart = 0;
+    int iEnd = 0;
+    int iTime = kNever;
+  };
+  struct sPeakSample {
+    int iTime = kNever;
+    int iDelay = 0;
+  };
+  // What the step-size control has counted.
+  struct sCounts {
+    int iCycles = 0;
+    int iBad = 0;
+    int iAdapting = 0;
+    int iInRange = 0;
+    int iLargeSteps = 0;
+  };
+
+  // Estimation
+  void calcStepProfile(const sAecCycle& now, const sAecCoefSet& set);
+  void updateQuality(const sAecCycle& now, sAecCoefSet& set, int iMeanError);
+  void updateReference(const sAecCycle& now);
+  void controlStepSize(const sAecCycle& now, bool bAdapted);
+  // Sets
+  void runSets(sAecCycle& now, bool bAdapt);
+  void compareTestSets(sAecCycle& now);
+  void copySet(int iFrom, int iTo);
+  void prepareBckpCoeffs(sAecCycle& now, int iSet);
+  void storeBackup();
+  void rollbackToBestCoeffs(sAecCycle& now, int iReason);
+  void td_checkRollbackAndReset(sAecCycle& now);
+  void restart(sAecCycle& now);
+  // Delay
+  void updateDelayNLengthUsingEchoDelay(sAecCycle& now, bool bAlternativeOnly);
+  void considerMove(sAecCycle& now);
+  void placeAlternative(int iDelay);
+  void recomputeRange(const sAecCycle& now);
+  void updateStablePath(sAecCycle& now);
+  [[nodiscard]] int placementFor(int iDelay) const;
+
+  SpeakerHistory* pHistory = nullptr;
+  DelaySearch* pSearch = nullptr;
+  sEchoSpan span;
+  sAecMode mode;
+  std::array<sAecCoefSet, kSets> asCoefSet{};
+  std::array<float, kCycleSamples> fEstimate{};
+  int iSmallestResidual = 1;
+  StepProfile profile{};
+
+  double dMu = 0.3;
+  sCounts counts;
+  bool bDivergence = false;
+  int iDivergenceTime = kNever;
+  int iReferenceLevel = 1;  // mean magnitude of the microphone while the loudspeaker talks
+  float fCoupling = 0;      // mean microphone over mean loudspeaker magnitude, slowly
+  int iExpected = 1;        // mean echo magnitude to be expected by that coupling
+
+  bool bSearching = false;
+  int iLastMove = kNever;
+  int iLastRestart = kNever;
+  int iTestStart = 0;   // sample time at which set 7's test began
+  int iTest6Start = 0;  // the same for set 6
+  int iPoorCycles = 0;
+  int iNextBackup = kFirstBackup;
+  int iLastBackupTime = kNever;
+  int iEchoPeak = 0;  // recorded peak magnitude of good sets
+
+  std::array<sPlacement, 5> asPlacements{};
+  int iPlacements = 0;
+  int iNewestPlacement = 0;
+  std::array<sPeakSample, 10> asPeaks{};
+  int iNewestPeak = 0;
+  int iRangeStart = 0;
+  int iRangeEnd = 0;
+
+  std::array<int, 5> iGoodRecord{};  // set 0's good updates, newest last
+};
