@@ -60,6 +60,10 @@ void CoarseFilter::adapt(float fMic) {
   }
   float fEcho = 0;
   for (const float fSum : fSums) fEcho += fSum;
+  constexpr float kFollows = 1.0F / 400;
+  const float fError = fMic - fEcho;
+  fMicEnergy += kFollows * (fMic * fMic - fMicEnergy);
+  fErrorEnergy += kFollows * (fError * fError - fErrorEnergy);
   const auto fScale = static_cast<float>(kStep * (fMic - fEcho) / (dPower + kLeastMeanSquare));
   for (std::size_t k = 0; k < uTaps; ++k) w[k] += fScale * x[k];
 }
@@ -67,10 +71,11 @@ void CoarseFilter::adapt(float fMic) {
 // A reflection stands out when it holds far more than its share of the filter, and is believed when most of
 // the latest cycles have named it.
 void CoarseFilter::findPeak() {
-  constexpr float kStandsOut = 40;   // peak power over the mean
-  constexpr int kAgreeing = 26;      // of the latest 40 cycles
-  constexpr int kSame = 3;           // taps: 1.5 ms
-  constexpr float kSpkActive = 900;  // mean square at the quarter rate
+  constexpr float kStandsOut = 40;    // peak power over the mean
+  constexpr float kExplained = 0.6F;  // residual over microphone
+  constexpr int kAgreeing = 26;       // of the latest 40 cycles
+  constexpr int kSame = 3;            // taps: 1.5 ms
+  constexpr float kSpkActive = 900;   // mean square at the quarter rate
   if (dPower < static_cast<double>(kSpkActive) * 200) return;
   ++iActive;
   float fSum = 0;
@@ -84,7 +89,9 @@ void CoarseFilter::findPeak() {
       iLargest = k;
     }
   }
-  const bool bStandsOut = fLargest * static_cast<float>(iTaps) > kStandsOut * fSum;
+  // While somebody talks at the near end the filter explains nothing, and its peaks mean nothing.
+  const bool bStandsOut =
+      fLargest * static_cast<float>(iTaps) > kStandsOut * fSum && fErrorEnergy < kExplained * fMicEnergy;
   iPeak = (iPeak + 1) % kRecent;
   iPeaks[static_cast<std::size_t>(iPeak)] = bStandsOut ? iLargest : -1;
   if (!bStandsOut) return;

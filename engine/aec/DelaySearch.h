@@ -44,6 +44,7 @@ class CoarseFilter {
   std::array<float, kMaxTaps> fTaps{};
   double dPower = 0;
   float fSpkMemory = 0, fSpkLast = 0, fMicMemory = 0, fMicLast = 0;
+  float fMicEnergy = 1, fErrorEnergy = 1;  // of the latest 200 ms
   std::array<int, kRecent> iPeaks{};
   int iPeak = 0;
   int iDelay = -1;
