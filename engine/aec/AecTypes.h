@@ -115,7 +115,7 @@ struct sAecCycle {
   bool bDoublePath = false;
   bool bDoublePath2 = false;
   bool bDoublePath3 = false;
-  bool bRestarted = false;
+  bool bRestarted = true;  // nothing has been learnt since the filters began (anew)
   bool bConvergenceOk = false;
   int iEchoDelay = -1;  // samples; -1 while unknown
 

@@ -62,10 +62,11 @@ bool AlgorithmChoice::mustSwitchBack(const sAecCycle& now, const FrequencyFilter
 }
 
 void AlgorithmChoice::chooseBestAecAlgorithm(const sAecCycle& now, const FrequencyFilter& filter,
-                                             const sAecCoefSet& active, std::int64_t lTrackedMicPower) {
+                                             const sAecCoefSet& active, std::int64_t lTrackedMicPower,
+                                             bool bEchoProved) {
   using enum FrequencyFilter::Ratio;
   ++iCyclesSinceSwitch;
-  if (!filter.isReady()) {
+  if (!filter.isReady() || !bEchoProved) {
     forceTimeDomain();
     return;
   }

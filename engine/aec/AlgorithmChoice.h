@@ -11,9 +11,9 @@ class AlgorithmChoice {
  public:
   void clean(sAecMode aecMode);
 
-  // Once per block of the frequency-domain filter.
+  // Once per block of the frequency-domain filter. bEchoProved: what it cancels is echo.
   void chooseBestAecAlgorithm(const sAecCycle& now, const FrequencyFilter& filter, const sAecCoefSet& active,
-                              std::int64_t lTrackedMicPower);
+                              std::int64_t lTrackedMicPower, bool bEchoProved);
   // The frequency-domain result cannot be used any more.
   void forceTimeDomain();
 

@@ -274,7 +274,7 @@ void FrequencyFilter::fd_checkRollbackAndResetForFreqDomainAnalysis() {
     adopt();
     return;
   }
-  if (l[kUsed] > 1.3F * lasting.fMic && bHadEcho) {
+  if (l[kUsed] > 1.05F * lasting.fMic && bHadEcho) {
     W[kUsed] = Spectra{};
     bHadEcho = false;
     raiseUncertainty(kLeastRaised);

@@ -143,7 +143,7 @@ void MyAEC::performFrequencyDomainAnalysis() {
                            !bSilent);
   talk.checkFrequencyDomainTalk(now, frequencyResidual, bSilent);
   choice.chooseBestAecAlgorithm(now, frequencyFilter, timeFilter.set(TimeDomainFilter::kActive),
-                                levels.trackedPower());
+                                levels.trackedPower(), frequencyResidual.hasSeenEcho());
 }
 
 // The range follows the estimate when it cancels next to nothing and the estimate lies outside it.

@@ -54,8 +54,9 @@ void MyAEC::prepareSpectralNoise() {
 
 void MyAEC::writeTimeDomainEcho() {
   const sAecCoefSet& active = timeFilter.set(TimeDomainFilter::kActive);
-  const bool bUsed = isAecDataNeeded(now.cycle) && now.iSpkAmp > kAudibleSpeaker && !now.bRestarted &&
-                     !now.bMicAboveEcho && active.iSpeakerLevel > kAudibleSpan;
+  const bool bUsed = timeResidual.hasSeenEcho() && isAecDataNeeded(now.cycle) &&
+                     now.iSpkAmp > kAudibleSpeaker && !now.bRestarted && !now.bMicAboveEcho &&
+                     active.iSpeakerLevel > kAudibleSpan;
   if (!bUsed) {
     bEchoOutputActive = false;
     if (iAecMode.low() > 1) bEchoBySpectrum = true;

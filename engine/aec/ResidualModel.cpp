@@ -59,10 +59,23 @@ void ResidualModel::update(std::span<const float> fMic, std::span<const float> f
     fResidualPower += kFollows * (fResidual - fResidualPower);
     fMicPower += kFollows * (fTotal - fMicPower);
     fRemaining = std::min(1.0F, fResidualPower / fMicPower);
-    if (fRemaining < 0.5F) iEchoCycles = std::min(iEchoCycles + 1, 2 * kEchoProved);
+    countEcho();
   }
   transform();
   measure(bSpkActive);
+}
+
+// A filter that cancels proves that there is echo. One that has long cancelled nothing proves the contrary:
+// the handset has been taken up.
+void ResidualModel::countEcho() {
+  constexpr int kMostProof = 250;
+  constexpr int kDoubtCycles = 8;
+  if (fRemaining < 0.5F) {
+    iEchoCycles = std::min(iEchoCycles + 1, kMostProof);
+  } else if (fRemaining > 0.8F && ++iDoubt >= kDoubtCycles) {
+    iDoubt = 0;
+    iEchoCycles = std::max(iEchoCycles - 1, 0);
+  }
 }
 
 void ResidualModel::transform() {

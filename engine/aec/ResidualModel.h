@@ -40,6 +40,7 @@ class ResidualModel {
   static constexpr int kLearningCycles = 200;  // 0.8 s of loudspeaker sound
   using Bands = std::array<float, kMaxBands>;
 
+  void countEcho();
   void transform();
   void measure(bool bSpkActive);
   void learn(std::size_t b, float fExcessDb);
@@ -58,5 +59,6 @@ class ResidualModel {
   float fMicPower = 1;
   float fRemaining = 1;
   int iEchoCycles = 0;
+  int iDoubt = 0;
   int iLearnt = 0;
 };

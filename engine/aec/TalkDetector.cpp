@@ -65,8 +65,10 @@ int TalkDetector::scoreOf(const sAecCycle& now, const ResidualModel& residual, b
   if (bFarSilent) {
     return now.bMicActive && !now.bWeak ? score::kFarSilentNearActive : score::kFarSilent;
   }
-  if (now.iMicAmp < kAudibleMic) return score::kBelowResidual;
-  if (residual.hasSeenEcho()) return scoreOfResidual(residual.evidence(), residual);
+  if (residual.hasSeenEcho()) {
+    if (now.iMicAmp < kAudibleMic) return score::kBelowResidual;
+    return scoreOfResidual(residual.evidence(), residual);
+  }
   // No filter has found echo. What is louder than any echo could be is talk; of the rest nothing is known,
   // and what is not known to be echo passes.
   const int iExpected =

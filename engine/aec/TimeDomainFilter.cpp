@@ -137,7 +137,7 @@ void TimeDomainFilter::updateQuality(const sAecCycle& now, sAecCoefSet& s, int i
   }
   s.r[1] = (p * s.r[0] + (kSmoothedParts - p) * s.r[1]) / kSmoothedParts;
   s.r[3] = (p * s.r[2] + (kSmoothedParts - p) * s.r[3]) / kSmoothedParts;
-  if (s.r[0] <= 799 && s.r[2] <= 699) ++s.iGoodUpdates;
+  if (s.r[0] <= 799 && s.r[1] <= 899 && s.r[2] <= 699) ++s.iGoodUpdates;
 }
 
 void TimeDomainFilter::calcStepProfile(const sAecCycle& now, const sAecCoefSet& s) {
