@@ -1,5 +1,6 @@
 #include "engine/InputData.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -40,8 +41,16 @@ std::int16_t* InputData::cycleSamples(int iStartTime) {
   return psAnalysisRing.data() + iStartTime % kAnalysisRingSamples;
 }
 
-std::int16_t InputData::atFullRate(std::int64_t lIndex) const {
-  return psFullRateRing[static_cast<std::size_t>(lIndex % (kAnalysisRingSamples * iRateFactor))];
+int InputData::oldestTime() const {
+  return std::max(0, getNumValues() - kAnalysisRingSamples);
+}
+
+const std::int16_t* InputData::analysisSamples(int iSampleTime) const {
+  return psAnalysisRing.data() + iSampleTime % kAnalysisRingSamples;
+}
+
+const std::int16_t* InputData::fullRateSamples(int iSampleTime) const {
+  return psFullRateRing.data() + std::ptrdiff_t{iSampleTime % kAnalysisRingSamples} * iRateFactor;
 }
 
 // A line with a constant on it would look loud for ever. The constant is believed only when the signal is

@@ -36,12 +36,16 @@ class InputData {
   [[nodiscard]] int getNumValues() const { return iLaps * kAnalysisRingSamples + iAnalysisIndex; }
   // Whether the sample with this time has been received and is still in the ring.
   [[nodiscard]] bool indexExists(int iSampleTime) const;
+  // The oldest sample time that is still in the ring.
+  [[nodiscard]] int oldestTime() const;
+  // The samples from this time on, as far as the ring's end; at the channel's rate there are rateFactor() for
+  // each time.
+  [[nodiscard]] const std::int16_t* analysisSamples(int iSampleTime) const;
+  [[nodiscard]] const std::int16_t* fullRateSamples(int iSampleTime) const;
   // The analysis sample with this time, which must exist.
   [[nodiscard]] std::int16_t at(int iSampleTime) const;
   // The 32 analysis samples of the cycle that starts at this time, a multiple of 32.
   [[nodiscard]] std::int16_t* cycleSamples(int iStartTime);
-  // The full-rate sample with this index, counted from the start of the stream at the channel's rate.
-  [[nodiscard]] std::int16_t atFullRate(std::int64_t lIndex) const;
 
   // The constant that is taken off every sample, once a constant has been seen.
   [[nodiscard]] int dcOffset() const { return iDcOffset; }

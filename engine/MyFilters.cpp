@@ -96,7 +96,16 @@ void reorderBits(int n, double* pdData) {
 // Radix-2 transform of n complex values; dSign +1 forward, -1 backward.
 void transformComplex(int n, double* pdData, double dSign) {
   reorderBits(n, pdData);
-  for (int iLength = 2; iLength <= n; iLength *= 2) {
+  // The first stage's only factor is 1.
+  for (int i = 0; i < 2 * n; i += 4) {
+    const double dRe = pdData[i + 2];
+    const double dIm = pdData[i + 3];
+    pdData[i + 2] = pdData[i] - dRe;
+    pdData[i + 3] = pdData[i + 1] - dIm;
+    pdData[i] += dRe;
+    pdData[i + 1] += dIm;
+  }
+  for (int iLength = 4; iLength <= n; iLength *= 2) {
     const sTwiddle* pTwiddle = tables().twiddles(iLength);
     const int iHalf = iLength / 2;
     for (int iStart = 0; iStart < n; iStart += iLength) {
@@ -170,17 +179,18 @@ void MyFilters::executeIFFT(int n, double* pdData) {
 int MyFilters::buildInput(bool bFullRate, int iFirst, int iLast) {
   const InputData& input = *pMyChannel->pInputData;
   const int iFactor = bFullRate ? input.rateFactor() : 1;
-  int n = 0;
-  for (int t = iFirst; t <= iLast; ++t) {
-    const bool bExists = input.indexExists(t);
-    for (int k = 0; k < iFactor; ++k, ++n) {
-      double& dValue = pdWork[static_cast<std::size_t>(n)];
-      if (!bExists) {
-        dValue = 0;
-      } else {
-        dValue = bFullRate ? input.atFullRate(static_cast<std::int64_t>(t) * iFactor + k) : input.at(t);
-      }
-    }
+  const int n = (iLast - iFirst + 1) * iFactor;
+  double* pdTo = pdWork.data();
+  // What is in the ring is one stretch of the wanted one; it may wrap once.
+  const int iFrom = std::max(iFirst, input.oldestTime());
+  const int iBehind = std::max(iFrom, std::min(iLast + 1, input.getNumValues()));
+  std::fill_n(pdTo, n, 0.0);
+  pdTo += (iFrom - iFirst) * iFactor;
+  for (int t = iFrom; t < iBehind;) {
+    const int iRun = std::min(iBehind - t, kAnalysisRingSamples - t % kAnalysisRingSamples);
+    const std::int16_t* psFrom = bFullRate ? input.fullRateSamples(t) : input.analysisSamples(t);
+    pdTo = std::copy_n(psFrom, iRun * iFactor, pdTo);
+    t += iRun;
   }
   return n;
 }

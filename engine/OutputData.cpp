@@ -71,10 +71,7 @@ bool OutputData::begin(cHandle cycle) {
 }
 
 void OutputData::copyInput() {
-  const std::int64_t lFirst = static_cast<std::int64_t>(iTime) * pMyChannel->rateFactor();
-  for (int i = 0; i < iSamples; ++i) {
-    psCycle[static_cast<std::size_t>(i)] = pMyChannel->pInputData->atFullRate(lFirst + i);
-  }
+  std::copy_n(pMyChannel->pInputData->fullRateSamples(iTime), iSamples, psCycle.begin());
 }
 
 void OutputData::applyGain(int iGain) {

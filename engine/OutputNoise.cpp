@@ -20,11 +20,11 @@ constexpr int kMinEstimateDistance = 160;   // samples
 constexpr int kMaxNoiseOfSpeaker = 38;      // Q7, 30 %
 constexpr int kMaxNoiseOfNeighbours = 141;  // Q7, 110 %
 // How far a bin is lowered in speech at most, at full strength, and in its beginning.
-constexpr double kLeastInSpeechDb = -7.5;
-constexpr double kLeastAtOnsetDb = -2;
-constexpr double kLeastWhenDoubtfulDb = -15;
-constexpr double kOversubtraction = 0.9;
-constexpr double kOversubtractionWhenDoubtful = 1.6;
+constexpr double kLeastInSpeechDb = -6;
+constexpr double kLeastAtOnsetDb = -1.5;
+constexpr double kLeastWhenDoubtfulDb = -20;
+constexpr double kOversubtraction = 0.75;
+constexpr double kOversubtractionWhenDoubtful = 1.8;
 constexpr float kCertainRise = 0.2F;  // steady noise does not reach it
 constexpr int kOnsetCycles = 15;      // 60 ms
 constexpr int kNoMeasurement = 1;

@@ -99,8 +99,8 @@ void FirstScan::scoreRise() {
   const int iFirst = cycles.lastSampleTime() + 1 - SpectralRise::kSpanSamples;
   if (iFirst < 0) return;
   std::array<double, SpectralRise::kSpanSamples> dSamples;
-  for (std::size_t i = 0; i < dSamples.size(); ++i) {
-    dSamples[i] = pMyChannel->pInputData->at(iFirst + static_cast<int>(i));
+  for (int i = 0; i < SpectralRise::kSpanSamples; i += kCycleSamples) {
+    std::copy_n(pMyChannel->pInputData->cycleSamples(iFirst + i), kCycleSamples, dSamples.begin() + i);
   }
   const float fScore = rise.push(dSamples);
   fScores[static_cast<std::size_t>(cycles.newest()) % kScores] = fScore;

@@ -13,7 +13,7 @@ constexpr int kQuietCycles = 5;
 
 // Scores of SpectralRise, which tells how often steady noise reaches them.
 constexpr float kTail = 0.085F;
-constexpr float kRisen = 0.145F;
+constexpr float kRisen = 0.155F;
 
 // Spreads below this are no speech, whatever the background.
 constexpr int kLeastSpread = 100;

@@ -66,11 +66,21 @@ void PitchComparator::compare(int iStart, sScores& scores) const {
   for (int i = 0; i < kSpan + kLags; ++i) pfLine[static_cast<std::size_t>(i)] = at(iFirst + i);
   const float* pfEarly = pfLine.data() + kLags;
   const float* pfLate = pfEarly + kElementValues;
-  const float fEarly = dot(pfEarly, pfEarly, kElementValues);
-  const float fLate = dot(pfLate, pfLate, kElementValues);
+  // Energies of all stretches are differences of one running sum.
+  std::array<double, kSpan + kLags + 1> dEnergyBefore;
+  dEnergyBefore[0] = 0;
+  for (std::size_t i = 0; i < pfLine.size(); ++i) {
+    dEnergyBefore[i + 1] = dEnergyBefore[i] + double{pfLine[i]} * pfLine[i];
+  }
+  const auto energy = [&](const float* pfFrom) {
+    const auto* pdFrom = dEnergyBefore.data() + (pfFrom - pfLine.data());
+    return static_cast<float>(pdFrom[kElementValues] - pdFrom[0]);
+  };
+  const float fEarly = energy(pfEarly);
+  const float fLate = energy(pfLate);
   for (int iLag = 2; iLag < kLags; ++iLag) {
-    const float fEarlyLag = dot(pfEarly - iLag, pfEarly - iLag, kElementValues);
-    const float fLateLag = dot(pfLate - iLag, pfLate - iLag, kElementValues);
+    const float fEarlyLag = energy(pfEarly - iLag);
+    const float fLateLag = energy(pfLate - iLag);
     const float fEarlyDot = dot(pfEarly, pfEarly - iLag, kElementValues);
     const float fLateDot = dot(pfLate, pfLate - iLag, kElementValues);
     const auto score = [](float fDot, float fA, float fB) {
