@@ -51,8 +51,8 @@ extern "C" int socket(int, int, int) noexcept {  // media ports cannot be opened
   return -1;
 }
 
-extern "C" hostent* gethostbyname(const char*) {
-  return nullptr;
+extern "C" int getaddrinfo(const char*, const char*, const addrinfo*, addrinfo**) {
+  return EAI_NONAME;
 }
 
 namespace {
