@@ -7,6 +7,7 @@ namespace {
 
 constexpr const char* kFromFunction = "MySip::analyzeFromStringAndCommandInInviteMessage";
 constexpr const char* kToFunction = "MySip::analyzeToStringInInviteMessage";
+constexpr const char* kFindFunction = "MySip::findMatchingCommand";
 constexpr std::size_t kMaxDisplayName = 99;
 
 void logWithText(const char* function, const char* what, std::string_view text) {
@@ -183,33 +184,41 @@ int MySip::takeCallerTag(sPhone& leg, std::string_view from) {
   return 1;
 }
 
-int MySip::findMatchingCommand(int orig, int pair, std::string_view to) {
-  constexpr const char* kFunction = "MySip::findMatchingCommand";
-  const auto apply = [&](int rule, const RuleText& destination, int type) {
-    if (insertMatchingCmdData(orig, pair, to, destination, type) == 0) return 0;
-    Log::error(kFunction, "unable to insert cmd %d\n", rule);
-    return 1;
-  };
+int MySip::chooseCommand(std::string_view caller, std::string_view to, sCommandChoice& out) {
   for (int rule = 0; rule < iNumCmdBasedOnCallerID; ++rule) {
     const auto i = static_cast<std::size_t>(rule);
-    if (!sipNameMatchRegularExpression(phone(orig).pcRemoteSipName, ppcCmdBasedOnCallerIDFilter[i])) continue;
-    return apply(rule, ppcCmdBasedOnCallerIDDestination[i], piCmdBasedOnCallerIDFilteringType[i]);
+    if (!sipNameMatchRegularExpression(caller, ppcCmdBasedOnCallerIDFilter[i])) continue;
+    out = {sCommandChoice::Source::eCallerRule, rule, ppcCmdBasedOnCallerIDDestination[i],
+           piCmdBasedOnCallerIDFilteringType[i]};
+    return 0;
   }
   if (iNumCmdBasedOnDestination > 0) {
     sSipUri dialled;
-    if (analyzeToUri(to, dialled, kFunction) != 0) return 1;
+    if (analyzeToUri(to, dialled, kFindFunction) != 0) return 1;
     for (int rule = 0; rule < iNumCmdBasedOnDestination; ++rule) {
       const auto i = static_cast<std::size_t>(rule);
       if (!sipNameMatchRegularExpression(dialled.pcName, ppcCmdBasedOnDestinationFilter[i])) continue;
-      return apply(rule, ppcCmdBasedOnDestinationDestination[i], piCmdBasedOnDestinationFilteringType[i]);
+      out = {sCommandChoice::Source::eDestinationRule, rule, ppcCmdBasedOnDestinationDestination[i],
+             piCmdBasedOnDestinationFilteringType[i]};
+      return 0;
     }
   }
   if (pcDefaultCmd.empty()) {
-    Log::error(kFunction, "there is no default commnad\n");
+    Log::error(kFindFunction, "there is no default commnad\n");
     return 1;
   }
-  if (insertMatchingCmdData(orig, pair, to, pcDefaultDestination, iDefaultFilteringType) == 0) return 0;
-  Log::error(kFunction, "unable to insert default cmd\n");
+  out = {sCommandChoice::Source::eDefault, 0, pcDefaultDestination, iDefaultFilteringType};
+  return 0;
+}
+
+int MySip::findMatchingCommand(int orig, int pair, std::string_view to) {
+  sCommandChoice choice;
+  if (chooseCommand(phone(orig).pcRemoteSipName, to, choice) != 0) return 1;
+  if (insertMatchingCmdData(orig, pair, to, choice.destination, choice.iType) == 0) return 0;
+  if (choice.source == sCommandChoice::Source::eDefault)
+    Log::error(kFindFunction, "unable to insert default cmd\n");
+  else
+    Log::error(kFindFunction, "unable to insert cmd %d\n", choice.iRule);
   return 1;
 }
 

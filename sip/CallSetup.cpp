@@ -113,7 +113,7 @@ void MySip::handleInviteMsg(int orig, std::string_view msg, const sockaddr_in& f
 
   const int pair = leg.iPairIndex;
   beginPairLeg(pair, msg, headersForPair);
-  choosePairDestination(pair, from);
+  phone(pair).sRemoteAddress = nextHopOf(phone(pair).pcRemoteSipName, from).sAddress;
   prepareOneTimeRecordRouteMsg(pair, true, msg);
   prepareSDPAndsendInvite(pair, "", preserved);
   eraseOneTimeRoutingMsgAndDestinationIP(phone(pair));
@@ -213,20 +213,13 @@ void MySip::beginDialog(int slot) {
   }
 }
 
-void MySip::choosePairDestination(int pair, const sockaddr_in& source) {
-  sPhone& leg = phone(pair);
-  const int binding = doesAddressAppearInBindingTable(source) ? -1 : getBindingIndex(leg.pcRemoteSipName);
-  if (binding >= 0) {
-    leg.sRemoteAddress = bindingAt(binding).sBindingAddress;
-    return;
-  }
-  const int row = getSipRoutingIndex(leg.pcRemoteSipName);
-  if (row >= 0) {
-    const sSipRoutingRow& hop = psSipRoutingRows[static_cast<std::size_t>(row)];
-    leg.sRemoteAddress = addressOf(hop.pcIP.c_str(), hop.iPort);
-  } else {
-    leg.sRemoteAddress = sProxyAddress;
-  }
+MySip::sNextHop MySip::nextHopOf(std::string_view name, const sockaddr_in& source) {
+  const int binding = doesAddressAppearInBindingTable(source) ? -1 : getBindingIndex(name);
+  if (binding >= 0) return {sNextHop::Kind::eBoundPhone, binding, bindingAt(binding).sBindingAddress};
+  const int row = getSipRoutingIndex(name);
+  if (row < 0) return {sNextHop::Kind::ePbx, 0, sProxyAddress};
+  const sSipRoutingRow& hop = psSipRoutingRows[static_cast<std::size_t>(row)];
+  return {sNextHop::Kind::eRoutingRow, row, addressOf(hop.pcIP.c_str(), hop.iPort)};
 }
 
 void MySip::collectPreservedHeaders(std::string_view msg, FixedText<500>& out, const char* function) {

@@ -231,8 +231,27 @@ class MySip {
   void handleInviteMsgReplacingOldCall(int slot, FixedText<500>& out);
   int analyzeToStringInInviteMessage(int orig, std::string_view to);
   int analyzeFromStringAndCommandInInviteMessage(int orig, std::string_view from, std::string_view to);
+  // The rule that decides a call: the first caller rule, then the first destination rule that matches, then
+  // the default. 1, and logged, when there is none or the To value cannot be read.
+  struct sCommandChoice {
+    enum class Source { eCallerRule, eDestinationRule, eDefault };
+    Source source = Source::eDefault;
+    int iRule = 0;
+    std::string_view destination;  // "*": as dialled
+    int iType = 0;
+  };
+  static int chooseCommand(std::string_view caller, std::string_view to, sCommandChoice& out);
   int findMatchingCommand(int orig, int pair, std::string_view to);
   int insertMatchingCmdData(int orig, int pair, std::string_view to, std::string_view destination, int type);
+  // Where the INVITE to a name goes: a phone bound with us (unless the call comes from a bound phone's own
+  // address), a row of the routing file, or the PBX. `iIndex`: of the binding or of the row.
+  struct sNextHop {
+    enum class Kind { eBoundPhone, eRoutingRow, ePbx };
+    Kind kind;
+    int iIndex;
+    sockaddr_in sAddress;
+  };
+  sNextHop nextHopOf(std::string_view name, const sockaddr_in& source);
   // Slot for a new INVITE, or -1.
   int chooseOrigSlot(std::string_view msg, const sockaddr_in& from);
   // The header lines of the message that the PSH expressions select.
@@ -505,7 +524,6 @@ class MySip {
   int readInviteOfCaller(int orig, std::string_view msg, bool& barred);
   int readMediaAndContactOfCaller(int orig, std::string_view msg);
   void beginPairLeg(int pair, std::string_view msg, std::string_view headers);
-  void choosePairDestination(int pair, const sockaddr_in& source);
   void takeReplaces(std::string_view msg, FixedText<500>& forOrig, FixedText<500>& forPair);
 
   // CallCommand.cpp

@@ -154,3 +154,39 @@ void printManual() {
     }
   }
 }
+
+// Text for troff: backslashes doubled, and no line that begins like a request.
+static std::string forTroff(std::string_view text) {
+  std::string out;
+  for (const char character : text) {
+    if (character == '`') continue;
+    if (character == '\\') out += '\\';
+    out += character;
+  }
+  return out.starts_with('.') || out.starts_with('\'') ? "\\&" + out : out;
+}
+
+void printManPage() {
+  std::fputs(
+      ".TH QUORVEL.CONF 5 \"\" Quorvel \"File formats\"\n"
+      ".SH NAME\nquorvel.conf \\- configuration of the voice-quality proxy\n"
+      ".SH DESCRIPTION\nOne\n.IR key = value\nper line; case matters and the last of several lines wins. A "
+      "line "
+      "that begins with a semicolon is a comment. File names are relative to the installation directory. "
+      "What is "
+      "marked (reload) takes effect while calls go on, when the file is read again.\n",
+      stdout);
+  for (int group = 0; group < kKeyGroups; ++group) {
+    std::printf(".SH \"%s\"\n", keyGroupTitle(static_cast<KeyGroup>(group)));
+    for (const sKey& key : keyRegistry()) {
+      if (key.group != static_cast<KeyGroup>(group)) continue;
+      const std::string limit = limits(key);
+      std::printf(".TP\n.BR %s \" (%s%s%s; %s%s)\"\n%s%s\n", key.pcName, typeName(key.type),
+                  limit.empty() ? "" : ", ", forTroff(limit).c_str(),
+                  key.sDefault.kind == sKeyDefault::Kind::eText ? "default: " : "",
+                  forTroff(defaultText(key)).c_str(), forTroff(key.pcHelp).c_str(),
+                  key.bReloadable ? " (reload)" : "");
+    }
+  }
+  std::fputs(".SH \"SEE ALSO\"\n.BR quorvel (8),\n.BR quorvelctl (1)\n", stdout);
+}

@@ -5,3 +5,5 @@
 void printSample();
 // The manual's list of keys, in Markdown.
 void printManual();
+// The manual page quorvel.conf(5), for man.
+void printManPage();

@@ -1,5 +1,4 @@
-// The configuration file for people and scripts: prints what keys there are, checks a file before the program
-// reads it, reads and changes single keys.
+// The configuration file for people and scripts: prints what keys there are, reads and changes single keys.
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -7,15 +6,10 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <unistd.h>
 
 #include "app/config/KeyRegistry.h"
-#include "app/config/Log.h"
 #include "app/config/MyConfiguration.h"
-#include "app/config/ProcessState.h"
 #include "app/config/TextFile.h"
-#include "engine/Glob.h"
-#include "rtp/MyRtp.h"
 #include "tools/quorvel-keys-print.h"
 
 namespace {
@@ -23,48 +17,11 @@ namespace {
 constexpr const char* kUsage =
     "quorvel-keys --sample                  print an annotated configuration file to start from\n"
     "quorvel-keys --manual                  print the manual's list of keys, in Markdown\n"
-    "quorvel-keys --check FILE              read a file as the program would at its start (needs "
-    "KESTROVA_BIN)\n"
+    "quorvel-keys --man                     print the manual page of the configuration file\n"
     "quorvel-keys --get FILE KEY            print the value that a file gives a key\n"
     "quorvel-keys --set FILE KEY [VALUE]    change a key in a file; without a value, comment it out\n";
 
 using Words = std::span<char* const>;
-
-// The log file that the check writes is this run's own: shown, then removed.
-bool showAndRemoveLog() {
-  const std::string path =
-      std::string(Glob::pcKestrovaBin.view()) + "../log/errLog" + pcKestrovaInstanceSuffix.c_str();
-  const File log = openForReading(path.c_str());
-  if (!log) return false;
-  LineReader lines(log.get());
-  while (lines.next()) std::fwrite(lines.bytes().data(), 1, lines.bytes().size(), stderr);
-  unlink(path.c_str());
-  return true;
-}
-
-// What the media relay refuses when it starts.
-bool callsFit() {
-  if (descriptorsFor(iNumCallsToFilter) <= kMaxDescriptors) return true;
-  Log::error("quorvel-keys", "value of NumCallsToFilter is more than the media relay can carry\n");
-  return false;
-}
-
-int check(Words words) {
-  const char* installation = std::getenv("KESTROVA_BIN");
-  if (installation == nullptr || !std::string_view(installation).ends_with('/') ||
-      !Glob::pcKestrovaBin.assign(installation) || !pcKestrovaInstanceSuffix.format("-check-%d", getpid())) {
-    std::fputs("KESTROVA_BIN must name the installation directory, with its final slash\n", stderr);
-    return 1;
-  }
-  // A host without a network address of its own keeps the program from starting, whatever the file says.
-  if (myConfiguration.readNetworkInformation())
-    std::fputs("This host has no address to start with:\n", stderr);
-  const bool valid = myConfiguration.readParams(words[0], false) == 0 && callsFit();
-  if (!showAndRemoveLog() && !valid)
-    std::fprintf(stderr, "no reason found: can %s../log be written?\n", installation);
-  std::puts(valid ? "The file is valid." : "The file is not valid.");
-  return valid ? 0 : 1;
-}
 
 int get(Words words) {
   static std::array<char, kMaxLineLength + 1> value;
@@ -96,7 +53,7 @@ struct sCommand {
 constexpr sCommand kCommands[] = {
     {"--sample", 0, 0, [](Words) { return printSample(), 0; }},
     {"--manual", 0, 0, [](Words) { return printManual(), 0; }},
-    {"--check", 1, 1, check},
+    {"--man", 0, 0, [](Words) { return printManPage(), 0; }},
     {"--get", 2, 2, get},
     {"--set", 2, 3, set},
 };

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <array>
 #include <cerrno>
 
@@ -17,26 +16,6 @@ void forgetFoundKeys(bool reload) {
   const auto keys = keyRegistry();
   for (std::size_t i = 0; i < keys.size(); ++i)
     if (!reload || keys[i].bReloadable) bFound[i] = false;
-}
-
-std::string_view withoutLeadingBlanks(std::string_view text) {
-  return text.substr(std::min(text.find_first_not_of(' '), text.size()));
-}
-
-struct sAssignment {
-  std::string_view key;
-  std::string_view value;  // to the end of the line; empty: nothing is assigned
-};
-
-// What a line assigns: nothing if it is a comment, has no "=" or no value.
-sAssignment readAssignment(std::string_view line) {
-  line = withoutLeadingBlanks(line);
-  const std::size_t equals = line.find('=');
-  if (line.starts_with(';') || equals == std::string_view::npos) return {};
-  const std::string_view key = line.substr(0, equals);
-  const std::string_view value = withoutLeadingBlanks(line.substr(equals + 1));
-  if (value.starts_with('\r') || value.starts_with('\n')) return {};
-  return {key.substr(0, key.find_last_not_of(' ') + 1), value};
 }
 
 // False when the line holds an invalid value.

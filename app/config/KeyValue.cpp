@@ -11,6 +11,10 @@
 
 namespace {
 
+std::string_view withoutLeadingBlanks(std::string_view text) {
+  return text.substr(std::min(text.find_first_not_of(' '), text.size()));
+}
+
 using Kind = sKeyCheck::Kind;
 
 // ---- Integers ----
@@ -178,6 +182,16 @@ void clearValue(const sKey& key) {
 }
 
 }  // namespace
+
+sAssignment readAssignment(std::string_view line) {
+  line = withoutLeadingBlanks(line);
+  const std::size_t equals = line.find('=');
+  if (line.starts_with(';') || equals == std::string_view::npos) return {};
+  const std::string_view key = line.substr(0, equals);
+  const std::string_view value = withoutLeadingBlanks(line.substr(equals + 1));
+  if (value.starts_with('\r') || value.starts_with('\n')) return {};
+  return {key.substr(0, key.find_last_not_of(' ') + 1), value};
+}
 
 KeyOutcome storeKeyValue(const sKey& key, std::string_view value) {
   return std::visit(Store{key, value}, key.target);

@@ -8,6 +8,14 @@
 
 inline constexpr const char* kReadParams = "MyConfiguration::readParams";
 
+struct sAssignment {
+  std::string_view key;
+  std::string_view value;  // to the end of the line; empty: nothing is assigned
+};
+
+// What a line of the file assigns: nothing if it is a comment, has no "=" or no value.
+[[nodiscard]] sAssignment readAssignment(std::string_view line);
+
 enum class KeyOutcome {
   eStored,
   eNotGiven,  // the text holds nothing that the key could take

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <unistd.h>
 
+#include "app/config/LogRecorder.h"
 #include "app/config/ProcessState.h"
 #include "common/Clock.h"
 #include "common/FixedText.h"
@@ -166,6 +167,7 @@ void Log::write(Level level, const char* function, const char* format, va_list a
   std::array<char, kMaxMessageLength + 1> message;
   message[0] = '\0';
   std::vsnprintf(message.data(), message.size(), format, arguments);
+  if (pLogRecorder != nullptr) return pLogRecorder(level, function, message.data());
   const Path path = logPath();
 
   std::unique_lock<std::mutex> lock(Glob::errMutex, std::defer_lock);

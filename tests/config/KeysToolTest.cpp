@@ -81,19 +81,4 @@ TEST_F(KeysToolTest, SingleKeysAreReadAndChanged) {
             std::string::npos);
 }
 
-TEST_F(KeysToolTest, FilesAreCheckedAsTheProgramReadsThem) {
-  const std::string check = "KESTROVA_BIN=" + installation.bin().string() + "/ " QUORVEL_KEYS " --check ";
-  const std::string good = installation.write("good.conf", fileText(requiredKeys()));
-  EXPECT_EQ(outputOf(check + good + " 2>/dev/null"), "The file is valid.\n");
-  const auto expectRefused = [&](const std::string& line, const std::string& reason) {
-    const std::string said =
-        outputOf(check + installation.write("bad.conf", fileText(requiredKeys(), line)) + " 2>&1");
-    EXPECT_NE(said.find(reason), std::string::npos) << said;
-    EXPECT_NE(said.find("The file is not valid.\n"), std::string::npos) << said;
-  };
-  expectRefused("SipDebug=2\n", "value of SipDebug is not 0 or 1\n");
-  expectRefused("NumCallsToFilter=128\n", "NumCallsToFilter");
-  EXPECT_EQ(outputOf("ls " + (installation.root() / "log").string()), "") << "the log of a check is removed";
-}
-
 }  // namespace

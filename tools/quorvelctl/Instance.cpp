@@ -1,0 +1,149 @@
+// The running process: its state, and the signals and the datagram that steer it.
+#include <arpa/inet.h>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include "app/config/Settings.h"
+#include "common/Handle.h"
+#include "tools/quorvelctl/Context.h"
+
+namespace {
+
+// A second interrupt within five seconds makes the process hang up running calls.
+constexpr int kSecondInterruptAfterMilliseconds = 300;
+// It takes two seconds to say good-bye to everybody.
+constexpr int kSecondsToEnd = 10;
+
+void pauseMilliseconds(long milliseconds) {
+  const timespec pause{milliseconds / 1000, milliseconds % 1000 * 1'000'000};
+  nanosleep(&pause, nullptr);
+}
+
+int notRunning(const sContext& context) {
+  if (context.bJson) std::puts("{\"running\": false}");
+  return fail("Quorvel%s%s is not running", context.instance.empty() ? "" : " instance ",
+              context.instance.c_str());
+}
+
+// Drain mode has no end but the process's own, so its log line since the last start tells.
+bool isDraining(const sContext& context) {
+  const auto log = readFile(logPath(context));
+  if (!log) return false;
+  const std::size_t start = log->rfind("INFO in quorvel_main, Loading Quorvel version");
+  const std::size_t drain = log->rfind("INFO in sigUsr2Handle, Got shutdown request");
+  return drain != std::string::npos && (start == std::string::npos || drain > start);
+}
+
+// Seconds from the command's argument, or `otherwise`; nothing when it is no number.
+std::optional<int> secondsOf(const sContext& context, int otherwise) {
+  if (context.words.empty()) return otherwise;
+  const std::string& word = context.words[0];
+  int seconds = 0;
+  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), seconds);
+  if (error != std::errc{} || end != word.data() + word.size() || seconds < 0) return std::nullopt;
+  return seconds;
+}
+
+// Waits until no call is up. The number of calls that are left.
+int waitForCalls(const sContext& context, pid_t process, int seconds) {
+  for (int second = 0;; ++second) {
+    const int calls = askActiveCalls(context, process).value_or(0);
+    if (calls == 0 || second >= seconds || !findProcess(context)) return calls;
+    if (!context.bJson) std::fprintf(stderr, "%d %s up\n", calls, calls == 1 ? "call" : "calls");
+    pauseMilliseconds(1000);
+  }
+}
+
+bool endsWithin(const sContext& context, pid_t process, int seconds) {
+  for (int tenth = 0; tenth < 10 * seconds; ++tenth) {
+    if (findProcess(context) != process) return true;
+    pauseMilliseconds(100);
+  }
+  return false;
+}
+
+std::optional<sockaddr_in> signallingAddress() {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(iSipUAPort));
+  if (inet_pton(AF_INET, pcSipUAIPForBinding.c_str(), &address.sin_addr) != 1) return std::nullopt;
+  return address;
+}
+
+bool sendDatagram(const std::string& text) {
+  const auto address = signallingAddress();
+  const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
+  return address && socket.isOpen() &&
+         sendto(socket.get(), text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&*address),
+                sizeof *address) == static_cast<ssize_t>(text.size());
+}
+
+}  // namespace
+
+int showStatus(const sContext& context) {
+  const auto process = findProcess(context);
+  if (!process) return notRunning(context);
+  const auto calls = askActiveCalls(context, *process);
+  const bool draining = isDraining(context);
+  if (context.bJson) {
+    std::printf("{\"running\": true, \"process\": %d, \"calls\": %s, \"draining\": %s}\n", *process,
+                calls ? std::to_string(*calls).c_str() : "null", draining ? "true" : "false");
+  } else {
+    std::printf("running, process %d, %s calls up%s\n", *process,
+                calls ? std::to_string(*calls).c_str() : "unknown",
+                draining ? ", draining: new calls are refused" : "");
+  }
+  return calls ? kYes : fail("the process does not answer SIGUSR1: is this the user it runs as?");
+}
+
+int drainInstance(const sContext& context) {
+  const auto seconds = secondsOf(context, 0);
+  if (!seconds) return fail("%s is no number of seconds", context.words[0].c_str());
+  const auto process = findProcess(context);
+  if (!process) return notRunning(context);
+  if (kill(*process, SIGUSR2) != 0) return fail("process %d cannot be signalled", *process);
+  const int left = waitForCalls(context, *process, *seconds);
+  if (context.bJson) std::printf("{\"draining\": true, \"calls\": %d}\n", left);
+  if (left != 0 && *seconds > 0) return fail("%d %s still up", left, left == 1 ? "call is" : "calls are");
+  return kYes;
+}
+
+int reloadInstance(const sContext& context) {
+  const auto process = findProcess(context);
+  if (!process) return notRunning(context);
+  // The process keeps what it has read before a bad line; so it is not shown a file that has one.
+  if (!loadConfiguration(context)) {
+    for (const std::string& record : takeRecords()) std::fprintf(stderr, "%s\n", record.c_str());
+    return fail("the file is not valid; nothing was reloaded");
+  }
+  const std::size_t before = readFile(logPath(context)).value_or("").size();
+  if (!sendDatagram("800-QUORVEL-RELOAD " + context.configuration + "\r\n"))
+    return fail("no datagram can be sent to %s:%d", pcSipUAIPForBinding.c_str(), iSipUAPort);
+  const std::string expected = "Going to reload configuration file \"" + context.configuration + "\"";
+  for (int tenth = 0; tenth < 30; ++tenth) {
+    pauseMilliseconds(100);
+    const auto log = readFile(logPath(context));
+    if (log && log->find(expected, log->size() < before ? 0 : before) != std::string::npos) return kYes;
+  }
+  return fail("the process was told to reload, but its log does not say that it did");
+}
+
+int stopInstance(const sContext& context) {
+  const auto seconds = secondsOf(context, 0);
+  if (!seconds) return fail("%s is no number of seconds", context.words[0].c_str());
+  const auto process = findProcess(context);
+  if (!process) return notRunning(context);
+  if (*seconds > 0) {
+    if (kill(*process, SIGUSR2) != 0) return fail("process %d cannot be signalled", *process);
+    waitForCalls(context, *process, *seconds);
+  }
+  if (kill(*process, SIGINT) != 0) return fail("process %d cannot be signalled", *process);
+  pauseMilliseconds(kSecondInterruptAfterMilliseconds);
+  (void)kill(*process, SIGINT);  // an accepted first one makes it ignore the second
+  if (!endsWithin(context, *process, kSecondsToEnd)) return fail("process %d does not end", *process);
+  return kYes;
+}
