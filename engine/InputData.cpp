@@ -41,6 +41,10 @@ std::int16_t* InputData::cycleSamples(int iStartTime) {
   return psAnalysisRing.data() + iStartTime % kAnalysisRingSamples;
 }
 
+std::int16_t InputData::atFullRate(std::int64_t lIndex) const {
+  return psFullRateRing[static_cast<std::size_t>(lIndex % (kAnalysisRingSamples * iRateFactor))];
+}
+
 int InputData::oldestTime() const {
   return std::max(0, getNumValues() - kAnalysisRingSamples);
 }

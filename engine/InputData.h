@@ -42,6 +42,8 @@ class InputData {
   // each time.
   [[nodiscard]] const std::int16_t* analysisSamples(int iSampleTime) const;
   [[nodiscard]] const std::int16_t* fullRateSamples(int iSampleTime) const;
+  // The full-rate sample with this index, counted from the start of the stream at the channel's rate.
+  [[nodiscard]] std::int16_t atFullRate(std::int64_t lIndex) const;
   // The analysis sample with this time, which must exist.
   [[nodiscard]] std::int16_t at(int iSampleTime) const;
   // The 32 analysis samples of the cycle that starts at this time, a multiple of 32.
