@@ -181,6 +181,16 @@ int KestrovaGetLastDTMFBuffer(uint16_t channel, char* text, int32_t capacity);
 int KestrovaCompleteRegistration(uint16_t channel, uint32_t* size);
 /* Writes the speaker record into a buffer of that size. 1 without a completed registration. */
 int KestrovaCopySpeakerInformationAfterRegistration(uint16_t channel, sAPISpeaker* speaker);
+/* How the channel's last registration ended: one of the values below. */
+int KestrovaGetRegistrationOutcome(uint16_t channel, int32_t* outcome);
+#define KESTROVA_REGISTRATION_LEARNED 0
+#define KESTROVA_REGISTRATION_TOO_SHORT 1 /* too little voiced speech */
+#define KESTROVA_REGISTRATION_WEAK 2      /* too soft, or hardly above the background */
+#define KESTROVA_REGISTRATION_MIXED 3     /* more than one talker */
+/* Whether `size` bytes are a whole speaker record that KestrovaIpsavoxInit takes: 0, or 2. Reads no byte
+ * beyond them. KestrovaIpsavoxInit cannot know how long the buffer is that it is given; it refuses a record
+ * of another version and one that was altered, by sums over its fixed part and its patterns. */
+int KestrovaCheckSpeakerInformation(const sAPISpeaker* speaker, uint32_t size);
 
 int KestrovaTerminate(uint16_t channel);
 int KestrovaAECTerminate(uint16_t channel);

@@ -1,11 +1,13 @@
 // The engine's call interface: package, channel life and learned voices.
 #include <algorithm>
-#include <cstring>
+#include <memory>
+#include <optional>
 #include <string_view>
 
 #include "engine/ApiSupport.h"
 #include "engine/Glob.h"
 #include "engine/Kestrova.h"
+#include "engine/VoiceProfileImage.h"
 #include "engine/ZeroedArray.h"
 
 namespace {
@@ -66,20 +68,16 @@ int initEchoChannel(std::uint16_t uChannel, const sKestrovaInit& init) {
   return kSuccess;
 }
 
-// Needs the registration that the channel does not create yet.
-bool startRegistration(const MyChannel& channel) {
-  return channel.pRegistration != nullptr;
+void startRegistration(MyChannel& channel) {
+  channel.pRegistration = std::make_unique<Registration>(channel);
+  channel.pRegistration->start();
 }
 
 // Without a speaker every voice counts, as after the init.
 bool loadSpeaker(MyChannel& channel, const sAPISpeaker* pSpeaker) {
   if (pSpeaker == nullptr) return true;
   const auto* puProfile = reinterpret_cast<const std::uint8_t*>(pSpeaker);
-  std::int32_t iVersion;
-  std::memcpy(&iVersion, puProfile, sizeof iVersion);
-  if (iVersion != kSpeakerVersion || !channel.pSourceSeparation) return false;
-  return channel.psSpeakerData->load(puProfile) &&
-         channel.pSourceSeparation->copySpeakerDataToDynamicInfo(puProfile + sSpeakerData::kTableBytes) == 0;
+  return channel.pSourceSeparation && loadProfile(channel, puProfile);
 }
 
 }  // namespace
@@ -131,12 +129,16 @@ int KestrovaIpsavoxInit(uint16_t channel, const sKestrovaInit* init) {
   if (init->bStartRegistration != 0) raised.sDetectAggressiveLevel = 0;
   if (const int iResult = KestrovaInit(channel, &raised); iResult != kSuccess) return iResult;
   MyChannel& noise = api::noiseChannel(channel);
-  // A channel that ran without what it was asked for would look as if it had it.
-  const bool bReady = init->bStartRegistration != 0 ? startRegistration(noise)
-                                                    : loadSpeaker(noise, init->psSpeakerInformation);
-  if (bReady) return kSuccess;
-  noise.terminate();
-  return kInitFailure;
+  return guarded(kInitFailure, [&] {
+    if (init->bStartRegistration != 0) {
+      startRegistration(noise);
+      return kSuccess;
+    }
+    if (loadSpeaker(noise, init->psSpeakerInformation)) return kSuccess;
+    // A channel that ran without what it was asked for would look as if it had it.
+    noise.terminate();
+    return kInitFailure;
+  });
 }
 
 int KestrovaAECInit(uint16_t channel, const sKestrovaInit* init) {
@@ -145,13 +147,38 @@ int KestrovaAECInit(uint16_t channel, const sKestrovaInit* init) {
   return guarded(kInitFailure, [&] { return initEchoChannel(channel, *init); });
 }
 
-// Nothing can be learned without a running registration, and voice initialisation refuses to start one.
-int KestrovaCompleteRegistration(uint16_t /*channel*/, uint32_t* /*size*/) {
-  return kBadChannelOrProcessing;
+int KestrovaCompleteRegistration(uint16_t channel, uint32_t* size) {
+  if (!isChannel(channel) || size == nullptr) return kBadChannelOrProcessing;
+  MyChannel& noise = api::noiseChannel(channel);
+  if (!noise.isInitialized() || !noise.pRegistration) return kBadChannelOrProcessing;
+  return guarded(kBadChannelOrProcessing, [&] {
+    noise.registrationOutcome = noise.pRegistration->stop(false);
+    noise.pRegistration.reset();
+    if (!noise.bRegistrationCompleted) return kBadChannelOrProcessing;
+    *size = profileBytes(noise.pSourceSeparation->patternRecords());
+    return kSuccess;
+  });
 }
 
-int KestrovaCopySpeakerInformationAfterRegistration(uint16_t /*channel*/, sAPISpeaker* /*speaker*/) {
-  return kBadChannelOrProcessing;
+int KestrovaCopySpeakerInformationAfterRegistration(uint16_t channel, sAPISpeaker* speaker) {
+  if (!isChannel(channel) || speaker == nullptr) return kBadChannelOrProcessing;
+  const MyChannel& noise = api::noiseChannel(channel);
+  if (!noise.isInitialized() || !noise.bRegistrationCompleted) return kBadChannelOrProcessing;
+  storeProfile(noise, reinterpret_cast<std::uint8_t*>(speaker));
+  return kSuccess;
+}
+
+int KestrovaGetRegistrationOutcome(uint16_t channel, int32_t* outcome) {
+  if (!isChannel(channel) || outcome == nullptr) return kBadChannelOrProcessing;
+  *outcome = static_cast<std::int32_t>(api::noiseChannel(channel).registrationOutcome);
+  return kSuccess;
+}
+
+int KestrovaCheckSpeakerInformation(const sAPISpeaker* speaker, uint32_t size) {
+  if (speaker == nullptr || size < profileBytes(0)) return kInitFailure;
+  const auto* puProfile = reinterpret_cast<const std::uint8_t*>(speaker);
+  const std::optional<int> records = recordsOfProfile(puProfile);
+  return records && size == profileBytes(*records) ? kSuccess : kInitFailure;
 }
 
 int KestrovaTerminate(uint16_t channel) {

@@ -56,6 +56,7 @@ int MyChannel::init() {
   pOutputData->init(this);
   if (pMyAEC) pMyAEC->init(this);
   pFftSchema->init(this);
+  if (pSourceSeparation) pSourceSeparation->init(this);
   updateRealFrequency();
   iEchoGain = kUnityQ7;
   iLastEchoPosition = kNoEchoPosition;
@@ -75,6 +76,7 @@ void MyChannel::createComponents() {
   pCycleInformation = std::make_unique<CycleInformation>();
   pMyFilters = std::make_unique<MyFilters>();
   pFftSchema = std::make_unique<FftSchema>();
+  if (needsSourceSeparation()) pSourceSeparation = std::make_unique<SourceSeparation>();
 }
 
 bool MyChannel::needsMySbt() const {

@@ -117,6 +117,7 @@ class MyChannel {
   // Spread of four cycles (largest maximum - smallest minimum) from which on they may hold speech.
   int iMinAmplitudeForPotentialSegment = 500;
   bool bRegistrationRunning = false;
+  Registration::Outcome registrationOutcome = Registration::Outcome::kTooShort;  // of the last one
   bool bSeparationOff = false;     // learned spectra are not consulted
   bool bSeparationLoose = false;   // verbs are checked less strictly: the separation decides
   bool bSeparationStrict = false;  // verbs are checked more strictly

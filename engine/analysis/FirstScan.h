@@ -77,6 +77,7 @@ class FirstScan {
   // Mean period of the segment's match at the cycle, of its last match beyond them; 0 without a match.
   [[nodiscard]] static int estimatePitch(const sSegment& segment, cHandle cycle);
 
+  [[nodiscard]] const PitchComparator& pitchComparator() const { return comparator; }
   [[nodiscard]] int noiseFloor() const { return floor.floor(); }
   [[nodiscard]] const MyChannel* channel() const { return pMyChannel; }
 

@@ -1,22 +1,64 @@
-// Where a voice registration hears of the channel's voiced segments. A channel owns one while its talker is
-// being learned (MyChannel::bRegistrationRunning).
+// Learns a talker's voice from the voiced segments that the detector finds while he speaks. A channel owns
+// one while its talker is being learned (MyChannel::bRegistrationRunning).
 //
 //   segment ends  -> handleProcessingForSegment   it waits until the level after it has stopped rising
 //   no input left -> handleProcessingForCycle     work on the waiting one
 //   queue is full -> insertNewSegment             the segment leaves the detector's queue for good
+//   end           -> stop                         the talker's pitch, histograms, templates and patterns
 #pragma once
 
+#include <array>
+
 #include "engine/analysis/Segment.h"
+#include "engine/ZeroedArray.h"
+
+class MyChannel;
 
 class Registration {
  public:
-  virtual ~Registration() = default;
+  static constexpr int kMaxSegments = 1000;
 
-  // A self verb has ended and stands in FirstScan's queue of closed segments (FirstScan::closedSegment),
-  // where it can be found by its iIdentity until insertNewSegment is called with it.
-  virtual void handleProcessingForSegment(const sSegment& segment) = 0;
+  // Why nothing usable was learned.
+  enum class Outcome { kLearned, kTooShort, kWeak, kMixed };
+
+  explicit Registration(MyChannel& owner);  // throws std::bad_alloc
+
+  void start();
+  // A self verb has ended and stands in FirstScan's queue of closed segments.
+  void handleProcessingForSegment(const sSegment& segment);
   // The cycle analysis waits for input; called once per frame, after everything else.
-  virtual void handleProcessingForCycle() = 0;
+  void handleProcessingForCycle();
   // FirstScan gives the oldest closed segment away.
-  virtual void insertNewSegment(const sSegment& segment) = 0;
+  void insertNewSegment(const sSegment& segment);
+  // Derives the talker's data; afresh, or added to what was learned before. What was learned is cleared when
+  // it is not usable.
+  Outcome stop(bool bFresh);
+
+  [[nodiscard]] int segments() const { return iSegments; }
+  [[nodiscard]] bool hasOverflowed() const { return bOverflow; }
+
+ private:
+  using Periods = std::array<int, kPitchBins>;
+
+  [[nodiscard]] bool validEntry() const;
+  [[nodiscard]] sSegment* findSelfVerb(int iIdentity);
+  void stopSegmentDuringRegistration(sSegment& segment);
+  void learnPending();
+  [[nodiscard]] Outcome derive(bool bFresh);
+  [[nodiscard]] bool learnPitch(bool bFresh);
+  void learnHistograms();
+  void learnTemplates();
+  [[nodiscard]] bool isWeak() const;
+  [[nodiscard]] bool isOwn(const sSegment& segment) const;
+
+  MyChannel& channel;
+  ZeroedArray<sSegment> psStore;
+  int iSegments = 0;
+  bool bOverflow = false;
+
+  bool bPending = false;
+  int iPendingIdentity = 0;
+  cHandle pendingEnd = 0;
+  int iPendingAmp = 0;
+  int iPendingTime = 0;  // sample time of its end: the ring may have come round
 };

@@ -1,36 +1,107 @@
-// What telling the learned voice from other sound adds to a noise channel, as its stages see it.
+// Tells the learned talker's voice from other sound: learns patterns of it during a registration, keeps them,
+// and while cleaning weighs every spectrum by what it holds of that voice.
+//
+//     newest cycle -> frame of 8 cycles, every 4 -> envelope, period -> score against the learned voice
+//                                                                          |
+//     verdict on a self verb <- evidence of the latest voiced frames <-----+
+//     coefficients per bin of the frame that is cleaned <------------------+
+//
+// The analysis runs ahead of the cleaning by the channel's delay: a frame is judged by what follows it, too.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <span>
+#include <vector>
 
 #include "engine/analysis/Cycle.h"
+#include "engine/analysis/LearnedVoice.h"
 #include "engine/analysis/Segment.h"
+#include "engine/analysis/TalkerEvidence.h"
+#include "engine/analysis/VoiceFrame.h"
+#include "engine/ZeroedArray.h"
+
+class MyChannel;
 
 class SourceSeparation {
  public:
   enum class Verdict { kUnknown, kLearnedVoice, kOtherSound };
 
-  virtual ~SourceSeparation() = default;
+  // 64 seconds of voiced sound: what a registration of two to three minutes holds.
+  static constexpr int kMaxPatterns = 4000;
 
-  // A new stream begins: forgets what was heard, keeps what was learned.
-  virtual void cleanHistory() = 0;
+  SourceSeparation();  // throws std::bad_alloc
+  void init(MyChannel* pChannel);
+  // Forgets everything, or only what was heard since the stream began.
+  void clean();
+  void cleanHistory();
 
-  // Whether there is anything to do for a frame: the talker is being learned, or has been.
-  [[nodiscard]] virtual bool isActive() const = 0;
+  // ---- Learning
+  // Adds a pattern for every frame of a voiced stretch that begins at `from` or, where its level allows,
+  // earlier. Throws std::bad_alloc at the first one.
+  void learnAndPopulateDynamicInfoDuringRegistration(cHandle from, cHandle to);
+  // Makes clusters of the patterns. False when they are too few to know a voice by.
+  [[nodiscard]] bool stopRegistration();
+  [[nodiscard]] std::span<const sVoicePattern> patterns() const {
+    return {psPatterns.data(), static_cast<std::size_t>(voice[0].iPatterns)};
+  }
+
+  // ---- Cleaning
+  // Whether there is anything to do for a frame: a voice has been learned, and none is being learned now.
+  [[nodiscard]] bool isActive() const;
   // Called for each cycle of a frame, in order, between transform and inverse transform. MyFilters' work
-  // array holds the frame's spectrum and must be left alone.
-  virtual void analyzeDuringCleaning(cHandle cycle) = 0;
+  // array holds the frame's spectrum and is left alone.
+  void analyzeDuringCleaning(cHandle cycle);
   // Then once per frame: applies the learned gains to the packed spectrum of a transform of that length (see
   // MyFilters.h), at the channel's rate. iFirst and iLast are the frame's sample times.
-  virtual void separate(std::span<double> dSpectrum, int iLength, int iFirst, int iLast) = 0;
+  void separate(std::span<double> dSpectrum, int iLength, int iFirst, int iLast);
 
   // Whether a self verb is the learned talker's, as far as its spectra tell.
-  [[nodiscard]] virtual Verdict verdictOn(const sSegment& segment) const = 0;
+  [[nodiscard]] Verdict verdictOn(const sSegment& segment) const;
+  // What the verdict rests on: above 0 rather the learned talker. For measurements.
+  [[nodiscard]] float scoreOf(const sSegment& segment) const;
+  [[nodiscard]] const TalkerEvidence& evidence() const { return heard; }
 
-  // The separation's part of a voice profile: kSeparationBytes and then kPatternBytes per record. Loading
-  // returns 0, or 2 when memory is short or the record count is out of range.
-  [[nodiscard]] virtual int patternRecords() const = 0;
-  virtual void copySpeakerDataFromDynamicInfo(std::uint8_t* puProfile) const = 0;
-  [[nodiscard]] virtual int copySpeakerDataToDynamicInfo(const std::uint8_t* puProfile) = 0;
+  // ---- The separation's part of a voice profile: kSeparationBytes and then kPatternBytes per record
+  [[nodiscard]] int patternRecords() const { return voice[0].iPatterns; }
+  void copySpeakerDataFromDynamicInfo(std::uint8_t* puProfile) const;
+  // 0, or 2 when memory is short or its figures cannot be. Reads as many records as the block tells of.
+  [[nodiscard]] int copySpeakerDataToDynamicInfo(const std::uint8_t* puProfile);
+
+ private:
+  static constexpr int kHistory = 312;  // frames, 5 s
+  static constexpr int kNever = -1000000;
+
+  struct sEntry {
+    int iEndTime = kNever;
+    bool bVoiced = false;
+    bool bMatched = false;
+    float fScore = 0;
+    float fWeight = 0;
+    std::array<float, kEnvelopeBins> fCoefficient{};
+  };
+
+  void allocatePatterns();
+  void addPattern(const sVoiceFrame& frame, bool bBreak);
+  [[nodiscard]] int referenceAmp() const;
+  void analyseUpTo(int iTime);
+  void analyseFrame(cHandle last);
+  [[nodiscard]] float weightOf(const sVoiceFrame& frame) const;
+  void calcCoefficients(const sVoiceFrame& frame, sEntry& entry);
+  [[nodiscard]] const sEntry* entryOf(int iTime) const;
+  void followReference(const sEntry& entry);
+
+  MyChannel* pMyChannel = nullptr;
+  ZeroedArray<sLearnedVoice> voice;
+  ZeroedArray<sVoicePattern> psPatterns;  // empty until a voice is learned or loaded
+  VoiceScorer scorer;
+  int iLastLearned = -1;  // sample time
+  int iLastPeriod = 0;
+
+  TalkerEvidence heard;
+  std::vector<sEntry> entries;  // ring of kHistory
+  int iNewest = 0;
+  std::array<float, kEnvelopeBins> fDefault{};  // coefficients of a frame that was not analysed
+  float fOpen = 1;                              // how much of the sound is the learned talker's
+  float fGain = 1;                              // makes up for what his own bins lose
 };

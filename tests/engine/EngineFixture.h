@@ -1,6 +1,7 @@
 // Builders that the engine's tests share: the package, an initialisation record and seeded signals.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <random>
@@ -56,7 +57,8 @@ inline Samples gaussianNoise(std::size_t uCount, double dRms, unsigned uSeed) {
 }
 
 // A voice: pulses at a gliding pitch through three resonances, with the given peak.
-inline Samples voice(std::size_t uCount, int iRate, double dPitch, double dPeak) {
+inline Samples voice(std::size_t uCount, int iRate, double dPitch, double dPeak,
+                     const std::array<double, 3>& dResonances = {650, 1200, 2600}) {
   struct sResonance {
     double dFrequency, dBandwidth, y1 = 0, y2 = 0;
     double next(double x, int iRate) {
@@ -66,7 +68,7 @@ inline Samples voice(std::size_t uCount, int iRate, double dPitch, double dPeak)
       return y1 = y;
     }
   };
-  sResonance asResonance[] = {{650, 80}, {1200, 90}, {2600, 150}};
+  sResonance asResonance[] = {{dResonances[0], 80}, {dResonances[1], 90}, {dResonances[2], 150}};
   std::vector<double> y(uCount);
   double dPhase = 1;
   double dLargest = 1e-9;

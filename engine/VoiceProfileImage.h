@@ -1,0 +1,19 @@
+// A voice profile as it stands in a buffer (sAPISpeaker): what SpeakerData.h and LearnedVoice.h put into it,
+// and the sums that tell an altered one.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+class MyChannel;
+
+// Bytes of a profile with that many pattern records.
+[[nodiscard]] std::uint32_t profileBytes(int iRecords);
+// Pattern records of a profile whose version, figures and sum are right. Reads its fixed part only, which
+// must be there.
+[[nodiscard]] std::optional<int> recordsOfProfile(const std::uint8_t* puProfile);
+// Takes a profile into a channel that is initialised for it. False, and nothing is learned, when it is not
+// usable.
+[[nodiscard]] bool loadProfile(MyChannel& channel, const std::uint8_t* puProfile);
+// Writes profileBytes(...) bytes of what the channel has learned.
+void storeProfile(const MyChannel& channel, std::uint8_t* puProfile);

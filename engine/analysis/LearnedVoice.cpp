@@ -1,0 +1,132 @@
+#include "engine/analysis/LearnedVoice.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "engine/analysis/WorldVoices.h"
+
+namespace {
+
+constexpr int kMinPatterns = 120;       // 2 s of voiced sound
+constexpr int kPatternsPerCluster = 6;  // fewer would learn single frames
+constexpr int kMinClusters = 16;
+constexpr int kMostClusters = 192;  // more tell hardly more apart
+constexpr int kRounds = 6;
+// Patterns that clusters are made of; more than half a minute of voice adds nothing and takes its time.
+constexpr int kMaxForClusters = 2000;
+
+// The threshold as part of what the talker's own unknown sounds score: where the two kinds of error meet over
+// the talkers it was tuned on. The bounds keep a short or poor sample from closing or opening the gate.
+constexpr float kThresholdOfOwnScore = 0.35F;
+constexpr float kLowestThreshold = 0.5F;
+constexpr float kHighestThreshold = 2.0F;
+
+const std::vector<sEnvelope>& worldEnvelopes() {
+  static const std::vector<sEnvelope> all = [] {
+    std::vector<sEnvelope> list;
+    for (const sPackedEnvelope& each : kWorldEnvelopes) list.push_back(unpacked(each));
+    return list;
+  }();
+  return all;
+}
+
+float scoreOf(const sEnvelope& envelope, std::span<const sEnvelope> own) {
+  return (nearest(envelope, worldEnvelopes()).fDistance - nearest(envelope, own).fDistance) / 2;
+}
+
+// Centres of the envelopes by k-means, begun with envelopes evenly spaced in time.
+std::vector<sEnvelope> clustersOf(std::span<const sEnvelope> all, int iWanted) {
+  const auto uWanted = static_cast<std::size_t>(iWanted);
+  std::vector<sEnvelope> centres;
+  for (std::size_t i = 0; i < uWanted; ++i) centres.push_back(all[i * all.size() / uWanted]);
+  for (int iRound = 0; iRound < kRounds; ++iRound) {
+    std::vector<sEnvelope> sums(uWanted, sEnvelope{});
+    std::vector<int> counts(uWanted, 0);
+    for (const sEnvelope& each : all) {
+      const auto u = static_cast<std::size_t>(nearest(each, centres).iIndex);
+      ++counts[u];
+      for (std::size_t i = 0; i < each.size(); ++i) sums[u][i] += each[i];
+    }
+    for (std::size_t u = 0; u < uWanted; ++u) {
+      if (counts[u] == 0) continue;
+      for (std::size_t i = 0; i < sums[u].size(); ++i)
+        centres[u][i] = sums[u][i] / static_cast<float>(counts[u]);
+    }
+  }
+  return centres;
+}
+
+int wantedClusters(std::size_t uPatterns) {
+  return std::clamp(static_cast<int>(uPatterns) / kPatternsPerCluster, kMinClusters, kMostClusters);
+}
+
+// What the talker's sounds score that the clusters have not seen: the last third against the rest.
+float ownScoreOf(std::span<const sEnvelope> all) {
+  const std::size_t uKnown = all.size() * 2 / 3;
+  const auto known = all.first(uKnown);
+  const std::vector<sEnvelope> centres = clustersOf(known, wantedClusters(uKnown));
+  float fSum = 0;
+  for (const sEnvelope& each : all.subspan(uKnown)) fSum += scoreOf(each, centres);
+  return fSum / static_cast<float>(all.size() - uKnown);
+}
+
+std::vector<sEnvelope> validEnvelopes(std::span<const sVoicePattern> patterns) {
+  std::vector<sEnvelope> all;
+  for (const sVoicePattern& pattern : patterns) {
+    if ((pattern.uFlags & sVoicePattern::kValid) != 0) all.push_back(pattern.envelope);
+  }
+  if (all.size() <= kMaxForClusters) return all;
+  std::vector<sEnvelope> chosen;
+  for (std::size_t i = 0; i < kMaxForClusters; ++i) chosen.push_back(all[i * all.size() / kMaxForClusters]);
+  return chosen;
+}
+
+}  // namespace
+
+bool sLearnedVoice::isConsistent() const {
+  const bool bFinite = std::isfinite(fOwnScore) && std::isfinite(fThreshold) && std::isfinite(fMeanPower);
+  return uMagic == kMagic && iPatterns >= 0 && (bLearned == 0 || bLearned == 1) && iClusters >= 0 &&
+         iClusters <= kMaxClusters && bFinite && std::abs(fThreshold) <= kHighestThreshold;
+}
+
+bool buildLearnedVoice(std::span<sVoicePattern> patterns, sLearnedVoice& voice) {
+  const std::vector<sEnvelope> all = validEnvelopes(patterns);
+  voice.iClusters = 0;
+  if (all.size() < kMinPatterns) return false;
+  const std::vector<sEnvelope> centres = clustersOf(all, wantedClusters(all.size()));
+  voice.iClusters = static_cast<int>(centres.size());
+  for (std::size_t u = 0; u < centres.size(); ++u) voice.asCluster[u] = {packed(centres[u]), 0};
+  double dPower = 0;
+  for (sVoicePattern& pattern : patterns) {
+    if ((pattern.uFlags & sVoicePattern::kValid) == 0) continue;
+    pattern.iCluster = nearest(pattern.envelope, centres).iIndex;
+    auto& cluster = voice.asCluster[static_cast<std::size_t>(pattern.iCluster)];
+    if (cluster.uPatterns < 0xffff) ++cluster.uPatterns;
+    dPower += pattern.fPower;
+  }
+  voice.fMeanPower = static_cast<float>(dPower / static_cast<double>(patterns.size()));
+  voice.fOwnScore = ownScoreOf(all);
+  voice.fThreshold = std::clamp(kThresholdOfOwnScore * voice.fOwnScore, kLowestThreshold, kHighestThreshold);
+  return true;
+}
+
+bool areTwoTalkers(std::span<const sVoicePattern> /*patterns*/) {
+  return false;
+}
+
+// ---- Scores
+
+VoiceScorer::VoiceScorer() : worldVoices(worldEnvelopes()) {
+  ownVoices.reserve(sLearnedVoice::kMaxClusters);
+}
+
+void VoiceScorer::learn(const sLearnedVoice& voice) {
+  ownVoices.clear();
+  for (std::size_t u = 0; u < static_cast<std::size_t>(voice.iClusters); ++u)
+    ownVoices.push_back(unpacked(voice.asCluster[u].envelope));
+  fThreshold = voice.fThreshold;
+}
+
+float VoiceScorer::score(const sEnvelope& envelope) const {
+  return (nearest(envelope, worldVoices).fDistance - nearest(envelope, ownVoices).fDistance) / 2 - fThreshold;
+}

@@ -1,0 +1,174 @@
+#include "engine/analysis/SourceSeparation.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "engine/MyChannel.h"
+
+namespace {
+
+// Frames weaker than a twentieth of the good verbs are not judged.
+constexpr int kWeakest = 20;
+
+// The evidence between which the sound goes over from the other's to the learned talker's.
+constexpr float kOthers = -0.5F;
+constexpr float kOwn = 0.3F;
+// What is left of another's sound, as an amplitude: 18 dB less. The comfort noise covers the rest.
+constexpr float kLeftOfOthers = 0.12F;
+// Per frame of 16 ms: opens within two, closes within six.
+constexpr float kOpening = 0.6F;
+constexpr float kClosing = 0.3F;
+
+// A frame counts in full from a third of the loudest of the last half second on.
+constexpr float kLoudPart = 3;
+constexpr float kLeastWeight = 0.1F;
+
+constexpr float kDefaultStep = 0.01F;
+constexpr float kReferenceStep = 0.01F;
+constexpr float kMostGain = 4;
+
+// The learned talker's sounds in one verb weigh this many frames of what was heard before.
+constexpr float kBeforeFrames = 6;
+
+}  // namespace
+
+SourceSeparation::SourceSeparation() : voice(1), entries(kHistory) {
+  clean();
+}
+
+void SourceSeparation::init(MyChannel* pChannel) {
+  pMyChannel = pChannel;
+}
+
+void SourceSeparation::clean() {
+  voice[0] = sLearnedVoice{};
+  scorer.learn(voice[0]);
+  iLastLearned = -1;
+  iLastPeriod = 0;
+  cleanHistory();
+}
+
+void SourceSeparation::cleanHistory() {
+  for (sEntry& entry : entries) entry.iEndTime = kNever;
+  iNewest = 0;
+  heard = TalkerEvidence{};
+  fDefault.fill(1);
+  fOpen = fGain = 1;
+}
+
+bool SourceSeparation::isActive() const {
+  return voice[0].bLearned != 0 && !pMyChannel->bRegistrationRunning;
+}
+
+// ---- Analysis
+
+void SourceSeparation::analyzeDuringCleaning(cHandle cycle) {
+  if (!isActive()) return;
+  analyseUpTo(pMyChannel->pCycleInformation->at(cycle).EndIndex);
+  analyseUpTo(pMyChannel->pCycleInformation->lastSampleTime());
+}
+
+// Frames end at multiples of the hop. What lies too far back was not cleaned, a tone perhaps.
+void SourceSeparation::analyseUpTo(int iTime) {
+  constexpr int kHop = kVoiceHopCycles * kCycleSamples;
+  constexpr int kMostBack = 100 * kCycleSamples;
+  const CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  const int iLatest = entries[static_cast<std::size_t>(iNewest)].iEndTime;
+  int iEnd = std::max({iLatest + kHop, (iTime - kMostBack) / kHop * kHop + kHop - 1, 3 * kHop - 1});
+  for (; iEnd <= iTime; iEnd += kHop) {
+    const cHandle last = cycles.cycleOf(iEnd);
+    if (last >= 0) analyseFrame(last);
+  }
+}
+
+// Patterns were learned from the loud parts of verbs; what is weaker than those says little.
+float SourceSeparation::weightOf(const sVoiceFrame& frame) const {
+  const int iLoudest = std::max(1, pMyChannel->pCycleInformation->trackers().immediate(0).spread());
+  const float fRelative = kLoudPart * static_cast<float>(frame.iAmp) / static_cast<float>(iLoudest);
+  return std::clamp(fRelative * fRelative, kLeastWeight, 1.0F);
+}
+
+void SourceSeparation::analyseFrame(cHandle last) {
+  iNewest = (iNewest + 1) % kHistory;
+  sEntry& entry = entries[static_cast<std::size_t>(iNewest)];
+  sVoiceFrame frame;
+  analyseVoiceFrame(*pMyChannel, last, frame);
+  entry.iEndTime = frame.iEndTime;
+  entry.bVoiced = frame.bVoiced && frame.iAmp * kWeakest >= referenceAmp() &&
+                  frame.iAmp >= pMyChannel->iMinAmplitudeForPotentialSegment;
+  entry.fScore = entry.bVoiced ? scorer.score(frame.envelope) : 0;
+  entry.fWeight = weightOf(frame);
+  if (entry.bVoiced) {
+    heard.push(entry.fScore, entry.fWeight);
+  } else {
+    heard.pause();
+  }
+  calcCoefficients(frame, entry);
+}
+
+// ---- Coefficients
+
+void SourceSeparation::calcCoefficients(const sVoiceFrame& /*frame*/, sEntry& entry) {
+  const float fTarget = std::clamp((heard.value() - kOthers) / (kOwn - kOthers), 0.0F, 1.0F);
+  fOpen += (fTarget - fOpen) * (fTarget > fOpen ? kOpening : kClosing);
+  entry.bMatched = fTarget >= 1;
+  entry.fCoefficient.fill(kLeftOfOthers + (1 - kLeftOfOthers) * fOpen);
+  for (std::size_t k = 0; k < fDefault.size(); ++k)
+    fDefault[k] += kDefaultStep * (entry.fCoefficient[k] - fDefault[k]);
+}
+
+const SourceSeparation::sEntry* SourceSeparation::entryOf(int iTime) const {
+  constexpr int kHop = kVoiceHopCycles * kCycleSamples;
+  for (int i = 0; i < kHistory; ++i) {
+    const sEntry& entry = entries[static_cast<std::size_t>((iNewest - i + kHistory) % kHistory)];
+    if (entry.iEndTime <= iTime) return entry.iEndTime > iTime - kHop ? &entry : nullptr;
+  }
+  return nullptr;
+}
+
+// The gain that makes up for what the learned talker's own sounds lose on average.
+void SourceSeparation::followReference(const sEntry& entry) {
+  if (!entry.bMatched || !entry.bVoiced) return;
+  float fSum = 0;
+  for (const float f : entry.fCoefficient) fSum += f;
+  const float fReference = std::max(fSum / kEnvelopeBins, 1 / kMostGain);
+  fGain += kReferenceStep * (std::clamp(1 / fReference, 1.0F, kMostGain) - fGain);
+}
+
+void SourceSeparation::separate(std::span<double> dSpectrum, int iLength, int /*iFirst*/, int iLast) {
+  if (!isActive()) return;
+  const sEntry* pEntry = entryOf(iLast);
+  if (pEntry != nullptr) followReference(*pEntry);
+  const auto& fCoefficient = pEntry != nullptr ? pEntry->fCoefficient : fDefault;
+  const int iLimit = std::min(kEnvelopeSamples * std::min(pMyChannel->rateFactor(), 2), iLength / 2);
+  const auto coefficientOf = [&](int k) {
+    // The analysis bin of the same frequency; above 4 kHz the highest stands for all.
+    const std::int64_t lBin = std::int64_t{k} * pMyChannel->iRealFrequency * kEnvelopeSamples /
+                              (std::int64_t{iLength} * kAnalysisRate);
+    return fCoefficient[static_cast<std::size_t>(std::min<std::int64_t>(lBin, kEnvelopeBins - 1))] * fGain;
+  };
+  dSpectrum[0] *= coefficientOf(0);
+  for (int k = 1; k < iLength / 2; ++k) {
+    const double dFactor = k < iLimit ? coefficientOf(k) : 0;
+    dSpectrum[static_cast<std::size_t>(2 * k)] *= dFactor;
+    dSpectrum[static_cast<std::size_t>(2 * k + 1)] *= dFactor;
+  }
+}
+
+// ---- Verdicts
+
+float SourceSeparation::scoreOf(const sSegment& segment) const {
+  float fSum = kBeforeFrames * heard.value();
+  float fFrames = kBeforeFrames;
+  for (const sEntry& entry : entries) {
+    if (!entry.bVoiced || entry.iEndTime < segment.iStartTime || entry.iEndTime > segment.iEndTime) continue;
+    fSum += entry.fWeight * entry.fScore;
+    fFrames += entry.fWeight;
+  }
+  return fSum / fFrames;
+}
+
+SourceSeparation::Verdict SourceSeparation::verdictOn(const sSegment& segment) const {
+  if (!isActive() || heard.frames() < 1) return Verdict::kUnknown;
+  return scoreOf(segment) > 0 ? Verdict::kLearnedVoice : Verdict::kOtherSound;
+}

@@ -1,0 +1,162 @@
+// Learning a talker's voice, its profile, and what is kept of him and of others afterwards.
+#include <cstring>
+
+#include "engine/MyChannel.h"
+#include "tests/engine/EngineFixture.h"
+
+namespace {
+
+// A talker in front of a faint background: vowels through his own throat at his own pitch, with short pauses.
+Samples talk(double dSeconds, double dPitch, double dThroat, unsigned uSeed, double dPeak = 9000) {
+  constexpr double pdVowels[][3] = {{730, 1090, 2440}, {270, 2290, 3010}, {300, 870, 2240},
+                                    {530, 1840, 2480}, {570, 840, 2410},  {440, 1020, 2240}};
+  std::mt19937 random(uSeed);
+  const auto uWanted = static_cast<std::size_t>(8000 * dSeconds);
+  Samples samples = silence(4000);
+  while (samples.size() < uWanted) {
+    const auto& pdVowel = pdVowels[random() % std::size(pdVowels)];
+    const double dGlide = 0.94 + 0.12 * static_cast<double>(random() % 100) / 100;
+    samples += voice(1600 + random() % 1600, 8000, dPitch * dGlide, dPeak,
+                     {pdVowel[0] * dThroat, pdVowel[1] * dThroat, pdVowel[2] * dThroat});
+    samples += silence(400 + random() % 1200);
+  }
+  return mixed(samples, gaussianNoise(samples.size(), 5, uSeed));
+}
+
+class LearnedVoiceTest : public EngineTest {
+ protected:
+  static constexpr double kDeep = 115, kDeepThroat = 1;
+  static constexpr double kHigh = 205, kHighThroat = 1.17;
+
+  static int initVoice(const sAPISpeaker* pSpeaker, bool bLearn = false, std::uint16_t c = 0) {
+    sKestrovaInit init = defaultInit();
+    init.bStartRegistration = bLearn;
+    init.psSpeakerInformation = pSpeaker;
+    return KestrovaIpsavoxInit(c, &init);
+  }
+  static const sAPISpeaker* speaker(const std::vector<std::uint8_t>& profile) {
+    return reinterpret_cast<const sAPISpeaker*>(profile.data());
+  }
+  // The outcome of a registration of what is heard; on success `profile` holds what was learned.
+  static int learn(const Samples& heard, std::vector<std::uint8_t>* pProfile = nullptr) {
+    EXPECT_EQ(initVoice(nullptr, true), 0);
+    process(0, heard, 256);
+    std::uint32_t uBytes = 0;
+    const int iResult = KestrovaCompleteRegistration(0, &uBytes);
+    std::int32_t iOutcome = -1;
+    EXPECT_EQ(KestrovaGetRegistrationOutcome(0, &iOutcome), 0);
+    EXPECT_EQ(iResult, iOutcome == KESTROVA_REGISTRATION_LEARNED ? 0 : 1);
+    if (iResult != 0 || pProfile == nullptr) return iOutcome;
+    pProfile->assign(uBytes, 0);
+    auto* pSpeaker = reinterpret_cast<sAPISpeaker*>(pProfile->data());
+    EXPECT_EQ(KestrovaCopySpeakerInformationAfterRegistration(0, pSpeaker), 0);
+    return iOutcome;
+  }
+  static const std::vector<std::uint8_t>& deepProfile() {
+    static const std::vector<std::uint8_t> profile = [] {
+      std::vector<std::uint8_t> made;
+      EXPECT_EQ(learn(talk(20, kDeep, kDeepThroat, 1), &made), KESTROVA_REGISTRATION_LEARNED);
+      return made;
+    }();
+    return profile;
+  }
+  // By how many dB a stream changes with the deep talker's profile.
+  static double change(const Samples& in) {
+    EXPECT_EQ(initVoice(speaker(deepProfile())), 0);
+    const Samples out = process(0, in);
+    return decibels(rms(out, 0, out.size()) / rms(in, 0, in.size()));
+  }
+};
+
+TEST_F(LearnedVoiceTest, TheLearnedTalkerIsKeptAndOthersAreTakenAway) {
+  EXPECT_NEAR(change(talk(8, kDeep, kDeepThroat, 2)), 0, 1.5);
+  EXPECT_LT(change(talk(8, kHigh, kHighThroat, 3)), -12) << "other pitch, other throat";
+  EXPECT_LT(change(talk(8, kDeep, kHighThroat, 4)), -12) << "other throat at the same pitch";
+}
+
+TEST_F(LearnedVoiceTest, AProfileIsAWholeImageOfWhatWasLearned) {
+  const std::vector<std::uint8_t>& profile = deepProfile();
+  ASSERT_EQ(initVoice(speaker(profile), false, 3), 0);
+  const MyChannel& channel = KestrovapMyChannels[3];
+  const int iPatterns = channel.pSourceSeparation->patternRecords();
+  EXPECT_EQ(profile.size(), 654992U + 4740U * static_cast<unsigned>(iPatterns));
+  EXPECT_NEAR(channel.psSpeakerData->iPitchCentre, 8000 / (1.05 * kDeep), 3) << "it glides up by a tenth";
+  EXPECT_GE(channel.psSpeakerData->iPitchSpread, 5);
+  EXPECT_LE(channel.psSpeakerData->iPitchSpread, 7);
+  EXPECT_GT(channel.psSpeakerData->iTemplates, 20);
+  EXPECT_EQ(KestrovaCheckSpeakerInformation(speaker(profile), static_cast<std::uint32_t>(profile.size())), 0);
+  EXPECT_EQ(KestrovaCopySpeakerInformationAfterRegistration(3, nullptr), 1);
+}
+
+TEST_F(LearnedVoiceTest, ABrokenProfileIsRefusedAndTheChannelCanGoOnWithoutIt) {
+  constexpr std::size_t kSeparation = 32 + 8400 + 636000;
+  const std::vector<std::uint8_t>& good = deepProfile();
+  const std::size_t puOffsets[] = {0,
+                                   4,
+                                   16,
+                                   24,
+                                   8432,
+                                   300000,
+                                   kSeparation,
+                                   kSeparation + 12,
+                                   kSeparation + 13,
+                                   kSeparation + 20,
+                                   kSeparation + 5000,
+                                   654992,
+                                   good.size() - 8};
+  for (const std::size_t uOffset : puOffsets) {
+    std::vector<std::uint8_t> broken = good;
+    broken[uOffset] ^= 0x40;
+    EXPECT_EQ(initVoice(speaker(broken)), 2) << uOffset;
+    EXPECT_EQ(initVoice(nullptr), 0);
+  }
+  for (unsigned uSeed = 0; uSeed < 20; ++uSeed) {
+    std::mt19937 random(uSeed);
+    std::vector<std::uint8_t> noise(654992);
+    for (auto& uByte : noise) uByte = static_cast<std::uint8_t>(random());
+    if (uSeed % 2 == 0) std::memcpy(noise.data(), good.data(), 32);
+    EXPECT_EQ(initVoice(speaker(noise)), 2) << uSeed;
+  }
+  const auto uSize = static_cast<std::uint32_t>(good.size());
+  for (const std::uint32_t uWrong :
+       {0U, 4U, 654991U, 654992U, uSize - 4740, uSize - 1, uSize + 1, uSize + 4740}) {
+    EXPECT_EQ(KestrovaCheckSpeakerInformation(speaker(good), uWrong), 2) << uWrong;
+  }
+}
+
+TEST_F(LearnedVoiceTest, ASampleThatTellsTooLittleIsRefusedWithItsReason) {
+  const struct {
+    const char* pcWhat;
+    Samples heard;
+    int iOutcome;
+  } pCases[] = {
+      {"silence", silence(80000), KESTROVA_REGISTRATION_WEAK},
+      {"a whisper", talk(10, kDeep, kDeepThroat, 5, 300), KESTROVA_REGISTRATION_WEAK},
+      {"noise", gaussianNoise(80000, 1500, 6), KESTROVA_REGISTRATION_TOO_SHORT},
+      {"a word", talk(1.5, kDeep, kDeepThroat, 7), KESTROVA_REGISTRATION_TOO_SHORT},
+      {"buried", mixed(talk(20, kDeep, kDeepThroat, 8, 3000), gaussianNoise(160000, 700, 9)),
+       KESTROVA_REGISTRATION_WEAK},
+  };
+  for (const auto& row : pCases) {
+    EXPECT_EQ(learn(row.heard), row.iOutcome) << row.pcWhat;
+    EXPECT_FALSE(KestrovapMyChannels[0].usesLearnedVoice()) << row.pcWhat;
+    EXPECT_EQ(KestrovaProcessFrame(0, nullptr, 64, nullptr, nullptr), 1);
+  }
+}
+
+TEST_F(LearnedVoiceTest, ThreeSureVerbsAreNeededAndAThousandAreKept) {
+  ASSERT_EQ(initVoice(nullptr, true), 0);
+  Registration& registration = *KestrovapMyChannels[0].pRegistration;
+  sSegment verb;
+  verb.type = kSelfVerb;
+  verb.bGood = true;
+  verb.iAmp = 9000;
+  verb.iNumMatches = 7;
+  for (int i = 0; i < Registration::kMaxSegments; ++i) registration.insertNewSegment(verb);
+  EXPECT_FALSE(registration.hasOverflowed());
+  registration.insertNewSegment(verb);
+  EXPECT_TRUE(registration.hasOverflowed());
+  EXPECT_EQ(registration.segments(), Registration::kMaxSegments);
+}
+
+}  // namespace
