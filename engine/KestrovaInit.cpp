@@ -1,7 +1,6 @@
 // The engine's call interface: package, channel life and learned voices.
 #include <algorithm>
 #include <memory>
-#include <optional>
 #include <string_view>
 
 #include "engine/ApiSupport.h"
@@ -177,8 +176,7 @@ int KestrovaGetRegistrationOutcome(uint16_t channel, int32_t* outcome) {
 int KestrovaCheckSpeakerInformation(const sAPISpeaker* speaker, uint32_t size) {
   if (speaker == nullptr || size < profileBytes(0)) return kInitFailure;
   const auto* puProfile = reinterpret_cast<const std::uint8_t*>(speaker);
-  const std::optional<int> records = recordsOfProfile(puProfile);
-  return records && size == profileBytes(*records) ? kSuccess : kInitFailure;
+  return isWholeProfile(puProfile, size) ? kSuccess : kInitFailure;
 }
 
 int KestrovaTerminate(uint16_t channel) {

@@ -49,6 +49,14 @@ std::optional<int> recordsOfProfile(const std::uint8_t* puProfile) {
   return voice.iPatterns;
 }
 
+bool isWholeProfile(const std::uint8_t* puProfile, std::uint32_t uBytes) {
+  const std::optional<int> records = recordsOfProfile(puProfile);
+  if (!records || uBytes != profileBytes(*records)) return false;
+  sLearnedVoice voice;
+  std::memcpy(&voice, puProfile + sSpeakerData::kTableBytes, sizeof voice);
+  return voice.uPatternSum == patternSum(puProfile, *records);
+}
+
 bool loadProfile(MyChannel& channel, const std::uint8_t* puProfile) {
   const std::optional<int> records = recordsOfProfile(puProfile);
   if (!records || !channel.psSpeakerData->load(puProfile)) return false;

@@ -12,6 +12,8 @@ class MyChannel;
 // Pattern records of a profile whose version, figures and sum are right. Reads its fixed part only, which
 // must be there.
 [[nodiscard]] std::optional<int> recordsOfProfile(const std::uint8_t* puProfile);
+// Whether as many bytes are one profile and nothing else, all its sums right.
+[[nodiscard]] bool isWholeProfile(const std::uint8_t* puProfile, std::uint32_t uBytes);
 // Takes a profile into a channel that is initialised for it. False, and nothing is learned, when it is not
 // usable.
 [[nodiscard]] bool loadProfile(MyChannel& channel, const std::uint8_t* puProfile);

@@ -29,7 +29,8 @@ VoiceProfile::Read VoiceProfile::readFrom(std::FILE* file) {
       static_cast<std::uint32_t>(length[2]) << 16 | static_cast<std::uint32_t>(length[3]) << 24;
   if (bytes > *available - kLengthBytes || !isSpeakerLength(bytes)) return Read::eBadFile;
   if (!allocate(bytes)) return Read::eNoMemory;
-  return std::fread(pcBytes.get(), bytes, 1, file) == 1 ? Read::eDone : Read::eBadFile;
+  const bool whole = std::fread(pcBytes.get(), bytes, 1, file) == 1;
+  return whole && KestrovaCheckSpeakerInformation(speaker(), bytes) == 0 ? Read::eDone : Read::eBadFile;
 }
 
 bool VoiceProfile::writeLengthTo(std::FILE* file) const {

@@ -25,7 +25,8 @@ class VoiceProfile {
 
   enum class Read { eDone, eBadFile, eNoMemory };
   // Reads a whole file. A length that the file does not hold, or that no speaker record has, is refused
-  // before anything is allocated.
+  // before anything is allocated, and a record that the engine would refuse is
+  // refused here, while the channel still runs.
   [[nodiscard]] Read readFrom(std::FILE* file);
 
   // True when what was written has left the process.

@@ -103,11 +103,20 @@ bool copyToWave(std::FILE* raw, std::FILE* wave, int sampleRate) {
   return std::ferror(raw) == 0 && std::fflush(wave) == 0 && std::ferror(wave) == 0;
 }
 
+const char* refusalText(std::uint16_t channel) {
+  std::int32_t outcome = 0;
+  if (KestrovaGetRegistrationOutcome(channel, &outcome) != 0) return "no registration was running";
+  if (outcome == KESTROVA_REGISTRATION_WEAK) return "the voice is too weak or too near the background";
+  return outcome == KESTROVA_REGISTRATION_MIXED ? "more than one talker was heard"
+                                                : "too little speech was heard";
+}
+
 // Takes the learned voice from the engine into the data file. False, logged, when that fails.
 bool saveProfile(std::uint16_t channel, std::FILE* data) {
   std::uint32_t bytes = 0;
   if (KestrovaCompleteRegistration(channel, &bytes) != 0) {
     Log::warning(kStopFunction, "unable to complete registration\n");
+    Log::warning(kStopFunction, "no voice was learned, %s\n", refusalText(channel));
     return false;
   }
   VoiceProfile profile;

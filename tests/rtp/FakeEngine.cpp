@@ -136,6 +136,15 @@ int KestrovaCopySpeakerInformationAfterRegistration(std::uint16_t /*channel*/, s
   return 0;
 }
 
+int KestrovaGetRegistrationOutcome(std::uint16_t /*channel*/, std::int32_t* outcome) {
+  *outcome = engine.registrationOutcome;
+  return 0;
+}
+
+int KestrovaCheckSpeakerInformation(const sAPISpeaker* speaker, std::uint32_t size) {
+  return size == engine.speakerBytes && *reinterpret_cast<const char*>(speaker) == 'v' ? 0 : 2;
+}
+
 int KestrovaTerminate(std::uint16_t channel) {
   return stop(engine.noise, channel);
 }

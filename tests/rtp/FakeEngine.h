@@ -27,6 +27,7 @@ struct FakeEngine {
   int failingInits = 0;  // that many of the next initialisations fail
   bool failPackage = false;
   bool failCompletion = false;
+  std::int32_t registrationOutcome = KESTROVA_REGISTRATION_WEAK;
   std::uint32_t speakerBytes = 654'992 + 2 * 4'740;
   std::string digits;             // not empty: every frame raises the DTMF flag
   std::function<void()> onFrame;  // runs first in every frame

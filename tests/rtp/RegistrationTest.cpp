@@ -191,6 +191,8 @@ TEST_F(RegistrationTest, NothingUsableLearnedLeavesAnEmptyProfile) {
   call.close();
   EXPECT_EQ(installation.logCount(" WARNING in MyRtp::doStopRegistration, unable to complete registration\n"),
             1);
+  EXPECT_EQ(installation.logCount("no voice was learned, the voice is too weak or too near the background\n"),
+            1);
   EXPECT_EQ(std::filesystem::file_size(path("8")), 0U);
 }
 
@@ -204,6 +206,7 @@ TEST_F(RegistrationTest, OnlyAWholeProfileIsActivated) {
   const std::uint32_t bytes = FakeEngine::get().speakerBytes;
   const Case cases[] = {
       {"whole", whole, "OK"},
+      {"not one that the engine takes", littleEndian(bytes) + std::string(bytes, 'w'), "fail"},
       {"empty", "", "fail"},
       {"no length", whole.substr(0, 3), "fail"},
       {"only the length", littleEndian(bytes), "fail"},
