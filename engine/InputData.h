@@ -46,6 +46,8 @@ class InputData {
   [[nodiscard]] std::int16_t atFullRate(std::int64_t lIndex) const;
   // The analysis sample with this time, which must exist.
   [[nodiscard]] std::int16_t at(int iSampleTime) const;
+  // All of the analysis ring: the sample with time t is at t % kAnalysisRingSamples.
+  [[nodiscard]] const std::int16_t* analysisRing() const { return psAnalysisRing.data(); }
   // The 32 analysis samples of the cycle that starts at this time, a multiple of 32.
   [[nodiscard]] std::int16_t* cycleSamples(int iStartTime);
 

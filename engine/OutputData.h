@@ -139,6 +139,7 @@ class OutputData {
     int iTalkHold = 0;  // samples left
     int iLastTalkHold = -1000000;
     int iCoupling = 0;  // 1/1024
+    std::array<int, 8> iPeaks{};  // of the latest seconds with loudspeaker sound
     int iCouplingPeak = 0;
     int iCouplingCycles = 0;
   };

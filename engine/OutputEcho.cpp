@@ -113,14 +113,17 @@ int OutputData::speakerSpread() const {
   return cycle < 0 ? 1 : spk.calcAmp(cycle, span.cycles());
 }
 
-// The coupling by level: the microphone's loudest over the loudspeaker's loudest. It grows slowly, so that
-// talk does not count as echo, and falls fast, since no echo is louder than what is heard.
+// The coupling by level: the microphone's loudest over the loudspeaker's loudest, second by second. The near
+// end rests in one second of eight while the loudspeaker talks, and then it is the echo's.
 void OutputData::followBasicCoupling(int iRatio, int iSpkAmp) {
   constexpr int kTalkingSpeaker = 3000;
   constexpr int kRecent = 250;  // cycles: the loudest of a second is the echo's loudest
   if (iSpkAmp < kTalkingSpeaker) return;
   echo.iCouplingPeak = std::max(echo.iCouplingPeak, std::min(iRatio, pMyChannel->iAecMaxCoef));
   if (++echo.iCouplingCycles < kRecent) return;
-  echo.iCoupling = std::min(echo.iCouplingPeak, echo.iCoupling > 0 ? 2 * echo.iCoupling : echo.iCouplingPeak);
+  std::shift_left(echo.iPeaks.begin(), echo.iPeaks.end(), 1);
+  if (echo.iCoupling == 0) echo.iPeaks.fill(echo.iCouplingPeak);
+  echo.iPeaks.back() = echo.iCouplingPeak;
+  echo.iCoupling = *std::min_element(echo.iPeaks.begin(), echo.iPeaks.end());
   echo.iCouplingPeak = echo.iCouplingCycles = 0;
 }

@@ -43,7 +43,7 @@ File openCsv(const std::string& sName) {
   if (!pFile) throw std::runtime_error(sName + ": " + std::strerror(errno));
   std::fputs(
       "time_s,out_samples,speech,confident,noise_level,gain_percent,echo_level,speaker_level,dtmf,digits,"
-      "state\n",
+      "state,talk_score,near_end,converged,filter,delay_samples,echo_gain,howling\n",
       pFile.get());
   return pFile;
 }
@@ -64,9 +64,16 @@ void writeCsvRow(std::FILE* pFile, double dTime, const sKestrovaFrameResult& res
   char pcDigits[100] = "";
   if (result.iDtmf != 0 && KestrovaGetLastDTMFBuffer(kChannel, pcDigits, sizeof pcDigits) != 0)
     pcDigits[0] = '\0';
-  std::fprintf(pFile, "%.3f,%d,%d,%d,%d,%d,%d,%d,%d,%s,%s\n", dTime, result.iOutBytes / 2, result.iSpeech,
-               result.iConfidentVoice, result.iNoiseLevel, result.iGainPercent, result.iEchoLevel,
-               result.iSpeakerMatch, result.iDtmf, pcDigits, nameOf(decisionOf(result)));
+  // Without an echo channel the canceller's columns are 0.
+  sKestrovaAECStatus aec{};
+  if (KestrovaGetAECInternalStatusParameters(kChannel, &aec) != 0) aec = {};
+  std::fprintf(pFile, "%.3f,%d,%d,%d,%d,%d,%d,%d,%d,%s,%s,%d,%d,%d,%d,%d,%d,%d\n", dTime,
+               result.iOutBytes / 2, result.iSpeech, result.iConfidentVoice, result.iNoiseLevel,
+               result.iGainPercent, result.iEchoLevel, result.iSpeakerMatch, result.iDtmf, pcDigits,
+               nameOf(decisionOf(result)), aec.iValues[KESTROVA_AEC_TALK_SCORE],
+               aec.bFlags[KESTROVA_AEC_NEAR_END_TALK], aec.bFlags[KESTROVA_AEC_CONVERGED],
+               aec.bFlags[KESTROVA_AEC_FILTER_IN_USE], aec.iValues[KESTROVA_AEC_DELAY],
+               aec.iValues[KESTROVA_AEC_GAIN], aec.bFlags[KESTROVA_AEC_HOWLING]);
 }
 
 class Run {

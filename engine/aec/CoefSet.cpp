@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+
+#include "engine/aec/LaneTransform.h"
 
 // ---- Placement
 
@@ -40,14 +43,16 @@ bool sAecCoefSet::updateCoefsToLatestEchoDelay(int iNewStart, int iNewLength) {
 
 // ---- Estimate and update
 
-void sAecCoefSet::estimate(const float* __restrict fSpeaker, std::span<float, 16> fEcho) const {
-  std::array<float, 16> y{};
+// Sixteen sums side by side: every tap meets sixteen neighbouring loudspeaker samples.
+void sAecCoefSet::estimate(const float* fSpeaker, std::span<float, 16> fEcho) const {
+  std::array<lanes::Vector, 4> y{};
   for (int k = 0; k < iLength; ++k) {
     const float w = fTaps[static_cast<std::size_t>(k)];
-    const float* x = fSpeaker + (iLength - 1 - k);
-    for (std::size_t j = 0; j < 16; ++j) y[j] += w * x[j];
+    std::array<lanes::Vector, 4> x;
+    std::memcpy(x.data(), fSpeaker + (iLength - 1 - k), sizeof x);
+    for (std::size_t v = 0; v < y.size(); ++v) y[v] += w * x[v];
   }
-  for (std::size_t j = 0; j < 16; ++j) fEcho[j] = y[j] / kCouplingOne;
+  for (std::size_t j = 0; j < 16; ++j) fEcho[j] = y[j / 4][j % 4] / kCouplingOne;
 }
 
 float sAecCoefSet::blockUpdateAecCoefs(const float* fSpeaker, std::span<const float, 16> fError, float fMu,

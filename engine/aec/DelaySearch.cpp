@@ -14,6 +14,12 @@ void CoarseFilter::clean(sEchoSpan echoSpan) {
   iPeaks.fill(-1);
 }
 
+void CoarseFilter::relearn() {
+  fTaps.fill(0);
+  iPeaks.fill(-1);
+  fMicEnergy = fErrorEnergy = 1;
+}
+
 // Four samples become one, after a difference that flattens the spectrum of speech.
 void CoarseFilter::decimate(const std::array<float, kCycleSamples>& fIn, float& fMemory, float& fLast,
                             std::array<float, kPerCycle>& fOut) const {
@@ -60,7 +66,7 @@ void CoarseFilter::adapt(float fMic) {
   }
   float fEcho = 0;
   for (const float fSum : fSums) fEcho += fSum;
-  constexpr float kFollows = 1.0F / 400;
+  constexpr float kFollows = 1.0F / 300;  // 150 ms
   const float fError = fMic - fEcho;
   fMicEnergy += kFollows * (fMic * fMic - fMicEnergy);
   fErrorEnergy += kFollows * (fError * fError - fErrorEnergy);
@@ -72,8 +78,8 @@ void CoarseFilter::adapt(float fMic) {
 // the latest cycles have named it.
 void CoarseFilter::findPeak() {
   constexpr float kStandsOut = 40;    // peak power over the mean
-  constexpr float kExplained = 0.6F;  // residual over microphone
-  constexpr int kAgreeing = 26;       // of the latest 40 cycles
+  constexpr float kExplained = 0.5F;  // residual over microphone
+  constexpr int kAgreeing = 22;       // of the latest 30 cycles
   constexpr int kSame = 3;            // taps: 1.5 ms
   constexpr float kSpkActive = 900;   // mean square at the quarter rate
   if (dPower < static_cast<double>(kSpkActive) * 200) return;

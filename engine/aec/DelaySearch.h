@@ -20,6 +20,8 @@ class CoarseFilter {
   void clean(sEchoSpan span);
   // One cycle of both signals at 8 kHz, the loudspeaker's at the least delay of the span.
   void push(const std::array<float, kCycleSamples>& fSpk, const std::array<float, kCycleSamples>& fMic);
+  // The path seems lost: learns it anew, and keeps the old estimate until there is a better one.
+  void relearn();
   // Delay of the strongest reflection in samples, -1 while there is none that stands out.
   [[nodiscard]] int delay() const { return iDelay; }
   // Cycles with loudspeaker sound since the start.
@@ -29,7 +31,7 @@ class CoarseFilter {
   static constexpr int kDecimation = 4;
   static constexpr int kPerCycle = kCycleSamples / kDecimation;
   static constexpr int kMaxTaps = sEchoSpan::kMaxCycles * kPerCycle;
-  static constexpr int kRecent = 40;  // cycles whose peaks must agree
+  static constexpr int kRecent = 30;  // cycles whose peaks must agree
 
   void decimate(const std::array<float, kCycleSamples>& fIn, float& fMemory, float& fLast,
                 std::array<float, kPerCycle>& fOut) const;
@@ -59,6 +61,9 @@ class DelaySearch {
   void updateEchoDelayParams(const sAecCycle& now, bool bMayCount);
   // Forgets the votes.
   void initDelaynLengthCoeffCounters();
+
+  // The filters seem to have lost the path.
+  void searchAnew() { coarse.relearn(); }
 
   // Estimate from the votes in samples, -1 while there is none.
   [[nodiscard]] int votedDelay() const { return iVoted; }

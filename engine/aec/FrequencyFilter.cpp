@@ -46,6 +46,8 @@ void FrequencyFilter::clean(const MyChannel* pMicChannel, SpeakerHistory* pSpeak
   uSamples = kBlock * uFactor;
   fPower.fill(kLeastPower);
   fOther.fill(0);
+  iLosses = iPathChanges = 0;
+  iBlockEnd = -1;
   X = Spectra{};
   const int iStart = span.startSamples();
   fd_resetFreqDomainAnalysisParams(iStart, std::min(iStart + kMaxTaps, span.endSamples()) - 1);
@@ -198,7 +200,9 @@ void FrequencyFilter::measureErrors() {
   constexpr float kLastingly = 0.02F;
   constexpr float kLeastEnergy = 1.0F;
   present = sEnergies{.fMic = kLeastEnergy, .fResidual = {kLeastEnergy, kLeastEnergy}};
+  constexpr float kMatchFollows = 0.025F;  // 160 ms
   float fEcho = 0;
+  float fProduct = 0;
   for (std::size_t i = 0; i < uSamples; ++i) {
     const float fUsedError = fMic[i] - fUsed[i];
     const float fAdaptedError = fMic[i] - fAdapted[i];
@@ -206,6 +210,7 @@ void FrequencyFilter::measureErrors() {
     present.fResidual[kUsed] += fUsedError * fUsedError;
     present.fResidual[kAdapted] += fAdaptedError * fAdaptedError;
     fEcho += fUsed[i] * fUsed[i];
+    fProduct += fUsed[i] * fMic[i];
   }
   const auto fCount = static_cast<float>(uSamples);
   fMicPower = present.fMic / fCount;
@@ -213,6 +218,8 @@ void FrequencyFilter::measureErrors() {
   fEchoPower = fEcho / fCount;
   if (fSpkPower < kSpeakerTalks) return;
   ++iActiveBlocks;
+  follow(fMatch, fProduct, kMatchFollows);
+  follow(fEstimate, fEcho, kMatchFollows);
   for (auto& [smoothed, fPart] : {std::pair{&brief, kBriefly}, std::pair{&lasting, kLastingly}}) {
     follow(smoothed->fMic, present.fMic, fPart);
     for (std::size_t s = 0; s < kSets; ++s) follow(smoothed->fResidual[s], present.fResidual[s], fPart);
@@ -265,6 +272,7 @@ void FrequencyFilter::fd_checkRollbackAndResetForFreqDomainAnalysis() {
   constexpr float kLeastRaised = 0.05F;
   if (fSpkPower < kSpeakerTalks || iActiveBlocks < kSettleBlocks) return;
   ++iSinceRaise;
+  ++iSinceLoss;
   const auto& b = brief.fResidual;
   const auto& l = lasting.fResidual;
   const bool bPoor = b[kUsed] > 0.5F * brief.fMic;
@@ -281,6 +289,10 @@ void FrequencyFilter::fd_checkRollbackAndResetForFreqDomainAnalysis() {
     lasting.fResidual[kUsed] = lasting.fMic;
     brief.fResidual[kUsed] = brief.fMic;
     return;
+  }
+  if (iPoorBlocks >= kPoorBlocks && bHadEcho && !matches() && iSinceLoss >= kRaiseDistance) {
+    ++iLosses;
+    iSinceLoss = 0;
   }
   if (iPoorBlocks >= kPoorBlocks && iSinceRaise >= kRaiseDistance) {
     raiseUncertainty(kLeastRaised);

@@ -55,6 +55,11 @@ class FrequencyFilter {
   [[nodiscard]] float echoPower() const { return fEchoPower; }
   [[nodiscard]] float micPower() const { return fMicPower; }
   [[nodiscard]] int pathChanges() const { return iPathChanges; }
+  // Whether the used set's estimate is still found in the microphone, whoever else talks: talk adds to what
+  // the estimate explains, a changed path takes it away.
+  [[nodiscard]] bool matches() const { return bHadEcho && fMatch > 0.5F * fEstimate; }
+  // Times the used set has lost the path.
+  [[nodiscard]] int losses() const { return iLosses; }
   // Of the cycle, at the channel's rate: 32 x rate factor samples.
   [[nodiscard]] const float* estimate() const { return fUsed.data(); }
   [[nodiscard]] const float* microphone() const { return fMic.data(); }
@@ -132,6 +137,8 @@ class FrequencyFilter {
     std::array<float, kSets> fResidual{1, 1};
   };
   sEnergies present, brief, lasting;
+  float fMatch = 0;     // smoothed product of microphone and used estimate
+  float fEstimate = 1;  // smoothed power of the estimate
   float fSpkPower = 0;
   float fResidualPower = 0;
   float fEchoPower = 0;
@@ -139,8 +146,10 @@ class FrequencyFilter {
   int iActiveBlocks = 0;              // blocks with loudspeaker sound since the range was placed
   int iBlockEnd = -1;                 // sample time of the last sample of the latest block
   float fEffective = kMaxPartitions;  // number of equal partitions that would spread the steps like the betas
-  int iPoorBlocks = 0;   // of them, consecutive ones in which the used set cancels next to nothing
-  int iSinceRaise = 0;   // blocks since the uncertainty was last raised
+  int iPoorBlocks = 0;  // of them, consecutive ones in which the used set cancels next to nothing
+  int iSinceRaise = 0;  // blocks since the uncertainty was last raised
+  int iLosses = 0;
+  int iSinceLoss = 0;    // blocks
   int iPathChanges = 0;  // times the adapting set took over from a used set that had lost the path
 
   int iPeakDelay = 0;

@@ -41,7 +41,7 @@ void MyAEC::clean() {
   iEchoLevel = 0;
   iResidualMode = 0;
   iResidualModeLimit = 100;
-  iPathChanges = 0;
+  iPathChanges = iLosses = 0;
   iLastRecentring = kNever;
 }
 
@@ -124,6 +124,8 @@ void MyAEC::performTimeDomainAnalysis() {
   const bool bTalk = now.iTalkScore >= score::kAboveEcho && now.bConvergenceOk;
   timeFilter.performTimeDomainAnalysis(now, !bTalk && !now.bHowling && !now.bBreathing && !bSilent);
   timeResidual.update(now.fMic, timeFilter.estimate(), !bSilent);
+  // Before there is proof of echo a small residual only shows that talk can be predicted.
+  if (!timeResidual.hasSeenEcho()) return;
   now.iWorkingAmp = std::max(1, std::min({now.iMicAmp, timeFilter.smallestResidual(), now.iMicSpread}));
   now.iResidualRatio = std::min(
       kUnityQ7, static_cast<int>(std::int64_t{now.iWorkingAmp} * kUnityQ7 / std::max(now.iMicSpread, 1)));
@@ -133,6 +135,10 @@ void MyAEC::performFrequencyDomainAnalysis() {
   if ((now.iLast + 1) % FrequencyFilter::kBlock != 0 || !frequencyFilter.supportsRate()) return;
   considerRecentring();
   frequencyFilter.run(now);
+  if (frequencyFilter.losses() != iLosses) {
+    iLosses = frequencyFilter.losses();
+    delaySearch.searchAnew();
+  }
   if (frequencyFilter.pathChanges() != iPathChanges) {
     iPathChanges = frequencyFilter.pathChanges();
     frequencyResidual.relearn();
@@ -156,6 +162,7 @@ void MyAEC::considerRecentring() {
       !frequencyFilter.covers(now.iEchoDelay) || !frequencyFilter.covers(now.iEchoDelay + kTail);
   const bool bLost = frequencyFilter.ratio(kUsedLasting) > 1.1F;
   if (!bOutside || !(bLost || frequencyFilter.ratio(kUsedLasting) > 0.7F)) return;
+  if (frequencyFilter.matches()) return;
   iLastRecentring = now.iLast;
   frequencyFilter.recentre(now.iEchoDelay);
 }

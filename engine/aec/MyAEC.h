@@ -115,5 +115,6 @@ class MyAEC {
   int iResidualMode = 0;  // counts towards the stable-path rules
   int iResidualModeLimit = 100;
   int iPathChanges = 0;
+  int iLosses = 0;
   int iLastRecentring = kNever;
 };

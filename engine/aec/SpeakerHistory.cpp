@@ -20,10 +20,12 @@ bool SpeakerHistory::copy(int iFrom, std::span<float> fOut) const {
   const int iFirst = std::clamp(iOldest - iFrom, 0, iCount);
   const int iEnd = std::clamp(input.getNumValues() - iFrom, iFirst, iCount);
   std::fill(fOut.begin(), fOut.begin() + iFirst, 0.0F);
-  int iPosition = (iFrom + iFirst) % kAnalysisRingSamples;
-  for (int i = iFirst; i < iEnd; ++i) {
-    fOut[static_cast<std::size_t>(i)] = static_cast<float>(input.at(iPosition));
-    if (++iPosition == kAnalysisRingSamples) iPosition = 0;
+  // At most two runs: to the end of the ring and from its start.
+  for (int i = iFirst; i < iEnd;) {
+    const int iPosition = (iFrom + i) % kAnalysisRingSamples;
+    const int iRun = std::min(iEnd - i, kAnalysisRingSamples - iPosition);
+    std::copy_n(input.analysisRing() + iPosition, iRun, fOut.begin() + i);
+    i += iRun;
   }
   std::fill(fOut.begin() + iEnd, fOut.end(), 0.0F);
   return iFirst == 0 && iEnd == iCount;

@@ -1,0 +1,240 @@
+// Echo cancellation: properties of the parts on seeded signals, and of the whole through the engine's
+// interface.
+#include <cmath>
+
+#include "engine/MyChannel.h"
+#include "tests/engine/EngineFixture.h"
+
+namespace {
+
+sKestrovaInit echoInit(int iAlgorithm, int iRate = 8000) {
+  sKestrovaInit init = defaultInit();
+  init.iSampleRate = iRate;
+  init.sMaxNumCyclesInDelayBuffer = iAlgorithm == 0 ? 0 : 2;
+  init.sAecAlgorithm = static_cast<std::uint16_t>(iAlgorithm);
+  init.sAecAggressiveLevel = init.sAecHowlingLevel = 10;
+  init.sAecTailType = 1;
+  init.iAecTalkHoldSamples = init.iAecHold2Samples = 2000;
+  return init;
+}
+
+// Noise in syllables: a quarter of a second on, a tenth off.
+Samples syllables(std::size_t uCount, double dRms, unsigned uSeed, int iRate = 8000) {
+  Samples samples = gaussianNoise(uCount, dRms, uSeed);
+  const auto uPeriod = static_cast<std::size_t>(iRate * 35 / 100);
+  for (std::size_t i = 0; i < uCount; ++i) {
+    if (i % uPeriod > uPeriod * 5 / 7) samples[i] = 0;
+  }
+  return samples;
+}
+
+// A room of five reflections within 40 ms behind the delay.
+Samples echoOf(const Samples& far, int iDelay, double dGain, int iRate = 8000) {
+  const int iUnit = iRate / 8000;
+  Samples echo(far.size());
+  for (std::size_t n = 0; n < far.size(); ++n) {
+    double dSum = 0;
+    const std::pair<int, double> psReflections[] = {{0, 1}, {7, -0.6}, {33, 0.4}, {120, 0.2}, {300, -0.05}};
+    for (const auto& [iTap, dTap] : psReflections) {
+      const long lFrom = static_cast<long>(n) - (iDelay + iTap) * iUnit;
+      if (lFrom >= 0) dSum += dTap * far[static_cast<std::size_t>(lFrom)];
+    }
+    echo[n] = static_cast<std::int16_t>(std::lround(dGain * dSum));
+  }
+  return echo;
+}
+
+class EchoTest : public EngineTest {
+ protected:
+  Samples cancel(const Samples& far, const Samples& micSamples, const sKestrovaInit& init) {
+    EXPECT_EQ(KestrovaAECInit(0, &init), 0);
+    const auto uFrame = static_cast<std::size_t>(32 * init.iSampleRate / 8000);
+    Samples out;
+    Samples frame(uFrame);
+    for (std::size_t i = 0; i + uFrame <= far.size(); i += uFrame) {
+      sKestrovaFrameResult result{};
+      EXPECT_EQ(KestrovaAECProcessSpkFrame(0, far.data() + i, static_cast<int>(2 * uFrame)), 0);
+      std::copy_n(micSamples.data() + i, uFrame, frame.data());
+      EXPECT_EQ(
+          KestrovaAECProcessMicFrame(0, frame.data(), static_cast<int>(2 * uFrame), frame.data(), &result),
+          0);
+      out.insert(out.end(), frame.begin(), frame.begin() + result.iOutBytes / 2);
+    }
+    return out;
+  }
+  static double erle(const Samples& micSamples, const Samples& out, std::size_t uFrom) {
+    return decibels(rms(micSamples, uFrom, out.size()) / (rms(out, uFrom, out.size()) + 1e-3));
+  }
+  const MyAEC& aec() const { return *KestrovapMyAECChannels[0].pMyAEC; }
+};
+
+TEST_F(EchoTest, ModesAndSpansFollowTheSettings) {
+  const int piModes[] = {0x01, 0x01, 0x02, 0x03, 0x04, 0x11, 0x21, 0x34};
+  for (int a = 0; a < 8; ++a) EXPECT_EQ(sAecMode::ofAlgorithm(a).uValue, piModes[a]);
+  EXPECT_EQ(sAecMode::ofAlgorithm(8).uValue, 0x01);
+  for (const auto& [iTail, iEnd] : {std::pair{0, 100}, {1, 225}, {5, 725}, {-1, 25}, {-58, 725}}) {
+    EXPECT_EQ(sEchoSpan::ofTail(iTail, 0).iEnd, iEnd) << iTail;
+  }
+  EXPECT_EQ(sEchoSpan::ofTail(0, -58).iStart, 75) << "25 cycles are left at least";
+}
+
+// ---- The whole
+
+TEST_F(EchoTest, EchoIsCancelledAtEveryDelayOfTheSpanAndRate) {
+  for (const int iRate : {8000, 16000}) {
+    for (const int iDelay : {100, 4100, 6500}) {
+      const auto uCount = static_cast<std::size_t>(4 * iRate);
+      const Samples far = syllables(uCount, 2500, 1, iRate);
+      const Samples micSamples = mixed(echoOf(far, iDelay, 0.3, iRate), gaussianNoise(uCount, 5, 2));
+      const Samples out = cancel(far, micSamples, echoInit(7, iRate));
+      EXPECT_GT(erle(micSamples, out, uCount / 2), 30) << iRate << " " << iDelay;
+      EXPECT_NEAR(aec().cycle().iEchoDelay, iDelay, 40);
+    }
+  }
+}
+
+TEST_F(EchoTest, EveryAlgorithmLowersEchoAndPassesTalk) {
+  for (int a = 1; a < 8; ++a) {
+    const Samples far = syllables(48000, 2500, 3);
+    const Samples echo = mixed(echoOf(far, 800, 0.3), gaussianNoise(far.size(), 5, 4));
+    EXPECT_GT(erle(echo, cancel(far, echo, echoInit(a)), 32000), a == 1 ? 6 : 12) << a;
+    const Samples talk = voice(16000, 8000, 120, 6000);
+    const Samples out = cancel(Samples(talk.size()), talk, echoInit(a));
+    EXPECT_NEAR(decibels(rms(out, 0, out.size()) / rms(talk, 0, out.size())), 0, 0.1) << a;
+  }
+}
+
+TEST_F(EchoTest, ATalkerWithoutAnyEchoPassesUntouchedWhileTheOtherEndTalks) {
+  const Samples far = syllables(48000, 2500, 5);
+  const Samples talk = mixed(voice(far.size(), 8000, 140, 8000), gaussianNoise(far.size(), 5, 6));
+  const Samples out = cancel(far, talk, echoInit(7));
+  for (std::size_t i = 0; i < out.size(); ++i) ASSERT_EQ(out[i], talk[i]) << i;
+}
+
+TEST_F(EchoTest, DoubleTalkNeitherLosesTheNearEndNorTheFilter) {
+  const Samples far = syllables(128000, 2500, 7);
+  Samples micSamples = mixed(echoOf(far, 1500, 0.3), gaussianNoise(far.size(), 5, 8));
+  const Samples talk = voice(32000, 8000, 120, 9000);
+  for (std::size_t i = 0; i < talk.size(); ++i)
+    micSamples[56000 + i] = clampSample(micSamples[56000 + i] + talk[i]);
+  const Samples out = cancel(far, micSamples, echoInit(7));
+  const Samples passed(out.begin() + 60000, out.begin() + 88000);
+  EXPECT_GT(decibels(rms(passed, 0, 28000) / rms(talk, 4000, 32000)), -2);
+  EXPECT_GT(erle(micSamples, out, 104000), 25);
+}
+
+TEST_F(EchoTest, TheFloorHoldsAndABypassedChannelPasses) {
+  const Samples far = syllables(64000, 2500, 9);
+  const Samples echo = echoOf(far, 800, 0.3);
+  sKestrovaInit init = echoInit(1);
+  init.sMinOutputPercentDuringEcho = 50;
+  const Samples out = cancel(far, echo, init);
+  for (int i = 0; i < SupressionHistory::kEntries; ++i) EXPECT_GE(aec().supression().entry(i).iGain, 64);
+  init = echoInit(7);
+  init.bStartBypassed = 1;
+  const Samples bypassed = cancel(far, echo, init);
+  EXPECT_TRUE(std::equal(bypassed.begin(), bypassed.end(), echo.begin()));
+}
+
+// ---- Suppression history
+
+class HistoryTest : public ::testing::Test {
+ protected:
+  HistoryTest() { history.clean(0, 6); }
+  void push(int iScore, bool bNear, int iCount = 1) {
+    for (int i = 0; i < iCount; ++i) {
+      cycle.iTalkScore = iScore;
+      cycle.bNearEndTalk = bNear;
+      cycle.bRestarted = false;
+      cycle.bMicActive = bNear;
+      history.td_updateSupressionCoef(cycle);
+      cycle.iFirst += 32;
+      cycle.iLast += 32;
+    }
+  }
+  SupressionHistory history;
+  sAecCycle cycle{.iFirst = 100000, .iLast = 100031};
+};
+
+TEST_F(HistoryTest, EchoLowersByStepsAndTalkReopens) {
+  push(score::kDefault, false);
+  EXPECT_EQ(history.newestIndex(), 0);
+  EXPECT_EQ(history.entry(0).iGain, 122);
+  push(score::kEchoCertain, false);
+  EXPECT_EQ(history.entry(0).iGain, 92);
+  push(score::kEchoCertain, false, 57);
+  EXPECT_EQ(history.newestIndex(), 0) << "58 entries";
+  EXPECT_EQ(history.entry(0).iGain, 0);
+  push(score::kTwiceTheEcho, true, 4);
+  EXPECT_EQ(history.entry(0).iGain, 120);
+  push(score::kTwiceTheEcho, true);
+  EXPECT_EQ(history.entry(0).iGain, 128);
+  push(score::kHowling, false);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(history.entry(i).iGain, 0);
+  push(score::kFarSilent, false);
+  EXPECT_EQ(history.getSupressionCoef(0, false), 128) << "whatever the stored gain";
+}
+
+TEST_F(HistoryTest, TheResidualRatioScalesTheGainWhereNothingIsSubtracted) {
+  cycle.iResidualRatio = 64;
+  push(4, true, 57);
+  EXPECT_EQ(history.getSupressionCoef(0, false), 64);
+  EXPECT_EQ(history.getSupressionCoef(0, true), 128);
+}
+
+// ---- Coefficient sets
+
+TEST(CoefSetTest, StepsAreClippedWithTheirSign) {
+  sAecCoefSet set;
+  StepProfile profile;
+  profile.fill(1024);
+  std::vector<float> x(kMaxTaps + 31, 30000.0F);
+  std::array<float, 16> e;
+  e.fill(-30000);
+  EXPECT_EQ(set.blockUpdateAecCoefs(x.data(), e, 1.2F, 1000, profile), 500);
+  for (int k = 0; k < kMaxTaps; ++k) ASSERT_EQ(set.fTaps[static_cast<std::size_t>(k)], -500);
+}
+
+TEST(CoefSetTest, ReplacementKeepsThePeakOrForgetsEverything) {
+  sAecCoefSet set;
+  set.iStart = 1000;
+  set.fTaps[200] = 5000;
+  set.fTaps[10] = 100;
+  set.iAdaptations = 300;
+  set.iGoodUpdates = 200;
+  set.updateTapStatistics();
+  EXPECT_EQ(set.newestPeak(), 1200);
+  EXPECT_FALSE(set.updateCoefsToLatestEchoDelay(1000, kMaxTaps));
+  EXPECT_TRUE(set.updateCoefsToLatestEchoDelay(1100, kMaxTaps));
+  EXPECT_EQ(set.fTaps[100], 5000);
+  EXPECT_EQ(std::count_if(set.fTaps.begin(), set.fTaps.end(), [](float w) { return w != 0; }), 1);
+  EXPECT_EQ(set.iAdaptations, 300);
+  EXPECT_TRUE(set.updateCoefsToLatestEchoDelay(1190, kMaxTaps));
+  EXPECT_TRUE(set.updateCoefsToLatestEchoDelay(3000, kMaxTaps));
+  EXPECT_EQ(std::count_if(set.fTaps.begin(), set.fTaps.end(), [](float w) { return w != 0; }), 0);
+  EXPECT_EQ(set.iAdaptations, 90);
+  EXPECT_EQ(set.iGoodUpdates, 0);
+  EXPECT_EQ(set.iStart, 3000);
+}
+
+TEST(LaneTransformTest, AgreesWithTheDefinitionAndInverts) {
+  lanes::Signal<1> signal;
+  const Samples noise = gaussianNoise(128, 1000, 1);
+  for (std::size_t n = 0; n < 128; ++n) signal.x[n][0] = lanes::Vector{static_cast<float>(noise[n]), 0, 0, 1};
+  lanes::Spectrum<1> spectrum;
+  lanes::Transform<1>::forward(128, signal, spectrum);
+  for (const std::size_t k : {0U, 1U, 31U, 32U, 63U, 64U}) {
+    double re = 0, im = 0;
+    for (std::size_t n = 0; n < 128; ++n) {
+      re += noise[n] * std::cos(2 * M_PI * static_cast<double>(k * n) / 128);
+      im -= noise[n] * std::sin(2 * M_PI * static_cast<double>(k * n) / 128);
+    }
+    EXPECT_NEAR(spectrum.re[k][0][0], re, 0.1);
+    EXPECT_NEAR(spectrum.im[k][0][0], im, 0.1);
+  }
+  lanes::Signal<1> back;
+  lanes::Transform<1>::inverse(128, spectrum, back);
+  for (std::size_t n = 0; n < 128; ++n) EXPECT_NEAR(back.x[n][0][0], noise[n], 0.01);
+}
+
+}  // namespace
