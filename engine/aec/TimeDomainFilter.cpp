@@ -8,7 +8,6 @@
 namespace {
 
 constexpr int kBlockSamples = 16;
-constexpr double kFirstMu = 0.3;
 constexpr double kLeastMu = 0.1;
 constexpr double kLargestMu = 1.2;
 constexpr std::int64_t kLeastPower = 1000;
