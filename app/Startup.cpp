@@ -68,12 +68,16 @@ int bringUp(const ConfigurationPath& configuration) {
 // The main loop may return while calls are up, when the instance lock is lost: their media threads must be
 // gone before the tables they use are.
 void closeOpenMedia() {
-  for (int pair = myRtp.iMaxPairIndex; pair >= 0; --pair) {
+  // Two calls may share a Call-ID, so that one is closed in the other's name: look again until none is left.
+  for (int pair = myRtp.iMaxPairIndex; pair >= 0;) {
     const sRtpSessionPair& call = myRtp.psPairs[static_cast<std::size_t>(pair)];
-    if (!call.bInUse) continue;
+    if (!call.bInUse) {
+      --pair;
+      continue;
+    }
     const FixedText<100> first = call.pcCallID[0];
     const FixedText<100> second = call.pcCallID[1];
-    myRtp.closeSessionPair(first.c_str(), second.c_str());
+    if (myRtp.closeSessionPair(first.c_str(), second.c_str()) != 0) --pair;
   }
 }
 

@@ -165,7 +165,7 @@ bool StatisticsGeneration::writePage(const char* path, const char* title,
     if (!memory) return false;
     writeHTMLHeader(memory.get(), iRefreshRateOfRealTimeStatistics, title);
     (this->*writeBody)(memory.get());
-    length = static_cast<std::size_t>(std::max(std::ftell(memory.get()), 0L));
+    length = std::min(static_cast<std::size_t>(std::max(std::ftell(memory.get()), 0L)), page.size());
   } catch (...) {
     Log::error(kFunction, "exception caught");
     return true;

@@ -132,12 +132,13 @@ int MySip::readBindingTable(const char* path) {
   return 0;
 }
 
-void MySip::loadBindingFiles() {
+void MySip::loadBindingFiles(BindingFiles files) {
   nameFile(pcBindingFile, "binding");
   nameFile(pcBindingBackupFile, "binding-bkp");
   eSavingBindings = SavingBindings::eDone;
   iNumBindings = 0;  // init has just allocated the records
   if (readBindingTable(pcBindingFile.c_str()) != 0) (void)readBindingTable(pcBindingBackupFile.c_str());
+  if (files == BindingFiles::eOfAnother) return;
   bindingFile.adopt(pcBindingFile.c_str(), bindingTable());
   backupBindingFile.adopt(pcBindingBackupFile.c_str(), bindingTable());
   saveBindingFiles();  // now, while no call waits for it

@@ -251,7 +251,7 @@ MySip::Verdict MySip::onSubscribe(const sSipMessage& msg) {
 
 MySip::Verdict MySip::onInvite(const sSipMessage& msg) {
   const int slot = findSlotOf(msg, findSlotInUse(msg.callId));
-  if (slot >= 0 && !isOwnInvite(phone(slot), msg)) {
+  if (slot >= 0 && (!isOwnInvite(phone(slot), msg) || wouldReturn(msg))) {
     handleReInviteMsg(slot, msg.text, msg.sFrom);
     return Verdict::eDone;
   }

@@ -22,6 +22,7 @@ class SignalsBlocked {
   SignalsBlocked() {
     sigset_t all;
     sigfillset(&all);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP}) sigdelset(&all, fault);
     pthread_sigmask(SIG_BLOCK, &all, &before);
   }
   ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
@@ -45,7 +46,8 @@ struct HostNames::sRunning {
 bool HostNames::find(std::string_view name, FixedText<16>& ip) {
   takeResult(std::chrono::milliseconds(0));
   const sEntry* entry = findEntry(name);
-  if (entry == nullptr && begin(name)) {
+  // An address stays in use while it is asked for again: a dialog must not change its road every minute.
+  if ((entry == nullptr || !isFresh(*entry)) && begin(name) && (entry == nullptr || entry->pcIP.empty())) {
     takeResult(kLongestWait);
     entry = findEntry(name);
   }
@@ -58,11 +60,15 @@ bool HostNames::find(std::string_view name, FixedText<16>& ip) {
   return false;
 }
 
-const HostNames::sEntry* HostNames::findEntry(std::string_view name) const {
-  for (const sEntry& entry : psEntries) {
-    if (entry.pcName == name && Clock::monotonicNanoseconds() < entry.iValidUntil) return &entry;
+HostNames::sEntry* HostNames::findEntry(std::string_view name) {
+  for (sEntry& entry : psEntries) {
+    if (entry.pcName == name) return &entry;
   }
   return nullptr;
+}
+
+bool HostNames::isFresh(const sEntry& entry) {
+  return Clock::monotonicNanoseconds() < entry.iValidUntil;
 }
 
 // False when another lookup is still waiting for its answer, or the name cannot be one.
@@ -93,10 +99,15 @@ void HostNames::takeResult(std::chrono::milliseconds wait) {
     std::unique_lock lock(running->mutex);
     if (!running->finished.wait_for(lock, wait, [this] { return running->bFinished; })) return;
   }
-  sEntry& entry = psEntries[uNextEntry];
-  uNextEntry = (uNextEntry + 1) % kEntries;
-  entry.pcName = running->pcName;
-  entry.pcIP = running->pcIP;
+  sEntry* known = findEntry(running->pcName);
+  if (known == nullptr) {
+    known = &psEntries[uNextEntry];
+    uNextEntry = (uNextEntry + 1) % kEntries;
+    *known = {};
+    known->pcName = running->pcName;
+  }
+  sEntry& entry = *known;
+  if (!running->pcIP.empty()) entry.pcIP = running->pcIP;  // a name service that is away takes nothing back
   entry.iValidUntil = Clock::monotonicNanoseconds() + (entry.pcIP.empty() ? kUnknownFor : kKnownFor);
   running.reset();
 }

@@ -39,7 +39,8 @@ class HostNames {
   struct sRunning;  // shared with the thread that waits for the name service, which may outlive us
 
   static bool askSystem(const char* name, FixedText<16>& ip);
-  const sEntry* findEntry(std::string_view name) const;
+  sEntry* findEntry(std::string_view name);
+  static bool isFresh(const sEntry& entry);
   bool begin(std::string_view name);
   void takeResult(std::chrono::milliseconds wait);
 

@@ -93,8 +93,10 @@ class MySip {
  public:
   // ---- 1 Slots, calls and generators ----
 
+  // Whose binding files are they? A tool reads those of a running process and leaves them alone.
+  enum class BindingFiles { eOwn, eOfAnother };
   // Allocates and initialises everything from the settings. 0, or 2.
-  int init();
+  int init(BindingFiles files = BindingFiles::eOwn);
   // Calls in use and not terminating. Any thread, also signal handlers.
   int numActiveCalls() const { return iActiveCalls; }
   // Copies a slot into the ring of old calls, overwriting the oldest copy.
@@ -397,7 +399,7 @@ class MySip {
   int saveBindingTable(const char* path);  // 0, or 1
   int readBindingTable(const char* path);  // 0, or 1 and the table is empty
   // Start-up: "binding", else "binding-bkp", else an empty table in both.
-  void loadBindingFiles();
+  void loadBindingFiles(BindingFiles files);
   // First "binding", then "binding-bkp".
   void saveBindingFiles();
   // The same in parts, between which signalling goes on: the tick begins, every pass of the main loop
@@ -482,6 +484,7 @@ class MySip {
   // SharedCallId.cpp
   bool isOfRunningCall(const sSipMessage& msg, int old) const;
   static bool isOwnInvite(const sPhone& leg, const sSipMessage& msg);
+  bool wouldReturn(const sSipMessage& msg);
   bool sharesCallID(int slot) const;
 
   // MainLoop.cpp

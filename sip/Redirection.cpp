@@ -56,8 +56,10 @@ void MySip::handleMoveMsg(int slot, std::string_view msg) {
       cseq != leg.iInviteCSeq || !contains(cseqText, "INVITE")) {
     return;
   }
+  const auto tagBefore = leg.pcRemoteTag;
   learnRemoteTag(leg, msg);
   sendRequest(leg, requestLine("ACK", leg.pcRemoteSipName).c_str(), leg.iInviteCSeq, "ACK", false);
+  if (leg.bAnswered) leg.pcRemoteTag = tagBefore;  // of the dialog that stands
   sPhone& partner = partnerOf(slot);
   if (leg.bAnswered) {  // a call that stands does not move
     if (!leg.bReInviteInProgress) return;

@@ -22,6 +22,7 @@ void MySip::storeRoutingInformation(int slot, bool reverse, std::string_view msg
     line.remove_prefix(kName.size());
     while (!line.empty()) {
       const std::string_view route = HeaderLines::takeValue(line);
+      if (route.empty()) continue;
       if (count == kMaxReceivedRoutes) {
         Log::error(kFunction, "Too many routing records: %.*s\n", static_cast<int>(route.size()),
                    route.data());
@@ -82,6 +83,8 @@ void MySip::prepareOneTimeRoutingMsgAndDestinationIP(int slot, std::string_view 
     Log::error(kFunction, "error analyzing the URI String %s\n", leg.ppcRoutes[1].c_str());
     return;
   }
+  // A host that is not known (yet) is not the PBX: the request then takes the road of the dialog so far.
+  if (!uri.bHasAddress) return;
   leg.pcOneTimeDestinationHost.assignCut(uri.pcIP);
   leg.sOneTimeDestination = addressOf(uri.pcIP.c_str(), uri.iPort);
 }

@@ -58,6 +58,25 @@ bool MySip::isOwnInvite(const sPhone& leg, const sSipMessage& msg) {
   return tags.ours.empty() && sTags::isTag(leg.pcLocalTag, tags.theirs);
 }
 
+// Would our own INVITE, taken as a new call, go to the PBX, from where it came back? It would come back for
+// ever.
+bool MySip::wouldReturn(const sSipMessage& msg) {
+  const std::string_view to = extractToken("To:", 200, msg.text);
+  sSipUri caller;
+  sSipUri dialled;
+  sCommandChoice choice;
+  if (analyzeHeaderUri(extractToken("From:", 200, msg.text), caller, "MySip::analyzeSipMessage") != 0 ||
+      analyzeHeaderUri(to, dialled, "MySip::analyzeSipMessage") != 0 ||
+      chooseCommand(caller.pcName, to, choice) != 0)
+    return true;
+  FixedText<kSipNameCapacity> name = dialled.pcName;
+  if (choice.destination != "*")
+    name.assignCut(choice.destination);
+  else if (iSipProxyArchitecture != 0)
+    replaceProxyIPInSipName(name);
+  return nextHopOf(name, msg.sFrom).kind == sNextHop::Kind::ePbx;
+}
+
 // An ended call has the Call-ID of the message, and so has perhaps a running one.
 bool MySip::isOfRunningCall(const sSipMessage& msg, int old) const {
   const int running = findSlotOf(msg, findSlotInUse(msg.callId));

@@ -93,7 +93,7 @@ int nameSlot(sPhone& phone, int number, const sNaming& naming, ListReader& names
 
 }  // namespace
 
-int MySip::init() {
+int MySip::init(BindingFiles files) {
   try {
     if (allocateTables() != 0) return 2;
     std::srand(static_cast<unsigned>(Clock::now()));
@@ -115,7 +115,7 @@ int MySip::init() {
     if (nameSlots() != 0) return 2;
     for (int slot = 0; slot < iNumSlots; ++slot) initRegistrationIdentity(phone(slot));
     if (!canMakeCallIDs()) return 2;
-    loadBindingFiles();
+    loadBindingFiles(files);
     return 0;
   } catch (...) {
     Log::error(kInit, "exception caught");

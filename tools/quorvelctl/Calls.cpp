@@ -38,6 +38,25 @@ bool isFresh(const char* path) {
   return std::time(nullptr) - information.st_mtime <= kRefreshesUntilStale * iRefreshRateOfRealTimeStatistics;
 }
 
+// The page is rewritten in place: what has no end yet is read again.
+std::optional<std::string> readWholePage(const char* path) {
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    auto page = readFile(path);
+    if (page && page->find("</html>") != std::string::npos) return page;
+    constexpr timespec kPause{0, 50'000'000};
+    nanosleep(&kPause, nullptr);
+  }
+  return std::nullopt;
+}
+
+std::string plain(std::string text) {
+  for (const auto& [entity, character] :
+       {std::pair("&lt;", "<"), std::pair("&gt;", ">"), std::pair("&amp;", "&")})
+    for (std::size_t at = 0; (at = text.find(entity, at)) != std::string::npos; ++at)
+      text.replace(at, std::string_view(entity).size(), character);
+  return text;
+}
+
 void printDirection(const sDirectionFigures& f) {
   std::printf("    noise %d, gain %d %%, echo %d, jitter %d ms, loss %.2f %%, delay %d ms, MOS %.2f\n",
               f.iNoise, f.iGain, f.iEcho, f.iJitter, f.dLoss, f.iDelay, f.dMos);
@@ -67,14 +86,14 @@ void printJson(const std::vector<sShownCall>& calls) {
 std::optional<std::vector<sShownCall>> readCallPage() {
   if (pcRealTimeAverageStatisticsFile.empty() || !isFresh(pcRealTimeAverageStatisticsFile.c_str()))
     return std::nullopt;
-  const auto page = readFile(pcRealTimeAverageStatisticsFile.c_str());
+  const auto page = readWholePage(pcRealTimeAverageStatisticsFile.c_str());
   if (!page) return std::nullopt;
   // The footer's cells are fewer than a row's, so they make no call.
   const std::vector<std::string> cells = cellsOf(page->substr(0, page->rfind("<br><br><br>")));
   std::vector<sShownCall> calls;
   for (std::size_t i = 0; i + kCellsPerCall <= cells.size(); i += kCellsPerCall)
-    calls.push_back({cells[i],
-                     cells[i + 1],
+    calls.push_back({plain(cells[i]),
+                     plain(cells[i + 1]),
                      std::atoi(cells[i + 2].c_str()),
                      {figuresOf(&cells[i + 3]), figuresOf(&cells[i + 10])}});
   return calls;

@@ -32,12 +32,12 @@ void warn(Findings& findings, std::string key, std::string text) {
   findings.push_back({false, 0, std::move(key), std::move(text)});
 }
 
-// The collected records as findings; what is said before the message is the program's, not the reader's,
-// business.
-void takeErrors(Findings& findings, int line, std::string_view key) {
+// The collected records as findings: errors where the program would not start, otherwise worth knowing. What
+// is said before the message is the program's, not the reader's, business.
+void takeRecordsAs(bool isError, Findings& findings, int line, std::string_view key) {
   for (const std::string& record : takeRecords()) {
     const std::size_t message = record.find(", ");
-    findings.push_back({!record.starts_with("INFO"), line, std::string(key),
+    findings.push_back({isError, line, std::string(key),
                         message == std::string::npos ? record : record.substr(message + 2)});
   }
 }
@@ -55,8 +55,8 @@ class FileCheck {
     for (int line = 1; lines.next(); ++line) checkLine(lines.text(), line);
     if (lines.failed()) return findings.push_back({true, 0, "", "cannot be read to its end"});
     checkDefaults();
-    myConfiguration.analyzeCommandKeys();
-    takeErrors(findings, 0, "");
+    const bool refused = myConfiguration.analyzeCommandKeys() != 0;
+    takeRecordsAs(refused, findings, 0, "");
   }
 
  private:
@@ -77,7 +77,7 @@ class FileCheck {
     if (key.type == KeyType::eInteger && !scanInteger(assignment.value))
       findings.push_back({true, line, name, "is no number"});
     const KeyOutcome outcome = storeKeyValue(key, assignment.value);
-    takeErrors(findings, line, name);
+    takeRecordsAs(outcome == KeyOutcome::eRefused, findings, line, name);
     if (outcome == KeyOutcome::eNotGiven)
       findings.push_back({false, line, name, "has no value that can be read"});
   }
@@ -86,8 +86,8 @@ class FileCheck {
     const auto keys = keyRegistry();
     for (std::size_t i = 0; i < keys.size(); ++i) {
       if (lineOfKey.contains(static_cast<int>(i))) continue;
-      (void)storeKeyDefault(keys[i]);
-      takeErrors(findings, 0, keys[i].pcName);
+      const bool missing = !storeKeyDefault(keys[i]);
+      takeRecordsAs(missing, findings, 0, keys[i].pcName);
     }
   }
 
@@ -97,11 +97,15 @@ class FileCheck {
 
 // ---- What is taken but cannot work ----
 
-int lastRtpPort() {
-  return iRtpUAPortInitVal + 2 * iNumPhonesToAllocate - 1;
+std::int64_t lastRtpPort() {
+  return std::int64_t{iRtpUAPortInitVal} + 2 * std::int64_t{iNumPhonesToAllocate} - 1;
 }
 
 void checkPorts(Findings& findings) {
+  for (const auto& [key, port] :
+       {std::pair("SipUAPort", iSipUAPort), std::pair("SipProxyPort", iSipProxyPort),
+        std::pair("RtpUAPortInitVal", iRtpUAPortInitVal)})
+    if (port < 1 || port > kHighestPort) findings.push_back({true, 0, key, "is no port: 1 to 65535"});
   if (lastRtpPort() > kHighestPort)
     warn(findings, "RtpUAPortInitVal",
          "the RTP ports end at " + std::to_string(lastRtpPort()) + ", above 65535");
@@ -118,7 +122,7 @@ void checkPorts(Findings& findings) {
 void checkSizes(Findings& findings) {
   if (descriptorsFor(iNumCallsToFilter) > kMaxDescriptors)
     findings.push_back({true, 0, "NumCallsToFilter", "is more than the media relay can carry"});
-  if (2 * iNumCallsToFilter < iNumPhonesToAllocate)
+  if (iNumCallsToFilter < iNumPhonesToAllocate / 2)
     warn(findings, "NumCallsToFilter",
          "fewer calls have media than NumPhonesToAllocate lets in: " + std::to_string(iNumCallsToFilter) +
              " of " + std::to_string(iNumPhonesToAllocate / 2));
@@ -202,7 +206,8 @@ void checkFiles(Findings& findings, const sContext& context) {
 struct sClaims {
   std::string path;
   std::string address;
-  int iSipPort = 0, iFirstRtpPort = 0, iLastRtpPort = 0;
+  int iSipPort = 0;
+  std::int64_t iFirstRtpPort = 0, iLastRtpPort = 0;
   std::array<std::pair<const char*, std::string>, 3> files;
 
   explicit sClaims(std::string from)

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -38,12 +39,34 @@ std::optional<std::int32_t> readNumber(const InstancePath& path) {
   return value;
 }
 
+// The instance in a command line: the second of exactly two arguments.
+std::string instanceOf(const std::string& commandLine) {
+  std::vector<std::string> words;
+  for (std::size_t at = 0; at < commandLine.size(); at += words.back().size() + 1)
+    words.emplace_back(commandLine.c_str() + at);
+  return words.size() == 3 ? words[2] : "";
+}
+
+struct sFileState {
+  bool bRegular = false;
+  uid_t owner = 0;
+  ino_t node = 0;
+  long lSeconds = 0, lNanoseconds = 0;
+  bool operator==(const sFileState&) const = default;
+};
+
+sFileState stateOf(const InstancePath& path) {
+  struct stat found {};
+  if (lstat(path.c_str(), &found) != 0) return {};
+  return {S_ISREG(found.st_mode), found.st_uid, found.st_ino, found.st_mtim.tv_sec, found.st_mtim.tv_nsec};
+}
+
 }  // namespace
 
-void adoptContext(const sContext& context) {
-  (void)Glob::pcKestrovaBin.assign(context.installation);
-  (void)pcKestrovaInstanceSuffix.assign(context.instance);
+bool adoptContext(const sContext& context) {
   pLogRecorder = collect;
+  return Glob::pcKestrovaBin.assign(context.installation) &&
+         pcKestrovaInstanceSuffix.assign(context.instance);
 }
 
 std::vector<std::string> takeRecords() {
@@ -56,26 +79,33 @@ bool loadConfiguration(const sContext& context) {
   return myConfiguration.readParams(context.configuration.c_str(), false) == 0;
 }
 
-std::optional<pid_t> findProcess(const sContext&) {
+std::optional<pid_t> findProcess(const sContext& context) {
   const auto owner = readNumber(instancePath(kLockFile));
-  if (!owner || *owner <= 0 || (kill(*owner, 0) != 0 && errno == ESRCH)) return std::nullopt;
-  // The file outlives its process, whose number may belong to another program by now; and a process that has
-  // ended keeps its number until its parent looks.
-  const std::string stat = readFile("/proc/" + std::to_string(*owner) + "/stat").value_or("");
-  const bool ended = stat.find(") Z ") != std::string::npos;
-  if (ended || stat.find("(quorvel") == std::string::npos) return std::nullopt;
+  if (!owner || *owner <= 0 || *owner == getpid()) return std::nullopt;
+  // The file outlives its process, whose number may belong to another program by now, or to another instance;
+  // and a process that has ended keeps its number until its parent looks.
+  const std::string directory = "/proc/" + std::to_string(*owner);
+  const std::string stat = readFile(directory + "/stat").value_or("");
+  if (stat.find("(quorvel) ") == std::string::npos || stat.find(") Z ") != std::string::npos)
+    return std::nullopt;
+  if (instanceOf(readFile(directory + "/cmdline").value_or("")) != context.instance) return std::nullopt;
   return *owner;
 }
 
 std::optional<int> askActiveCalls(const sContext&, pid_t process) {
   const InstancePath path = instancePath(kActiveCallsFile);
-  // An answer that is left over from an earlier question must not be taken for the new one.
-  (void)unlink(path.c_str());
+  struct stat owner {};
+  if (stat(("/proc/" + std::to_string(process)).c_str(), &owner) != 0) return std::nullopt;
+  const sFileState before = stateOf(path);
   if (kill(process, SIGUSR1) != 0) return std::nullopt;
   for (int attempt = 0; attempt < 200; ++attempt) {
-    if (const auto calls = readNumber(path)) return *calls;
     constexpr timespec kPause{0, 10'000'000};
     nanosleep(&kPause, nullptr);
+    // Only what the process itself has written since counts: a file that another user keeps in its place does
+    // not.
+    const sFileState now = stateOf(path);
+    if (!now.bRegular || now.owner != owner.st_uid || now == before) continue;
+    if (const auto calls = readNumber(path)) return *calls;
   }
   return std::nullopt;
 }

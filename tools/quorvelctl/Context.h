@@ -45,8 +45,8 @@ int writeMetrics(const sContext& context);  // Metrics.cpp
 // ---- What they share ----
 
 // Makes the program's own code work for the context: installation, instance, log records collected instead of
-// written.
-void adoptContext(const sContext& context);
+// written. False: a name is too long.
+[[nodiscard]] bool adoptContext(const sContext& context);
 // The records collected since the last call, one line each: "ERROR in Class::method, message".
 std::vector<std::string> takeRecords();
 // Loads the configuration file as the program does at its start. False: `takeRecords` says why.

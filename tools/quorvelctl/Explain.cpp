@@ -105,7 +105,7 @@ int refused(const sContext& context, const char* why) {
 }  // namespace
 
 int explainCall(const sContext& context) {
-  if (!loadConfiguration(context) || mySip.init() != 0) {
+  if (!loadConfiguration(context) || mySip.init(MySip::BindingFiles::eOfAnother) != 0) {
     for (const std::string& record : takeRecords()) std::fprintf(stderr, "%s\n", record.c_str());
     return fail("the configuration cannot be loaded");
   }

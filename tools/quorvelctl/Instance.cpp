@@ -1,9 +1,12 @@
 // The running process: its state, and the signals and the datagram that steer it.
 #include <arpa/inet.h>
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <netinet/in.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <time.h>
 
@@ -31,11 +34,18 @@ int notRunning(const sContext& context) {
 
 // Drain mode has no end but the process's own, so its log line since the last start tells.
 bool isDraining(const sContext& context) {
-  const auto log = readFile(logPath(context));
-  if (!log) return false;
-  const std::size_t start = log->rfind("INFO in quorvel_main, Loading Quorvel version");
-  const std::size_t drain = log->rfind("INFO in sigUsr2Handle, Got shutdown request");
-  return drain != std::string::npos && (start == std::string::npos || drain > start);
+  for (const char* age : {"", ".1"}) {  // the newest of the rotated logs
+    const std::string log = readFile(logPath(context) + age).value_or("");
+    const std::size_t start = log.rfind("INFO in quorvel_main, Loading Quorvel version");
+    const std::size_t drain = log.rfind("INFO in sigUsr2Handle, Got shutdown request");
+    if (drain == std::string::npos && start == std::string::npos) continue;
+    return drain != std::string::npos && (start == std::string::npos || drain > start);
+  }
+  return false;
+}
+
+std::string callsText(int calls) {
+  return std::to_string(calls) + (calls == 1 ? " call is" : " calls are");
 }
 
 // Seconds from the command's argument, or `otherwise`; nothing when it is no number.
@@ -48,12 +58,15 @@ std::optional<int> secondsOf(const sContext& context, int otherwise) {
   return seconds;
 }
 
-// Waits until no call is up. The number of calls that are left.
-int waitForCalls(const sContext& context, pid_t process, int seconds) {
-  for (int second = 0;; ++second) {
-    const int calls = askActiveCalls(context, process).value_or(0);
-    if (calls == 0 || second >= seconds || !findProcess(context)) return calls;
-    if (!context.bJson) std::fprintf(stderr, "%d %s up\n", calls, calls == 1 ? "call" : "calls");
+// Waits until no call is up. The number of calls that are left, or nothing when the process does not say.
+std::optional<int> waitForCalls(const sContext& context, pid_t process, int seconds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  for (;;) {
+    const std::optional<int> calls = askActiveCalls(context, process);
+    if (calls == 0 || findProcess(context) != process) return 0;
+    if (std::chrono::steady_clock::now() >= end) return calls;
+    if (!context.bJson)
+      std::fprintf(stderr, "%s up\n", calls ? callsText(*calls).c_str() : "unknown how many calls are");
     pauseMilliseconds(1000);
   }
 }
@@ -82,6 +95,45 @@ bool sendDatagram(const std::string& text) {
                 sizeof *address) == static_cast<ssize_t>(text.size());
 }
 
+// Does the process own the UDP socket that the file names?
+bool ownsSignallingPort(pid_t process) {
+  const auto address = signallingAddress();
+  if (!address) return false;
+  char wanted[20];
+  std::snprintf(wanted, sizeof wanted, "%08X:%04X", address->sin_addr.s_addr,
+                static_cast<unsigned>(iSipUAPort));
+  const std::string directory = "/proc/" + std::to_string(process);
+  const std::string sockets = readFile(directory + "/net/udp").value_or("");
+  const std::size_t line = sockets.find(wanted);
+  if (line == std::string::npos) return false;
+  // The tenth field of the line, counted from its number; we stand on the second.
+  std::istringstream fields(sockets.substr(line));
+  std::string node;
+  for (int field = 2; field <= 10; ++field) fields >> node;
+  std::error_code denied;
+  for (const auto& entry : std::filesystem::directory_iterator(directory + "/fd", denied)) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry.path(), gone) == "socket:[" + node + "]") return true;
+  }
+  return static_cast<bool>(denied);  // not ours to look at: the address has to do
+}
+
+// The log tells that the process begins to read, and then only what is wrong.
+int waitForReload(const sContext& context, const std::string& path, std::size_t before) {
+  const std::string begun = "Going to reload configuration file \"" + path + "\"";
+  for (int tenth = 0; tenth < 30; ++tenth) {
+    pauseMilliseconds(100);
+    const std::string log = readFile(logPath(context)).value_or("");
+    const std::size_t at = log.find(begun, log.size() < before ? 0 : before);
+    if (at == std::string::npos) continue;
+    pauseMilliseconds(500);
+    const std::string after = readFile(logPath(context)).value_or("").substr(at);
+    if (after.find("problem reading parameters from") == std::string::npos) return kYes;
+    return fail("the process could not read the file: see its log");
+  }
+  return fail("the process was told to reload, but its log does not say that it did");
+}
+
 }  // namespace
 
 int showStatus(const sContext& context) {
@@ -106,9 +158,11 @@ int drainInstance(const sContext& context) {
   const auto process = findProcess(context);
   if (!process) return notRunning(context);
   if (kill(*process, SIGUSR2) != 0) return fail("process %d cannot be signalled", *process);
-  const int left = waitForCalls(context, *process, *seconds);
-  if (context.bJson) std::printf("{\"draining\": true, \"calls\": %d}\n", left);
-  if (left != 0 && *seconds > 0) return fail("%d %s still up", left, left == 1 ? "call is" : "calls are");
+  const std::optional<int> left = waitForCalls(context, *process, *seconds);
+  if (context.bJson)
+    std::printf("{\"draining\": true, \"calls\": %s}\n", left ? std::to_string(*left).c_str() : "null");
+  if (!left) return fail("the process does not say how many calls are up");
+  if (*left != 0 && *seconds > 0) return fail("%s still up", callsText(*left).c_str());
   return kYes;
 }
 
@@ -120,16 +174,14 @@ int reloadInstance(const sContext& context) {
     for (const std::string& record : takeRecords()) std::fprintf(stderr, "%s\n", record.c_str());
     return fail("the file is not valid; nothing was reloaded");
   }
+  if (!ownsSignallingPort(*process))
+    return fail("the process does not listen on %s:%d: addresses and ports change by a restart only",
+                pcSipUAIPForBinding.c_str(), iSipUAPort);
+  const std::string path = std::filesystem::absolute(context.configuration).string();
   const std::size_t before = readFile(logPath(context)).value_or("").size();
-  if (!sendDatagram("800-QUORVEL-RELOAD " + context.configuration + "\r\n"))
+  if (!sendDatagram("800-QUORVEL-RELOAD " + path + "\r\n"))
     return fail("no datagram can be sent to %s:%d", pcSipUAIPForBinding.c_str(), iSipUAPort);
-  const std::string expected = "Going to reload configuration file \"" + context.configuration + "\"";
-  for (int tenth = 0; tenth < 30; ++tenth) {
-    pauseMilliseconds(100);
-    const auto log = readFile(logPath(context));
-    if (log && log->find(expected, log->size() < before ? 0 : before) != std::string::npos) return kYes;
-  }
-  return fail("the process was told to reload, but its log does not say that it did");
+  return waitForReload(context, path, before);
 }
 
 int stopInstance(const sContext& context) {
@@ -141,9 +193,11 @@ int stopInstance(const sContext& context) {
     if (kill(*process, SIGUSR2) != 0) return fail("process %d cannot be signalled", *process);
     waitForCalls(context, *process, *seconds);
   }
+  if (findProcess(context) != process) return kYes;  // ended by itself meanwhile
   if (kill(*process, SIGINT) != 0) return fail("process %d cannot be signalled", *process);
   pauseMilliseconds(kSecondInterruptAfterMilliseconds);
-  (void)kill(*process, SIGINT);  // an accepted first one makes it ignore the second
+  if (findProcess(context) == process)
+    (void)kill(*process, SIGINT);  // an accepted first one makes it ignore the second
   if (!endsWithin(context, *process, kSecondsToEnd)) return fail("process %d does not end", *process);
   return kYes;
 }

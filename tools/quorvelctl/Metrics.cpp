@@ -186,12 +186,16 @@ bool writeWhole(const std::string& path, const std::string& text) {
 }  // namespace
 
 int writeMetrics(const sContext& context) {
-  if (!loadConfiguration(context)) return fail("%s cannot be loaded", context.configuration.c_str());
-  takeRecords();
   MetricsText out(context.instance);
   addProcess(out, context, findProcess(context));
-  addEndedCalls(out);
-  addRunningCalls(out);
+  const bool isLoaded = loadConfiguration(context);
+  takeRecords();
+  out.add("configuration_valid", "gauge", "1 while the configuration file would be accepted.",
+          isLoaded ? 1 : 0);
+  if (isLoaded) {
+    addEndedCalls(out);
+    addRunningCalls(out);
+  }
   addLog(out, context);
   if (context.words.empty()) return std::fputs(out.result().c_str(), stdout) >= 0 ? kYes : kNo;
   if (writeWhole(context.words[0], out.result())) return kYes;

@@ -87,12 +87,13 @@ std::set<std::string> legsOf(const std::vector<sTraced>& messages, const std::st
 
 // Answers to a challenge are good for a replay and for guessing the password.
 std::string masked(std::string text) {
-  for (const std::string_view header : {"Authorization:", "Proxy-Authorization:"})
-    for (std::size_t at = 0; (at = text.find(header, at)) != std::string::npos;) {
-      const std::size_t start = at + header.size();
+  for (const std::string_view header : {"Authorization:"})
+    for (std::size_t at = 0, found = 0;
+         (found = MySip::stristr(std::string_view(text).substr(at), header)) != std::string_view::npos;) {
+      const std::size_t start = at + found + header.size();
       const std::size_t end = std::min(text.find('\r', start), text.find('\n', start));
       text.replace(start, (end == std::string::npos ? text.size() : end) - start, " (masked)");
-      at = start;
+      at = start + 1;
     }
   return text;
 }

@@ -81,7 +81,7 @@ int main(int count, char** arguments) {
       return usage(stderr);
     if (!context.installation.ends_with('/'))
       return fail("KESTROVA_BIN must name the installation directory, with its final slash");
-    adoptContext(context);
+    if (!adoptContext(context)) return fail("the instance's name, or KESTROVA_BIN, is too long");
     const int status = command.pfRun(context);
     return std::fflush(stdout) == 0 ? status : kNo;
   }
