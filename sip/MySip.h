@@ -399,7 +399,7 @@ class MySip {
   int saveBindingTable(const char* path);  // 0, or 1
   int readBindingTable(const char* path);  // 0, or 1 and the table is empty
   // Start-up: "binding", else "binding-bkp", else an empty table in both.
-  void loadBindingFiles(BindingFiles files);
+  void loadBindingFiles(BindingFiles files = BindingFiles::eOwn);
   // First "binding", then "binding-bkp".
   void saveBindingFiles();
   // The same in parts, between which signalling goes on: the tick begins, every pass of the main loop
