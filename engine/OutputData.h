@@ -138,7 +138,7 @@ class OutputData {
     bool bPartyTalking = true;
     int iTalkHold = 0;  // samples left
     int iLastTalkHold = -1000000;
-    int iCoupling = 0;  // 1/1024
+    int iCoupling = 0;            // 1/1024
     std::array<int, 8> iPeaks{};  // of the latest seconds with loudspeaker sound
     int iCouplingPeak = 0;
     int iCouplingCycles = 0;
