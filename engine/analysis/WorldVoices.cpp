@@ -3,8 +3,9 @@
 #include "engine/analysis/WorldVoices.h"
 
 // Root mean square distance of a coefficient from its nearest centre.
-const std::array<float, kEnvelopeCoefficients> kEnvelopeDeviation{
-    0.9320F, 0.9199F, 0.8949F, 0.9316F, 0.8707F, 0.8310F, 0.8008F, 0.7523F, 0.7445F, 0.6577F, 0.6081F, 0.5668F, 0.5790F, 0.5991F};
+const std::array<float, kEnvelopeCoefficients> kEnvelopeDeviation{0.9320F, 0.9199F, 0.8949F, 0.9316F, 0.8707F,
+                                                                  0.8310F, 0.8008F, 0.7523F, 0.7445F, 0.6577F,
+                                                                  0.6081F, 0.5668F, 0.5790F, 0.5991F};
 
 // clang-format off
 const std::array<sPackedEnvelope, kWorldVoices> kWorldEnvelopes{{
