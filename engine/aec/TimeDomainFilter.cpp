@@ -131,7 +131,8 @@ void TimeDomainFilter::updateQuality(const sAecCycle& now, sAecCoefSet& s, int i
   s.r[2] = perMille(iMeanError, iReferenceLevel);
   int p = now.bMicQuiet ? 1 : 5;
   if (now.iSpkAmp > 4000 && now.iSpkAmp > 2 * now.iSpkSpanAmp / 2 && !now.bMicQuiet) {
-    const int q = now.iSpkAmp * 2 / std::max(1, now.iSpkSpanAmp);
+    constexpr int kLargestRatio = 3;  // whose square is beyond the largest step already
+    const int q = std::min(now.iSpkAmp * 2 / std::max(1, now.iSpkSpanAmp), kLargestRatio);
     p = std::clamp(4 * q * q, 1, 20);
   }
   s.r[1] = (p * s.r[0] + (kSmoothedParts - p) * s.r[1]) / kSmoothedParts;

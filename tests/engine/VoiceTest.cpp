@@ -30,11 +30,11 @@ class VoiceTest : public EngineTest {
 
 TEST_F(VoiceTest, TemplatesOfOneVoiceMatchAtAnyRateAndOthersDoNot) {
   const sFftSchemaType schema = heard(8000, 120, 10);
+  const sFftSchemaType other = heard(8000, 240, 10);
   const FftSchema& schemas = *KestrovapMyChannels[0].pFftSchema;
   EXPECT_EQ(schema.iBins, 96);
   EXPECT_EQ(*std::max_element(schema.uValue.begin(), schema.uValue.end()), 99);
   EXPECT_EQ(schemas.validateSchemaHelper(false, schema, schema, 0), 0);
-  const sFftSchemaType other = heard(8000, 240, 10);
   EXPECT_EQ(schemas.validateSchemaHelper(false, schema, other, 1), FftSchema::kNoMatch);
   sFftSchemaType shorter = schema;
   shorter.iBins = 64;

@@ -18,7 +18,10 @@ class KestrovaWavTest : public ::testing::Test {
  protected:
   [[nodiscard]] Ended run(const std::string& arguments) const {
     const std::string said = (installation.bin() / "said").string();
-    const std::string command = "cd " + installation.bin().string() + " && " KESTROVA_WAV " " + arguments;
+    const std::string command = "cd " + installation.bin().string() +
+                                " && LSAN_OPTIONS=print_suppressions=0:suppressions=" LEAKS_OF_OTHERS
+                                " " KESTROVA_WAV " " +
+                                arguments;
     const int iStatus = std::system((command + " >" + said + " 2>&1").c_str());
     return {WEXITSTATUS(iStatus), TestInstallation::read(said)};
   }
