@@ -140,6 +140,30 @@ double erle(const Audio& mic, const Audio& out, const Audio& echo, std::size_t u
   return 10 * std::log10((dMic + 1e-3) / (dOut + 1e-3));
 }
 
+Audio aligned(const Audio& clean, const Audio& out, std::size_t uFrom, std::size_t uTo) {
+  constexpr long kFurthest = 500;
+  double dBest = 0;
+  long lBest = 0;
+  for (long lLag = -kFurthest; lLag <= kFurthest; ++lLag) {
+    double dSum = 0;
+    for (std::size_t i = uFrom; i < std::min({uTo, clean.size(), out.size()}); ++i) {
+      const long lAt = static_cast<long>(i) + lLag;
+      if (lAt >= 0 && lAt < static_cast<long>(out.size()))
+        dSum += double{clean[i]} * out[static_cast<std::size_t>(lAt)];
+    }
+    if (dSum > dBest) {
+      dBest = dSum;
+      lBest = lLag;
+    }
+  }
+  Audio moved(out.size(), 0);
+  for (std::size_t i = 0; i < out.size(); ++i) {
+    const long lAt = static_cast<long>(i) + lBest;
+    if (lAt >= 0 && lAt < static_cast<long>(out.size())) moved[i] = out[static_cast<std::size_t>(lAt)];
+  }
+  return moved;
+}
+
 double passedDb(const Audio& clean, const Audio& out, std::size_t uFrom, std::size_t uTo) {
   constexpr std::size_t kFrame = 256;
   constexpr double kTalk = 300.0 * 300;

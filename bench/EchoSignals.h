@@ -31,6 +31,8 @@ double powerDb(const Audio& audio, std::size_t uFrom, std::size_t uTo);
 // Echo return loss enhancement: how far the canceller has lowered the microphone, over the frames in which
 // there is echo.
 double erle(const Audio& mic, const Audio& out, const Audio& echo, std::size_t uFrom, std::size_t uTo);
+// `out` moved to where it agrees best with `clean`: what delay a canceller has is its own affair.
+Audio aligned(const Audio& clean, const Audio& out, std::size_t uFrom, std::size_t uTo);
 // Mean over the active frames of how much of `clean` is in `out`, dB.
 double passedDb(const Audio& clean, const Audio& out, std::size_t uFrom, std::size_t uTo);
 // Short-time objective intelligibility (Taal et al., 2011) of `out` against `clean`, 0..1.

@@ -158,7 +158,8 @@ void doubleTalk() {
     std::fill(scene.near.begin() + static_cast<std::ptrdiff_t>(at(16)), scene.near.end(), 0.0F);
     mix(scene, path.uSeed);
     for (const auto& sName : cancellers()) {
-      const Audio out = run(sName, scene, path.dDelayMs);
+      const Audio raw = run(sName, scene, path.dDelayMs);
+      const Audio out = aligned(scene.near, raw, at(8), at(16));
       const double dPassed = passedDb(scene.near, out, at(8), at(16));
       const double dStoi = stoi(scene.near, out, kRate, at(8), at(16));
       const double dStoiIn = stoi(scene.near, scene.mic, kRate, at(8), at(16));
@@ -209,7 +210,7 @@ void headset() {
     scene.echo.resize(scene.far.size());
     mix(scene, uSeed);
     for (const auto& sName : cancellers()) {
-      const Audio out = run(sName, scene, 100);
+      const Audio out = aligned(scene.near, run(sName, scene, 100), 0, at(20));
       double dWorst = 0;
       for (int s = 0; s < 19; ++s) dWorst = std::min(dWorst, passedDb(scene.near, out, at(s), at(s + 1)));
       const double dAll = passedDb(scene.near, out, 0, at(20));

@@ -22,6 +22,7 @@ constexpr int kPlotHeight = 256;  // one row per bin of the transform
 constexpr int kGap = 46;          // between the plots, with the caption of the lower one
 constexpr int kStripHeight = 26;
 constexpr int kHeight = kTop + 2 * kPlotHeight + 2 * kGap + kStripHeight + 90;
+constexpr int kCurveHeight = 120;  // only with echo
 
 // Spectrograms: frames of 512 samples, at most eight of them averaged into one column of pixels.
 constexpr std::size_t kFrame = 2 * kPlotHeight;
@@ -105,10 +106,10 @@ void addPower(std::span<const std::int16_t> samples, std::size_t uCentre,
 
 class Canvas {
  public:
-  Canvas()
-      : pSurface(cairo_image_surface_create(CAIRO_FORMAT_RGB24, kWidth, kHeight)),
+  explicit Canvas(int iHeight)
+      : pSurface(cairo_image_surface_create(CAIRO_FORMAT_RGB24, kWidth, iHeight)),
         pCairo(cairo_create(pSurface)) {
-    rectangle(0, 0, kWidth, kHeight, {1, 1, 1});
+    rectangle(0, 0, kWidth, iHeight, {1, 1, 1});
     cairo_select_font_face(pCairo, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
     cairo_set_font_size(pCairo, 13);
   }
@@ -151,14 +152,21 @@ std::string shortNumber(double dValue) {
 
 class Drawing {
  public:
-  explicit Drawing(const sPicture& shown) : picture(shown), uSamples(shown.before.size()) {}
+  explicit Drawing(const sPicture& shown)
+      : canvas(kHeight + (shown.bEcho ? kCurveHeight + kGap : 0)),
+        picture(shown),
+        uSamples(shown.before.size()) {}
 
   void draw(const std::string& sName) {
     canvas.text(kLeft, 24, picture.sTitle);
     spectrogram(kTop, "before", picture.before);
     const int iSecond = kTop + kPlotHeight + kGap;
     spectrogram(iSecond, "after", picture.after);
-    const int iStrip = iSecond + kPlotHeight + kGap;
+    int iStrip = iSecond + kPlotHeight + kGap;
+    if (picture.bEcho) {
+      curve(iStrip);
+      iStrip += kCurveHeight + kGap;
+    }
     strip(iStrip);
     timeAxis(iStrip + kStripHeight);
     scale();
@@ -192,6 +200,34 @@ class Drawing {
       const double dMean = power[static_cast<std::size_t>(k)] / static_cast<double>(uFrames);
       canvas.rectangle(kLeft + iColumn, iTop + kPlotHeight - 1 - k, 1, 1,
                        colourOf(10 * std::log10(dMean + 1e-15)));
+    }
+  }
+
+  // Mean power of the 200 ms around a sample, at least that of a sample value of 1.
+  [[nodiscard]] double power(std::span<const std::int16_t> samples, std::size_t uCentre) const {
+    const auto uHalf = static_cast<std::size_t>(picture.iRate / 10);
+    const std::size_t uFirst = uCentre > uHalf ? uCentre - uHalf : 0;
+    double dSum = 0;
+    for (std::size_t i = uFirst; i < uCentre + uHalf && i < samples.size(); ++i) {
+      dSum += static_cast<double>(samples[i]) * samples[i];
+    }
+    return std::max(1.0, dSum / static_cast<double>(2 * uHalf));
+  }
+
+  // How far the output lies below the microphone, 0 to 60 dB.
+  void curve(int iTop) {
+    constexpr double kMostDb = 60;
+    canvas.text(kLeft, iTop - 8, "echo return loss enhancement: microphone over output");
+    for (int iColumn = 0; iColumn < kPlotWidth; ++iColumn) {
+      const std::size_t uAt = sampleAt(iColumn);
+      const double dErle = 10 * std::log10(power(picture.before, uAt) / power(picture.after, uAt));
+      const double dHeight = kCurveHeight * std::clamp(dErle, 0.0, kMostDb) / kMostDb;
+      canvas.rectangle(kLeft + iColumn, iTop + kCurveHeight - dHeight, 1, dHeight, {0.20, 0.06, 0.38});
+    }
+    for (int iDb = 0; iDb <= 60; iDb += 20) {
+      const double y = iTop + kCurveHeight * (1 - iDb / kMostDb);
+      canvas.rectangle(kLeft - 5, y - 0.5, 5, 1, {0.1, 0.1, 0.1});
+      canvas.text(kLeft - 9, y + 4, std::to_string(iDb) + " dB", 1);
     }
   }
 

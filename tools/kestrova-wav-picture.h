@@ -17,6 +17,8 @@ struct sPicture {
   // One per frame of uFrame samples of the output.
   std::span<const Decision> decisions;
   std::size_t uFrame = 0;
+  // An echo channel ran: how far it lowered the microphone is drawn, too.
+  bool bEcho = false;
 };
 
 // Writes a PNG. Throws std::runtime_error that names the file and what is wrong.

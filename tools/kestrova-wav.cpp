@@ -158,7 +158,8 @@ class Run {
                                    .before = mic.samples,
                                    .after = out,
                                    .decisions = decisions,
-                                   .uFrame = uFrame});
+                                   .uFrame = uFrame,
+                                   .bEcho = hasSpeaker()});
   }
 
   // A line that counts on a terminal; ten lines in all where it goes to a file.

@@ -18,7 +18,7 @@ constexpr float kPowerNew = 0.01999998F;
 
 // Per block the path is expected to move by this part of its power: enough to follow two clocks that differ
 // by 100 ppm, little enough to converge 35 dB deep.
-constexpr float kPathDrift = 4e-4F;
+constexpr float kPathDrift = 2e-3F;
 // Power of the coupling that is thought possible before anything is known: an echo as loud as its source.
 constexpr float kFirstUncertainty = 1.0F;
 
@@ -278,7 +278,7 @@ void FrequencyFilter::fd_checkRollbackAndResetForFreqDomainAnalysis() {
   const bool bPoor = b[kUsed] > 0.5F * brief.fMic;
   iPoorBlocks = bPoor ? iPoorBlocks + 1 : 0;
   if (b[kAdapted] < 0.5F * b[kUsed] || (b[kAdapted] < 0.8F * b[kUsed] && l[kAdapted] < 0.95F * l[kUsed])) {
-    if (bHadEcho && bPoor) ++iPathChanges;
+    if (bHadEcho && bPoor && !matches()) ++iPathChanges;
     adopt();
     return;
   }

@@ -142,6 +142,8 @@ void MyAEC::performFrequencyDomainAnalysis() {
   if (frequencyFilter.pathChanges() != iPathChanges) {
     iPathChanges = frequencyFilter.pathChanges();
     frequencyResidual.relearn();
+    // What was taken for talk was the echo by its new path.
+    now.iFdHoldEnd = std::min(now.iFdHoldEnd, now.iFirst - 1);
   }
   const bool bSilent = isFarSilent(frequencyFilter.bulkDelay(), frequencyFilter.endDelay());
   const auto uSamples = static_cast<std::size_t>(kCycleSamples * pMic->rateFactor());

@@ -36,6 +36,7 @@ void ResidualModel::clean(std::size_t uSamples) {
 
 void ResidualModel::relearn() {
   iLearnt = 0;
+  fLeakDb.fill(kFirstLeakDb);
 }
 
 float ResidualModel::leakDb() const {
@@ -109,14 +110,15 @@ void ResidualModel::measure(bool bSpkActive) {
   if (bSpkActive && hasSeenEcho() && iLearnt < kLearningCycles) ++iLearnt;
 }
 
-// Steps up and down in the ratio that leaves four of five residuals below the leak.
+// Steps up and down in the ratio that leaves eight of nine residuals below the leak.
 void ResidualModel::learn(std::size_t b, float fExcessDb) {
   constexpr float kFastUpDb = 0.5F;
   constexpr float kUpDb = 0.04F;
   constexpr float kTalkUpDb = 0.004F;  // 1 dB a second: a misjudged echo is found in the end
-  constexpr float kDownPart = 0.25F;
+  constexpr float kTalkEvidence = 3.0F;
+  constexpr float kDownPart = 0.12F;
   const bool bFast = isLearning() && fRemaining < 0.5F;
-  const float fUp = bFast ? kFastUpDb : fEvidence > 1 ? kTalkUpDb : kUpDb;
+  const float fUp = bFast ? kFastUpDb : fEvidence > kTalkEvidence ? kTalkUpDb : kUpDb;
   const float fDown = kDownPart * std::max(bFast ? kFastUpDb : 4 * kUpDb, 0.0F);
   fLeakDb[b] = std::clamp(fLeakDb[b] + (fExcessDb > 0 ? fUp : -fDown), kLeastLeakDb, 6.0F);
 }

@@ -165,7 +165,7 @@ void TalkDetector::checkFrequencyDomainTalk(sAecCycle& now, const ResidualModel&
                                             bool bFarSilent) const {
   now.iFdScore = scoreOf(now, residual, bFarSilent);
   now.bFdNearEndTalk = now.iFdScore > 0;
-  if (now.iFdScore >= 35 && !bFarSilent) {
+  if (now.iFdScore >= 50 && !bFarSilent) {
     const int iHold = now.iFdScore >= score::kAboveEcho ? iTalkHold : iTalkHold / 2;
     now.iFdHoldEnd = std::max(now.iFdHoldEnd, now.iFirst + iHold);
     now.iFdHoldAmp = std::max(now.iFdHoldAmp, now.iMicAmp1);

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr int kBlockSamples = 16;
+constexpr std::size_t kBlockSamples = 16;
 constexpr double kLeastMu = 0.1;
 constexpr double kLargestMu = 1.2;
 constexpr std::int64_t kLeastPower = 1000;
@@ -86,42 +86,45 @@ void TimeDomainFilter::calcEchoAndConverge(sAecCycle& now, int iSet, bool bAdapt
   s.iProcessedTime = now.iLast;
   s.iSpeakerLevel = pHistory->calcSpkrAmp(now.iLast - s.iStart, s.iLength + kCycleSamples);
   s.iLargestRawStep = 0;
-  std::array<float, kCycleSamples> y{};
-  std::array<float, kCycleSamples> e = now.fMic;
-  std::array<float, kMaxTaps + kCycleSamples> x;
+  sSignals signals;
+  signals.e = now.fMic;
   const auto uNeeded = static_cast<std::size_t>(s.iLength + kCycleSamples - 1);
-  const bool bAudible =
-      s.iSpeakerLevel >= kSpeakerAudible && pHistory->copy(now.iFirst - s.end(), std::span(x).first(uNeeded));
-  if (bAudible) {
-    const bool bLearn = bAdapt;
-    float fPower = 0;
-    if (bLearn) {
-      calcStepProfile(now, s);
-      fPower = static_cast<float>(std::max(
-          kLeastPower, pHistory->power(now.iFirst - s.end() - 1 - kBlockSamples, now.iLast - s.iStart)));
-    }
-    for (std::size_t b = 0; b < kCycleSamples; b += kBlockSamples) {
-      const std::span<float, 16> yBlock(y.data() + b, 16);
-      s.estimate(x.data() + b, yBlock);
-      for (std::size_t j = b; j < b + kBlockSamples; ++j) e[j] = now.fMic[j] - y[j];
-      if (!bLearn) continue;
-      s.blockUpdateAecCoefs(x.data() + b, std::span<const float, 16>(e.data() + b, 16),
-                            static_cast<float>(dMu), fPower, profile);
-    }
-    if (bLearn) {
-      ++s.iAdaptations;
-      s.updateTapStatistics();
-      s.iSmoothedRawStep = (5 * s.iLargestRawStep + 995 * s.iSmoothedRawStep) / 1000;
-    }
+  const bool bAudible = s.iSpeakerLevel >= kSpeakerAudible &&
+                        pHistory->copy(now.iFirst - s.end(), std::span(signals.x).first(uNeeded));
+  if (bAudible) runBlocks(now, s, bAdapt, signals);
+  measureResidual(s, signals.e);
+  if (iSet == kActive) fEstimate = signals.y;
+  if (bAudible) updateQuality(now, s, s.iResidual[0]);
+}
+
+// Estimate, error and update, block by block: the second block is estimated with what the first has taught.
+void TimeDomainFilter::runBlocks(const sAecCycle& now, sAecCoefSet& s, bool bAdapt, sSignals& signals) {
+  float fPower = 0;
+  if (bAdapt) {
+    calcStepProfile(now, s);
+    const int iFrom = now.iFirst - s.end() - 1 - static_cast<int>(kBlockSamples);
+    fPower = static_cast<float>(std::max(kLeastPower, pHistory->power(iFrom, now.iLast - s.iStart)));
   }
+  for (std::size_t b = 0; b < kCycleSamples; b += kBlockSamples) {
+    s.estimate(signals.x.data() + b, std::span<float, kBlockSamples>(signals.y.data() + b, kBlockSamples));
+    for (std::size_t j = b; j < b + kBlockSamples; ++j) signals.e[j] = now.fMic[j] - signals.y[j];
+    if (!bAdapt) continue;
+    const std::span<const float, kBlockSamples> error(signals.e.data() + b, kBlockSamples);
+    s.blockUpdateAecCoefs(signals.x.data() + b, error, static_cast<float>(dMu), fPower, profile);
+  }
+  if (!bAdapt) return;
+  ++s.iAdaptations;
+  s.updateTapStatistics();
+  s.iSmoothedRawStep = (5 * s.iLargestRawStep + 995 * s.iSmoothedRawStep) / 1000;
+}
+
+void TimeDomainFilter::measureResidual(sAecCoefSet& s, const std::array<float, kCycleSamples>& e) {
   const auto [pLow, pHigh] = std::minmax_element(e.begin(), e.end());
   float fSum = 0;
   for (const float fError : e) fSum += std::abs(fError);
   s.iResidualSpread = static_cast<int>(*pHigh - *pLow);
   s.iResidual = {static_cast<int>(fSum / kCycleSamples), static_cast<int>(std::max(*pHigh, -*pLow))};
   iSmallestResidual = std::min(iSmallestResidual, s.iResidualSpread);
-  if (iSet == kActive) fEstimate = y;
-  if (bAudible) updateQuality(now, s, s.iResidual[0]);
 }
 
 void TimeDomainFilter::updateQuality(const sAecCycle& now, sAecCoefSet& s, int iMeanError) {

@@ -63,7 +63,16 @@ class TimeDomainFilter {
     int iLargeSteps = 0;
   };
 
+  // The samples that a set works on in a cycle.
+  struct sSignals {
+    std::array<float, kMaxTaps + kCycleSamples> x;  // loudspeaker, from the oldest that a tap reaches
+    std::array<float, kCycleSamples> y{};           // echo estimate
+    std::array<float, kCycleSamples> e;             // microphone less estimate
+  };
+
   // Estimation
+  void runBlocks(const sAecCycle& now, sAecCoefSet& set, bool bAdapt, sSignals& signals);
+  void measureResidual(sAecCoefSet& set, const std::array<float, kCycleSamples>& e);
   void calcStepProfile(const sAecCycle& now, const sAecCoefSet& set);
   void updateQuality(const sAecCycle& now, sAecCoefSet& set, int iMeanError);
   void updateReference(const sAecCycle& now);
