@@ -39,6 +39,7 @@ class Relay {
 
   static int open(int call, const std::string& callId, const CodecList& codecs0, const CodecList& codecs1) {
     sSessionPairRequest request;
+    request.iCleaningType = 3;
     const CodecList* const codecs[2] = {&codecs0, &codecs1};
     for (int side = 0; side < 2; ++side) {
       sSessionPairLeg& leg = request.sLeg[side];
@@ -84,8 +85,10 @@ BENCHMARK(packetThroughThePath)
     ->Args({eCodecPCMA, eCodecG722})
     ->Args({eCodecG722, eCodecG722});
 
-// Argument: calls that are up meanwhile.
+// Arguments: calls that are up meanwhile; whether both sides are cleaned and freed of echo, whose channels
+// the SIP thread sets up as well.
 void openAndClose(benchmark::State& state) {
+  iNeedToDoNoiseCancellation = iNeedToDoAEC = static_cast<int>(state.range(1));
   const Relay relay;
   const CodecList codecs = listOf(eCodecPCMU);
   const int others = static_cast<int>(state.range(0));
@@ -95,8 +98,14 @@ void openAndClose(benchmark::State& state) {
     Relay::open(others, callId, codecs, codecs);
     Relay::close(callId);
   }
+  iNeedToDoNoiseCancellation = iNeedToDoAEC = 0;
 }
-BENCHMARK(openAndClose)->ArgName("others")->Arg(0)->Arg(100)->UseRealTime();
+BENCHMARK(openAndClose)
+    ->ArgNames({"others", "engine"})
+    ->Args({0, 0})
+    ->Args({100, 0})
+    ->Args({2, 1})
+    ->UseRealTime();
 
 }  // namespace
 

@@ -171,14 +171,16 @@ TEST_F(SessionTest, RestartWhilePacketsFlowAndPagesRead) {
 
 TEST_F(SessionTest, ClosingDoesNotWaitForTheTimeOutOfTheThread) {
   Call call({eCodecPCMU}, {eCodecPCMU});
-  constexpr int kCalls = 50;
-  const std::int64_t start = Clock::monotonicNanoseconds();
-  for (int i = 0; i < kCalls; ++i) {
+  int iAtOnce = 0;
+  for (int i = 0; i < 50; ++i) {
     ASSERT_EQ(call.open(), 0);
+    const std::int64_t start = Clock::monotonicNanoseconds();
     ASSERT_EQ(call.close(), 0);
+    if (Clock::monotonicNanoseconds() - start < 10'000'000) ++iAtOnce;
   }
-  // With the time-out it would be 20 ms each.
-  EXPECT_LT(Clock::monotonicNanoseconds() - start, std::int64_t{kCalls} * 10'000'000);
+  // With the time-out nearly every one would take 20 ms; a busy machine may hold up most of them, but not
+  // all.
+  EXPECT_GE(iAtOnce, 10);
 }
 
 TEST_F(SessionTest, PairsAreFoundByEitherCallIdAndSlotsAreUsedFromTheLowest) {
