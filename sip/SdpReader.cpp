@@ -220,6 +220,7 @@ int MySip::analyzeMediaInSDP(int slot, std::string_view msg) {
   phone(slot).bAudioSectionSeen = false;
   bool isAudio = false;
   std::size_t start = findNextMediaSection(msg, 0, isAudio);
+  const bool hasSections = start != kNotFound;
   while (start != kNotFound) {
     bool nextIsAudio = false;
     const std::size_t next = findNextMediaSection(msg, start, nextIsAudio);
@@ -236,6 +237,9 @@ int MySip::analyzeMediaInSDP(int slot, std::string_view msg) {
     start = next;
     isAudio = nextIsAudio;
   }
+  // What is left must have a media section, or the partner would be sent an SDP without one.
+  const sPhone& leg = phone(slot);
+  if (hasSections && !leg.bAudioSectionSeen && leg.pcNonAudioMedia.empty()) result = 1;
   return result;
 }
 

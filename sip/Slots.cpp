@@ -10,6 +10,8 @@
 namespace {
 
 constexpr std::size_t kCallIdLength = 59;
+// 32 bits: two of a thousand remembered calls of one name agree with a chance of one in 8,600.
+constexpr std::size_t kMinRandomCallIdDigits = 8;
 // rand() spans 0 to 2^31 - 1; dividing by a tenth (a sixteenth) of that gives 0 to 10 (16), and the top
 // value, which only the last few numbers reach, counts as the highest digit.
 constexpr int kRandPerDecimalDigit = 214748364;
@@ -179,16 +181,22 @@ int MySip::nameSlots() {
 
 // An identity whose name leaves no room for a Call-ID could neither register nor call: better not to start.
 bool MySip::canMakeCallIDs() {
-  const auto refuse = [](const sPhone& identity) {
-    Log::error(kInit, "name %s is too long: with SipUAIP %s and \"@\" it must not exceed %d characters\n",
-               identity.pcUserName.c_str(), pcSipUAIP.c_str(), static_cast<int>(kCallIdLength));
-    return false;
+  const auto hasRoom = [](const sPhone& identity) {
+    const std::size_t used = identity.pcUserName.size() + pcSipUAIP.size() + 1;
+    if (used > kCallIdLength) {
+      Log::error(kInit, "name %s is too long: with SipUAIP %s and \"@\" it must not exceed %d characters\n",
+                 identity.pcUserName.c_str(), pcSipUAIP.c_str(), static_cast<int>(kCallIdLength));
+      return false;
+    }
+    if (used + kMinRandomCallIdDigits > kCallIdLength)
+      Log::warning(kInit, "name %s is so long that only %d random characters begin its Call-IDs\n",
+                   identity.pcUserName.c_str(), static_cast<int>(kCallIdLength - used));
+    return true;
   };
-  if (sTrunk.bShouldRegister && sTrunk.pcRegistrationCallID.empty()) return refuse(sTrunk);
+  if (sTrunk.bShouldRegister && !hasRoom(sTrunk)) return false;
   for (int slot = 0; slot < iNumSlots; ++slot) {
     const sPhone& leg = phone(slot);
-    const bool isNeeded = leg.bShouldRegister || !isOrigSlot(slot);
-    if (isNeeded && leg.pcRegistrationCallID.empty()) return refuse(leg);
+    if ((leg.bShouldRegister || !isOrigSlot(slot)) && !hasRoom(leg)) return false;
   }
   return true;
 }

@@ -259,7 +259,8 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
     {"InviteShouldMatchPairPhoneName", eInteger, &iInviteShouldMatchPairPhoneName, preset("0"), kFlag, kStart,
      eCalls, "1 gives a call to the pair of phones whose second phone has the name of the phone concerned."},
     {"NumCallsToFilter", eInteger, &iNumCallsToFilter, preset("3"), kPositive, kStart, eCalls,
-     "Most calls at the same time, at most 127; further ones hear busy."},
+     "Most calls at the same time, at most 127; further ones hear busy. The voice engine has room for "
+     "three."},
     {"SipDebug", eInteger, &iSipDebug, preset("0"), kFlag, kStart, eDiagnosis,
      "1 writes every SIP message to the log."},
     {"SimEmulatorInputFile", ePath, text(pcSimEmulatorInputFile), none(""), kAny, kStart, eDiagnosis,

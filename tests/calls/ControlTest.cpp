@@ -102,11 +102,13 @@ TEST_F(ControlTest, ConfigurationsAreCheckedExplainedAndReloaded) {
 
   quorvel->writeConfiguration({{"DTMFActivatePrefix", "12"},
                                {"DTMFDisable", "3124"},
+                               {"NumCallsToFilter", "4"},
                                {"SipUAPort", std::to_string(ports.media(0))},
                                {"RtpUAPortInitVal", std::to_string(ports.media(0))}});
   const std::string warned = control({"check", quorvel->configuration().string()}).text;
-  for (const char* expected : {"DTMFActivatePrefix: is part of DTMFDisable",
-                               "SipUAPort: lies among the RTP ports", "SipUAPort: is shared with"})
+  for (const char* expected :
+       {"DTMFActivatePrefix: is part of DTMFDisable", "SipUAPort: lies among the RTP ports",
+        "SipUAPort: is shared with", "NumCallsToFilter: the voice engine has room for 3 calls"})
     EXPECT_NE(warned.find(expected), std::string::npos) << warned;
 }
 

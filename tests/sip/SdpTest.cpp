@@ -310,6 +310,8 @@ TEST_F(SdpTest, NonAudioSectionThatCannotBeRelayedIsLeftOut) {
         1);
     EXPECT_EQ(caller().pcNonAudioMedia, "");
     EXPECT_EQ(caller().iNonAudioRemotePort, -1);
+    EXPECT_NE(analyze("v=0\r\nc=IN IP4 10.0.0.1\r\nt=0 0\r\n" + std::string(section)), 0)
+        << "nothing would be left";
   }
   setOptions(0, 1, 0);
   EXPECT_NE(analyze("v=0\r\nt=0 0\r\nm=video 5000 RTP/AVP 96\r\n"), 0);

@@ -12,12 +12,14 @@
 #include "app/config/MyConfiguration.h"
 #include "app/config/Scan.h"
 #include "app/config/TextFile.h"
+#include "engine/Kestrova.h"
 #include "rtp/MyRtp.h"
 #include "tools/quorvelctl/Context.h"
 
 namespace {
 
 constexpr int kHighestPort = 65535;
+constexpr int kCallsOfEngine = (KESTROVA_MAX_CHANNEL + 1) / 2;  // a channel for each side
 
 struct sFinding {
   bool bError;
@@ -120,6 +122,10 @@ void checkPorts(Findings& findings) {
 }
 
 void checkSizes(Findings& findings) {
+  if (iNumCallsToFilter > kCallsOfEngine && (iNeedToDoNoiseCancellation != 0 || iNeedToDoAEC != 0))
+    warn(findings, "NumCallsToFilter",
+         "the voice engine has room for " + std::to_string(kCallsOfEngine) +
+             " calls: a call to be processed while as many others are up stays silent; start more instances");
   if (descriptorsFor(iNumCallsToFilter) > kMaxDescriptors)
     findings.push_back({true, 0, "NumCallsToFilter", "is more than the media relay can carry"});
   if (iNumCallsToFilter < iNumPhonesToAllocate / 2)
