@@ -115,7 +115,7 @@ typedef struct sKestrovaFrameResult {
   int32_t iNoiseLevel;   /* the background: largest - smallest sample of its last stretch; 0 until measured */
   int32_t iSpeakerMatch; /* the speaker's level, largest - smallest sample; 0 before any speech */
   int32_t iGainPercent;  /* gain of the automatic gain control */
-  int32_t iEchoLevel;    /* echo paths only */
+  int32_t iEchoLevel;    /* echo paths only: the echo in the microphone, largest - smallest sample; 0: none */
 } sKestrovaFrameResult;
 
 /* Snapshot of an echo canceller, for support. */

@@ -75,7 +75,7 @@ int processMic(std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut
     return kBadChannelOrProcessing;
   }
   const int iError = mic.pMyClean->cleanOneFrame(pIn, iInBytes, mic.b16Bit, pOut, &pResult->iOutBytes);
-  pResult->iEchoLevel = mic.pMyAEC->echoLevel();
+  pResult->iEchoLevel = mic.iAecAlgorithm == 0 ? mic.pOutputData->basicEchoLevel() : mic.pMyAEC->echoLevel();
   return iError;
 }
 

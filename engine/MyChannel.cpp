@@ -187,8 +187,9 @@ void MyChannel::storeAecSettings(const sKestrovaInit& init) {
   iAecHowlingLevel = std::min<int>(init.sAecHowlingLevel, 20);
   iAecTailType = std::clamp<int>(init.sAecTailType, -58, 5);
   iAecTailStart = std::clamp<int>(init.sAecTailStart, -58, 0);
-  iAecTalkHoldSamples = init.iAecTalkHoldSamples;
-  iAecHold2Samples = init.iAecHold2Samples;
+  constexpr int kLongestHold = 80000;  // 10 s: what is added to a sample time must stay one
+  iAecTalkHoldSamples = std::clamp(init.iAecTalkHoldSamples, 0, kLongestHold);
+  iAecHold2Samples = std::clamp(init.iAecHold2Samples, 0, kLongestHold);
   iAecMinOutput = percentToQ7(std::min<int>(init.sMinOutputPercentDuringEcho, 100));
 }
 

@@ -69,6 +69,8 @@ class OutputData {
   [[nodiscard]] int agcCoef() const { return iAgcCoef; }
   // Gain of the last cycle that writeAEC wrote, Q7.
   [[nodiscard]] int echoGain() const { return echo.iGain; }
+  // What algorithm 0 takes for echo in the microphone, as a spread.
+  [[nodiscard]] int basicEchoLevel() const { return echo.iBasicLevel; }
   // What is left of the microphone on echo channels, as a spread.
   [[nodiscard]] int residualLevel() const { return echo.iResidualLevel; }
   [[nodiscard]] const sSpectralNoiseType& noise() const { return *psNoise.data(); }
@@ -133,6 +135,7 @@ class OutputData {
   struct sEcho {
     int iGain = kUnityQ7;
     int iResidualLevel = 1;
+    int iBasicLevel = 0;
     // The basic suppressor
     int iBasicGain = kUnityQ7;
     bool bPartyTalking = true;

@@ -81,13 +81,15 @@ bool OutputData::isOurPartyTalkingAEC(cHandle cycle) {
   constexpr int kHoldDistance = 80000;
   constexpr int kLoudSpeaker = 9999;
   const CycleInformation& mic = *pMyChannel->pCycleInformation;
+  const int iMicAmp = mic.calcAmp(cycle, 4);
+  const int iSpkAmp = speakerSpread();
+  const std::int64_t lExpected = std::int64_t{iSpkAmp} * echo.iCoupling / kCoefUnit;
+  echo.iBasicLevel = static_cast<int>(std::min<std::int64_t>(lExpected, iMicAmp));
   if (echo.iTalkHold > 0) {
     echo.iTalkHold -= kCycleSamples;
     return echo.bPartyTalking = true;
   }
-  const int iMicAmp = mic.calcAmp(cycle, 4);
   if (iMicAmp <= kFaintMic) return echo.bPartyTalking = false;
-  const int iSpkAmp = speakerSpread();
   const int iRatio = static_cast<int>(std::int64_t{iMicAmp} * kCoefUnit / std::max(iSpkAmp, 1));
   followBasicCoupling(iRatio, iSpkAmp);
   int c =

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "engine/MyChannel.h"
+
 // ---- Coupling
 
 void CoarseFilter::clean(sEchoSpan echoSpan) {
@@ -109,8 +111,9 @@ void CoarseFilter::findPeak() {
 
 // ---- Level changes
 
-void DelaySearch::clean(SpeakerHistory* pSpeaker, sEchoSpan echoSpan) {
+void DelaySearch::clean(const MyChannel* pMicChannel, SpeakerHistory* pSpeaker, sEchoSpan echoSpan) {
   *this = DelaySearch{};
+  pMic = pMicChannel;
   pHistory = pSpeaker;
   span = echoSpan;
   iAmp.fill(kUnknownAmp);
@@ -123,9 +126,9 @@ void DelaySearch::initDelaynLengthCoeffCounters() {
   iVoted = -1;
 }
 
-void DelaySearch::takeLevels(const sAecCycle& now) {
+void DelaySearch::takeLevels() {
   std::copy_backward(iAmp.begin() + 1, iAmp.end() - 1, iAmp.end());
-  const int iFresh = pHistory->cycleAmp(now.iFirst - span.startSamples());
+  const int iFresh = pHistory->cycleAmp(iCompared - span.startSamples());
   iAmp[1] = iFresh > 0 ? iFresh : kUnknownAmp;
   if (iFresh > 2000 && iFresh < 65535) {
     lSpkPower = lSpkPower * 99 / 100 + static_cast<std::int64_t>(iFresh) * iFresh / 100;
@@ -133,27 +136,44 @@ void DelaySearch::takeLevels(const sAecCycle& now) {
 }
 
 void DelaySearch::updateEchoDelayParams(const sAecCycle& now, bool bMayCount) {
-  takeLevels(now);
+  constexpr int kMostAtOnce = 2;                           // catches up without a burst of work
+  constexpr int kLongestLag = kAnalysisRingSamples - 800;  // what the microphone's rings hold
+  iCompared = std::max(iCompared, now.iFirst - kLongestLag);
+  for (int n = 0; n < kMostAtOnce && iCompared <= now.iFirst; ++n) {
+    if (iCompared + kCycleSamples - 1 - span.startSamples() > now.iSpkLast) return;
+    compareCycle(now, bMayCount);
+    iCompared += kCycleSamples;
+  }
+}
+
+void DelaySearch::compareCycle(const sAecCycle& now, bool bMayCount) {
+  const CycleInformation& cycles = *pMic->pCycleInformation;
+  const cHandle cycle = cycles.cycleOf(iCompared);
+  iPrevMicAmp = iMicAmp;
+  iMicAmp = cycle < 0 ? 1 : cycles.calcAmp(cycle, 1);
+  takeLevels();
   std::array<float, kCycleSamples> fSpk;
-  pHistory->copy(now.iFirst - span.startSamples(), fSpk);
-  coarse.push(fSpk, now.fMic);
+  std::array<float, kCycleSamples> fMic;
+  pHistory->copy(iCompared - span.startSamples(), fSpk);
+  std::copy_n(pMic->pInputData->cycleSamples(iCompared), kCycleSamples, fMic.begin());
+  coarse.push(fSpk, fMic);
 
   const int iShift = now.anyDoublePath() || bStrongEcho ? 4 : 6;
-  const int iChange = now.iMicAmp1 - now.iPrevMicAmp1;
-  const bool bFilled = now.iFirst > span.endSamples();
+  const int iChange = iMicAmp - iPrevMicAmp;
+  const bool bFilled = iCompared > span.endSamples();
   if (bFilled && !now.bHowling) {
-    if (bMayCount && std::abs(iChange) > std::max(now.iPrevMicAmp1 >> iShift, 25)) {
+    if (bMayCount && std::abs(iChange) > std::max(iPrevMicAmp >> iShift, 25)) {
       int iRise = 0;
-      if (iChange > 0 && now.iMicAmp1 > 2999) {
-        iRise = now.iMicAmp1 * 112 / std::max({now.iPrevMicAmp1, iReference, 1});
+      if (iChange > 0 && iMicAmp > 2999) {
+        iRise = iMicAmp * 112 / std::max({iPrevMicAmp, iReference, 1});
         if (iRise < 180) iRise = 0;
       }
       countEvent(now, iRise);
     }
-    punishSilentLags(now);
+    punishSilentLags();
     findBest();
   }
-  iReference = (iReference * 7 + now.iMicAmp1) >> 3;
+  iReference = (iReference * 7 + iMicAmp) >> 3;
 }
 
 // Loud enough to matter: what the coupling so far would turn into an eighth of the microphone's level; until
@@ -175,9 +195,9 @@ void DelaySearch::countEvent(const sAecCycle& now, int iRise) {
   constexpr int kFadeEvents = 250;
   const int iThreshold =
       iCoupling > 0
-          ? static_cast<int>(std::min<std::int64_t>(std::int64_t{now.iMicAmp1} * 1024 / iCoupling / 8, 8000))
+          ? static_cast<int>(std::min<std::int64_t>(std::int64_t{iMicAmp} * 1024 / iCoupling / 8, 8000))
           : 1000;
-  const int s = now.iMicAmp1 > now.iPrevMicAmp1 ? 1 : -1;
+  const int s = iMicAmp > iPrevMicAmp ? 1 : -1;
   for (int d = 1; d < span.cycles(); ++d) {
     if (iAmp[static_cast<std::size_t>(d)] == kUnknownAmp) continue;
     iVotes[static_cast<std::size_t>(d)] += s * vote(now, d, iThreshold, iRise);
@@ -186,10 +206,12 @@ void DelaySearch::countEvent(const sAecCycle& now, int iRise) {
   for (int& iCount : iVotes) iCount = iCount * 3 / 4;
 }
 
-void DelaySearch::punishSilentLags(const sAecCycle& now) {
+// Loud loudspeaker sound at a lag at which the microphone is quiet speaks against that lag. It is the
+// microphone that has to be quiet: a quiet loudspeaker says nothing about lags at which it was loud.
+void DelaySearch::punishSilentLags() {
   constexpr int kQuietMic = 999;
-  if (now.iMicAmp1 > kQuietMic) return;
-  const int iLoud = std::max(16 * now.iMicAmp1, 8000);
+  if (iMicAmp > kQuietMic) return;
+  const int iLoud = std::max(16 * iMicAmp, 8000);
   for (int d = 1; d < span.cycles(); ++d) {
     const int a = iAmp[static_cast<std::size_t>(d)];
     if (a != kUnknownAmp && a > iLoud) iVotes[static_cast<std::size_t>(d)] -= 16;

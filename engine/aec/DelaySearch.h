@@ -55,9 +55,11 @@ class CoarseFilter {
 
 class DelaySearch {
  public:
-  void clean(SpeakerHistory* pSpeaker, sEchoSpan echoSpan);
+  void clean(const MyChannel* pMicChannel, SpeakerHistory* pSpeaker, sEchoSpan echoSpan);
 
-  // One cycle. bMayCount: the filters say that the microphone holds echo rather than talk.
+  // One cycle. bMayCount: the filters say that the microphone holds echo rather than talk. While the
+  // loudspeaker stream lags behind the microphone's, the comparison lags with it: a cycle is looked at once
+  // everything that it may be compared with has arrived.
   void updateEchoDelayParams(const sAecCycle& now, bool bMayCount);
   // Forgets the votes.
   void initDelaynLengthCoeffCounters();
@@ -79,14 +81,19 @@ class DelaySearch {
  private:
   static constexpr int kLags = sEchoSpan::kMaxCycles;
 
-  void takeLevels(const sAecCycle& now);
+  void compareCycle(const sAecCycle& now, bool bMayCount);
+  void takeLevels();
   void countEvent(const sAecCycle& now, int iRise);
-  void punishSilentLags(const sAecCycle& now);
+  void punishSilentLags();
   void findBest();
   [[nodiscard]] int vote(const sAecCycle& now, int iLag, int iThreshold, int iRise) const;
 
+  const MyChannel* pMic = nullptr;
   SpeakerHistory* pHistory = nullptr;
   sEchoSpan span;
+  int iCompared = 0;  // sample time of the microphone cycle to be compared next
+  int iMicAmp = 1;    // its level, and that of the cycle before
+  int iPrevMicAmp = 1;
   std::array<int, kLags + 1>
       iAmp{};  // loudspeaker level by lag; lag d is d - 1 cycles beyond the span's start
   std::array<int, kLags + 1> iVotes{};

@@ -48,6 +48,8 @@ void FrequencyFilter::clean(const MyChannel* pMicChannel, SpeakerHistory* pSpeak
   fOther.fill(0);
   iLosses = iPathChanges = 0;
   iBlockEnd = -1;
+  iLeastBulk = 0;
+  bHadEcho = false;  // nothing of an earlier stream is kept
   X = Spectra{};
   const int iStart = span.startSamples();
   fd_resetFreqDomainAnalysisParams(iStart, std::min(iStart + kMaxTaps, span.endSamples()) - 1);
@@ -119,27 +121,45 @@ void FrequencyFilter::recentre(int iDelay) {
   constexpr int kBlocksBefore = 2;
   const int iWanted = std::max(0, iDelay / kBlock - kBlocksBefore) * kBlock;
   const int iLatest = std::max(span.startSamples(), span.endSamples() - kMinPartitions * kBlock);
-  const int iFrom = std::clamp(iWanted, span.startSamples(), iLatest);
+  const int iFrom = std::clamp(std::max(iWanted, iLeastBulk), span.startSamples(), iLatest);
   fd_resetFreqDomainAnalysisParams(iFrom, std::min(iFrom + kMaxTaps, span.endSamples()) - 1);
 }
 
 // ---- One block
 
-void FrequencyFilter::run(const sAecCycle& cycle) {
-  if (!supportsRate()) return;
+bool FrequencyFilter::run(const sAecCycle& cycle) {
+  if (!supportsRate()) return false;
+  const bool bFollows = iBlockEnd + kBlock == cycle.iLast;
+  makeRoomForLag(cycle.iLast - cycle.iSpkLast);
   iBlockEnd = cycle.iLast;
-  // The loudspeaker stream may lag behind the microphone's: what has not arrived cannot be used.
   if (cycle.iLast - iBulk > cycle.iSpkLast) {
     fd_invalidate_fda();
-    return;
+    iBlockEnd = -1;  // the partitions miss this block
+    return false;
   }
-  takeSpeaker(cycle.iLast);
+  if (bFollows) {
+    takeSpeaker(cycle.iLast);
+  } else {
+    for (int k = iPartitions - 1; k >= 0; --k) (void)fd_setSpkrFftData(cycle.iLast, k);
+  }
+  if (bHadEcho) bReady = true;
   takeMicrophone(cycle.iFirst);
   estimateEchoes();
   measureErrors();
   fd_checkRollbackAndResetForFreqDomainAnalysis();
   updateWeights();
   fd_considerBlockRemoval();
+  return true;
+}
+
+// The loudspeaker stream may lag behind the microphone's by a packet or more. What has not arrived cannot be
+// in the microphone either, so the range begins beyond the largest lag seen.
+void FrequencyFilter::makeRoomForLag(int iLag) {
+  const int iLatest = std::max(span.startSamples(), span.endSamples() - kMinPartitions * kBlock);
+  const int iNeeded = std::min((iLag + kBlock - 1) / kBlock * kBlock, iLatest);
+  iLeastBulk = std::max(iLeastBulk, iNeeded);
+  if (iLeastBulk <= iBulk) return;
+  fd_resetFreqDomainAnalysisParams(iLeastBulk, std::min(iLeastBulk + kMaxTaps, span.endSamples()) - 1);
 }
 
 // Transforms the 64 samples that end k blocks before the bulk delay into partition k; a range that is not in

@@ -37,8 +37,9 @@ class FrequencyFilter {
   // Whether the channel's rate has a transform; at other rates the filter never becomes ready.
   [[nodiscard]] bool supportsRate() const;
 
-  // One block: the cycle at hand.
-  void run(const sAecCycle& now);
+  // One block: the cycle at hand. False when the loudspeaker's samples for it are missing: there is no
+  // estimate then, and what has been learnt waits for the next block.
+  bool run(const sAecCycle& now);
 
   // Moves the range so that the delay (samples) lies two blocks behind its start.
   void recentre(int iDelay);
@@ -72,6 +73,7 @@ class FrequencyFilter {
   enum Set { kUsed, kAdapted, kSets };
 
   // Steps of a block
+  void makeRoomForLag(int iLag);
   bool fd_setSpkrFftData(int iCycleEnd, int k);
   void takeSpeaker(int iCycleEnd);
   void takeMicrophone(int iFirst);
@@ -110,6 +112,7 @@ class FrequencyFilter {
   std::size_t uSamples = 32;  // per block, at the channel's rate
 
   int iBulk = 0;
+  int iLeastBulk = 0;  // least bulk delay at which the loudspeaker's samples have always arrived
   int iPartitions = kMaxPartitions;
   bool bReady = false;
   bool bHadEcho = false;  // the used set has cancelled something since its range was placed

@@ -23,7 +23,7 @@ void MyAEC::clean() {
   now = sAecCycle{};
   speaker.clean(pSpk);
   levels.clean(pMic);
-  delaySearch.clean(&speaker, echoSpan);
+  delaySearch.clean(pMic, &speaker, echoSpan);
   timeFilter.clean(&speaker, &delaySearch, echoSpan, iAecMode);
   frequencyFilter.clean(pMic, &speaker, echoSpan);
   choice.clean(iAecMode);
@@ -61,7 +61,11 @@ void MyAEC::performAec(cHandle cycle) {
   if (now.bClipping || now.anyDoublePath() || now.bLoudBurst) TalkDetector::resetTimers(now);
   updateResidualMode();
   updateSupression();
-  if (iAecMode.uValue != 0x01) prepareSpectralNoise();
+  if (iAecMode.uValue != 0x01) {
+    prepareSpectralNoise();
+  } else {
+    measureEchoLevel();
+  }
 }
 
 void MyAEC::beginCycle(cHandle cycle) {
@@ -134,7 +138,7 @@ void MyAEC::performTimeDomainAnalysis() {
 void MyAEC::performFrequencyDomainAnalysis() {
   if ((now.iLast + 1) % FrequencyFilter::kBlock != 0 || !frequencyFilter.supportsRate()) return;
   considerRecentring();
-  frequencyFilter.run(now);
+  const bool bRan = frequencyFilter.run(now);
   if (frequencyFilter.losses() != iLosses) {
     iLosses = frequencyFilter.losses();
     delaySearch.searchAnew();
@@ -147,8 +151,10 @@ void MyAEC::performFrequencyDomainAnalysis() {
   }
   const bool bSilent = isFarSilent(frequencyFilter.bulkDelay(), frequencyFilter.endDelay());
   const auto uSamples = static_cast<std::size_t>(kCycleSamples * pMic->rateFactor());
-  frequencyResidual.update({frequencyFilter.microphone(), uSamples}, {frequencyFilter.estimate(), uSamples},
-                           !bSilent);
+  if (bRan) {
+    frequencyResidual.update({frequencyFilter.microphone(), uSamples}, {frequencyFilter.estimate(), uSamples},
+                             !bSilent);
+  }
   talk.checkFrequencyDomainTalk(now, frequencyResidual, bSilent);
   choice.chooseBestAecAlgorithm(now, frequencyFilter, timeFilter.set(TimeDomainFilter::kActive),
                                 levels.trackedPower(), frequencyResidual.hasSeenEcho());

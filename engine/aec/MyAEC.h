@@ -52,7 +52,8 @@ class MyAEC {
   // True: the estimate is taken off the spectrum; false: sample by sample.
   [[nodiscard]] bool isEchoBySpectrum() const { return bEchoBySpectrum; }
   [[nodiscard]] const EchoRing& echoRing() const { return psEchoRing; }
-  // Spread of the echo estimate's last block.
+  // Spread of the echo in the microphone, by the estimate of the filter in use, whether it is taken off or
+  // only lowered; 0 while none is found.
   [[nodiscard]] int echoLevel() const { return iEchoLevel; }
 
   // ---- What can be seen from outside
@@ -81,6 +82,7 @@ class MyAEC {
   void updateSupression();
   void prepareSpectralNoise();
   void writeTimeDomainEcho();
+  void measureEchoLevel();
   void writeFrequencyDomainEcho();
   void activateEchoOutput();
   [[nodiscard]] bool needsTimeDomain() const;

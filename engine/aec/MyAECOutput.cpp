@@ -11,11 +11,13 @@ constexpr int kAudibleSpeaker = 31;  // spread of the loudspeaker cycle
 constexpr int kAudibleSpan = 199;    // of the active set's span
 constexpr int kLowEcho = 16;         // 1/1024 of the microphone: 36 dB below it
 constexpr int kStaysLowEcho = 31;
+constexpr float kLargestSpread = 65535;  // both rails
 
 }  // namespace
 
+// Never beyond the history: what is older has left it, and what is not closed yet cannot be told from that.
 int MyAEC::ageOf(cHandle cycle) const {
-  return CycleInformation::before(now.cycle, cycle);
+  return std::min(CycleInformation::before(now.cycle, cycle), SupressionHistory::kEntries - 1);
 }
 
 bool MyAEC::isAecDataNeeded(cHandle cycle) const {
@@ -34,8 +36,7 @@ bool MyAEC::isAecDataNeeded(cHandle cycle) const {
 }
 
 int MyAEC::getSupressionCoef(cHandle cycle) {
-  const int iAge = std::min(ageOf(cycle), SupressionHistory::kEntries - 1);
-  return history.getSupressionCoef(iAge, bEchoOutputActive && iEchoOutputStart <= now.iFirst);
+  return history.getSupressionCoef(ageOf(cycle), bEchoOutputActive && iEchoOutputStart <= now.iFirst);
 }
 
 void MyAEC::activateEchoOutput() {
@@ -52,6 +53,13 @@ void MyAEC::prepareSpectralNoise() {
   }
 }
 
+// Of an estimate that is not taken off.
+void MyAEC::measureEchoLevel() {
+  EchoRing::sBlock block;
+  if (!psEchoRing.gather(now.fMic, timeFilter.estimate(), block)) return;
+  iEchoLevel = timeResidual.hasSeenEcho() ? block.iEchoSpread : 0;
+}
+
 void MyAEC::writeTimeDomainEcho() {
   const sAecCoefSet& active = timeFilter.set(TimeDomainFilter::kActive);
   const bool bUsed = timeResidual.hasSeenEcho() && isAecDataNeeded(now.cycle) &&
@@ -59,10 +67,14 @@ void MyAEC::writeTimeDomainEcho() {
                      active.iSpeakerLevel > kAudibleSpan;
   if (!bUsed) {
     bEchoOutputActive = false;
-    if (iAecMode.low() > 1) bEchoBySpectrum = true;
     psEchoRing.writeZeros();
-    psEchoRing.resetBlocks();
-    iEchoLevel = 0;
+    if (iAecMode.low() > 1) {
+      bEchoBySpectrum = true;
+      psEchoRing.resetBlocks();
+      iEchoLevel = 0;
+    } else {
+      measureEchoLevel();
+    }
     return;
   }
   activateEchoOutput();
@@ -105,7 +117,8 @@ void MyAEC::writeFrequencyDomainEcho() {
                         frequencyFilter.ratio(kUsedLasting) >= 0.85F ||
                         frequencyFilter.residualPower() > fResidualLimit;
   psEchoRing.judge(!bMatters);
-  iEchoLevel = static_cast<int>(std::sqrt(8 * frequencyFilter.echoPower()));
+  // Spread of a sine of that power.
+  iEchoLevel = static_cast<int>(std::min(std::sqrt(8 * frequencyFilter.echoPower()), kLargestSpread));
   const auto uCount = static_cast<std::size_t>(kCycleSamples * pMic->rateFactor());
   psEchoRing.writeAtFullRate({frequencyFilter.estimate(), uCount}, {frequencyFilter.microphone(), uCount});
 }

@@ -42,11 +42,14 @@ void TimeDomainFilter::performTimeDomainAnalysis(sAecCycle& now, bool bAdapt) {
   updateReference(now);
   std::shift_left(iGoodRecord.begin(), iGoodRecord.end(), 1);
   iGoodRecord.back() = set(kActive).iGoodUpdates;
-  runSets(now, bAdapt);
-  controlStepSize(now, bAdapt);
+  // A near-end talker alone says nothing about the filter: cycles without loudspeaker sound are not counted.
+  if (runSets(now, bAdapt)) countCycle(now, bAdapt);
+  controlStepSize(now);
   compareTestSets(now);
   considerMove(now);
   prepareBckpCoeffs(now, kActive);
+  updateStablePath(now);
+  expirePath(now);
   td_checkRollbackAndReset(now);
 }
 
@@ -66,10 +69,10 @@ void TimeDomainFilter::updateReference(const sAecCycle& now) {
   iReferenceLevel = std::max(1, (iReferenceLevel * 15 + iExpected) / 16);
 }
 
-void TimeDomainFilter::runSets(sAecCycle& now, bool bAdapt) {
+bool TimeDomainFilter::runSets(sAecCycle& now, bool bAdapt) {
   constexpr int kSpkForAlternative = 5000;
   iSmallestResidual = kUnknownPeak;
-  calcEchoAndConverge(now, kTest, bAdapt);
+  const bool bRan = calcEchoAndConverge(now, kTest, bAdapt);
   calcEchoAndConverge(now, kActive, false);
   const sAecCoefSet& alternative = set(kAlternative);
   const bool bApart = std::abs(alternative.iStart - set(kTest).iStart) >= kTapsPerWeight;
@@ -79,9 +82,10 @@ void TimeDomainFilter::runSets(sAecCycle& now, bool bAdapt) {
   } else {
     iTestStart += kCycleSamples;
   }
+  return bRan;
 }
 
-void TimeDomainFilter::calcEchoAndConverge(sAecCycle& now, int iSet, bool bAdapt) {
+bool TimeDomainFilter::calcEchoAndConverge(sAecCycle& now, int iSet, bool bAdapt) {
   sAecCoefSet& s = set(iSet);
   s.iProcessedTime = now.iLast;
   s.iSpeakerLevel = pHistory->calcSpkrAmp(now.iLast - s.iStart, s.iLength + kCycleSamples);
@@ -89,12 +93,14 @@ void TimeDomainFilter::calcEchoAndConverge(sAecCycle& now, int iSet, bool bAdapt
   sSignals signals;
   signals.e = now.fMic;
   const auto uNeeded = static_cast<std::size_t>(s.iLength + kCycleSamples - 1);
-  const bool bAudible = s.iSpeakerLevel >= kSpeakerAudible &&
-                        pHistory->copy(now.iFirst - s.end(), std::span(signals.x).first(uNeeded));
+  // What has not arrived yet, or is not kept any more, counts as 0: such taps neither echo nor learn.
+  const bool bAudible = s.iSpeakerLevel >= kSpeakerAudible;
+  if (bAudible) pHistory->copy(now.iFirst - s.end(), std::span(signals.x).first(uNeeded));
   if (bAudible) runBlocks(now, s, bAdapt, signals);
   measureResidual(s, signals.e);
   if (iSet == kActive) fEstimate = signals.y;
   if (bAudible) updateQuality(now, s, s.iResidual[0]);
+  return bAudible;
 }
 
 // Estimate, error and update, block by block: the second block is estimated with what the first has taught.
@@ -115,15 +121,19 @@ void TimeDomainFilter::runBlocks(const sAecCycle& now, sAecCoefSet& s, bool bAda
   if (!bAdapt) return;
   ++s.iAdaptations;
   s.updateTapStatistics();
-  s.iSmoothedRawStep = (5 * s.iLargestRawStep + 995 * s.iSmoothedRawStep) / 1000;
+  s.iSmoothedRawStep =
+      static_cast<int>((std::int64_t{5} * s.iLargestRawStep + std::int64_t{995} * s.iSmoothedRawStep) / 1000);
 }
 
 void TimeDomainFilter::measureResidual(sAecCoefSet& s, const std::array<float, kCycleSamples>& e) {
+  // A set that diverges may leave more than a sample can hold.
+  constexpr float kLargestSpread = 65535;
+  const auto level = [&](float f) { return static_cast<int>(std::min(f, kLargestSpread)); };
   const auto [pLow, pHigh] = std::minmax_element(e.begin(), e.end());
   float fSum = 0;
   for (const float fError : e) fSum += std::abs(fError);
-  s.iResidualSpread = static_cast<int>(*pHigh - *pLow);
-  s.iResidual = {static_cast<int>(fSum / kCycleSamples), static_cast<int>(std::max(*pHigh, -*pLow))};
+  s.iResidualSpread = level(*pHigh - *pLow);
+  s.iResidual = {level(fSum / kCycleSamples), level(std::max(*pHigh, -*pLow))};
   iSmallestResidual = std::min(iSmallestResidual, s.iResidualSpread);
 }
 
@@ -180,19 +190,20 @@ void TimeDomainFilter::calcStepProfile(const sAecCycle& now, const sAecCoefSet& 
   for (float& fWeight : profile) fWeight *= fFactor / 8;
 }
 
-void TimeDomainFilter::controlStepSize(const sAecCycle& now, bool bAdapted) {
-  constexpr int kCounted = 19;
+void TimeDomainFilter::countCycle(const sAecCycle& now, bool bAdapted) {
   const sAecCoefSet& s = set(kTest);
-  if (s.iGoodUpdates > 50) {
-    ++counts.iCycles;
-    const int iError = s.iResidual[0];
-    if (iError > std::max(5 * iReferenceLevel, 500)) ++counts.iBad;
-    if ((set(kActive).isGood() || now.bMicQuiet) && bAdapted && s.iSpeakerLevel >= kSpeakerAudible) {
-      ++counts.iAdapting;
-      if (2 * iError >= iReferenceLevel && 10 * iError <= 12 * iReferenceLevel) ++counts.iInRange;
-      if (s.iLargestRawStep > 512 * 128) ++counts.iLargeSteps;
-    }
-  }
+  if (s.iGoodUpdates <= 50) return;
+  ++counts.iCycles;
+  const int iError = s.iResidual[0];
+  if (iError > std::max(5 * iReferenceLevel, 500)) ++counts.iBad;
+  if (!bAdapted || !(set(kActive).isGood() || now.bMicQuiet)) return;
+  ++counts.iAdapting;
+  if (2 * iError >= iReferenceLevel && 10 * iError <= 12 * iReferenceLevel) ++counts.iInRange;
+  if (s.iLargestRawStep > 512 * 128) ++counts.iLargeSteps;
+}
+
+void TimeDomainFilter::controlStepSize(const sAecCycle& now) {
+  constexpr int kCounted = 19;
   if (counts.iCycles <= kCounted) return;
   const bool bFewBad = 4 * counts.iBad <= counts.iCycles;
   const bool bFewLarge = 4 * counts.iLargeSteps <= counts.iAdapting || counts.iAdapting < 11;

@@ -36,12 +36,13 @@ class TimeDomainFilter {
   [[nodiscard]] const std::array<float, kCycleSamples>& estimate() const { return fEstimate; }
   [[nodiscard]] int smallestResidual() const { return iSmallestResidual; }
   [[nodiscard]] double stepSize() const { return dMu; }
+  [[nodiscard]] bool isDiverging() const { return bDivergence; }
   [[nodiscard]] bool isSearching() const { return bSearching; }
   [[nodiscard]] int delayRangeStart() const { return iRangeStart; }
   [[nodiscard]] int delayRangeEnd() const { return iRangeEnd; }
 
-  // Used by the tests of the parts.
-  void calcEchoAndConverge(sAecCycle& now, int iSet, bool bAdapt);
+  // Used by the tests of the parts. False when the loudspeaker is too faint in the set's span for it to run.
+  bool calcEchoAndConverge(sAecCycle& now, int iSet, bool bAdapt);
   void addToDelayHistory(const sAecCycle& now, int iSet);
 
  private:
@@ -76,9 +77,11 @@ class TimeDomainFilter {
   void calcStepProfile(const sAecCycle& now, const sAecCoefSet& set);
   void updateQuality(const sAecCycle& now, sAecCoefSet& set, int iMeanError);
   void updateReference(const sAecCycle& now);
-  void controlStepSize(const sAecCycle& now, bool bAdapted);
+  void countCycle(const sAecCycle& now, bool bAdapted);
+  void controlStepSize(const sAecCycle& now);
   // Sets
-  void runSets(sAecCycle& now, bool bAdapt);
+  // True when the main test set ran.
+  bool runSets(sAecCycle& now, bool bAdapt);
   void compareTestSets(sAecCycle& now);
   void copySet(int iFrom, int iTo);
   void prepareBckpCoeffs(sAecCycle& now, int iSet);
@@ -92,6 +95,8 @@ class TimeDomainFilter {
   void placeAlternative(int iDelay);
   void recomputeRange(const sAecCycle& now);
   void updateStablePath(sAecCycle& now);
+  void expirePath(sAecCycle& now);
+  void forgetPath(sAecCycle& now);
   [[nodiscard]] int placementFor(int iDelay) const;
 
   SpeakerHistory* pHistory = nullptr;
@@ -117,6 +122,7 @@ class TimeDomainFilter {
   int iTestStart = 0;   // sample time at which set 7's test began
   int iTest6Start = 0;  // the same for set 6
   int iPoorCycles = 0;
+  int iBadCycles = 0;  // consecutive ones with loudspeaker sound in which the active set was not good
   int iNextBackup = kFirstBackup;
   int iLastBackupTime = kNever;
   int iEchoPeak = 0;  // recorded peak magnitude of good sets

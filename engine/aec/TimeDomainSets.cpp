@@ -10,6 +10,7 @@ namespace {
 constexpr int kLeastTest = 320;    // samples a test set needs to show what it can
 constexpr int kStableWithin = 29;  // samples
 constexpr int kPeakDistance = 8000;
+constexpr int kSpeakerHeard = 1000;  // level of the loudspeaker at which a filter must show what it can
 
 }  // namespace
 
@@ -159,13 +160,31 @@ void TimeDomainFilter::addToDelayHistory(const sAecCycle& now, int iSet) {
   recomputeRange(now);
 }
 
-// The path is stable when every sampled peak lies at the same delay.
+// The path is stable when every sampled peak lies at the same delay, and the present one too.
 void TimeDomainFilter::updateStablePath(sAecCycle& now) {
   const auto [pLow, pHigh] = std::minmax_element(
       asPeaks.begin(), asPeaks.end(), [](const auto& a, const auto& b) { return a.iDelay < b.iDelay; });
   const bool bAll =
       std::all_of(asPeaks.begin(), asPeaks.end(), [](const auto& p) { return p.iTime > kNever; });
-  now.bStablePath = bAll && pHigh->iDelay - pLow->iDelay <= kStableWithin;
+  const int iPresent = set(kActive).newestPeak();
+  now.bStablePath = bAll && pHigh->iDelay - pLow->iDelay <= kStableWithin &&
+                    std::abs(iPresent - pLow->iDelay) <= kStableWithin;
+}
+
+// What was remembered of the path is worth nothing once the active set has been bad for long: it has changed.
+void TimeDomainFilter::expirePath(sAecCycle& now) {
+  constexpr int kLongBad = 250;  // cycles with loudspeaker sound, 1 s
+  const sAecCoefSet& active = set(kActive);
+  if (active.iSpeakerLevel >= kSpeakerHeard && !now.bMicQuiet)
+    iBadCycles = active.isGood() ? 0 : iBadCycles + 1;
+  if (iBadCycles >= kLongBad) forgetPath(now);
+}
+
+void TimeDomainFilter::forgetPath(sAecCycle& now) {
+  asPeaks.fill(sPeakSample{});
+  iPlacements = 0;
+  iBadCycles = 0;
+  now.bStablePath = now.bDoublePath = now.bDoublePath2 = now.bDoublePath3 = false;
 }
 
 void TimeDomainFilter::storeBackup() {
@@ -196,7 +215,6 @@ void TimeDomainFilter::prepareBckpCoeffs(sAecCycle& now, int iSet) {
   iLastBackupTime = now.iLast;
   storeBackup();
   addToDelayHistory(now, iSet);
-  updateStablePath(now);
 }
 
 // ---- Failure
@@ -220,7 +238,7 @@ void TimeDomainFilter::td_checkRollbackAndReset(sAecCycle& now) {
   constexpr int kPoorForRestart = 250;
   constexpr int kReason = 190;
   const sAecCoefSet& active = set(kActive);
-  const bool bHeard = active.iSpeakerLevel >= 1000 && !now.bMicQuiet && !now.bHowling;
+  const bool bHeard = active.iSpeakerLevel >= kSpeakerHeard && !now.bMicQuiet && !now.bHowling;
   if (bHeard) iPoorCycles = active.r[1] >= kPoorFigure && active.iPeak > 0 ? iPoorCycles + 1 : 0;
   const bool bLong = now.iFirst - iDivergenceTime > 1000;
   const bool bDiverges = bDivergence && !now.bMicQuiet && !now.bHowling &&
@@ -241,6 +259,7 @@ void TimeDomainFilter::restart(sAecCycle& now) {
   pSearch->initDelaynLengthCoeffCounters();
   iPoorCycles = 0;
   iEchoPeak = 0;
+  forgetPath(now);
   iLastRestart = now.iLast;
   iTestStart = iTest6Start = now.iLast;
   dMu = 0.3;
