@@ -57,6 +57,10 @@ int MyChannel::init() {
   if (pMyAEC) pMyAEC->init(this);
   pFftSchema->init(this);
   if (pSourceSeparation) pSourceSeparation->init(this);
+  if (psSbt[0]) {
+    psSbt[0]->init(this, psSbt[1].get());
+    psSbt[1]->init(this, nullptr);
+  }
   updateRealFrequency();
   iEchoGain = kUnityQ7;
   iLastEchoPosition = kNoEchoPosition;
@@ -76,6 +80,9 @@ void MyChannel::createComponents() {
   pCycleInformation = std::make_unique<CycleInformation>();
   pMyFilters = std::make_unique<MyFilters>();
   pFftSchema = std::make_unique<FftSchema>();
+  if (needsMySbt()) {
+    for (auto& pSbt : psSbt) pSbt = std::make_unique<MySbt>();
+  }
   if (needsSourceSeparation()) pSourceSeparation = std::make_unique<SourceSeparation>();
 }
 

@@ -49,9 +49,9 @@ int MyClean::cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* p
        pMyChannel->pFirstScan->handleNextFrame(&bMore)) {
     if (!pMyChannel->pFirstScan->isActive()) continue;
     if (const int iError = outputResults(); iError != 0) return iError;
+    if (pMyChannel->psSbt[0]) pMyChannel->psSbt[0]->afterFrameProcessed();
   }
   *piOutBytes = pMyChannel->pOutputData->take(pOut, iInBytes / (bIs16Bit ? 2 : 1), pMyChannel->b16Bit);
-  if (pMyChannel->psSbt[0] && pMyChannel->pFirstScan->isActive()) pMyChannel->psSbt[0]->afterFrameProcessed();
   return 0;
 }
 

@@ -54,6 +54,13 @@ void FirstScan::clean() {
   iAmpEntries = 0;
 }
 
+void FirstScan::adoptBackgroundOf(const FirstScan& other) {
+  comparator = other.comparator;
+  floor = other.floor;
+  rise = other.rise;
+  fScores = other.fScores;
+}
+
 // ---- The frame step
 
 int FirstScan::spreadFrom(int iTime, int iCycles) const {
@@ -116,6 +123,16 @@ float FirstScan::riseFrom(int iTime) const {
       std::min(iTime + (kScoredCycles - 1) * kCycleSamples, pMyChannel->pCycleInformation->lastSampleTime());
   const cHandle last = pMyChannel->pCycleInformation->cycleOf(iLast);
   return fScores[static_cast<std::size_t>(last) % kScores];
+}
+
+float FirstScan::highestRise(int iCycles) const {
+  const cHandle newest = pMyChannel->pCycleInformation->newest();
+  float fHighest = 0;
+  for (int i = 0; i < iCycles; ++i) {
+    const auto uCycle = static_cast<std::size_t>(CycleInformation::before(newest, i));
+    fHighest = std::max(fHighest, fScores[uCycle % kScores]);
+  }
+  return fHighest;
 }
 
 // The delay has passed for one more cycle: speech, or not.

@@ -44,6 +44,9 @@ class FirstScan {
   void setDetection(const sDetection& settings) { detection = settings; }
   [[nodiscard]] const sDetection& detectionSettings() const { return detection; }
 
+  // Takes over what another scan has learned of the background, and the signal it compares with.
+  void adoptBackgroundOf(const FirstScan& other);
+
   // Advances the analysis by one cycle. *pbMore is false when the next cycle has not arrived yet and nothing
   // was done.
   void handleNextFrame(bool* pbMore);
@@ -78,6 +81,8 @@ class FirstScan {
   [[nodiscard]] static int estimatePitch(const sSegment& segment, cHandle cycle);
 
   [[nodiscard]] const PitchComparator& pitchComparator() const { return comparator; }
+  // The highest rise above the background in the latest cycles, see SpectralRise.
+  [[nodiscard]] float highestRise(int iCycles) const;
   [[nodiscard]] int noiseFloor() const { return floor.floor(); }
   [[nodiscard]] const MyChannel* channel() const { return pMyChannel; }
 

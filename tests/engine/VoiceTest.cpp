@@ -134,6 +134,51 @@ TEST_F(VoiceTest, AnAnalysisStateCanBePutBack) {
   EXPECT_EQ(analyse(), first);
 }
 
+// Noise that jumps tempts the tests; as long as no run finds voice in it, they leave no trace.
+TEST_F(VoiceTest, TestsOfLevelJumpsThatFindNothingChangeNothing) {
+  Samples in = gaussianNoise(16000, 150, 1);
+  for (int i = 0; i < 4; ++i) {
+    in += gaussianNoise(2400, 1500, static_cast<unsigned>(20 + i));
+    in += gaussianNoise(4000, 150, static_cast<unsigned>(30 + i));
+  }
+  const auto cleaned = [&](int iPower) {
+    const sKestrovaPackage package{KESTROVA_API_VERSION, nullptr, iPower};
+    EXPECT_EQ(KestrovaPackageInit(&package), 0);
+    open();
+    return process(0, in);
+  };
+  const Samples untested = cleaned(0);
+  EXPECT_EQ(KestrovapMyChannels[0].psSbt[0], nullptr);
+  for (const int iPower : {1, 10}) {
+    const Samples tested = cleaned(iPower);
+    const MySbt& sbt = *KestrovapMyChannels[0].psSbt[0];
+    EXPECT_GT(sbt.tested(), 3) << iPower;
+    EXPECT_EQ(sbt.kept(), 0) << iPower << ": noise is no voice";
+    EXPECT_EQ(tested, untested) << iPower;
+  }
+}
+
+// A voice that sets in under noise is written at least as much with tests as without.
+TEST_F(VoiceTest, TestsOfLevelJumpsLoseNoVoice) {
+  Samples voiced = silence(16000);
+  for (int i = 0; i < 5; ++i) {
+    voiced += voice(1600, 8000, 110 + 20 * i, 4000);
+    voiced += silence(4000);
+  }
+  const Samples in = mixed(voiced, gaussianNoise(voiced.size(), 250, 3));
+  double dBefore = 0;
+  for (const int iPower : {0, 1, 10}) {
+    const sKestrovaPackage package{KESTROVA_API_VERSION, nullptr, iPower};
+    EXPECT_EQ(KestrovaPackageInit(&package), 0);
+    open();
+    const Samples out = process(0, in);
+    double dVoice = 0;
+    for (std::size_t i = 0; i < out.size(); ++i) dVoice += static_cast<double>(out[i]) * voiced[i];
+    EXPECT_GE(dVoice, 0.99 * dBefore) << iPower;
+    if (iPower == 0) dBefore = dVoice;
+  }
+}
+
 TEST(ConnectionTest, OneValleySplitBetweenTwoCyclesIsJoined) {
   const auto cycle = [](bool bUp, std::initializer_list<int> values) {
     sFluctuationInformation level;
