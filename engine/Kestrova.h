@@ -151,8 +151,8 @@ int KestrovaPackageInit(const sKestrovaPackage* package);
 int KestrovaInit(uint16_t channel, const sKestrovaInit* init);
 /* The same, with the learned pitch centre and spread preset from the voice group. */
 int KestrovaGroupInit(uint16_t channel, const sKestrovaInit* init);
-/* The same with a learned voice, or recording a new one, and with a delay of at least 10 cycles. 2 when a
- * voice is to be learned or loaded and this build of the engine cannot. */
+/* The same with a learned voice, or recording a new one, and with a delay of at least 10 cycles. 2 also when
+ * the learned voice is none that this version can use. */
 int KestrovaIpsavoxInit(uint16_t channel, const sKestrovaInit* init);
 /* Echo channel n: a microphone stream and a loudspeaker stream. */
 int KestrovaAECInit(uint16_t channel, const sKestrovaInit* init);

@@ -315,7 +315,7 @@ bool MyFilters::separates() const {
   const MyChannel& channel = *pMyChannel;
   if (channel.bIsAecChannel || !channel.pSourceSeparation || !channel.pFftSchema->validEntry()) return false;
   if (channel.psSbt[0] && channel.psSbt[0]->isTesting()) return false;
-  return channel.pSourceSeparation->isActive();
+  return channel.usesLearnedVoice() || channel.pSourceSeparation->isActive();
 }
 
 void MyFilters::separateVoice(int iLength, int iFirst, int iLast) {

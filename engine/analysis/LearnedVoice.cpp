@@ -30,12 +30,8 @@ const std::vector<sEnvelope>& worldEnvelopes() {
   return all;
 }
 
-float scoreOf(const sEnvelope& envelope, std::span<const sEnvelope> own) {
-  return (nearest(envelope, worldEnvelopes()).fDistance - nearest(envelope, own).fDistance) / 2;
-}
-
 // Centres of the envelopes by k-means, begun with envelopes evenly spaced in time.
-std::vector<sEnvelope> clustersOf(std::span<const sEnvelope> all, int iWanted) {
+std::vector<sEnvelope> centresOf(std::span<const sEnvelope> all, int iWanted) {
   const auto uWanted = static_cast<std::size_t>(iWanted);
   std::vector<sEnvelope> centres;
   for (std::size_t i = 0; i < uWanted; ++i) centres.push_back(all[i * all.size() / uWanted]);
@@ -60,16 +56,6 @@ int wantedClusters(std::size_t uPatterns) {
   return std::clamp(static_cast<int>(uPatterns) / kPatternsPerCluster, kMinClusters, kMostClusters);
 }
 
-// What the talker's sounds score that the clusters have not seen: the last third against the rest.
-float ownScoreOf(std::span<const sEnvelope> all) {
-  const std::size_t uKnown = all.size() * 2 / 3;
-  const auto known = all.first(uKnown);
-  const std::vector<sEnvelope> centres = clustersOf(known, wantedClusters(uKnown));
-  float fSum = 0;
-  for (const sEnvelope& each : all.subspan(uKnown)) fSum += scoreOf(each, centres);
-  return fSum / static_cast<float>(all.size() - uKnown);
-}
-
 std::vector<sEnvelope> validEnvelopes(std::span<const sVoicePattern> patterns) {
   std::vector<sEnvelope> all;
   for (const sVoicePattern& pattern : patterns) {
@@ -79,6 +65,28 @@ std::vector<sEnvelope> validEnvelopes(std::span<const sVoicePattern> patterns) {
   std::vector<sEnvelope> chosen;
   for (std::size_t i = 0; i < kMaxForClusters; ++i) chosen.push_back(all[i * all.size() / kMaxForClusters]);
   return chosen;
+}
+
+}  // namespace
+
+std::vector<sEnvelope> clustersOf(std::span<const sEnvelope> all) {
+  return centresOf(all, wantedClusters(all.size()));
+}
+
+float scoreAgainst(const sEnvelope& envelope, std::span<const sEnvelope> own) {
+  return (nearest(envelope, worldEnvelopes()).fDistance - nearest(envelope, own).fDistance) / 2;
+}
+
+namespace {
+
+// What the talker's sounds score that the clusters have not seen: the last third against the rest.
+float ownScoreOf(std::span<const sEnvelope> all) {
+  const std::size_t uKnown = all.size() * 2 / 3;
+  const auto known = all.first(uKnown);
+  const std::vector<sEnvelope> centres = clustersOf(known);
+  float fSum = 0;
+  for (const sEnvelope& each : all.subspan(uKnown)) fSum += scoreAgainst(each, centres);
+  return fSum / static_cast<float>(all.size() - uKnown);
 }
 
 }  // namespace
@@ -93,7 +101,7 @@ bool buildLearnedVoice(std::span<sVoicePattern> patterns, sLearnedVoice& voice) 
   const std::vector<sEnvelope> all = validEnvelopes(patterns);
   voice.iClusters = 0;
   if (all.size() < kMinPatterns) return false;
-  const std::vector<sEnvelope> centres = clustersOf(all, wantedClusters(all.size()));
+  const std::vector<sEnvelope> centres = clustersOf(all);
   voice.iClusters = static_cast<int>(centres.size());
   for (std::size_t u = 0; u < centres.size(); ++u) voice.asCluster[u] = {packed(centres[u]), 0};
   double dPower = 0;
@@ -108,25 +116,4 @@ bool buildLearnedVoice(std::span<sVoicePattern> patterns, sLearnedVoice& voice) 
   voice.fOwnScore = ownScoreOf(all);
   voice.fThreshold = std::clamp(kThresholdOfOwnScore * voice.fOwnScore, kLowestThreshold, kHighestThreshold);
   return true;
-}
-
-bool areTwoTalkers(std::span<const sVoicePattern> /*patterns*/) {
-  return false;
-}
-
-// ---- Scores
-
-VoiceScorer::VoiceScorer() : worldVoices(worldEnvelopes()) {
-  ownVoices.reserve(sLearnedVoice::kMaxClusters);
-}
-
-void VoiceScorer::learn(const sLearnedVoice& voice) {
-  ownVoices.clear();
-  for (std::size_t u = 0; u < static_cast<std::size_t>(voice.iClusters); ++u)
-    ownVoices.push_back(unpacked(voice.asCluster[u].envelope));
-  fThreshold = voice.fThreshold;
-}
-
-float VoiceScorer::score(const sEnvelope& envelope) const {
-  return (nearest(envelope, worldVoices).fDistance - nearest(envelope, ownVoices).fDistance) / 2 - fThreshold;
 }

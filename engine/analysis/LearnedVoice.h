@@ -66,23 +66,7 @@ static_assert(sizeof(sLearnedVoice) == kSeparationBytes);
 
 // Clusters and figures from the valid patterns. False when they are too few.
 [[nodiscard]] bool buildLearnedVoice(std::span<sVoicePattern> patterns, sLearnedVoice& voice);
-// Whether the patterns are of two talkers. Says so only when it is plain.
-[[nodiscard]] bool areTwoTalkers(std::span<const sVoicePattern> patterns);
-
-// Scores frames against a learned voice.
-class VoiceScorer {
- public:
-  VoiceScorer();
-  void learn(const sLearnedVoice& voice);
-  // How much nearer the envelope is to the talker's sounds than to those of all voices: half the difference
-  // of the squared distances, less the talker's threshold. Above 0: rather his.
-  [[nodiscard]] float score(const sEnvelope& envelope) const;
-  // The clusters' envelopes.
-  [[nodiscard]] std::span<const sEnvelope> own() const { return ownVoices; }
-  [[nodiscard]] std::span<const sEnvelope> world() const { return worldVoices; }
-
- private:
-  std::vector<sEnvelope> ownVoices;  // room for all is taken at once
-  std::vector<sEnvelope> worldVoices;
-  float fThreshold = 0;
-};
+// Centres of some envelopes, as many as tell a voice apart without learning single frames.
+[[nodiscard]] std::vector<sEnvelope> clustersOf(std::span<const sEnvelope> all);
+// Half of how much nearer (by squared distance) an envelope is to one of `own` than to the voices in general.
+[[nodiscard]] float scoreAgainst(const sEnvelope& envelope, std::span<const sEnvelope> own);

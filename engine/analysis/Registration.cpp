@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "engine/analysis/TalkerSplit.h"
 #include "engine/MyChannel.h"
 
 namespace {
@@ -97,6 +98,7 @@ bool isSureVerb(const sSegment& segment, int iMoreMatchesThan) {
 Registration::Registration(MyChannel& owner) : channel(owner), psStore(kMaxSegments) {}
 
 void Registration::start() {
+  channel.pSourceSeparation->initDynamicInfo();
   sSpeakerData& speaker = *channel.psSpeakerData;
   speaker.bHistogramsPresent = speaker.bTemplatesPresent = 1;
   speaker.iPitchCentre = kLearningCentre;
@@ -192,7 +194,7 @@ Registration::Outcome Registration::stop(bool bFresh) {
 Registration::Outcome Registration::derive(bool bFresh) {
   if (isWeak()) return Outcome::kWeak;
   if (!learnPitch(bFresh)) return Outcome::kTooShort;
-  if (areTwoTalkers(channel.pSourceSeparation->patterns())) return Outcome::kMixed;
+  if (areTwoTalkers(splitTalkers(channel.pSourceSeparation->patterns()))) return Outcome::kMixed;
   learnHistograms();
   learnTemplates();
   sSpeakerData& speaker = *channel.psSpeakerData;

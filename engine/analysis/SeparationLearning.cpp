@@ -33,7 +33,7 @@ void takePeaks(sVoicePattern& pattern) {
 
 }  // namespace
 
-void SourceSeparation::allocatePatterns() {
+void SourceSeparation::initDynamicInfo() {
   if (psPatterns.size() == 0) psPatterns = ZeroedArray<sVoicePattern>(kMaxPatterns);
 }
 
@@ -49,7 +49,6 @@ void SourceSeparation::learnAndPopulateDynamicInfoDuringRegistration(cHandle fro
   const int iLength = (cycles.at(to).EndIndex - cycles.at(from).StartIndex + 1) / kCycleSamples;
   int iLargest = cycles.calcAmp(to, std::max(1, iLength));
   if (iLargest * kWeakest < referenceAmp()) return;
-  allocatePatterns();
   cHandle first = from;
   for (int i = 0; i < kMostExtension; ++i) {
     const cHandle earlier = CycleInformation::before(first, 1);
@@ -110,7 +109,8 @@ bool SourceSeparation::stopRegistration() {
   }
   if (!buildLearnedVoice(all, own)) return false;
   own.bLearned = 1;
-  scorer.learn(own);
+  scorer.learn(own, patterns());
+  gains.learn();
   return true;
 }
 
@@ -132,14 +132,15 @@ int SourceSeparation::copySpeakerDataToDynamicInfo(const std::uint8_t* puProfile
     return kRefused;
   }
   try {
-    allocatePatterns();
+    initDynamicInfo();
   } catch (const std::bad_alloc&) {
     clean();
     return kRefused;
   }
   std::memcpy(psPatterns.data(), puProfile + kSeparationBytes,
               static_cast<std::size_t>(own.iPatterns) * kPatternBytes);
-  scorer.learn(own);
+  scorer.learn(own, patterns());
+  gains.learn();
   cleanHistory();
   return 0;
 }

@@ -23,6 +23,14 @@ constexpr float kClosing = 0.3F;
 constexpr float kLoudPart = 3;
 constexpr float kLeastWeight = 0.1F;
 
+// Evidence from which on the learned talker is alone.
+constexpr float kCertain = 1.2F;
+// In doubt the scores of the latest frames close and open by themselves.
+constexpr float kLatelyStep = 0.35F;
+constexpr float kLatelyOthers = -1.5F;
+constexpr float kLatelyOwn = 0.5F;
+constexpr float kLeastGate = 0.25F;
+
 constexpr float kDefaultStep = 0.01F;
 constexpr float kReferenceStep = 0.01F;
 constexpr float kMostGain = 4;
@@ -42,7 +50,7 @@ void SourceSeparation::init(MyChannel* pChannel) {
 
 void SourceSeparation::clean() {
   voice[0] = sLearnedVoice{};
-  scorer.learn(voice[0]);
+  scorer.learn(voice[0], {});
   iLastLearned = -1;
   iLastPeriod = 0;
   cleanHistory();
@@ -54,6 +62,7 @@ void SourceSeparation::cleanHistory() {
   heard = TalkerEvidence{};
   fDefault.fill(1);
   fOpen = fGain = 1;
+  fLately = 0;
 }
 
 bool SourceSeparation::isActive() const {
@@ -64,8 +73,9 @@ bool SourceSeparation::isActive() const {
 
 void SourceSeparation::analyzeDuringCleaning(cHandle cycle) {
   if (!isActive()) return;
-  analyseUpTo(pMyChannel->pCycleInformation->at(cycle).EndIndex);
-  analyseUpTo(pMyChannel->pCycleInformation->lastSampleTime());
+  // Ahead of the cycle as far as the signal has come: what follows helps to judge it.
+  analyseUpTo(std::max(pMyChannel->pCycleInformation->at(cycle).EndIndex,
+                       pMyChannel->pCycleInformation->lastSampleTime()));
 }
 
 // Frames end at multiples of the hop. What lies too far back was not cleaned, a tone perhaps.
@@ -96,7 +106,7 @@ void SourceSeparation::analyseFrame(cHandle last) {
   entry.iEndTime = frame.iEndTime;
   entry.bVoiced = frame.bVoiced && frame.iAmp * kWeakest >= referenceAmp() &&
                   frame.iAmp >= pMyChannel->iMinAmplitudeForPotentialSegment;
-  entry.fScore = entry.bVoiced ? scorer.score(frame.envelope) : 0;
+  entry.fScore = entry.bVoiced ? scorer.score(frame.envelope, frame.iPeriod) : 0;
   entry.fWeight = weightOf(frame);
   if (entry.bVoiced) {
     heard.push(entry.fScore, entry.fWeight);
@@ -108,13 +118,24 @@ void SourceSeparation::analyseFrame(cHandle last) {
 
 // ---- Coefficients
 
-void SourceSeparation::calcCoefficients(const sVoiceFrame& /*frame*/, sEntry& entry) {
-  const float fTarget = std::clamp((heard.value() - kOthers) / (kOwn - kOthers), 0.0F, 1.0F);
+// Open while the evidence is for the learned talker. Between certainty for him and certainty for another both
+// may talk at once: then only what fits his voice passes.
+void SourceSeparation::calcCoefficients(const sVoiceFrame& frame, sEntry& entry) {
+  const float fValue = heard.value();
+  const float fTarget = std::clamp((fValue - kOthers) / (kOwn - kOthers), 0.0F, 1.0F);
   fOpen += (fTarget - fOpen) * (fTarget > fOpen ? kOpening : kClosing);
+  fLately += kLatelyStep * ((entry.bVoiced ? entry.fScore : 0) - fLately);
+  const float fDoubt = std::clamp((kCertain - fValue) / (kCertain - kOthers), 0.0F, 1.0F);
   entry.bMatched = fTarget >= 1;
-  entry.fCoefficient.fill(kLeftOfOthers + (1 - kLeftOfOthers) * fOpen);
-  for (std::size_t k = 0; k < fDefault.size(); ++k)
+  std::array<float, kEnvelopeBins> fShare;
+  fShare.fill(1);
+  if (entry.bVoiced && fDoubt > 0 && fOpen > 0) gains.shareOfVoice(frame, fShare);
+  const float fGate = std::clamp((fLately - kLatelyOthers) / (kLatelyOwn - kLatelyOthers), kLeastGate, 1.0F);
+  for (std::size_t k = 0; k < fShare.size(); ++k) {
+    const float fOwnShare = 1 + fDoubt * (fGate * fShare[k] - 1);
+    entry.fCoefficient[k] = std::max(kLeftOfOthers, fOpen * fOwnShare);
     fDefault[k] += kDefaultStep * (entry.fCoefficient[k] - fDefault[k]);
+  }
 }
 
 const SourceSeparation::sEntry* SourceSeparation::entryOf(int iTime) const {

@@ -19,6 +19,8 @@
 #include "engine/analysis/Segment.h"
 #include "engine/analysis/TalkerEvidence.h"
 #include "engine/analysis/VoiceFrame.h"
+#include "engine/analysis/VoiceGains.h"
+#include "engine/analysis/VoiceScorer.h"
 #include "engine/ZeroedArray.h"
 
 class MyChannel;
@@ -37,8 +39,11 @@ class SourceSeparation {
   void cleanHistory();
 
   // ---- Learning
+  // Takes the memory for the pattern records: before the first one is learned or loaded. Throws
+  // std::bad_alloc.
+  void initDynamicInfo();
   // Adds a pattern for every frame of a voiced stretch that begins at `from` or, where its level allows,
-  // earlier. Throws std::bad_alloc at the first one.
+  // earlier.
   void learnAndPopulateDynamicInfoDuringRegistration(cHandle from, cHandle to);
   // Makes clusters of the patterns. False when they are too few to know a voice by.
   [[nodiscard]] bool stopRegistration();
@@ -81,7 +86,6 @@ class SourceSeparation {
     std::array<float, kEnvelopeBins> fCoefficient{};
   };
 
-  void allocatePatterns();
   void addPattern(const sVoiceFrame& frame, bool bBreak);
   [[nodiscard]] int referenceAmp() const;
   void analyseUpTo(int iTime);
@@ -95,6 +99,7 @@ class SourceSeparation {
   ZeroedArray<sLearnedVoice> voice;
   ZeroedArray<sVoicePattern> psPatterns;  // empty until a voice is learned or loaded
   VoiceScorer scorer;
+  VoiceGains gains{scorer};
   int iLastLearned = -1;  // sample time
   int iLastPeriod = 0;
 
@@ -102,6 +107,7 @@ class SourceSeparation {
   std::vector<sEntry> entries;  // ring of kHistory
   int iNewest = 0;
   std::array<float, kEnvelopeBins> fDefault{};  // coefficients of a frame that was not analysed
+  float fLately = 0;                            // scores of the latest frames
   float fOpen = 1;                              // how much of the sound is the learned talker's
   float fGain = 1;                              // makes up for what his own bins lose
 };

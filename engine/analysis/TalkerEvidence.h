@@ -12,11 +12,10 @@ class TalkerEvidence {
  public:
   // A voiced frame's score; fWeight 0..1 tells how much it can say.
   void push(float fScore, float fWeight) {
-    const float fKept = std::clamp(fScore, kLowest, kHighest);
-    fSum += fWeight * (fKept - fSum / kSlowFrames);
+    fSum += fWeight * (fScore - fSum / kSlowFrames);
     fFrames += fWeight * (1 - fFrames / kSlowFrames);
     fFastCount = std::min(fFastCount + fWeight, kFastFrames);
-    fFast += fWeight * (fKept - fFast) / std::max(fFastCount, 1.0F);
+    fFast += fWeight * (fScore - fFast) / std::max(fFastCount, 1.0F);
     iPause = 0;
   }
   // A frame without voice.
@@ -38,8 +37,6 @@ class TalkerEvidence {
   static constexpr float kSlowFrames = 40;  // of 16 ms
   static constexpr float kFastFrames = 10;
   static constexpr float kDissent = 1.0F;
-  static constexpr float kLowest = -5;  // a frame can be quite wrong
-  static constexpr float kHighest = 5;
   static constexpr float kPresumed = 0.8F;
   static constexpr float kPresumedFrames = 6;
   static constexpr int kPauseFrames = 30;   // half a second

@@ -1,0 +1,73 @@
+#include "engine/analysis/VoiceGains.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+// Logarithms of power: 1 is 4.3 dB.
+constexpr float kMostExcess = 2;  // what is louder than the shape is another's, no matter by how much
+constexpr float kLackWeight = 2;  // what the shape has and is not heard counts more
+constexpr float kFreely = 1.2F;   // a sound varies by this much around its cluster
+constexpr float kLeastShare = 0.15F;
+constexpr int kMostHarmonics = 11;
+
+float misfit(const BandPower& heard, const BandPower& shape, float fLevel) {
+  float fSum = 0;
+  for (std::size_t b = 0; b < heard.size(); ++b) {
+    const float fExcess = heard[b] - shape[b] - fLevel;
+    fSum += fExcess > 0 ? std::min(fExcess, kMostExcess) : kLackWeight * fExcess * fExcess;
+  }
+  return fSum;
+}
+
+void keepHarmonics(int iPeriod, std::span<float> fShare) {
+  if (iPeriod <= 0) return;
+  for (int i = 1; i <= kMostHarmonics; ++i) {
+    const int k = std::max(2, (2 * i * kEnvelopeSamples + iPeriod) / (2 * iPeriod));
+    if (k + 2 >= kEnvelopeBins) return;
+    const auto around = fShare.subspan(static_cast<std::size_t>(k) - 2, 5);
+    const float fBest = *std::max_element(around.begin(), around.end());
+    for (std::size_t u = 1; u <= 3; ++u) around[u] = fBest;
+  }
+}
+
+}  // namespace
+
+void VoiceGains::learn() {
+  shapes.resize(scorer.own().size());
+  for (std::size_t u = 0; u < shapes.size(); ++u) bandShape(scorer.own()[u], shapes[u]);
+}
+
+// At the level at which shape and sound are as loud, and below it, where another voice adds the rest.
+VoiceGains::sFit VoiceGains::bestFit(const BandPower& heard) const {
+  sFit best;
+  for (const BandPower& shape : shapes) {
+    float fMean = 0;
+    for (std::size_t b = 0; b < heard.size(); ++b) fMean += (heard[b] - shape[b]) / kEnvelopeBands;
+    for (const float fLevel : {fMean, fMean - 1, fMean - 2}) {
+      const float fMisfit = misfit(heard, shape, fLevel);
+      if (fMisfit < best.fMisfit) best = {&shape, fLevel, fMisfit};
+    }
+  }
+  return best;
+}
+
+void VoiceGains::shareOfVoice(const sVoiceFrame& frame, std::span<float> fShare) const {
+  BandPower heard;
+  bandPower(frame.fBinPower, heard);
+  for (float& fBand : heard) fBand = std::log(fBand + 1);
+  const sFit best = bestFit(heard);
+  if (best.pShape == nullptr) return;
+  const auto excess = [&](std::size_t b) { return heard[b] - (*best.pShape)[b] - best.fLevel - kFreely; };
+  for (std::size_t k = 0; k < fShare.size(); ++k) {
+    const float fBand = bandOfBin(static_cast<int>(k));
+    const auto uLow = static_cast<std::size_t>(fBand);
+    const float fWeight = fBand - static_cast<float>(uLow);
+    const float fExcess =
+        (1 - fWeight) * excess(uLow) + fWeight * excess(std::min(uLow + 1, heard.size() - 1));
+    // Half the logarithm of power is that of amplitude.
+    fShare[k] = std::clamp(std::exp(-fExcess / 2), kLeastShare, 1.0F);
+  }
+  keepHarmonics(frame.iPeriod, fShare);
+}
