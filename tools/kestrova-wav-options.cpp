@@ -130,6 +130,7 @@ struct sNameOption {
   std::string Options::*value;
 };
 constexpr std::array psNameOptions{
+    sNameOption{"voice", "a learned voice: it is kept, other voices are taken away", &Options::sVoice},
     sNameOption{"spk", "what the loudspeaker plays: runs the echo canceller", &Options::sSpeaker},
     sNameOption{"csv", "a row per frame is written here", &Options::sCsv},
     sNameOption{"picture", "a PNG is written here: spectrograms and decisions", &Options::sPicture},
@@ -144,12 +145,17 @@ constexpr const char* kHelpHead =
 SYNOPSIS
   kestrova-wav [options] MICROPHONE.wav OUT.wav
   kestrova-wav [options] --spk LOUDSPEAKER.wav MICROPHONE.wav OUT.wav
+  kestrova-wav learn [options] SPEECH.wav VOICE
+  kestrova-wav clean --voice VOICE [options] MICROPHONE.wav OUT.wav
 
 DESCRIPTION
   Sends the microphone's sound through the engine as a call does, frame by frame, and writes what comes out. The first
   form reduces noise; the second cancels the loudspeaker's echo, and with --combo 1 reduces noise as well. Files are
   WAV, mono, 16-bit, 8 or 16 kHz. The output starts with the sample that the input starts with; the last samples stay
   inside the engine, as many as its delay.
+
+  The third form learns the voice of the one talker of a recording, half a minute or more, and writes it to the file
+  VOICE, as a call does when a caller registers his voice; the fourth keeps that voice and takes others away.
 
 FILES
 )";
@@ -176,6 +182,8 @@ EXAMPLES
   kestrova-wav noisy.wav clean.wav --csv frames.csv --picture clean.png
   kestrova-wav --agc 1 --cng-start 5 --cng-end 5 noisy.wav clean.wav
   kestrova-wav --spk far.wav --combo 1 microphone.wav clean.wav
+  kestrova-wav learn me.wav me.voice
+  kestrova-wav clean --voice me.voice both.wav mine.wav --picture kept.png
 )";
 
 std::string limitsText(const sOption& option) {
@@ -270,7 +278,9 @@ Options::Options() {
 
 std::optional<int> parseOptions(int argc, char** argv, Options& options) {
   std::vector<std::string> files;
-  for (int i = 1; i < argc; ++i) {
+  const std::string_view first(argc > 1 ? argv[1] : "");
+  options.bLearn = first == "learn";
+  for (int i = options.bLearn || first == "clean" ? 2 : 1; i < argc; ++i) {
     std::string_view word(argv[i]);
     if (!word.starts_with("--")) {
       files.emplace_back(word);
@@ -285,6 +295,9 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     if (const std::string sWhy = take(word, argv[i], options); !sWhy.empty()) return refuse(sWhy);
   }
   if (files.size() != 2) return refuse("give one input and one output file");
+  if (options.bLearn && !options.sVoice.empty()) return refuse("a voice is learned or used, not both");
+  if (!options.sSpeaker.empty() && (options.bLearn || !options.sVoice.empty()))
+    return refuse("--spk knows no voices");
   options.sMicrophone = files[0];
   options.sOut = files[1];
   return std::nullopt;

@@ -15,6 +15,8 @@ struct Options {
   bool bCombo = false;
   int iAecDelay = 2;  // cycles
   bool bAlign = false;
+  bool bLearn = false;  // sOut is the file of a learned voice
+  std::string sVoice;   // a learned voice: only it is kept
   std::string sMicrophone;
   std::string sSpeaker;
   std::string sOut;

@@ -1,6 +1,7 @@
 // kestrova-wav: the voice engine on WAV files, for listening and for measurement.
 //
 //   kestrova-wav [options] MICROPHONE.wav OUT.wav              noise channel
+//   kestrova-wav learn [options] SPEECH.wav VOICE              learns a voice, for --voice
 //   kestrova-wav [options] --spk SPEAKER.wav MIC.wav OUT.wav   echo channel, with --combo also noise
 //   reduction
 //
@@ -21,6 +22,7 @@
 #include "tools/kestrova-wav-files.h"
 #include "tools/kestrova-wav-options.h"
 #include "tools/kestrova-wav-picture.h"
+#include "tools/kestrova-wav-voice.h"
 
 namespace {
 
@@ -104,7 +106,11 @@ class Run {
     }
     if (!options.sPicture.empty()) draw(uFrame);
     if (options.bAlign) align();
-    writeWav(options.sOut, {out, mic.iRate});
+    if (options.bLearn) {
+      writeVoice(kChannel, options.sOut);
+    } else {
+      writeWav(options.sOut, {out, mic.iRate});
+    }
   }
 
  private:
@@ -119,9 +125,20 @@ class Run {
       echo.sMaxNumCyclesInDelayBuffer = static_cast<std::uint16_t>(options.iAecDelay);
       check(KestrovaAECInit(kChannel, &echo), "initialising the echo channel");
     }
-    if (!hasSpeaker() || options.bCombo) {
+    if (options.bLearn || !options.sVoice.empty()) {
+      openVoiceChannel();
+    } else if (!hasSpeaker() || options.bCombo) {
       check(KestrovaGroupInit(kChannel, &options.init), "initialising the noise channel");
     }
+  }
+
+  void openVoiceChannel() const {
+    sKestrovaInit init = options.init;
+    init.bStartRegistration = options.bLearn;
+    VoiceProfile voice;
+    if (!options.bLearn) voice = readVoice(options.sVoice);
+    init.psSpeakerInformation = voice.speaker();
+    check(KestrovaIpsavoxInit(kChannel, &init), "initialising the voice channel");
   }
 
   // A frame of the samples from uPosition on, filled up with silence at the end of the file.

@@ -65,6 +65,19 @@ TEST_F(KestrovaWavTest, WritesSoundARowPerFrameAndAPicture) {
   EXPECT_EQ(run("--spk wide.wav wide.wav out.wav --combo 1").iStatus, 0);
 }
 
+TEST_F(KestrovaWavTest, SaysWhyAVoiceIsNotLearnedOrTaken) {
+  wav("tone.wav", 16000);
+  const Ended refused = run("learn tone.wav me.voice");
+  EXPECT_EQ(refused.iStatus, 1);
+  EXPECT_NE(refused.said.find("no voice was learned, too little speech was heard"), std::string::npos)
+      << refused.said;
+  EXPECT_EQ(file("me.voice"), "");
+  const Ended noVoice = run("clean --voice tone.wav tone.wav out.wav");
+  EXPECT_EQ(noVoice.iStatus, 1);
+  EXPECT_NE(noVoice.said.find("tone.wav is no learned voice"), std::string::npos) << noVoice.said;
+  EXPECT_EQ(run("learn --voice me.voice tone.wav other.voice").iStatus, 2);
+}
+
 TEST_F(KestrovaWavTest, SaysWhatIsWrong) {
   wav("good.wav", 800);
   wav("wide.wav", 800, 1600, 16000);

@@ -1,0 +1,54 @@
+#include "tools/kestrova-wav-voice.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+namespace {
+
+struct CloseFile {
+  void operator()(std::FILE* pFile) const { std::fclose(pFile); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+File opened(const std::string& sName, const char* pcMode) {
+  File pFile(std::fopen(sName.c_str(), pcMode));
+  if (!pFile) throw std::runtime_error(sName + ": " + std::strerror(errno));
+  return pFile;
+}
+
+const char* refusal(std::uint16_t uChannel) {
+  std::int32_t iOutcome = 0;
+  if (KestrovaGetRegistrationOutcome(uChannel, &iOutcome) != 0) return "the engine failed";
+  if (iOutcome == KESTROVA_REGISTRATION_WEAK) return "the voice is too weak or too near the background";
+  return iOutcome == KESTROVA_REGISTRATION_MIXED ? "more than one talker was heard"
+                                                 : "too little speech was heard";
+}
+
+}  // namespace
+
+void writeVoice(std::uint16_t uChannel, const std::string& sName) {
+  std::uint32_t uBytes = 0;
+  if (KestrovaCompleteRegistration(uChannel, &uBytes) != 0)
+    throw std::runtime_error(std::string("no voice was learned, ") + refusal(uChannel));
+  VoiceProfile profile;
+  if (!profile.allocate(uBytes) ||
+      KestrovaCopySpeakerInformationAfterRegistration(uChannel, profile.speaker()) != 0) {
+    throw std::runtime_error("the learned voice cannot be copied");
+  }
+  const File pFile = opened(sName, "wb");
+  if (profile.writeLengthTo(pFile.get()) && profile.writeRecordTo(pFile.get())) return;
+  const std::string sWhy = std::strerror(errno);
+  std::remove(sName.c_str());
+  throw std::runtime_error(sName + ": " + sWhy);
+}
+
+VoiceProfile readVoice(const std::string& sName) {
+  const File pFile = opened(sName, "rb");
+  VoiceProfile profile;
+  if (profile.readFrom(pFile.get()) != VoiceProfile::Read::eDone)
+    throw std::runtime_error(sName + " is no learned voice");
+  return profile;
+}
