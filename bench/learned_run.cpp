@@ -1,25 +1,31 @@
 // learned_run [kestrova-wav's options]: learns voices from WAV files and cleans WAV files with them.
 //
 // Standard input has a line per task, its words separated by tabs; for each a line of JSON is printed:
-//   learn IN.wav PROFILE            outcome (KESTROVA_REGISTRATION_...), bytes, ms that its end took, CPU
-//   time clean PROFILE IN.wav OUT.wav    CPU time per second of audio, and per self verb its first and last
-//   sample
-//                                   time, the score behind the verdict, and the verdict
+//
+//   learn IN.wav PROFILE
+//     outcome (KESTROVA_REGISTRATION_...), likeness of what was heard with itself, pattern records, ms that
+//     the registration's end took, CPU time per second of audio
+//   clean PROFILE IN.wav OUT.wav
+//     CPU time per second of audio, memory, jumps that were tested and runs that were kept; per self verb its
+//     first and last sample time, the score behind the verdict, and the verdict
+//
 // PROFILE "-" cleans without a voice. The output starts with the sample that the input starts with.
 #include <cstdio>
 #include <ctime>
 #include <exception>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
+#include "engine/analysis/TalkerSplit.h"
 #include "engine/MyChannel.h"
 #include "tools/kestrova-wav-files.h"
 #include "tools/kestrova-wav-options.h"
+#include "tools/kestrova-wav-voice.h"
 
 namespace {
 
@@ -29,6 +35,14 @@ double cpuSeconds() {
   timespec now{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+// Memory of the process that is in use.
+long residentKb() {
+  long lPages = 0;
+  std::ifstream file("/proc/self/statm");
+  file >> lPages >> lPages;
+  return lPages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 void check(bool bDone, const std::string& sWhat) {
@@ -82,41 +96,39 @@ void learn(sKestrovaInit init, const std::string& sIn, const std::string& sProfi
   check(KestrovaIpsavoxInit(0, &init) == 0, "starting a registration");
   const double dCpu = process(in, nullptr, nullptr);
   const double dStart = cpuSeconds();
-  std::uint32_t uBytes = 0;
-  const bool bLearned = KestrovaCompleteRegistration(0, &uBytes) == 0;
+  std::string sRefused;
+  try {
+    writeVoice(0, sProfile);
+  } catch (const std::runtime_error& error) {
+    sRefused = error.what();
+  }
   const double dEnd = cpuSeconds() - dStart;
   std::int32_t iOutcome = 0;
   check(KestrovaGetRegistrationOutcome(0, &iOutcome) == 0, "outcome");
-  if (bLearned) {
-    std::vector<char> profile(uBytes);
-    check(KestrovaCopySpeakerInformationAfterRegistration(
-              0, reinterpret_cast<sAPISpeaker*>(profile.data())) == 0,
-          "copying");
-    std::ofstream(sProfile, std::ios::binary).write(profile.data(), static_cast<std::streamsize>(uBytes));
-  }
-  std::printf("{\"outcome\":%d,\"bytes\":%u,\"end_ms\":%.1f,\"cpu_ms_per_s\":%.3f}\n", iOutcome, uBytes,
-              1000 * dEnd, 1000 * dCpu);
+  const int iPatterns = KestrovapMyChannels[0].pSourceSeparation->patternRecords();
+  const sTalkerSplit split = splitTalkers(KestrovapMyChannels[0].pSourceSeparation->patterns());
+  std::printf(
+      "{\"outcome\":%d,\"likeness\":%.2f,\"gap\":%.2f,\"patterns\":%d,\"end_ms\":%.1f,\"cpu_ms_per_s\":%.3f,"
+      "\"rss_kb\":%ld}\n",
+      iOutcome, static_cast<double>(split.fLikeness), static_cast<double>(split.fPitchGap), iPatterns,
+      1000 * dEnd, 1000 * dCpu, residentKb());
 }
 
 void clean(sKestrovaInit init, const std::string& sProfile, const std::string& sIn, const std::string& sOut) {
   const Wav in = readWav(sIn);
   init.iSampleRate = in.iRate;
-  std::vector<char> profile;
-  if (sProfile != "-") {
-    std::ifstream file(sProfile, std::ios::binary);
-    profile.assign(std::istreambuf_iterator<char>(file), {});
-    init.psSpeakerInformation = reinterpret_cast<const sAPISpeaker*>(profile.data());
-    check(KestrovaCheckSpeakerInformation(init.psSpeakerInformation,
-                                          static_cast<std::uint32_t>(profile.size())) == 0,
-          sProfile + " is no profile");
-  }
+  VoiceProfile profile;
+  if (sProfile != "-") profile = readVoice(sProfile);
+  init.psSpeakerInformation = profile.speaker();
   check(KestrovaIpsavoxInit(0, &init) == 0, "loading " + sProfile);
   Wav out{{}, in.iRate};
   std::vector<sVerb> verbs;
   const double dCpu = process(in, &out, &verbs);
   out.samples.resize(in.samples.size());
   writeWav(sOut, out);
-  std::printf("{\"cpu_ms_per_s\":%.3f,\"verbs\":[", 1000 * dCpu);
+  const MySbt* pSbt = KestrovapMyChannels[0].psSbt[0].get();
+  std::printf("{\"cpu_ms_per_s\":%.3f,\"rss_kb\":%ld,\"tested\":%d,\"kept\":%d,\"verbs\":[", 1000 * dCpu,
+              residentKb(), pSbt != nullptr ? pSbt->tested() : 0, pSbt != nullptr ? pSbt->kept() : 0);
   const char* pcBefore = "";
   for (const sVerb& verb : verbs) {
     std::printf("%s[%d,%d,%.3f,%d]", pcBefore, verb.iFirst, verb.iLast, static_cast<double>(verb.fScore),

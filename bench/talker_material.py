@@ -115,7 +115,7 @@ def arranged(pieces):
     for piece in pieces:
         if len(piece) < 0.6 * RATE:
             continue
-        joined += [material.utterance(piece, RATE), np.zeros(int(RATE * chance.uniform(*GAP_SECONDS)))]
+        joined += [material.utterance(piece, RATE)[0], np.zeros(int(RATE * chance.uniform(*GAP_SECONDS)))]
         length += len(joined[-1]) + len(joined[-2])
         if length > SECONDS * RATE:
             break
