@@ -1,6 +1,11 @@
 // quorvelctl beside a running process: what it says of it and what it makes it do.
+#include <array>
+#include <csignal>
 #include <cstdlib>
+#include <map>
+#include <random>
 #include <regex>
+#include <set>
 
 #include "tests/calls/support/TalkFixture.h"
 
@@ -18,7 +23,7 @@ class ControlTest : public TalkFixture {
     std::filesystem::remove(scratch.path() / "quorvelctl.out");  // output is appended
     Process process(QUORVELCTL, words, scratch.path() / "quorvelctl.out",
                     {{"KESTROVA_BIN", quorvel->bin().string() + "/"}});
-    const auto status = process.wait(Seconds(20));
+    const auto status = process.wait(Seconds(30));
     return {status.value_or(-1), process.output()};
   }
 
@@ -29,6 +34,105 @@ class ControlTest : public TalkFixture {
     return std::regex_search(text, value, pattern) ? std::stod(value[2]) : -1;
   }
 };
+
+// A packet of the caller: 20 ms of mu-law noise, so that a direction that is processed has a noise level.
+std::string rtpPacket(int sequence, int stamp) {
+  std::string packet(12 + 160, '\0');
+  const unsigned number = static_cast<unsigned>(sequence), time = static_cast<unsigned>(stamp);
+  for (const auto& [at, value] : {std::pair(0, 0x80U), std::pair(2, number >> 8U), std::pair(3, number),
+                                  std::pair(5, time >> 16U), std::pair(6, time >> 8U), std::pair(7, time)})
+    packet[static_cast<std::size_t>(at)] = static_cast<char>(value);
+  static std::minstd_rand random(7);
+  for (std::size_t i = 12; i < packet.size(); ++i)
+    packet[i] = static_cast<char>(0x50U | (random() >> 8U & 0x8FU));
+  return packet;
+}
+
+int mediaPortIn(const std::string& sdp) {
+  return std::stoi(sdp.substr(sdp.find("m=audio ") + 8));
+}
+
+// Name and labels of a sample, and every value it was seen with.
+using Seen = std::map<std::string, std::set<std::string>>;
+
+void readInto(Seen& seen, const std::string& text) {
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);)
+    if (const std::size_t end = line.rfind("} "); !line.starts_with('#') && end != std::string::npos)
+      seen[line.substr(0, end + 1)].insert(line.substr(end + 2));
+}
+
+// Names of metrics in a text; sums and counts are written under their own names.
+std::set<std::string> namesIn(const std::string& text) {
+  std::set<std::string> names;
+  static const std::regex pattern("quorvel_[a-z_]+");
+  for (auto it = std::sregex_iterator(text.begin(), text.end(), pattern); it != std::sregex_iterator(); ++it)
+    names.insert(it->str());
+  return names;
+}
+
+TEST_F(ControlTest, EveryMetricMovesAndDashboardAndAlertsKnowNoOther) {
+  const Settings settings{{"StatisticsFile", "statistics"},
+                          {"RealTimeAverageStatisticsFile", "average.html"},
+                          {"RefreshRateOfRealTimeStatistics", "2"},
+                          {"DefaultCmd", "*##1"}};
+  start(settings);
+  Seen seen;
+  readInto(seen, control({"metrics"}).text);
+  const std::array<LoopbackPeer, 2> media{LoopbackPeer(ports.media(0)), LoopbackPeer(ports.media(1))};
+  const Call call = setUp(1);
+  const std::array<int, 2> relay{mediaPortIn(call.ok), mediaPortIn(call.invite)};
+  int number = 0, stamp = 80000;
+  // Half a second of packets each way; spoilt ones have a gap, ten pairs in the wrong order, and time stamps
+  // before which time passes.
+  const auto talkAndRead = [&](bool isSpoilt) {
+    if (isSpoilt) stamp -= 4000, number += 2;
+    for (int i = 0; i < 25; ++i, stamp += 160) {
+      const int swapped = isSpoilt && i < 20 ? 1 - 2 * (i % 2) : 0;
+      for (std::size_t side = 0; side < 2; ++side)
+        media[side].sendTo(relay[side], rtpPacket(number + i + swapped, stamp + 160 * swapped));
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    number += 25;
+    readInto(seen, control({"metrics"}).text);
+  };
+  const auto running = [&](std::size_t values) {
+    const auto found = [&](const auto& entry) {
+      return entry.first.starts_with("quorvel_running") && entry.second.size() >= values;
+    };
+    return std::count_if(seen.begin(), seen.end(), found);
+  };
+  EXPECT_TRUE(eventually([&] { return talkAndRead(false), running(1) == 5; }, Seconds(10)));
+  EXPECT_TRUE(eventually([&] { return talkAndRead(true), running(2) == 5; }, Seconds(15)));
+  hangUp(call);
+  toQuorvel(caller, inDialog("CANCEL", 1, call.ok, 99));  // of no call: logged as a warning
+  quorvel->process().signal(SIGHUP);                      // logged as an error
+  ASSERT_TRUE(quorvel->logged(" ERROR in sigIgnoreHandle"));
+  ASSERT_TRUE(quorvel->logged(" WARNING in "));
+  Settings broken = settings;
+  broken["CPUPower"] = "11";
+  broken["NumPhonesToAllocate"] = "4";
+  quorvel->writeConfiguration(broken);
+  readInto(seen, control({"metrics"}).text);
+  broken.erase("CPUPower");
+  quorvel->writeConfiguration(broken);
+  ASSERT_EQ(control({"drain", "5"}).status, 0);
+  readInto(seen, control({"metrics"}).text);
+  ASSERT_EQ(quorvel->stop(), 0);
+  readInto(seen, control({"metrics"}).text);
+
+  std::string written;
+  for (const auto& [sample, values] : seen) {
+    EXPECT_GT(values.size(), 1U) << sample << " is always " << *values.begin();
+    written += sample + " ";
+  }
+  const std::set<std::string> known = namesIn(written);
+  for (const char* file : {"quorvel-dashboard.json", "quorvel.rules.yml"}) {
+    const std::set<std::string> used = namesIn(readFile(std::filesystem::path(QUORVEL_MONITORING) / file));
+    EXPECT_FALSE(used.empty());
+    for (const std::string& name : used) EXPECT_TRUE(known.contains(name)) << file << " asks for " << name;
+  }
+}
 
 TEST_F(ControlTest, CallsAreSeenTracedDrainedAndStopped) {
   start({{"SipDebug", "1"},
@@ -72,6 +176,65 @@ TEST_F(ControlTest, CallsAreSeenTracedDrainedAndStopped) {
   EXPECT_EQ(quorvel->process().wait(Seconds(1)), 0);
   EXPECT_EQ(control({"status"}).status, 1);
   EXPECT_EQ(metric("up"), 0);
+}
+
+TEST_F(ControlTest, AProcessThatDoesNotAnswerIsGivenUp) {
+  start();
+  quorvel->process().signal(SIGSTOP);
+  const Answer status = control({"status"});
+  const Answer stop = control({"stop", "60"});  // far less than a minute, since it does not say what is up
+  quorvel->process().signal(SIGCONT);
+  EXPECT_EQ(status.status, 1);
+  EXPECT_NE(status.text.find("does not answer SIGUSR1"), std::string::npos) << status.text;
+  EXPECT_EQ(stop.status, 1);
+  EXPECT_NE(stop.text.find("was told to end, but is still there after 10 seconds"), std::string::npos)
+      << stop.text;
+  EXPECT_EQ(quorvel->process().wait(Seconds(10)), 0) << "the interrupts have waited for it";
+}
+
+TEST_F(ControlTest, ExplainKnowsSlotsOfNamesAndLeavesBindingsAlone) {
+  start({{"InviteShouldMatchPairPhoneName", "1"},
+         {"PairPhonesName", "300;301;302;303;"},
+         {"SipProxyArchitecture", "1"}});
+  // A phone that has a slot registers through Quorvel.
+  const std::string name = "<sip:301@127.0.0.1>";
+  toQuorvel(caller, sip_text::build({.method = "REGISTER",
+                                     .uri = "sip:127.0.0.1",
+                                     .callId = "binding-301",
+                                     .viaPort = caller.port(),
+                                     .from = name + ";tag=phone",
+                                     .to = name,
+                                     .contact = "<sip:301@127.0.0.1:" + std::to_string(caller.port()) + ">",
+                                     .extraHeaders = "Expires: 60\r\n"}));
+  const std::string relayed = expect(callee, "REGISTER ");
+  toQuorvel(callee,
+            sip_text::respond(relayed, "200 OK", "pbx",
+                              "Contact: " + sip_text::header(relayed, "Contact") + ";expires=60\r\n"));
+  expect(caller, "SIP/2.0 200 ");
+  std::map<std::filesystem::path, std::string> before;
+  const std::filesystem::path saved = quorvel->bin() / ("binding" + quorvel->instanceName());
+  ASSERT_TRUE(
+      eventually([&] { return readFile(saved).find("301@127.0.0.1") != std::string::npos; }, Seconds(5)));
+  quorvel->process().signal(SIGSTOP);  // it saves its bindings itself
+  for (const auto& entry : std::filesystem::directory_iterator(quorvel->bin()))
+    before[entry] = readFile(entry);
+
+  const Answer bound = control({"explain", "100", "301"});
+  EXPECT_EQ(bound.status, 0) << bound.text;
+  EXPECT_NE(
+      bound.text.find("127.0.0.1:" + std::to_string(caller.port()) + ": a phone of that name is registered"),
+      std::string::npos)
+      << bound.text;
+  EXPECT_EQ(control({"explain", "301", "100"}).status, 0);
+  const Answer stranger = control({"explain", "100", "302"});
+  EXPECT_EQ(stranger.status, 1);
+  EXPECT_NE(stranger.text.find("refused with 486 Busy Here"), std::string::npos) << stranger.text;
+
+  std::map<std::filesystem::path, std::string> after;
+  for (const auto& entry : std::filesystem::directory_iterator(quorvel->bin()))
+    after[entry] = readFile(entry);
+  quorvel->process().signal(SIGCONT);
+  EXPECT_EQ(before, after);
 }
 
 TEST_F(ControlTest, ConfigurationsAreCheckedExplainedAndReloaded) {

@@ -56,6 +56,8 @@ bool loadConfiguration(const sContext& context);
 std::optional<pid_t> findProcess(const sContext& context);
 // Asks the process for its number of active calls.
 std::optional<int> askActiveCalls(const sContext& context, pid_t process);
+// Has it been told to refuse new calls? (Instance.cpp)
+bool isDraining(const sContext& context);
 // The whole file, or nothing when it cannot be read.
 std::optional<std::string> readFile(const std::string& path);
 // The instance's log file.

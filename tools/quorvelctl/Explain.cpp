@@ -1,7 +1,7 @@
 // What becomes of a call before it is made: the same code decides as in a running process, with the bindings
 // that are on disk.
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "app/config/Settings.h"
 #include "sip/MySip.h"
@@ -11,8 +11,6 @@ namespace {
 
 using Source = MySip::sCommandChoice::Source;
 using Hop = MySip::sNextHop;
-
-constexpr int kLeg = 0;
 
 struct sExplanation {
   std::string rule;
@@ -73,19 +71,36 @@ bool isExplicit(const std::string& displayName) {
   return !pcSeparator.empty() && displayName.find(pcSeparator.view()) != std::string::npos;
 }
 
-bool explain(const std::string& caller, const std::string& dialled, const std::string& name,
-             sExplanation& out) {
-  const std::string from = "\"" + name + "\" <sip:" + caller + ">;tag=1";
-  const std::string to = "<sip:" + dialled + ">";
-  if (mySip.analyzeToStringInInviteMessage(kLeg, to) != 0 ||
-      mySip.analyzeFromStringAndCommandInInviteMessage(kLeg, from, to) != 0)
+// The headers of the caller's INVITE that decide.
+struct sInvite {
+  std::string from;
+  std::string to;
+
+  sInvite(const std::string& caller, const std::string& dialled, const std::string& name)
+      : from("\"" + name + "\" <sip:" + caller + ">;tag=1"), to("<sip:" + dialled + ">") {}
+  std::string text() const {
+    return "INVITE sip:explain SIP/2.0\r\nFrom: " + from + "\r\nTo: " + to + "\r\n\r\n";
+  }
+};
+
+// The slot that takes the call while no other is up; -1 where only slots of a phone's name may and none has
+// it.
+int slotFor(const sInvite& invite, const std::string& caller) {
+  const Hop ofCaller = mySip.nextHopOf(caller, sockaddr_in{});
+  return mySip.chooseOrigSlot(invite.text(),
+                              ofCaller.kind == Hop::Kind::eBoundPhone ? ofCaller.sAddress : sockaddr_in{});
+}
+
+bool explain(int slot, const sInvite& invite, const std::string& name, sExplanation& out) {
+  if (mySip.analyzeToStringInInviteMessage(slot, invite.to) != 0 ||
+      mySip.analyzeFromStringAndCommandInInviteMessage(slot, invite.from, invite.to) != 0)
     return false;
   MySip::sCommandChoice choice;
   if (isExplicit(name))
     out.rule = "the caller's display name";
-  else if (MySip::chooseCommand(mySip.phone(kLeg).pcRemoteSipName, to, choice) == 0)
+  else if (MySip::chooseCommand(mySip.phone(slot).pcRemoteSipName, invite.to, choice) == 0)
     out.rule = nameOf(choice);
-  const sPhone& pair = mySip.partnerOf(kLeg);
+  const sPhone& pair = mySip.partnerOf(slot);
   out.destination = pair.pcRemoteSipName.c_str();
   out.iType = pair.iCleaningType;
   const Hop hop = mySip.nextHopOf(out.destination, sockaddr_in{});
@@ -94,12 +109,34 @@ bool explain(const std::string& caller, const std::string& dialled, const std::s
   return true;
 }
 
-int refused(const sContext& context, const char* why) {
+int refused(const sContext& context, const char* status, const std::string& why) {
   if (context.bJson)
-    std::printf("{\"accepted\": false, \"why\": %s}\n", jsonText(why).c_str());
+    std::printf("{\"accepted\": false, \"status\": %s, \"why\": %s}\n", jsonText(status).c_str(),
+                jsonText(why).c_str());
   else
-    std::printf("refused with 503 Service Unavailable: %s\n", why);
+    std::printf("refused with %s: %s\n", status, why.c_str());
   return kNo;
+}
+
+// The first record without its level and writer: why there is no slot.
+std::string firstReason() {
+  const std::vector<std::string> records = takeRecords();
+  const std::string first = records.empty() ? "" : records.front();
+  return first.substr(std::min(first.size(), first.find(", ") + 2));
+}
+
+int print(const sContext& context, const sExplanation& found) {
+  if (context.bJson)
+    std::printf(
+        "{\"accepted\": true, \"rule\": %s, \"destination\": %s, \"type\": %d, \"next_hop\": %s, \"why\": "
+        "%s}\n",
+        jsonText(found.rule).c_str(), jsonText(found.destination).c_str(), found.iType,
+        jsonText(found.hop).c_str(), jsonText(found.why).c_str());
+  else
+    std::printf("rule         %s\ndestination  %s\nprocessed    %s (type %d)\nnext hop     %s: %s\n",
+                found.rule.c_str(), found.destination.c_str(), sidesOf(found.iType), found.iType,
+                found.hop.c_str(), found.why.c_str());
+  return kYes;
 }
 
 }  // namespace
@@ -113,23 +150,18 @@ int explainCall(const sContext& context) {
   const std::string caller = withHost(context.words[0]);
   const std::string dialled = withHost(context.words[1]);
   if (MySip::sipNameInDOSList(caller) && !MySip::sipNameInAOSList(caller))
-    return refused(context, "DOSExpressions bars the caller and no AOSExpressions excepts it");
+    return refused(context, "503 Service Unavailable",
+                   "DOSExpressions bars the caller and no AOSExpressions excepts it");
 
+  const std::string name = context.words.size() > 2 ? context.words[2] : "";
+  const sInvite invite(caller, dialled, name);
+  const int slot = slotFor(invite, caller);
+  if (slot < 0)
+    return refused(context, "486 Busy Here",
+                   "with InviteShouldMatchPairPhoneName=1 a phone's name must have a slot: " + firstReason());
+  takeRecords();
   sExplanation found;
-  if (!explain(caller, dialled, context.words.size() > 2 ? context.words[2] : "", found)) {
-    for (const std::string& record : takeRecords()) std::fprintf(stderr, "%s\n", record.c_str());
-    return refused(context, "no rule can be applied");
-  }
-  if (context.bJson) {
-    std::printf(
-        "{\"accepted\": true, \"rule\": %s, \"destination\": %s, \"type\": %d, \"next_hop\": %s, \"why\": "
-        "%s}\n",
-        jsonText(found.rule).c_str(), jsonText(found.destination).c_str(), found.iType,
-        jsonText(found.hop).c_str(), jsonText(found.why).c_str());
-    return kYes;
-  }
-  std::printf("rule         %s\ndestination  %s\nprocessed    %s (type %d)\nnext hop     %s: %s\n",
-              found.rule.c_str(), found.destination.c_str(), sidesOf(found.iType), found.iType,
-              found.hop.c_str(), found.why.c_str());
-  return kYes;
+  if (explain(slot, invite, name, found)) return print(context, found);
+  for (const std::string& record : takeRecords()) std::fprintf(stderr, "%s\n", record.c_str());
+  return refused(context, "503 Service Unavailable", "no rule can be applied");
 }

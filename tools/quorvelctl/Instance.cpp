@@ -13,6 +13,7 @@
 #include "app/config/Settings.h"
 #include "common/Handle.h"
 #include "tools/quorvelctl/Context.h"
+#include "tools/quorvelctl/LogFile.h"
 
 namespace {
 
@@ -20,6 +21,8 @@ namespace {
 constexpr int kSecondInterruptAfterMilliseconds = 300;
 // It takes two seconds to say good-bye to everybody.
 constexpr int kSecondsToEnd = 10;
+// What the log may grow by while a reload is waited for, with SipDebug=1 and calls up.
+constexpr std::size_t kMostOfReload = 4 << 20;
 
 void pauseMilliseconds(long milliseconds) {
   const timespec pause{milliseconds / 1000, milliseconds % 1000 * 1'000'000};
@@ -30,18 +33,6 @@ int notRunning(const sContext& context) {
   if (context.bJson) std::puts("{\"running\": false}");
   return fail("Quorvel%s%s is not running", context.instance.empty() ? "" : " instance ",
               context.instance.c_str());
-}
-
-// Drain mode has no end but the process's own, so its log line since the last start tells.
-bool isDraining(const sContext& context) {
-  for (const char* age : {"", ".1"}) {  // the newest of the rotated logs
-    const std::string log = readFile(logPath(context) + age).value_or("");
-    const std::size_t start = log.rfind("INFO in quorvel_main, Loading Quorvel version");
-    const std::size_t drain = log.rfind("INFO in sigUsr2Handle, Got shutdown request");
-    if (drain == std::string::npos && start == std::string::npos) continue;
-    return drain != std::string::npos && (start == std::string::npos || drain > start);
-  }
-  return false;
 }
 
 std::string callsText(int calls) {
@@ -58,13 +49,15 @@ std::optional<int> secondsOf(const sContext& context, int otherwise) {
   return seconds;
 }
 
-// Waits until no call is up. The number of calls that are left, or nothing when the process does not say.
+// Waits until no call is up. The number of calls that are left, or nothing when the process does not say it
+// twice in a row: then it would not end its calls either.
 std::optional<int> waitForCalls(const sContext& context, pid_t process, int seconds) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  for (;;) {
+  for (bool isSilent = false;;) {
     const std::optional<int> calls = askActiveCalls(context, process);
     if (calls == 0 || findProcess(context) != process) return 0;
-    if (std::chrono::steady_clock::now() >= end) return calls;
+    if (std::chrono::steady_clock::now() >= end || (!calls && isSilent)) return calls;
+    isSilent = !calls;
     if (!context.bJson)
       std::fprintf(stderr, "%s up\n", calls ? callsText(*calls).c_str() : "unknown how many calls are");
     pauseMilliseconds(1000);
@@ -119,22 +112,31 @@ bool ownsSignallingPort(pid_t process) {
 }
 
 // The log tells that the process begins to read, and then only what is wrong.
-int waitForReload(const sContext& context, const std::string& path, std::size_t before) {
+int waitForReload(const sContext& context, const std::string& path, std::uint64_t before) {
   const std::string begun = "Going to reload configuration file \"" + path + "\"";
   for (int tenth = 0; tenth < 30; ++tenth) {
     pauseMilliseconds(100);
-    const std::string log = readFile(logPath(context)).value_or("");
-    const std::size_t at = log.find(begun, log.size() < before ? 0 : before);
+    const std::size_t at = readFileFrom(logPath(context), before, kMostOfReload).find(begun);
     if (at == std::string::npos) continue;
     pauseMilliseconds(500);
-    const std::string after = readFile(logPath(context)).value_or("").substr(at);
-    if (after.find("problem reading parameters from") == std::string::npos) return kYes;
+    const std::string after = readFileFrom(logPath(context), before, kMostOfReload);
+    if (after.find("problem reading parameters from", at) == std::string::npos) return kYes;
     return fail("the process could not read the file: see its log");
   }
   return fail("the process was told to reload, but its log does not say that it did");
 }
 
 }  // namespace
+
+// Drain mode has no end but the process's own, so its log line since the last start tells.
+bool isDraining(const sContext& context) {
+  for (const char* age : {"", ".1"}) {  // the newest of the rotated logs
+    const auto drained = occursLast(logPath(context) + age, "INFO in sigUsr2Handle, Got shutdown request",
+                                    "INFO in quorvel_main, Loading Quorvel version");
+    if (drained) return *drained;
+  }
+  return false;
+}
 
 int showStatus(const sContext& context) {
   const auto process = findProcess(context);
@@ -178,7 +180,7 @@ int reloadInstance(const sContext& context) {
     return fail("the process does not listen on %s:%d: addresses and ports change by a restart only",
                 pcSipUAIPForBinding.c_str(), iSipUAPort);
   const std::string path = std::filesystem::absolute(context.configuration).string();
-  const std::size_t before = readFile(logPath(context)).value_or("").size();
+  const std::uint64_t before = sizeOfFile(logPath(context));
   if (!sendDatagram("800-QUORVEL-RELOAD " + path + "\r\n"))
     return fail("no datagram can be sent to %s:%d", pcSipUAIPForBinding.c_str(), iSipUAPort);
   return waitForReload(context, path, before);
@@ -191,13 +193,17 @@ int stopInstance(const sContext& context) {
   if (!process) return notRunning(context);
   if (*seconds > 0) {
     if (kill(*process, SIGUSR2) != 0) return fail("process %d cannot be signalled", *process);
-    waitForCalls(context, *process, *seconds);
+    if (!waitForCalls(context, *process, *seconds))
+      std::fputs("the process does not say how many calls are up; it is told to end now\n", stderr);
   }
   if (findProcess(context) != process) return kYes;  // ended by itself meanwhile
   if (kill(*process, SIGINT) != 0) return fail("process %d cannot be signalled", *process);
   pauseMilliseconds(kSecondInterruptAfterMilliseconds);
   if (findProcess(context) == process)
     (void)kill(*process, SIGINT);  // an accepted first one makes it ignore the second
-  if (!endsWithin(context, *process, kSecondsToEnd)) return fail("process %d does not end", *process);
+  if (!endsWithin(context, *process, kSecondsToEnd))
+    return fail(
+        "process %d was told to end, but is still there after %d seconds; SIGKILL ends it and its calls",
+        *process, kSecondsToEnd);
   return kYes;
 }

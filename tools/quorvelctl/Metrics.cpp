@@ -1,6 +1,7 @@
 // The state of an instance for Prometheus's textfile collector, from what the process shows: signals, its
 // entry in /proc, the statistics file, the page of average figures and the log.
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -8,14 +9,19 @@
 
 #include "app/config/Settings.h"
 #include "tools/quorvelctl/CallPage.h"
+#include "tools/quorvelctl/LogFile.h"
 
 namespace {
 
-std::size_t occurrences(const std::string& text, std::string_view what) {
+std::size_t occurrences(std::string_view text, std::string_view what) {
   std::size_t count = 0;
-  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size()))
+  for (std::size_t at = text.find(what); at != std::string_view::npos; at = text.find(what, at + what.size()))
     ++count;
   return count;
+}
+
+std::size_t linesThatBegin(std::string_view text, const std::string& beginning) {
+  return occurrences(text, "\n" + beginning) + (text.starts_with(beginning) ? 1 : 0);
 }
 
 // Writes the lines; every name gets the prefix, and the instance as its label.
@@ -84,6 +90,7 @@ void addProcess(MetricsText& out, const sContext& context, std::optional<pid_t> 
   if (!process) return;
   if (const auto calls = askActiveCalls(context, *process))
     out.add("active_calls", "gauge", "Calls that are up.", *calls);
+  out.add("draining", "gauge", "1 while new calls are refused.", isDraining(context) ? 1 : 0);
   const sProcessState state = stateOf(*process);
   out.add("cpu_seconds_total", "counter", "CPU time of the process.", state.dCpuSeconds);
   out.add("resident_memory_bytes", "gauge", "Resident memory.", state.dResidentBytes);
@@ -126,9 +133,7 @@ sEndedCalls readStatistics(const std::string& text) {
 
 void addEndedCalls(MetricsText& out) {
   if (pcStatisticsFile.empty()) return;
-  const auto text = readFile(pcStatisticsFile.c_str());
-  if (!text) return;
-  const sEndedCalls sums = readStatistics(*text);
+  const sEndedCalls sums = readStatistics(readFile(pcStatisticsFile.c_str()).value_or(""));
   out.add("calls_opened_total", "counter", "Calls whose media was opened.", sums.dOpened);
   out.add("calls_closed_total", "counter", "Calls whose media was closed.", sums.dClosed);
   out.add("call_seconds_total", "counter", "Length of the closed calls.", sums.dSeconds);
@@ -164,12 +169,16 @@ void addRunningCalls(MetricsText& out) {
 // ---- The log ----
 
 void addLog(MetricsText& out, const sContext& context) {
-  const auto log = readFile(logPath(context));
-  if (!log) return;
+  constexpr std::array kLevels = {"WARNING", "ERROR"};
+  std::array<std::size_t, kLevels.size()> counts{};
+  forEachBlock(logPath(context), [&](std::string_view block) {
+    for (std::size_t level = 0; level < kLevels.size(); ++level)
+      counts[level] += linesThatBegin(block, " " + std::string(kLevels[level]) + " in ");
+  });
   out.head("log_records_total", "counter", "Records in the log file since it was begun.");
-  for (const char* level : {"WARNING", "ERROR"})
-    out.sample("log_records_total", std::string(",level=\"") + level + "\"",
-               static_cast<double>(occurrences(*log, "\n " + std::string(level) + " in ")));
+  for (std::size_t level = 0; level < kLevels.size(); ++level)
+    out.sample("log_records_total", std::string(",level=\"") + kLevels[level] + "\"",
+               static_cast<double>(counts[level]));
 }
 
 // A reader must never see half of it.
@@ -193,6 +202,8 @@ int writeMetrics(const sContext& context) {
   out.add("configuration_valid", "gauge", "1 while the configuration file would be accepted.",
           isLoaded ? 1 : 0);
   if (isLoaded) {
+    out.add("calls_allowed", "gauge", "Calls that can be up at once, by the configuration file.",
+            std::min(iNumPhonesToAllocate / 2, iNumCallsToFilter));
     addEndedCalls(out);
     addRunningCalls(out);
   }
