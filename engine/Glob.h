@@ -20,6 +20,8 @@ class Glob {
   static int iCPUPower;
   // Version of the call interface the package was initialised with; channels need 2.
   static int sAPIVersion;
+  // Samples at 8 kHz from a verb's end within which a closing consonant must have ended, 2.25 s.
+  static constexpr int iMaxDistanceBetweenVerbEndToPostVconstEnd = 18000;
 
   // Order where two are held: errMutex, then timeMutex. logMutex guards nothing today.
   static std::mutex logMutex;

@@ -24,10 +24,6 @@ void InputData::openSynchronized() {
   iDcLockPosition = -1;
 }
 
-void InputData::updateRealFrequency() {
-  if (iRateFactor != pMyChannel->rateFactor()) openSynchronized();
-}
-
 bool InputData::indexExists(int iSampleTime) const {
   const int iReceived = getNumValues();
   return iSampleTime >= 0 && iSampleTime < iReceived && iSampleTime >= iReceived - kAnalysisRingSamples;

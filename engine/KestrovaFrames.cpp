@@ -92,10 +92,11 @@ int processSpk(std::uint16_t uChannel, const void* pIn, int iInBytes) {
 }
 
 // Noise that the echo stage has just lowered is no measure of the line's background.
-int processNoiseBehindEcho(std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut,
+int processMicAheadOfNoise(std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut,
                            sKestrovaFrameResult* pResult) {
+  const int iError = processMic(uChannel, pIn, iInBytes, pOut, pResult);
   api::noiseChannel(uChannel).iEchoGain = api::micEntry(uChannel).iEchoGain;
-  return processNoise(uChannel, pIn, iInBytes, pOut, pResult);
+  return iError;
 }
 
 using Stage = int (*)(std::uint16_t, const void*, int, void*, sKestrovaFrameResult*);
@@ -136,7 +137,7 @@ int KestrovaComboAECNRProcessFrame(uint16_t channel, const void* in, int32_t inB
                                    sKestrovaFrameResult* result) {
   if (!isCall(channel, out, result)) return kBadChannelOrProcessing;
   return guarded(kBadChannelOrProcessing, [&] {
-    return processBoth(processMic, processNoiseBehindEcho, channel, in, inBytes, out, result);
+    return processBoth(processMicAheadOfNoise, processNoise, channel, in, inBytes, out, result);
   });
 }
 

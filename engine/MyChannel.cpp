@@ -138,13 +138,15 @@ void MyChannel::storeFormat(const sKestrovaInit& init) {
 }
 
 void MyChannel::storeNoiseShaping(const sKestrovaInit& init) {
-  const int iStart = percentToQ7(std::max(init.sCNGInitialValue, init.sCNGEndValue));
+  constexpr int kFullPercent = 100;  // what is kept of silence and of a spurt's end is never lifted
+  const auto level = [=](int iPercent) { return percentToQ7(std::min(iPercent, kFullPercent)); };
+  const int iStart = level(std::max(init.sCNGInitialValue, init.sCNGEndValue));
   psNoiseShaping[kCngStart] = iStart;
   psNoiseShaping[kCngStep] = percentToQ7(init.sCNGStep);
-  psNoiseShaping[kCngEnd] = percentToQ7(init.sCNGEndValue);
+  psNoiseShaping[kCngEnd] = level(init.sCNGEndValue);
   psNoiseShaping[kBurstEndDecrease] = percentToQ7(init.sBurstEndDecrease);
   psNoiseShaping[kBurstEndMode] = init.sBurstEndMode;
-  psNoiseShaping[kBurstEndLowerValue] = std::max(percentToQ7(init.sBurstEndLowerValue), iStart);
+  psNoiseShaping[kBurstEndLowerValue] = std::max(level(init.sBurstEndLowerValue), iStart);
   psNoiseShaping[kBurstEndStep] = percentToQ7(init.sBurstEndStep);
 }
 
@@ -202,7 +204,10 @@ void MyChannel::storeAecSettings(const sKestrovaInit& init) {
 
 void MyChannel::updateRealFrequency() {
   iSamplesPerFrameAtRate = rateFactor() * iFrameSize;
-  if (pInputData) pInputData->updateRealFrequency();
+  if (!pInputData || pInputData->rateFactor() == rateFactor()) return;
+  // Everything that holds sample times starts over with the input stage.
+  pInputData->openSynchronized();
+  if (bInitialized) pMyClean->restartStream();
 }
 
 void MyChannel::setMaxNumCyclesInDelayBuffer(int iCycles) {

@@ -118,6 +118,8 @@ class MyChannel {
   int iMinAmplitudeForPotentialSegment = 500;
   bool bRegistrationRunning = false;
   Registration::Outcome registrationOutcome = Registration::Outcome::kTooShort;  // of the last one
+  // How verbs are checked for being the learned talker's. No setting of the interface reaches these three:
+  // a program that owns the channel may set them after init.
   bool bSeparationOff = false;     // learned spectra are not consulted
   bool bSeparationLoose = false;   // verbs are checked less strictly: the separation decides
   bool bSeparationStrict = false;  // verbs are checked more strictly

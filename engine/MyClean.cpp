@@ -36,6 +36,7 @@ bool MyClean::isStreamWorn() const {
 void MyClean::restartStream() {
   pMyChannel->pInputData->openSynchronized();
   pMyChannel->pOutputData->openSynchronized();
+  pMyChannel->iLastEchoPosition = MyChannel::kNoEchoPosition;
   beforeCleaning();
 }
 
@@ -44,15 +45,16 @@ int MyClean::cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* p
   if (isStreamWorn()) restartStream();
   pMyChannel->pInputData->addData(pIn, iInBytes, bIs16Bit);
   bool bMore = true;
+  int iError = 0;
   // Cycle by cycle, so that the result does not depend on how the stream is cut into frames.
   for (pMyChannel->pFirstScan->handleNextFrame(&bMore); bMore;
        pMyChannel->pFirstScan->handleNextFrame(&bMore)) {
     if (!pMyChannel->pFirstScan->isActive()) continue;
-    if (const int iError = outputResults(); iError != 0) return iError;
-    if (pMyChannel->psSbt[0]) pMyChannel->psSbt[0]->afterFrameProcessed();
+    if (iError == 0) iError = outputResults();
+    if (iError == 0 && pMyChannel->psSbt[0]) pMyChannel->psSbt[0]->afterFrameProcessed();
   }
   *piOutBytes = pMyChannel->pOutputData->take(pOut, iInBytes / (bIs16Bit ? 2 : 1), pMyChannel->b16Bit);
-  return 0;
+  return iError;
 }
 
 int MyClean::outputResults() {
@@ -76,6 +78,7 @@ int MyClean::writeCycle(cHandle cycle) {
   OutputData& output = *pMyChannel->pOutputData;
   if (info.bTone) iLastTonePosition = info.EndIndex;
   if (info.EndIndex - iLastTonePosition < kAfterToneSamples) return output.writeDTMF(cycle);
+  if (pMyChannel->bBypassVAD) return output.writeData(cycle);
   if (!info.bInVerb) return output.writeSilence(cycle);
   const sSegment* pSegment = pMyChannel->pFirstScan->findSegment(info.StartIndex);
   const bool bOtherTalker = pSegment != nullptr && pSegment->type == kOtherVerb;

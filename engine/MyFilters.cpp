@@ -234,6 +234,14 @@ void MyFilters::addMagnitudes(int n, std::span<double> dSpectrum) const {
   }
 }
 
+// Zeros, as a muted line sends them, are no background; nor is what the echo stage has lowered.
+bool MyFilters::tellsBackground(int iFirst, int iLast, int iBlocks) const {
+  constexpr int kNoMeasurement = 1;
+  const CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  return iFirst > pMyChannel->iLastEchoPosition &&
+         cycles.calcAmp(cycles.cycleOf(iLast), iBlocks) > kNoMeasurement;
+}
+
 // The background may have become quieter: a bin that stays below its noise for a while pulls the noise down.
 void MyFilters::followDown(std::span<const double> dMagnitude, bool bFollow,
                            sSpectralNoiseType& noise) const {
@@ -337,10 +345,12 @@ std::span<const double> MyFilters::calcCleanFrame(int iFirst, int iBlocks, const
   std::fill(dMagnitude.begin(), dMagnitude.end(), 0.0);
   addMagnitudes(iLength, dMagnitude);
   for (double& dValue : dMagnitude) dValue = std::max(dValue, 1.0);
-  if (noise.hasEstimate()) followDown(dMagnitude, iFirst > pMyChannel->iLastEchoPosition, noise);
   followPower(dMagnitude, noise);
   const bool bSeparates = separates();
-  if (noise.iSubtractFactor >= 2 || bSeparates) subtractNoise(dMagnitude, iBlocks, protection, noise);
+  if (noise.iSubtractFactor >= 2 || bSeparates) {
+    if (noise.hasEstimate()) followDown(dMagnitude, tellsBackground(iFirst, iLast, iBlocks), noise);
+    subtractNoise(dMagnitude, iBlocks, protection, noise);
+  }
   if (bSeparates) separateVoice(iLength, iFirst, iLast);
   executeIFFT(iLength, pdWork.data());
   const double dScale = 2.0 / iLength;

@@ -84,6 +84,7 @@ class MyFilters {
   [[nodiscard]] bool validateFFTHistogram(bool bStrict, const Histogram& h) const;
 
  private:
+  [[nodiscard]] bool tellsBackground(int iFirst, int iLast, int iBlocks) const;
   void followDown(std::span<const double> dMagnitude, bool bFollow, sSpectralNoiseType& noise) const;
   void computeGains(std::span<const double> dMagnitude, sSpectralNoiseType& noise);
   void smoothGains(int iBins, int iBlocks);

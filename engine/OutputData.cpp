@@ -41,15 +41,16 @@ void OutputData::clean() {
   protection = {};
   bCertain = false;
   iSpeechCycles = 0;
+  iPresumedUntil = -1;
   iQueueRead = iQueued = 0;
   MyFilters::initializeSpectralNoise(psNoise[0]);
   echo = sEcho{};
 }
 
 int OutputData::closeOutput() const {
-  const int iPending = pMyChannel->pInputData->getNumValues() - (iLastWritten + 1);
-  const int iAllowed = pMyChannel->iMaxNumCyclesInDelayBuffer * kCycleSamples + pMyChannel->iFrameSize;
-  return iPending >= 0 && iPending <= iAllowed ? 0 : 1;
+  // Samples that do not fill a cycle yet were not analysed.
+  const int iPending = pMyChannel->pCycleInformation->lastSampleTime() - iLastWritten;
+  return iPending >= 0 && iPending <= pMyChannel->iMaxNumCyclesInDelayBuffer * kCycleSamples ? 0 : 1;
 }
 
 void OutputData::setBlocks(int iCycles) {
@@ -112,12 +113,7 @@ int OutputData::take(void* pOut, int iCount, bool bIs16Bit) {
 
 int OutputData::writeData(cHandle cycle) {
   if (!begin(cycle)) return 0;
-  calcNoiseData();
-  // Strong cleaning never lets go of the background altogether.
-  constexpr int kStrongCleaning = 10;
-  if (pMyChannel->sCleanAggressiveLevel >= kStrongCleaning || pMyChannel->bRegistrationRunning) {
-    psNoise[0].iSubtractFactor = std::max(psNoise[0].iSubtractFactor, 2);
-  }
+  prepareNoise();
   // What is still in the frames was computed for silence.
   if (iSpeechCycles++ == 0) overlap.restart();
   protection = protectionOfSpeech();
@@ -142,7 +138,7 @@ int OutputData::writeSilence(cHandle cycle) {
     std::fill_n(psCycle.begin(), iSamples, sSilenceValue);
     overlap.restart();
   } else {
-    calcNoiseData();
+    prepareNoise();
     removeNoise();
     applyGain(productQ7(agcWhenOn(), iLevel));
   }
@@ -183,10 +179,19 @@ int OutputData::voiceCoef() const {
   return std::max(iSpeaker * kUnityQ7 / iNow, pMyChannel->psNoiseShaping[kBurstEndLowerValue]);
 }
 
+// Speech that is only presumed comes before the verb that will make it confident, and a bypassed decision
+// makes nothing confident.
+int OutputData::postGoodVerbCoef() {
+  constexpr int kHoldSamples = kAnalysisRate;  // as long as the gain stands after confident speech
+  if (pMyChannel->pCycleInformation->at(current).bPresumed) iPresumedUntil = iTime + kHoldSamples;
+  if (pMyChannel->bBypassVAD || iTime <= iPresumedUntil) return kUnityQ7;
+  return pMyChannel->pMySubState->calculatePostGoodVerbCoef128(iTime);
+}
+
 void OutputData::calcCoefDuringWriteData() {
   const auto& piShaping = pMyChannel->psNoiseShaping;
   const int iLower = piShaping[kBurstEndLowerValue];
-  const int iPost = pMyChannel->pMySubState->calculatePostGoodVerbCoef128(iTime);
+  const int iPost = postGoodVerbCoef();
   const int iTarget = std::min(std::min(voiceCoef(), iPost) + piShaping[kBurstEndStep], kUnityQ7);
   if (bFirstSpeech) {
     bFirstSpeech = false;

@@ -76,8 +76,9 @@ class OutputData {
   [[nodiscard]] const sSpectralNoiseType& noise() const { return *psNoise.data(); }
 
  private:
-  static constexpr int kQueueSamples = 2 * (kMaxFrameBytes / 2);
   static constexpr int kMaxCycleSamples = kCycleSamples * kMaxRateFactor;
+  // A frame of 8-bit samples, and what is released at once when the delay is cut from its longest.
+  static constexpr int kQueueSamples = kMaxFrameBytes + (kMaxDelayCycles + 1) * kMaxCycleSamples;
   using Cycle = std::span<std::int16_t>;
 
   [[nodiscard]] bool begin(cHandle cycle);
@@ -87,6 +88,7 @@ class OutputData {
 
   // Noise
   [[nodiscard]] int speechLevel() const;
+  void prepareNoise();
   void calcNoiseData();
   void updateSubtractFactor(int iLevel);
   void estimateNoise(int iLevel);
@@ -107,6 +109,7 @@ class OutputData {
   // Gains
   [[nodiscard]] int agcLevel() const;
   [[nodiscard]] int voiceCoef() const;
+  [[nodiscard]] int postGoodVerbCoef();
   void calcCoefDuringWriteData();
   void stepComfortNoise();
   [[nodiscard]] int agcWhenOn() { return agcEnabled() ? updateAGCCoef() : iAgcCoef; }
@@ -149,9 +152,10 @@ class OutputData {
   sEcho echo;
 
   sOverlap overlap;
-  sProtection protection;  // of the frames that are computed now
-  int iSpeechCycles = 0;   // written since silence
-  bool bCertain = false;   // that there is speech in them
+  sProtection protection;   // of the frames that are computed now
+  int iSpeechCycles = 0;    // written since silence
+  int iPresumedUntil = -1;  // sample time up to which the speech gain waits for a verb
+  bool bCertain = false;    // that there is speech in them
   ZeroedArray<sSpectralNoiseType> psNoise;
 
   std::array<std::int16_t, kQueueSamples> psQueue{};

@@ -37,6 +37,15 @@ int OutputData::speechLevel() const {
   return pMyChannel->pFirstScan->voiceLevel();
 }
 
+void OutputData::prepareNoise() {
+  calcNoiseData();
+  // Strong cleaning never lets go of the background altogether.
+  constexpr int kStrongCleaning = 10;
+  if (pMyChannel->sCleanAggressiveLevel >= kStrongCleaning || pMyChannel->bRegistrationRunning) {
+    psNoise[0].iSubtractFactor = std::max(psNoise[0].iSubtractFactor, 2);
+  }
+}
+
 void OutputData::calcNoiseData() {
   if (!bSpectralAllowed || iTime < kCycleSamples * iBlocks) return;
   const int iLevel = speechLevel();
@@ -86,8 +95,7 @@ bool OutputData::isNoise(cHandle last, int k, int iLevel, int iAmp, bool bRecent
   } else {
     if (iLevel > 0 && iAmp * kUnityQ7 >= iLevel * kMaxNoiseOfSpeaker) return false;
     for (int i = 0; i <= k; ++i) {
-      const sCycleInformation& cycle = cycles.at(CycleInformation::before(last, i));
-      if (cycle.bInVerb || cycle.bRisen) return false;
+      if (cycles.at(CycleInformation::before(last, i)).bInVerb) return false;
     }
   }
   if (!bRecent) return true;

@@ -62,7 +62,7 @@ struct sCycleInformation {
   bool bInVerb = false;      // set by the segment detector
   bool bInSelfVerb = false;  // of a periodic, speech-like stretch
   bool bInGoodVerb = false;  // of a stretch that belongs to the channel's own voice
-  bool bRisen = false;       // stood out from the steady background
+  bool bPresumed = false;    // written as speech, though no verb has confirmed it
   float fRise = 0;           // by how much, from here on (SpectralRise); known when the cycle is written
   bool bTone = false;        // a DTMF digit was present
 };

@@ -46,6 +46,7 @@ void FirstScan::clean() {
   rise.clean();
   fScores.fill(0);
   guard = OnsetGuard{};
+  iFlatCycles = 0;
   iReleased = -1;
   iReleasedTime = -kCycleSamples;
   bSelfVerb = false;
@@ -83,10 +84,9 @@ void FirstScan::handleNextFrame(bool* pbMore) {
   }
   const sCycleInformation& newest = cycles.at(cycles.newest());
   comparator.push(std::span(pMyChannel->pInputData->cycleSamples(newest.StartIndex), kCycleSamples));
-  floor.push(cycles.calcAmp(cycles.newest(), kElementCycles));
-  scoreRise();
+  followBackground(cycles.calcAmp(cycles.newest(), kElementCycles));
   while (canCompare()) analyzeNextComparison();
-  followLoudness();
+  if (!pMyChannel->bBypassVAD) followLoudness();
   releaseCycle();
   closeFrame();
 }
@@ -100,20 +100,27 @@ void FirstScan::handleEchoCycle() {
   if (iReleasedTime >= 0) iReleased = cycles.cycleOf(iReleasedTime);
 }
 
-// A cycle that a risen span covers may hold speech: the background is not learned from it.
+// Zeros that fill a short gap in the stream are no background; a line that stays silent is.
+void FirstScan::followBackground(int iSpread) {
+  constexpr int kLongestGapCycles = 125;  // 0.5 s
+  iFlatCycles = iSpread > 1 ? 0 : iFlatCycles + 1;
+  if (iFlatCycles > 0 && iFlatCycles <= kLongestGapCycles && floor.floor() > NoiseFloor::kLowest) {
+    fScores[static_cast<std::size_t>(pMyChannel->pCycleInformation->newest()) % kScores] = 0;
+    return;
+  }
+  floor.push(iSpread);
+  scoreRise();
+}
+
 void FirstScan::scoreRise() {
-  CycleInformation& cycles = *pMyChannel->pCycleInformation;
+  const CycleInformation& cycles = *pMyChannel->pCycleInformation;
   const int iFirst = cycles.lastSampleTime() + 1 - SpectralRise::kSpanSamples;
   if (iFirst < 0) return;
   std::array<double, SpectralRise::kSpanSamples> dSamples;
   for (int i = 0; i < SpectralRise::kSpanSamples; i += kCycleSamples) {
     std::copy_n(pMyChannel->pInputData->cycleSamples(iFirst + i), kCycleSamples, dSamples.begin() + i);
   }
-  const float fScore = rise.push(dSamples);
-  fScores[static_cast<std::size_t>(cycles.newest()) % kScores] = fScore;
-  if (fScore < SpectralRise::kQuiet) return;
-  for (int i = 0; i < kElementCycles; ++i)
-    cycles.at(CycleInformation::before(cycles.newest(), i)).bRisen = true;
+  fScores[static_cast<std::size_t>(cycles.newest()) % kScores] = rise.push(dSamples);
 }
 
 // Score of the seven cycles from iTime on, or as many as there are.
@@ -145,18 +152,21 @@ void FirstScan::releaseCycle() {
   iReleased = cycles.cycleOf(iTime);
   sCycleInformation& cycle = cycles.at(iReleased);
   cycle.fRise = riseFrom(iTime);
+  if (pMyChannel->bBypassVAD) return;
   const sSegment* pSegment = cycle.bInVerb ? findSegment(iTime) : nullptr;
-  const bool bRejected = pSegment != nullptr && pSegment->type == kOtherVerb;
+  const auto isOf = [&](POTENTIAL_SEGMENT_TYPE type) {
+    return pSegment != nullptr && pSegment->type == type;
+  };
+  const bool bOther = isOf(kOtherVerb) || isOf(kOtherVerbInBurst);
   const OnsetGuard::sCycle judged{
-      .bInSegment = cycle.bInVerb && !bRejected,
+      .bInSegment = cycle.bInVerb && !bOther,
       .bRepeating = bExamining && examined().iNumMatches >= 2 && iTime >= examined().iStartTime,
       .iSpread = spreadFrom(iTime, kElementCycles),
       .fRise = cycle.fRise};
-  const OnsetGuard::Verdict verdict =
-      pMyChannel->bBypassVAD ? OnsetGuard::Verdict::kPresumed : guard.judge(judged);
-  if (bRejected && !pMyChannel->bBypassVAD) return;
-  cycle.bInVerb = verdict != OnsetGuard::Verdict::kSilence;
-  if (verdict == OnsetGuard::Verdict::kPresumed) pMyChannel->pMySubState->presumeGood(cycle.EndIndex);
+  const OnsetGuard::Verdict verdict = guard.judge(judged);
+  if (isOf(kOtherVerb)) return;
+  cycle.bInVerb = isOf(kOtherVerbInBurst) || verdict != OnsetGuard::Verdict::kSilence;
+  cycle.bPresumed = verdict == OnsetGuard::Verdict::kPresumed;
 }
 
 // The self-verb flag tells of the present only.

@@ -105,6 +105,7 @@ class FirstScan {
   void closeFrame();
   void followLoudness();
   void handleEchoCycle();
+  void followBackground(int iSpread);
   void scoreRise();
   [[nodiscard]] float riseFrom(int iTime) const;
   [[nodiscard]] bool canCompare() const;
@@ -145,7 +146,7 @@ class FirstScan {
   void keepExamined();
 
   MyChannel* pMyChannel = nullptr;
-  sDetection detection = detectionOfLevel(4);
+  sDetection detection = detectionOfLevel(3);
 
   // Closed segments, oldest first, then the one that is examined.
   ZeroedArray<sSegment> psSegments;
@@ -176,6 +177,7 @@ class FirstScan {
   static constexpr int kScores = 66;  // divides the ring of 726
   std::array<float, kScores> fScores{};
   OnsetGuard guard;
+  int iFlatCycles = 0;  // in a row, up to the newest
   cHandle iReleased = -1;
   int iReleasedTime = -kCycleSamples;  // its first sample
 

@@ -89,12 +89,12 @@ bool FirstScan::tooManyFluctuations(int iTime) const {
 }
 
 bool FirstScan::cycleParametersMatchSegment(int iTime, int iSpread, int iRequired, sSegment* pSegment) {
-  if (pSegment->iNumMatches >= kMaxMatches - 1) return false;
+  if (pSegment->iNumMatches >= kMaxMatches) return false;
   if (bGoingDown) {
     if (iSpread * 100 > iReferenceSpread * 116) return false;
   } else if (pSegment->iNumMatches > 0) {
     if (iSpread > 2 * iReferenceSpread) return false;
-    if (iSpread < iReferenceSpread - iReferenceSpread * 16 / 100) {
+    if (iSpread < iReferenceSpread - iSpread * 16 / 100) {
       bGoingDown = true;
       iReferenceSpread = iSpread;
     }

@@ -33,14 +33,17 @@ class Detector {
   [[nodiscard]] int at(int i) const { return values[static_cast<std::size_t>(i)]; }
   [[nodiscard]] int& extreme() { return iDirection > 0 ? iHigh : iLow; }
 
-  // Before the first turning point both extremes are followed.
+  // Before the first turning point both extremes are followed. The value that confirms the point belongs to
+  // the swing after it, not to the opening.
   void open(int i) {
+    const int iLowBefore = iLow;
+    const int iHighBefore = iHigh;
     if (at(i) > at(iHigh)) iHigh = i;
     if (at(i) < at(iLow)) iLow = i;
     if (at(i) - at(iLow) >= out.threshold) {
-      begin(iLow, iHigh == i ? 0 : iHigh, +1, i);
+      begin(iLow, iHighBefore, +1, i);
     } else if (at(iHigh) - at(i) >= out.threshold) {
-      begin(iHigh, iLow == i ? 0 : iLow, -1, i);
+      begin(iHigh, iLowBefore, -1, i);
     }
   }
 
@@ -150,10 +153,16 @@ const MyMath::WorkPoints& MyMath::calculateFluctuationsInformation1(std::span<co
 }
 
 std::int16_t MyMath::calculateMeanVal(const sFluctuationInformation& level) {
-  if (level.nsegments == 0) return 0;
-  int iSum = 0;
-  for (int k = 0; k < level.nsegments; ++k) iSum += level.points[static_cast<std::size_t>(k)].lval;
-  return static_cast<std::int16_t>(iSum / level.nsegments);
+  constexpr int kGroup = 10;  // points that are added up before the division
+  int iMean = 0;
+  for (int iFirst = 0; iFirst < level.nsegments; iFirst += kGroup) {
+    int iSum = 0;
+    for (int k = iFirst; k < std::min<int>(iFirst + kGroup, level.nsegments); ++k) {
+      iSum += level.points[static_cast<std::size_t>(k)].lval;
+    }
+    iMean += iSum / level.nsegments;
+  }
+  return static_cast<std::int16_t>(iMean);
 }
 
 std::int16_t MyMath::calculateNumValCrossing(int v, const sFluctuationInformation& level) {

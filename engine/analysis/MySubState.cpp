@@ -4,15 +4,13 @@
 #include <cmath>
 #include <numbers>
 
+#include "engine/Glob.h"
 #include "engine/MyChannel.h"
 
 namespace {
 
-// A burst is over when this much has passed since its last good verb: the distance up to which a closing
-// consonant may follow a vowel.
-constexpr int kBurstSamples = 18000;
-// Where the last good end stands when a burst begins: just beyond that distance.
-constexpr int kNoGoodEnd = -18018;
+// Where the last good end stands when a burst begins: just farther back than a closing consonant may end.
+constexpr int kNoGoodEnd = -Glob::iMaxDistanceBetweenVerbEndToPostVconstEnd * 1001 / 1000;
 
 // What a verb needs to be checked: matches, the share of them that may be revoked, and whether it must differ
 // from the background. Where the separation decides in the end, the check is loose; where it must not be
@@ -84,10 +82,9 @@ class PeriodSpectrum {
     for (int k = 2; k < iBins; ++k) {
       fValley = std::min(fValley, at(k));
       const float fHalf = at(k) / 2;
-      // A period that is not a whole number of samples spreads a harmonic over two bins.
-      const float fNext = std::min(at(k + 1), at(std::min(k + 2, iBins)));
+      const float fNext = at(k + 1);
       fLargest = std::max(fLargest, at(k));
-      if (at(k) < at(k - 1) || at(k) < at(k + 1)) continue;
+      if (at(k) < at(k - 1)) continue;
       if (fHalf <= fValley || fHalf <= fNext) continue;
       if (at(k) <= 0.2F * fPrevious || at(k) <= 0.05F * fLargest) continue;
       ++iPeaks;
@@ -122,7 +119,7 @@ void MySubState::clean() {
   MyChannel* pChannel = pMyChannel;
   *this = MySubState{};
   pMyChannel = pChannel;
-  iLastGoodEnd = iPresumedEnd = kNoGoodEnd;
+  iLastGoodEnd = kNoGoodEnd;
 }
 
 // ---- Bursts
@@ -141,15 +138,10 @@ bool MySubState::staysInBurst() const {
   return iBad <= (burstState == kConfident ? kMaxBadWhenConfident : kMaxBadWhenRunning);
 }
 
-void MySubState::expireBurst(int iTime) {
-  if (burstState == kConfident && iTime - iLastGoodEnd > kBurstSamples) stopBurst();
-}
-
 // ---- Self verbs
 
 void MySubState::updateNewSelfVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment* pSegment, int iRevoked) {
   *pType = kSelfVerb;
-  expireBurst(pSegment->iStartTime);
   if (burstState == kNoBurst) {
     pMyChannel->pFirstScan->startAmplitudeOfNewBurst();
     startNewBurst();
@@ -196,7 +188,7 @@ bool MySubState::isLearnedVoice(sSegment* pSegment) const {
       return verdict == SourceSeparation::Verdict::kLearnedVoice;
     }
   }
-  if (!pMyChannel->pFftSchema->validEntry()) return true;
+  if (!pMyChannel->pFftSchema->validEntry()) return false;
   float fDrift;
   return pMyChannel->pFftSchema->findWinnerSchema(pSegment->last, &pSegment->iWinner, &fDrift,
                                                   pMyChannel->pOutputData->noise());
@@ -245,13 +237,11 @@ void MySubState::updateGood(int iTime, int iEnd, int iAmp, int iLength, int iVal
 // ---- Other verbs
 
 void MySubState::updateNewOtherVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment* pSegment) {
-  expireBurst(pSegment->iStartTime);
   if (burstState != kNoBurst) ++iOther;
   updateExistingOtherVerbLength(pType, pSegment);
 }
 
-void MySubState::updateExistingOtherVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment* pSegment) {
-  expireBurst(pSegment->iEndTime);
+void MySubState::updateExistingOtherVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment* /*pSegment*/) {
   if (burstState != kNoBurst && !staysInBurst()) stopBurst();
   *pType = burstState == kNoBurst ? kOtherVerb : kOtherVerbInBurst;
 }
@@ -262,10 +252,10 @@ int MySubState::calculatePostGoodVerbCoef128(int iTime) const {
   const auto& piShaping = pMyChannel->psNoiseShaping;
   const int iFloor = std::max(0, piShaping[kBurstEndLowerValue]);
   const int iPeriod = std::max(1, kAnalysisRate / std::max(1, piShaping[kBurstEndMode]));
-  const int k = (iTime - std::max(iLastGoodEnd, iPresumedEnd)) / iPeriod;
+  // A verb that is still growing ends after the cycle that is written: less than a period ahead counts as 0.
+  const long k = (iTime - iLastGoodEnd) / iPeriod;
   if (k < 0) return iFloor;
-  return static_cast<int>(
-      std::clamp<long>(kUnityQ7 - static_cast<long>(k) * piShaping[kBurstEndDecrease], iFloor, kUnityQ7));
+  return static_cast<int>(std::max<long>(iFloor, kUnityQ7 - k * piShaping[kBurstEndDecrease]));
 }
 
 bool MySubState::differentFromNoise(int iPeriod, const sSegment* pSegment) const {

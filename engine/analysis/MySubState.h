@@ -28,8 +28,6 @@ class MySubState {
   // A good verb from iTime to iEnd with spread iAmp. iLength and iValue enter the good history when iLength
   // is above 0.
   void updateGood(int iTime, int iEnd, int iAmp, int iLength, int iValue);
-  // Speech up to iEnd is presumed: the speech gain stands as after a good verb, the burst is left alone.
-  void presumeGood(int iEnd) { iPresumedEnd = iEnd; }
   // Averages over the good history, 0 while it holds fewer than 4 entries.
   [[nodiscard]] int calcAvgGoodLength() const { return iAvgGoodLength; }
 
@@ -54,7 +52,6 @@ class MySubState {
   [[nodiscard]] bool hasVoicePitch(const sSegment* pSegment, int iRevoked, int* piPeriod) const;
   [[nodiscard]] bool isLearnedVoice(sSegment* pSegment) const;
   [[nodiscard]] bool staysInBurst() const;
-  void expireBurst(int iTime);
 
   MyChannel* pMyChannel = nullptr;
   BurstState burstState = kNoBurst;
@@ -62,7 +59,6 @@ class MySubState {
   int iBad = 0;
   int iOther = 0;
   int iLastGoodEnd = 0;
-  int iPresumedEnd = 0;
   std::array<sGood, kGoodHistory> asGood{};
   int iGoodWrite = 0;
   int iGoodEntries = 0;

@@ -74,6 +74,18 @@ TEST_F(CliTest, FormatsReachTheChannel) {
   EXPECT_FALSE(KestrovapMyChannels[1].b16Bit);
 }
 
+TEST_F(CliTest, ARunningChannelOutlivesAChangeOfDelayAndRate) {
+  sKestrovaInit init = defaultInit();
+  init.iSampleRate = 64000;
+  init.sMaxNumCyclesInDelayBuffer = 50;
+  ASSERT_EQ(KestrovaInit(0, &init), 0);
+  process(0, silence(256 * 100), 256);
+  KestrovaCli.setParam("MaxDelayBufferSize", "8");  // 48 cycles are released at once
+  EXPECT_EQ(process(0, silence(256 * 10), 256).size(), 256U * 10);
+  KestrovaCli.setParam("Frequency", "8000");
+  EXPECT_EQ(process(0, silence(32 * 50)).size(), 32U * (50 - 2)) << "the stream starts over";
+}
+
 TEST_F(CliTest, OnlyTheFirstWordNamesTheParameter) {
   KestrovaCli.setParam("Frequency", "8000");
   EXPECT_EQ(printed("  Frequency and more"), "8000 ");

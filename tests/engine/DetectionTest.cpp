@@ -88,6 +88,24 @@ TEST_F(DetectionTest, QuietVoicesBelowTheLeastSpreadStartNoSegment) {
   }
 }
 
+// After a pause, however long, the first consonant of the next word is loud before anything repeats.
+TEST_F(DetectionTest, AConsonantAfterAPauseIsKept) {
+  open();
+  Samples in = silence(16000);
+  in += voice(6000, 8000, 130, 8000);
+  for (int iWord = 0; iWord < 3; ++iWord) {
+    in += silence(static_cast<std::size_t>(16000 + 9000 * iWord));
+    const std::size_t uConsonant = in.size();
+    in += gaussianNoise(640, 900, 3);  // 80 ms
+    in += voice(4000, 8000, 120, 8000);
+    const Samples out = process(0, in);
+    EXPECT_NEAR(decibels(rms(out, uConsonant, uConsonant + 640) / rms(in, uConsonant, uConsonant + 640)), 0,
+                1)
+        << iWord;
+    open();
+  }
+}
+
 // Word gaps and a final consonant stay with the word.
 TEST_F(DetectionTest, TheTailOfAWordIsKept) {
   open();
@@ -167,8 +185,7 @@ TEST_F(BurstTest, OtherVerbsOutsideABurstAreOtherTalkers) {
   EXPECT_EQ(otherVerb(100), kOtherVerb);
   burst().startNewBurst();
   burst().updateGood(0, 1000, 5000, 10, 60);
-  EXPECT_EQ(otherVerb(1000 + 18000), kOtherVerbInBurst);
-  EXPECT_EQ(otherVerb(1000 + 18001), kOtherVerb) << "the burst is long over";
+  EXPECT_EQ(otherVerb(900000), kOtherVerbInBurst) << "a pause ends no burst";
 }
 
 TEST_F(BurstTest, TheSpeechGainFallsBySteps) {

@@ -32,6 +32,21 @@ TEST_F(PipelineTest, SteadyNoiseVanishesFromPausesAndSpeechStays) {
   }
 }
 
+// A muted line sends zeros. They say nothing about the background that comes back afterwards.
+TEST_F(PipelineTest, DigitalSilenceLeavesTheNoiseEstimateAlone) {
+  open(defaultInit());
+  const Samples noise = gaussianNoise(8 * kSecond, 130, 1);
+  Samples in(noise.begin(), noise.begin() + 5 * kSecond);
+  in += silence(kSecond / 10);
+  const std::size_t uBack = in.size() + 400;
+  in.insert(in.end(), noise.begin() + 5 * kSecond, noise.end());
+  const Samples out = process(0, in);
+  const double dBefore = decibels(rms(out, 4 * kSecond, 5 * kSecond) / 130);
+  const double dAfter = decibels(rms(out, uBack, uBack + kSecond / 2) / 130);
+  EXPECT_LT(dBefore, -20);
+  EXPECT_NEAR(dAfter, dBefore, 3);
+}
+
 TEST_F(PipelineTest, CleanSpeechPassesUnchanged) {
   open(defaultInit());
   const Samples in = talk(5, 12000);
@@ -114,7 +129,9 @@ TEST_F(PipelineTest, WithTheVadBypassedNothingIsGated) {
   init.bBypassVAD = 1;
   init.bRemoveNonSelfFrequencies = 0;
   open(init);
-  const Samples in = gaussianNoise(5 * kSecond, 300, 6);
+  Samples in = gaussianNoise(3 * kSecond, 300, 6);
+  in += voice(kSecond, 8000, 130, 8000);
+  in += gaussianNoise(4 * kSecond, 3000, 7);  // loud for long, without repetition
   const Samples out = process(0, in);
   EXPECT_TRUE(std::equal(out.begin(), out.end(), in.begin()));
 }
