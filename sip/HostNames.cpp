@@ -40,24 +40,29 @@ struct HostNames::sRunning {
   std::mutex mutex;
   std::condition_variable finished;
   bool bFinished = false;
+  int iError = 0;
   FixedText<16> pcIP;  // empty: no address
 };
 
 bool HostNames::find(std::string_view name, FixedText<16>& ip) {
-  takeResult(std::chrono::milliseconds(0));
+  for (auto& place : psRunning) takeResult(place, std::chrono::milliseconds(0));
   const sEntry* entry = findEntry(name);
   // An address stays in use while it is asked for again: a dialog must not change its road every minute.
-  if ((entry == nullptr || !isFresh(*entry)) && begin(name) && (entry == nullptr || entry->pcIP.empty())) {
-    takeResult(kLongestWait);
-    entry = findEntry(name);
+  if (entry == nullptr || !isFresh(*entry)) {
+    std::shared_ptr<sRunning>* const place = begin(name);
+    if (place != nullptr && (entry == nullptr || entry->pcIP.empty())) {
+      takeResult(*place, kLongestWait);
+      entry = findEntry(name);
+    }
   }
-  if (entry != nullptr && !entry->pcIP.empty()) {
-    ip = entry->pcIP;
-    return true;
+  if (entry == nullptr) {
+    Log::warning(kFunction, "address of host %.*s is not known yet\n", static_cast<int>(name.size()),
+                 name.data());
+    return false;
   }
-  Log::warning(kFunction, "address of host %.*s is %s, the proxy is used instead\n",
-               static_cast<int>(name.size()), name.data(), entry != nullptr ? "unknown" : "not known yet");
-  return false;
+  if (entry->pcIP.empty()) return false;
+  ip = entry->pcIP;
+  return true;
 }
 
 HostNames::sEntry* HostNames::findEntry(std::string_view name) {
@@ -67,59 +72,74 @@ HostNames::sEntry* HostNames::findEntry(std::string_view name) {
   return nullptr;
 }
 
+HostNames::sEntry& HostNames::entryFor(std::string_view name) {
+  if (sEntry* known = findEntry(name)) return *known;
+  sEntry& oldest = psEntries[uNextEntry];
+  uNextEntry = (uNextEntry + 1) % kEntries;
+  oldest = {};
+  (void)oldest.pcName.assign(name);  // it has been looked up under this name, so it fits
+  return oldest;
+}
+
 bool HostNames::isFresh(const sEntry& entry) {
   return Clock::monotonicNanoseconds() < entry.iValidUntil;
 }
 
-// False when another lookup is still waiting for its answer, or the name cannot be one.
-bool HostNames::begin(std::string_view name) {
+// Where the lookup runs. Null when it runs already, too many others do, or the name cannot be one.
+std::shared_ptr<HostNames::sRunning>* HostNames::begin(std::string_view name) {
+  std::shared_ptr<sRunning>* place = nullptr;
+  for (auto& each : psRunning) {
+    if (each != nullptr && each->pcName == name) return nullptr;
+    if (each == nullptr && place == nullptr) place = &each;
+  }
   auto next = std::make_shared<sRunning>();
-  if (running != nullptr || !next->pcName.assign(name)) return false;
+  if (place == nullptr || !next->pcName.assign(name)) return nullptr;
   const SignalsBlocked blocked;
   try {
     std::thread([next, how = lookup] {
       FixedText<16> ip;
-      if (!how(next->pcName.c_str(), ip)) ip.clear();
+      const int error = how(next->pcName.c_str(), ip);
       const std::lock_guard lock(next->mutex);
-      next->pcIP = ip;
+      next->iError = error;
+      if (error == 0) next->pcIP = ip;
       next->bFinished = true;
       next->finished.notify_one();
     }).detach();
   } catch (const std::system_error& error) {
     Log::error(kFunction, "unable to look up host %s - %s\n", next->pcName.c_str(), error.what());
-    return false;
+    return nullptr;
   }
-  running = next;
-  return true;
+  *place = std::move(next);
+  return place;
 }
 
-void HostNames::takeResult(std::chrono::milliseconds wait) {
-  if (running == nullptr) return;
+void HostNames::takeResult(std::shared_ptr<sRunning>& place, std::chrono::milliseconds wait) {
+  if (place == nullptr) return;
   {
-    std::unique_lock lock(running->mutex);
-    if (!running->finished.wait_for(lock, wait, [this] { return running->bFinished; })) return;
+    std::unique_lock lock(place->mutex);
+    if (!place->finished.wait_for(lock, wait, [&place] { return place->bFinished; })) return;
   }
-  sEntry* known = findEntry(running->pcName);
-  if (known == nullptr) {
-    known = &psEntries[uNextEntry];
-    uNextEntry = (uNextEntry + 1) % kEntries;
-    *known = {};
-    known->pcName = running->pcName;
-  }
-  sEntry& entry = *known;
-  if (!running->pcIP.empty()) entry.pcIP = running->pcIP;  // a name service that is away takes nothing back
+  sEntry& entry = entryFor(place->pcName.view());
+  if (place->iError == 0)
+    entry.pcIP = place->pcIP;
+  else  // a name service that is away takes nothing back
+    Log::error("MyConfiguration::validateAndGetDottedIPAddress",
+               "unable to locate host (%s). Error: %d - %s\n", place->pcName.c_str(), place->iError,
+               gai_strerror(place->iError));
   entry.iValidUntil = Clock::monotonicNanoseconds() + (entry.pcIP.empty() ? kUnknownFor : kKnownFor);
-  running.reset();
+  place.reset();
 }
 
-bool HostNames::askSystem(const char* name, FixedText<16>& ip) {
+int HostNames::askSystem(const char* name, FixedText<16>& ip) {
   addrinfo hints{};
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_DGRAM;
   addrinfo* found = nullptr;
-  if (getaddrinfo(name, nullptr, &hints, &found) != 0) return false;
+  const int error = getaddrinfo(name, nullptr, &hints, &found);
+  if (error != 0) return error;
   sockaddr_in address{};
   std::memcpy(&address, found->ai_addr, sizeof address);
   freeaddrinfo(found);
-  return inet_ntop(AF_INET, &address.sin_addr, ip.data(), ip.maxLength() + 1) != nullptr;
+  (void)inet_ntop(AF_INET, &address.sin_addr, ip.data(), ip.maxLength() + 1);  // 16 bytes hold any address
+  return 0;
 }

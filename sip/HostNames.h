@@ -1,7 +1,7 @@
 // Addresses of the host names that messages carry (a Route, a redirection, a Contact), without making the SIP
-// thread wait for a name service. A name is looked up beside it, one at a time; an answer that comes at once
-// is taken, a later one is kept for the next time. Until then the name counts as unknown, and its message
-// goes to the PBX. Called from the SIP thread only.
+// thread wait for a name service. Names are looked up beside it; an answer that comes at once is taken, a
+// later one is kept for the next time. Until then the name counts as unknown. Called from the SIP thread
+// only.
 #pragma once
 
 #include <array>
@@ -14,12 +14,13 @@
 
 class HostNames {
  public:
-  // Blocks. False when the name has no IPv4 address.
-  using Lookup = bool (*)(const char* name, FixedText<16>& ip);
+  // Blocks. 0, or an error of getaddrinfo when the name has no IPv4 address.
+  using Lookup = int (*)(const char* name, FixedText<16>& ip);
 
   explicit HostNames(Lookup how = askSystem) : lookup(how) {}
 
-  // The name's address, dotted. False, and logged, when it is not known (yet).
+  // The name's address, dotted. False when it is not known (yet); logged then, but a name that has none only
+  // once for each time that it was asked for.
   [[nodiscard]] bool find(std::string_view name, FixedText<16>& ip);
 
  private:
@@ -30,6 +31,7 @@ class HostNames {
   static constexpr std::int64_t kUnknownFor = 10 * kSecond;
   static constexpr std::size_t kHostCapacity = 256;  // a name has at most 253 characters (RFC 1035, 2.3.4)
   static constexpr std::size_t kEntries = 32;
+  static constexpr std::size_t kLookups = 4;  // at a time: names that nobody answers for hold up so many
 
   struct sEntry {
     FixedText<kHostCapacity> pcName;
@@ -38,14 +40,15 @@ class HostNames {
   };
   struct sRunning;  // shared with the thread that waits for the name service, which may outlive us
 
-  static bool askSystem(const char* name, FixedText<16>& ip);
+  static int askSystem(const char* name, FixedText<16>& ip);
   sEntry* findEntry(std::string_view name);
+  sEntry& entryFor(std::string_view name);
   static bool isFresh(const sEntry& entry);
-  bool begin(std::string_view name);
-  void takeResult(std::chrono::milliseconds wait);
+  std::shared_ptr<sRunning>* begin(std::string_view name);
+  void takeResult(std::shared_ptr<sRunning>& place, std::chrono::milliseconds wait);
 
   Lookup lookup;
-  std::shared_ptr<sRunning> running;  // null: none
+  std::array<std::shared_ptr<sRunning>, kLookups> psRunning;  // null: free
   std::array<sEntry, kEntries> psEntries;
   std::size_t uNextEntry = 0;  // the oldest gives way
 };

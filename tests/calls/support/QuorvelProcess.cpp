@@ -3,7 +3,9 @@
 #include <array>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "tests/calls/support/ScratchDirectory.h"
@@ -23,8 +25,10 @@ std::string uniqueInstance() {
 
 }  // namespace
 
+// QUORVEL_PROGRAM in the environment names another build, for instance one with sanitizers.
 std::string QuorvelProcess::program() {
-  return QUORVEL_PROGRAM;
+  const char* const other = std::getenv("QUORVEL_PROGRAM");
+  return other != nullptr ? other : QUORVEL_PROGRAM;
 }
 
 Settings QuorvelProcess::workingConfiguration(const PortBlock& ports) {
@@ -63,6 +67,10 @@ QuorvelProcess::QuorvelProcess(const std::filesystem::path& directory, const Por
 
 QuorvelProcess::~QuorvelProcess() {
   running->kill();
+  const std::string output = running->output();
+  for (const char* report : {"Sanitizer", "runtime error:"}) {
+    if (output.find(report) != std::string::npos) ADD_FAILURE() << output;
+  }
   for (const char* name : kStatusFiles) unlink((name + suffix).c_str());
 }
 
