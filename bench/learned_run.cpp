@@ -108,10 +108,11 @@ void learn(sKestrovaInit init, const std::string& sIn, const std::string& sProfi
   const int iPatterns = KestrovapMyChannels[0].pSourceSeparation->patternRecords();
   const sTalkerSplit split = splitTalkers(KestrovapMyChannels[0].pSourceSeparation->patterns());
   std::printf(
-      "{\"outcome\":%d,\"likeness\":%.2f,\"gap\":%.2f,\"patterns\":%d,\"end_ms\":%.1f,\"cpu_ms_per_s\":%.3f,"
+      "{\"outcome\":%d,\"likeness\":%.2f,\"gap\":%.2f,\"contrast\":%.2f,\"patterns\":%d,\"end_ms\":%.1f,"
+      "\"cpu_ms_per_s\":%.3f,"
       "\"rss_kb\":%ld}\n",
-      iOutcome, static_cast<double>(split.fLikeness), static_cast<double>(split.fPitchGap), iPatterns,
-      1000 * dEnd, 1000 * dCpu, residentKb());
+      iOutcome, static_cast<double>(split.fLikeness), static_cast<double>(split.fPitchGap),
+      static_cast<double>(split.fPitchContrast), iPatterns, 1000 * dEnd, 1000 * dCpu, residentKb());
 }
 
 void clean(sKestrovaInit init, const std::string& sProfile, const std::string& sIn, const std::string& sOut) {

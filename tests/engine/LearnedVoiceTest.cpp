@@ -144,6 +144,17 @@ TEST_F(LearnedVoiceTest, ASampleThatTellsTooLittleIsRefusedWithItsReason) {
   }
 }
 
+TEST_F(LearnedVoiceTest, TwoTalkersByTurnsAreRefusedAndOneIsNotHoweverShortHeSpeaks) {
+  Samples both;
+  for (unsigned uSeed = 10; uSeed < 14; ++uSeed) {
+    both += talk(2.5, kDeep, kDeepThroat, uSeed);
+    both += talk(2.5, kHigh, kHighThroat, uSeed);
+  }
+  EXPECT_EQ(learn(both), KESTROVA_REGISTRATION_MIXED);
+  EXPECT_EQ(learn(talk(6, kHigh, kHighThroat, 14)), KESTROVA_REGISTRATION_LEARNED);
+  EXPECT_EQ(learn(talk(12, kHigh, kHighThroat, 15)), KESTROVA_REGISTRATION_LEARNED);
+}
+
 TEST_F(LearnedVoiceTest, ThreeSureVerbsAreNeededAndAThousandAreKept) {
   ASSERT_EQ(initVoice(nullptr, true), 0);
   Registration& registration = *KestrovapMyChannels[0].pRegistration;
