@@ -1,10 +1,12 @@
 // Keys pressed in a call without telephone events: tones in the audio, which the engine has to find.
 #include <cmath>
 #include <numbers>
+#include <random>
 #include <thread>
 
 #include "rtp/G711.h"
 #include "tests/calls/support/TalkFixture.h"
+#include "tests/calls/support/Tones.h"
 
 namespace {
 
@@ -58,8 +60,7 @@ class InBandKeysTest : public TalkFixture {
     bool bTone = false;
     while (const auto heard = callerMedia.receive(std::chrono::milliseconds(0)))
       bTone = bTone || heard->substr(12) != silence;
-    while (calleeMedia.receive(std::chrono::milliseconds(0))) {
-    }
+    while (calleeMedia.receive(std::chrono::milliseconds(0))) ++iReceivedByCallee;
     return bTone;
   }
   bool press(char cDigit) {
@@ -74,6 +75,7 @@ class InBandKeysTest : public TalkFixture {
   int toCallee = 0;
   int toCaller = 0;
   int iSent = 1;
+  int iReceivedByCallee = 0;
 };
 
 // The command is all sixteen digits, in an order that its two halves leave no doubt about.
@@ -93,6 +95,54 @@ TEST_F(InBandKeysTest, ACommandOfAllSixteenDigitsIsConfirmedByATone) {
   for (int i = 0; i < 50 && !bConfirmed; ++i) bConfirmed = exchange("");
   EXPECT_TRUE(bConfirmed);
   EXPECT_EQ(quorvel->logCount(" ERROR in "), 0);
+  hangUp(call);
+}
+
+std::string littleEndian(std::uint32_t uValue) {
+  std::string text;
+  for (int i = 0; i < 4; ++i) text += static_cast<char>(uValue >> (8 * i));
+  return text;
+}
+
+// What could lie in the library under a voice's name: each is answered by the fail tone.
+TEST_F(InBandKeysTest, FilesThatAreNoVoicesAreRefusedAndTheCallGoesOn) {
+  constexpr std::uint32_t kFixed = 654992;
+  constexpr std::uint32_t kRecord = 4740;
+  std::string noise(kFixed + kRecord, ' ');
+  std::mt19937 random(1);
+  for (char& c : noise) c = static_cast<char>(random());
+  const std::string zeros(kFixed - 4, '\0');
+  const struct {
+    const char* what;
+    std::string content;
+  } files[] = {
+      {"truncated", littleEndian(kFixed + kRecord) + littleEndian(2) + zeros},
+      {"another version", littleEndian(kFixed) + littleEndian(3) + zeros},
+      {"a wild count of records", littleEndian(kFixed + kRecord * 800'000) + littleEndian(2) + zeros},
+      {"random bytes", noise},
+      {"random bytes of the right length", littleEndian(kFixed + kRecord) + noise},
+  };
+  Settings settings = keyCommands(scratch.path());
+  settings["NeedToCheckDTMF"] = "1";
+  start(settings);
+  const Call call = setUp();
+  toCallee = audioPort(call.ok);
+  toCaller = audioPort(call.invite);
+  for (int i = 0; i < 25; ++i) exchange("");
+  int iRefused = 0;
+  for (const auto& wrong : files) {
+    SCOPED_TRACE(wrong.what);
+    const std::string name = std::to_string(++iRefused);
+    writeFile(scratch.path() / "voices" / name, wrong.content);
+    for (const char cDigit : "*2*" + name + "#") press(cDigit);
+    bool bTone = false;
+    for (int i = 0; i < 100; ++i) bTone = exchange("") || bTone;  // two seconds: the next digits begin anew
+    EXPECT_TRUE(bTone);
+    const std::string file = (quorvel->bin() / "../voices" / name).string();
+    EXPECT_EQ(quorvel->logCount("WARNING in MyRtp::doActivation, unable to read from file " + file + "\n"),
+              1);
+  }
+  EXPECT_GT(iReceivedByCallee, iSent * 9 / 10) << "of the packets sent";
   hangUp(call);
 }
 

@@ -156,18 +156,23 @@ class OtherKeysTest : public ::testing::Test {
             .sipPort = sipPort,
             .controlPort = ports.control(number),
             .mediaPort = ports.media(number),
+            .codec = plays.rate == 8000 ? "PCMU/8000/1" : "G722/16000/1",
             .plays = std::move(plays)};
   }
   PortBlock ports;
   ScratchDirectory scratch;
 };
 
-TEST_F(OtherKeysTest, TonesInTheAudioSteerTheCall) {
+class TonesAsKeysTest : public OtherKeysTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(TonesAsKeysTest, TonesInTheAudioSteerTheCall) {
+  const int rate = GetParam();
   Settings settings = keyCommands(scratch.path());
   settings["NeedToCheckDTMF"] = "1";
   QuorvelProcess quorvel(scratch.path(), ports, settings);
-  Baresip caller(scratch.path(), phone(0, "100", ports.phone(0), keysPressed("*3*  *2*#  *2*7#  ", 14)));
-  Baresip callee(scratch.path(), phone(1, "200", ports.pbx(), keysPressed("", 14)));
+  Baresip caller(scratch.path(),
+                 phone(0, "100", ports.phone(0), keysPressed("*3*  *2*#  *2*7#  ", 14, rate)));
+  Baresip callee(scratch.path(), phone(1, "200", ports.pbx(), keysPressed("", 14, rate)));
   ASSERT_TRUE(quorvel.ready() && caller.ready() && callee.ready()) << quorvel.log();
   caller.dial("sip:200@127.0.0.1:" + std::to_string(ports.sip()));
   ASSERT_TRUE(caller.event("CALL_ESTABLISHED", Seconds(8))) << caller.report();
@@ -176,6 +181,8 @@ TEST_F(OtherKeysTest, TonesInTheAudioSteerTheCall) {
   EXPECT_EQ(tonesIn(callee.heard()), "OO");
   EXPECT_EQ(quorvel.stop(), 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(Rates, TonesAsKeysTest, ::testing::Values(8000, 16000));
 
 // Recorded events, one after the other without any audio between them; the command runs when audio comes.
 TEST_F(OtherKeysTest, RecordedEventsSteerTheCall) {

@@ -90,6 +90,19 @@ TEST_F(RegistrationTest, EndsByItselfAfter300SecondsAndActivatesTheVoice) {
   EXPECT_EQ(std::filesystem::file_size(path("7.wav")), 44 + 2 * (2'400'000 - 15'999 / 32 * 32));
 }
 
+TEST_F(RegistrationTest, RefusedVoiceIsAnsweredWithTheFailToneAfter300Seconds) {
+  ASSERT_EQ(call.open(), 0);
+  command("*18#");
+  EXPECT_EQ(toneForDialler(), "OK");
+  FakeEngine::get().failCompletion = true;
+  for (int i = 0; i < 15; ++i) talk(1000);
+  talk(1);
+  EXPECT_EQ(installation.logCount("no voice was learned, the voice is too weak or too near the background\n"),
+            1);
+  EXPECT_EQ(installation.logCount("unable to read from file " + path("8")), 1);
+  EXPECT_EQ(toneForDialler(), "fail");
+}
+
 TEST_F(RegistrationTest, NeverReplacesAProfile) {
   installation.write("voice-5", "kept");
   ASSERT_EQ(call.open(), 0);

@@ -70,22 +70,22 @@ std::string tonesIn(const Sound& sound) {
   return found;
 }
 
-Sound keysPressed(const std::string& keys, double seconds) {
-  constexpr int kRate = 8000;
+Sound keysPressed(const std::string& keys, double seconds, int rate) {
   constexpr double kLevel = 6000;
-  Sound sound{.rate = kRate, .samples = std::vector<std::int16_t>(kRate * 3 / 2)};
+  Sound sound{.rate = rate, .samples = {}};
+  sound.samples.resize(static_cast<std::size_t>(rate) * 3 / 2);
   for (const char key : keys) {
     for (const sKeyTone& tone : kKeys) {
       if (tone.key != key) continue;
-      for (int i = 0; i < kRate * 12 / 100; ++i) {
-        const double t = 2 * std::numbers::pi * i / kRate;
+      for (int i = 0; i < rate * 12 / 100; ++i) {
+        const double t = 2 * std::numbers::pi * i / rate;
         sound.samples.push_back(
             static_cast<std::int16_t>(kLevel * (std::sin(tone.row * t) + std::sin(tone.column * t))));
       }
     }
-    sound.samples.resize(sound.samples.size() + (key == ' ' ? kRate : kRate * 8 / 100));
+    sound.samples.resize(sound.samples.size() + static_cast<std::size_t>(key == ' ' ? rate : rate * 8 / 100));
   }
-  sound.samples.resize(static_cast<std::size_t>(seconds * kRate));
+  sound.samples.resize(static_cast<std::size_t>(seconds * rate));
   return sound;
 }
 

@@ -11,7 +11,7 @@ std::string tonesIn(const Sound& sound);
 
 // The keys as a phone without telephone events sends them, after a second and a half of silence: 120 ms each
 // with pauses of 80 ms, a blank for a second of silence.
-Sound keysPressed(const std::string& keys, double seconds);
+Sound keysPressed(const std::string& keys, double seconds, int rate = 8000);
 
 // The shipped tones and the key commands of the sample configuration, with its directories, for a program
 // that starts below `home`.
