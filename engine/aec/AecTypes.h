@@ -12,10 +12,10 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdlib>
 
 #include "engine/analysis/Cycle.h"
 #include "engine/EngineUnits.h"
-
 inline constexpr int kMaxTaps = 512;      // of a filter: 64 ms
 inline constexpr int kNever = -90000000;  // sample time of what has not happened yet
 
@@ -102,12 +102,14 @@ struct sAecCycle {
   bool bMicQuiet = false;    // nothing above the background
   bool bQuietLevel = false;  // the same by the low-level test
   bool bMicActive = false;
-  int iQuietCycles = 0;  // consecutive quiet-microphone cycles
+  int iQuietCycles = 0;            // consecutive quiet-microphone cycles
+  std::int64_t lLargestPower = 0;  // of the tracked powers of the microphone
 
   // Loudspeaker
-  int iSpkAmp = 1;       // spread over the last 96 samples at the active delay
-  int iSpkSpanAmp = 1;   // spread over the active set's span
-  int iSpkBlockAmp = 1;  // spread of the newest loudspeaker cycle
+  int iSpkAmp = 1;         // spread over 96 samples at the delay of the active set's peak
+  int iSpkAverageAmp = 1;  // the same on average
+  int iSpkReachAmp = 1;    // spread over everything that the filter in use reaches, and 96 samples more
+  int iSpkSpanAmp = 1;     // spread over the active set's span
   bool bBreathing = false;
 
   // Echo path
@@ -117,7 +119,10 @@ struct sAecCycle {
   bool bDoublePath3 = false;
   bool bRestarted = true;  // nothing has been learnt since the filters began (anew)
   bool bConvergenceOk = false;
-  int iEchoDelay = -1;  // samples; -1 while unknown
+  int iEchoDelay = -1;         // samples; -1 while unknown
+  bool bPathLost = false;      // what the filter knew of the path has just stopped explaining the echo
+  bool bTalkOverPath = false;  // loud talk over a path that is known: no evidence of another path counts
+  bool bFilterLost = true;     // the frequency-domain filter, where there is one, cancels next to nothing
 
   // Near-end talk
   int iTalkScore = score::kDefault;

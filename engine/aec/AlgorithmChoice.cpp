@@ -27,23 +27,28 @@ void AlgorithmChoice::forceTimeDomain() {
   switchTo(kTimeDomain);
 }
 
+bool AlgorithmChoice::isBad(const sAecCycle& now, const FrequencyFilter& filter) {
+  using enum FrequencyFilter::Ratio;
+  const float fBadNow = now.bRestarted ? 1.12F : 1.47F;
+  const float fBadLasting = now.bRestarted ? 0.8F : 1.05F;
+  return filter.ratio(kUsedNow) > fBadNow || filter.ratio(kAdaptedNow) > fBadNow ||
+         filter.ratio(kUsedLasting) > fBadLasting || filter.ratio(kAdaptedLasting) > fBadLasting;
+}
+
 // Ratios against the time-domain figures: the present one may be a little worse when the lasting one is
 // better; the better the filter cancels, the more freely.
-bool AlgorithmChoice::frequencyDomainWins(const sAecCycle& now, const FrequencyFilter& filter,
-                                          const sAecCoefSet& active) const {
+bool AlgorithmChoice::frequencyDomainWins(const FrequencyFilter& filter, const sAecCoefSet& active) const {
   using enum FrequencyFilter::Ratio;
   const float fLeeway =
       iCyclesSinceSwitch <= 15 || filter.speakerPower() <= 1000 ||
               (filter.speakerPower() <= 3000 && filter.residualPower() * 9 <= filter.echoPower())
           ? 0.2F
           : 0.0F;
-  const float fBadNow = now.bRestarted ? 1.12F : 1.47F;
-  const float fBadLasting = now.bRestarted ? 0.8F : 1.05F;
-  if (filter.ratio(kUsedNow) > fBadNow || filter.ratio(kAdaptedNow) > fBadNow) return false;
-  if (filter.ratio(kUsedLasting) > fBadLasting || filter.ratio(kAdaptedLasting) > fBadLasting) return false;
   const auto beats = [&](float fNow, float fLasting) {
-    return filter.ratio(kUsedNow) * 1000 < (fNow + fLeeway) * static_cast<float>(active.r[0]) &&
-           filter.ratio(kUsedLasting) * 1000 < fLasting * static_cast<float>(active.r[1]);
+    const auto less = [&](FrequencyFilter::Ratio which, float fMargin, int iFigure) {
+      return filter.ratio(which) * 1000 < fMargin * static_cast<float>(iFigure);
+    };
+    return less(kUsedNow, fNow + fLeeway, active.r[0]) && less(kUsedLasting, fLasting, active.r[1]);
   };
   const float a = filter.ratio(kUsedNow);
   const float b = filter.ratio(kAdaptedNow);
@@ -63,17 +68,19 @@ bool AlgorithmChoice::mustSwitchBack(const sAecCycle& now, const FrequencyFilter
 
 void AlgorithmChoice::chooseBestAecAlgorithm(const sAecCycle& now, const FrequencyFilter& filter,
                                              const sAecCoefSet& active, std::int64_t lTrackedMicPower,
-                                             bool bEchoProved) {
+                                             sProofs proofs) {
   using enum FrequencyFilter::Ratio;
   ++iCyclesSinceSwitch;
-  if (!filter.isReady() || !bEchoProved) {
+  if (!filter.isReady() || !proofs.bFrequencyDomain) {
     forceTimeDomain();
     return;
   }
-  const bool bWins = frequencyDomainWins(now, filter, active);
+  const bool bBad = isBad(now, filter);
+  const bool bWins = !bBad && frequencyDomainWins(filter, active);
   if (iSelectedAlgorithm != kFrequencyDomain) {
     iSwitchVotes = bWins ? iSwitchVotes + 1 : 0;
-    const bool bAtOnce = filter.ratio(kUsedNow) < 0.4F && !now.bMicQuiet && now.iRiseRatio >= kRising;
+    const bool bAtOnce =
+        !bBad && filter.ratio(kUsedNow) < 0.4F && !now.bMicQuiet && now.iRiseRatio >= kRising;
     if (iSwitchVotes > kVotesForFrequency || bAtOnce || (mode.high() == 1 && bWins))
       switchTo(kFrequencyDomain);
     return;
@@ -82,7 +89,7 @@ void AlgorithmChoice::chooseBestAecAlgorithm(const sAecCycle& now, const Frequen
   // Talk raises the figures of both filters alike; only a clear advantage counts as a vote.
   const bool bTimeBetter = filter.ratio(kUsedNow) * 800 > static_cast<float>(active.r[0]) &&
                            filter.ratio(kUsedLasting) * 800 > static_cast<float>(active.r[1]) &&
-                           active.isGood();
+                           active.isGood() && proofs.bTimeDomain;
   iSwitchVotes = bTimeBetter ? iSwitchVotes + 1 : 0;
   if (iSwitchVotes > kVotesForTime || mustSwitchBack(now, filter, lTrackedMicPower)) switchTo(kTimeDomain);
 }

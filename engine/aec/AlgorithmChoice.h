@@ -11,9 +11,14 @@ class AlgorithmChoice {
  public:
   void clean(sAecMode aecMode);
 
-  // Once per block of the frequency-domain filter. bEchoProved: what it cancels is echo.
+  // Once per block of the frequency-domain filter. The proofs tell of either filter that what it cancels is
+  // echo.
+  struct sProofs {
+    bool bFrequencyDomain = false;
+    bool bTimeDomain = false;
+  };
   void chooseBestAecAlgorithm(const sAecCycle& now, const FrequencyFilter& filter, const sAecCoefSet& active,
-                              std::int64_t lTrackedMicPower, bool bEchoProved);
+                              std::int64_t lTrackedMicPower, sProofs proofs);
   // The frequency-domain result cannot be used any more.
   void forceTimeDomain();
 
@@ -23,8 +28,8 @@ class AlgorithmChoice {
 
  private:
   void switchTo(int iAlgorithm);
-  [[nodiscard]] bool frequencyDomainWins(const sAecCycle& now, const FrequencyFilter& filter,
-                                         const sAecCoefSet& active) const;
+  [[nodiscard]] static bool isBad(const sAecCycle& now, const FrequencyFilter& filter);
+  [[nodiscard]] bool frequencyDomainWins(const FrequencyFilter& filter, const sAecCoefSet& active) const;
   [[nodiscard]] bool mustSwitchBack(const sAecCycle& now, const FrequencyFilter& filter,
                                     std::int64_t lTrackedMicPower) const;
 

@@ -53,6 +53,11 @@ struct sAecCoefSet {
     return iAdaptations >= 101 && r[0] <= 799 && r[1] <= 899 && r[2] <= 699 && r[3] <= 799;
   }
 
+  // Good enough to measure the coupling by.
+  [[nodiscard]] bool isGoodForCoupling() const {
+    return isGood() && r[0] <= 719 && r[1] <= 719 && r[2] <= 599 && r[3] < 600;
+  }
+
   // Moves the set to another placement: taps of delays that stay inside are kept when the peak is among them,
   // else everything is forgotten. Nothing happens when start and length are the same. True when moved.
   bool updateCoefsToLatestEchoDelay(int iNewStart, int iNewLength);

@@ -35,7 +35,7 @@ void CoarseFilter::decimate(const std::array<float, kCycleSamples>& fIn, float& 
 }
 
 void CoarseFilter::push(const std::array<float, kCycleSamples>& fSpk,
-                        const std::array<float, kCycleSamples>& fMic) {
+                        const std::array<float, kCycleSamples>& fMic, bool bBelieve) {
   std::array<float, kPerCycle> x;
   std::array<float, kPerCycle> m;
   decimate(fSpk, fSpkMemory, fSpkLast, x);
@@ -50,7 +50,7 @@ void CoarseFilter::push(const std::array<float, kCycleSamples>& fSpk,
     dPower += static_cast<double>(x[i]) * x[i] - static_cast<double>(fOldest) * fOldest;
     adapt(m[i]);
   }
-  findPeak();
+  findPeak(bBelieve);
 }
 
 // Normalised LMS: w += mu e x / |x|^2.
@@ -78,12 +78,13 @@ void CoarseFilter::adapt(float fMic) {
 
 // A reflection stands out when it holds far more than its share of the filter, and is believed when most of
 // the latest cycles have named it.
-void CoarseFilter::findPeak() {
-  constexpr float kStandsOut = 40;    // peak power over the mean
-  constexpr float kExplained = 0.5F;  // residual over microphone
-  constexpr int kAgreeing = 22;       // of the latest 30 cycles
-  constexpr int kSame = 3;            // taps: 1.5 ms
-  constexpr float kSpkActive = 900;   // mean square at the quarter rate
+void CoarseFilter::findPeak(bool bBelieve) {
+  constexpr float kStandsOut = 40;       // peak power over the mean
+  constexpr float kExplained = 0.5F;     // residual over microphone
+  constexpr int kAgreeing = 22;          // of the latest 30 cycles
+  constexpr int kForgottenAfter = 2500;  // cycles with loudspeaker sound, 10 s: there is no echo any more
+  constexpr int kSame = 3;               // taps: 1.5 ms
+  constexpr float kSpkActive = 900;      // mean square at the quarter rate
   if (dPower < static_cast<double>(kSpkActive) * 200) return;
   ++iActive;
   float fSum = 0;
@@ -98,15 +99,20 @@ void CoarseFilter::findPeak() {
     }
   }
   // While somebody talks at the near end the filter explains nothing, and its peaks mean nothing.
-  const bool bStandsOut =
-      fLargest * static_cast<float>(iTaps) > kStandsOut * fSum && fErrorEnergy < kExplained * fMicEnergy;
+  const bool bStandsOut = bBelieve && fLargest * static_cast<float>(iTaps) > kStandsOut * fSum &&
+                          fErrorEnergy < kExplained * fMicEnergy;
   iPeak = (iPeak + 1) % kRecent;
   iPeaks[static_cast<std::size_t>(iPeak)] = bStandsOut ? iLargest : -1;
-  if (!bStandsOut) return;
+  if (!bStandsOut) {
+    if (++iUnconfirmed >= kForgottenAfter) iDelay = -1;
+    return;
+  }
   const auto iAgree = std::count_if(iPeaks.begin(), iPeaks.end(), [&](int iOther) {
     return iOther >= 0 && std::abs(iOther - iLargest) <= kSame;
   });
-  if (iAgree >= kAgreeing) iDelay = span.startSamples() + iLargest * kDecimation;
+  if (iAgree < kAgreeing) return;
+  iDelay = span.startSamples() + iLargest * kDecimation;
+  iUnconfirmed = 0;
 }
 
 // ---- Level changes
@@ -156,7 +162,7 @@ void DelaySearch::compareCycle(const sAecCycle& now, bool bMayCount) {
   std::array<float, kCycleSamples> fMic;
   pHistory->copy(iCompared - span.startSamples(), fSpk);
   std::copy_n(pMic->pInputData->cycleSamples(iCompared), kCycleSamples, fMic.begin());
-  coarse.push(fSpk, fMic);
+  coarse.push(fSpk, fMic, !now.bTalkOverPath);
 
   const int iShift = now.anyDoublePath() || bStrongEcho ? 4 : 6;
   const int iChange = iMicAmp - iPrevMicAmp;

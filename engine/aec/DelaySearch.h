@@ -19,7 +19,9 @@ class CoarseFilter {
  public:
   void clean(sEchoSpan span);
   // One cycle of both signals at 8 kHz, the loudspeaker's at the least delay of the span.
-  void push(const std::array<float, kCycleSamples>& fSpk, const std::array<float, kCycleSamples>& fMic);
+  // bBelieve: what it finds may become the estimate.
+  void push(const std::array<float, kCycleSamples>& fSpk, const std::array<float, kCycleSamples>& fMic,
+            bool bBelieve);
   // The path seems lost: learns it anew, and keeps the old estimate until there is a better one.
   void relearn();
   // Delay of the strongest reflection in samples, -1 while there is none that stands out.
@@ -36,7 +38,7 @@ class CoarseFilter {
   void decimate(const std::array<float, kCycleSamples>& fIn, float& fMemory, float& fLast,
                 std::array<float, kPerCycle>& fOut) const;
   void adapt(float fMic);
-  void findPeak();
+  void findPeak(bool bBelieve);
 
   sEchoSpan span;
   int iTaps = 0;
@@ -50,6 +52,7 @@ class CoarseFilter {
   std::array<int, kRecent> iPeaks{};
   int iPeak = 0;
   int iDelay = -1;
+  int iUnconfirmed = 0;  // cycles with loudspeaker sound since the estimate was last found again
   int iActive = 0;
 };
 

@@ -45,12 +45,12 @@ void EchoRing::judge(bool bLow) {
 
 void EchoRing::startCycle(int iFirst) {
   const std::int64_t lWanted = static_cast<std::int64_t>(iFirst) * iFactor;
-  if (lWanted - lEchoRingTime > kSamples || lWanted < lEchoRingTime) {
+  if (lWanted - iEchoRingTime > kSamples || lWanted < iEchoRingTime) {
     psEchoRing.fill(0);
-    lEchoRingTime = lWanted;
+    iEchoRingTime = lWanted;
     iEchoRingPos = 0;
   }
-  while (lEchoRingTime < lWanted) write(0, 0);
+  while (iEchoRingTime < lWanted) write(0, 0);
 }
 
 void EchoRing::write(int iEcho, int iMic) {
@@ -62,7 +62,7 @@ void EchoRing::write(int iEcho, int iMic) {
   }
   psEchoRing[static_cast<std::size_t>(iEchoRingPos)] = static_cast<std::int16_t>(iLimited);
   iEchoRingPos = iEchoRingPos == kSamples - 1 ? 0 : iEchoRingPos + 1;
-  ++lEchoRingTime;
+  ++iEchoRingTime;
 }
 
 void EchoRing::writeAtFullRate(std::span<const float> fEcho, std::span<const float> fMic) {
@@ -97,7 +97,7 @@ void EchoRing::writeZeros() {
 }
 
 std::int16_t EchoRing::at(std::int64_t lIndex) const {
-  const std::int64_t lBack = lEchoRingTime - lIndex;
+  const std::int64_t lBack = iEchoRingTime - lIndex;
   if (lBack <= 0 || lBack > kSamples) return 0;
   const int iPosition = static_cast<int>((iEchoRingPos - lBack + kSamples) % kSamples);
   return psEchoRing[static_cast<std::size_t>(iPosition)];

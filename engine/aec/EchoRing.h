@@ -37,11 +37,11 @@ class EchoRing {
   // Echo sample with an index at the channel's rate; 0 when the ring does not hold it.
   [[nodiscard]] std::int16_t at(std::int64_t lIndex) const;
   // Index, at the channel's rate, of the next sample that will be written.
-  [[nodiscard]] std::int64_t time() const { return lEchoRingTime; }
+  [[nodiscard]] std::int64_t time() const { return iEchoRingTime; }
   [[nodiscard]] std::span<const std::int16_t> samples() const { return psEchoRing; }
   // Position in the ring of the sample with an index that the ring still holds.
   [[nodiscard]] std::size_t positionOf(std::int64_t lIndex) const {
-    return static_cast<std::size_t>(((iEchoRingPos - (lEchoRingTime - lIndex)) % kSamples + kSamples) %
+    return static_cast<std::size_t>(((iEchoRingPos - (iEchoRingTime - lIndex)) % kSamples + kSamples) %
                                     kSamples);
   }
   // Moves on to the cycle that starts at this sample time; what was left out counts as no echo.
@@ -52,7 +52,7 @@ class EchoRing {
 
   std::array<std::int16_t, kSamples> psEchoRing{};
   int iEchoRingPos = 0;
-  std::int64_t lEchoRingTime = 0;
+  std::int64_t iEchoRingTime = 0;
   int iFactor = 1;
   int iWeight = kUnityQ7;
   bool bEchoLow = false;

@@ -50,6 +50,9 @@ void FrequencyFilter::clean(const MyChannel* pMicChannel, SpeakerHistory* pSpeak
   iBlockEnd = -1;
   iLeastBulk = 0;
   bHadEcho = false;  // nothing of an earlier stream is kept
+  fEchoGain = 0;
+  iPathLost = 0;
+  bMayBeLost = false;
   X = Spectra{};
   const int iStart = span.startSamples();
   fd_resetFreqDomainAnalysisParams(iStart, std::min(iStart + kMaxTaps, span.endSamples()) - 1);
@@ -123,6 +126,7 @@ void FrequencyFilter::recentre(int iDelay) {
   const int iLatest = std::max(span.startSamples(), span.endSamples() - kMinPartitions * kBlock);
   const int iFrom = std::clamp(std::max(iWanted, iLeastBulk), span.startSamples(), iLatest);
   fd_resetFreqDomainAnalysisParams(iFrom, std::min(iFrom + kMaxTaps, span.endSamples()) - 1);
+  fd_invalidate_fda();
 }
 
 // ---- One block
@@ -146,6 +150,7 @@ bool FrequencyFilter::run(const sAecCycle& cycle) {
   takeMicrophone(cycle.iFirst);
   estimateEchoes();
   measureErrors();
+  watchPath();
   fd_checkRollbackAndResetForFreqDomainAnalysis();
   updateWeights();
   fd_considerBlockRemoval();
@@ -167,15 +172,25 @@ void FrequencyFilter::makeRoomForLag(int iLag) {
 bool FrequencyFilter::fd_setSpkrFftData(int iCycleEnd, int k) {
   std::array<float, 2 * kMaxSamples> fSamples;
   const std::span samples(fSamples.data(), uLength);
-  const bool bComplete = pHistory->copyFullRate(iCycleEnd + 1 - iBulk - (k + 2) * kBlock, samples);
-  for (std::size_t i = 0; i < uLength; ++i) blockTime.x[i][0] = lanes::Vector{samples[i]};
-  lanes::Transform<1>::forward(uLength, blockTime, block);
+  const bool bComplete =
+      0 == pHistory->fd_copyChannelRealData(iCycleEnd + 1 - iBulk - (k + 2) * kBlock, samples);
+  calcFFTShortToFloat(samples);
   for (std::size_t b = 0; b < uBins; ++b) {
     lanes::setLane(X.re[b], static_cast<std::size_t>(k), block.re[b][0][0]);
     lanes::setLane(X.im[b], static_cast<std::size_t>(k), block.im[b][0][0]);
   }
   if (k == 0) fSpkPower = energy(samples.data(), uLength) / static_cast<float>(uLength);
   return bComplete;
+}
+
+void FrequencyFilter::calcFFTShortToFloat(std::span<const float> samples) {
+  for (std::size_t i = 0; i < uLength; ++i) blockTime.x[i][0] = lanes::Vector{samples[i]};
+  lanes::Transform<1>::forward(uLength, blockTime, block);
+}
+
+// Both sets' echoes in one transform.
+void FrequencyFilter::calcIFFTFloatToFloat() {
+  lanes::Transform<1>::inverse(uLength, block, blockTime);
 }
 
 void FrequencyFilter::takeSpeaker(int iCycleEnd) {
@@ -208,7 +223,7 @@ void FrequencyFilter::fd_calcFreqEcho(const Spectra& weights, std::size_t uLane)
 void FrequencyFilter::estimateEchoes() {
   fd_calcFreqEcho(W[kUsed], kUsed);
   fd_calcFreqEcho(W[kAdapted], kAdapted);
-  lanes::Transform<1>::inverse(uLength, block, blockTime);
+  calcIFFTFloatToFloat();
   for (std::size_t i = 0; i < uSamples; ++i) {
     fUsed[i] = blockTime.x[uSamples + i][0][kUsed];
     fAdapted[i] = blockTime.x[uSamples + i][0][kAdapted];
@@ -221,6 +236,7 @@ void FrequencyFilter::measureErrors() {
   constexpr float kLeastEnergy = 1.0F;
   present = sEnergies{.fMic = kLeastEnergy, .fResidual = {kLeastEnergy, kLeastEnergy}};
   constexpr float kMatchFollows = 0.025F;  // 160 ms
+  constexpr float kLongMatchFollows = 0.005F;
   float fEcho = 0;
   float fProduct = 0;
   for (std::size_t i = 0; i < uSamples; ++i) {
@@ -240,12 +256,55 @@ void FrequencyFilter::measureErrors() {
   ++iActiveBlocks;
   follow(fMatch, fProduct, kMatchFollows);
   follow(fEstimate, fEcho, kMatchFollows);
+  follow(fLongMatch, fProduct, kLongMatchFollows);
+  follow(fLongEstimate, fEcho, kLongMatchFollows);
   for (auto& [smoothed, fPart] : {std::pair{&brief, kBriefly}, std::pair{&lasting, kLastingly}}) {
     follow(smoothed->fMic, present.fMic, fPart);
+    follow(smoothed->fSpk, fSpkPower, fPart);
     for (std::size_t s = 0; s < kSets; ++s) follow(smoothed->fResidual[s], present.fResidual[s], fPart);
   }
   const auto ratio = [](const sEnergies& e, Set set) { return std::sqrt(e.fResidual[set] / e.fMic); };
   fRatio = {ratio(brief, kUsed), ratio(lasting, kUsed), ratio(brief, kAdapted), ratio(lasting, kAdapted)};
+}
+
+// ---- A change of the path
+
+// Talk at the near end adds to what the estimate explains; a changed path takes it away and leaves the
+// microphone as loud as before.
+void FrequencyFilter::watchPath() {
+  constexpr float kKnown = 0.1F;  // residual over microphone, as powers
+  constexpr float kUnexplained = 0.5F;
+  constexpr float kGone = 0.3F;  // of the estimate, found in the microphone
+  constexpr float kGainFollows = 0.02F;
+  constexpr int kBlocks = 250;  // 1 s
+  if (fSpkPower < kSpeakerTalks) return;
+  if (iPathLost > 0) --iPathLost;
+  const float fLeft = lasting.fResidual[kUsed] / lasting.fMic;
+  if (bHadEcho && fLeft < kKnown) {
+    const float fGain = lasting.fMic / static_cast<float>(uSamples) / std::max(lasting.fSpk, 1.0F);
+    fEchoGain = fEchoGain > 0 ? fEchoGain + kGainFollows * (fGain - fEchoGain) : fGain;
+    bMayBeLost = true;
+    iPathLost = 0;
+  } else if (bMayBeLost && brief.fResidual[kUsed] > kUnexplained * brief.fMic && fMatch < kGone * fEstimate &&
+             !isLouderThanEcho()) {
+    bMayBeLost = false;
+    iPathLost = kBlocks;
+  }
+}
+
+// Louder than the echo of this loudspeaker level has been by 3 dB and more: talk.
+bool FrequencyFilter::isLouderThanEcho() const {
+  constexpr float kLouder = 2.0F;
+  return brief.fMic / static_cast<float>(uSamples) > kLouder * fEchoGain * std::max(brief.fSpk, lasting.fSpk);
+}
+
+bool FrequencyFilter::isPathLost() const {
+  return iPathLost > 0 && !isLouderThanEcho();
+}
+
+bool FrequencyFilter::isTalkOverKnownPath() const {
+  constexpr float kFound = 0.3F;
+  return bHadEcho && fEchoGain > 0 && isLouderThanEcho() && fLongMatch > kFound * fLongEstimate;
 }
 
 // ---- The two sets

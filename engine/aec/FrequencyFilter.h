@@ -17,6 +17,7 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 
 #include "engine/aec/AecTypes.h"
 #include "engine/aec/LaneTransform.h"
@@ -59,6 +60,12 @@ class FrequencyFilter {
   // Whether the used set's estimate is still found in the microphone, whoever else talks: talk adds to what
   // the estimate explains, a changed path takes it away.
   [[nodiscard]] bool matches() const { return bHadEcho && fMatch > 0.5F * fEstimate; }
+  // The path has changed and is not learnt again yet: the microphone holds no more than the echo usually
+  // does, and the estimate explains none of it. Said for a second of loudspeaker sound at most.
+  [[nodiscard]] bool isPathLost() const;
+  // Somebody talks much louder than the echo ever was, and the estimate is still found in the microphone:
+  // what seems to speak for another path is that talk.
+  [[nodiscard]] bool isTalkOverKnownPath() const;
   // Times the used set has lost the path.
   [[nodiscard]] int losses() const { return iLosses; }
   // Of the cycle, at the channel's rate: 32 x rate factor samples.
@@ -75,11 +82,15 @@ class FrequencyFilter {
   // Steps of a block
   void makeRoomForLag(int iLag);
   bool fd_setSpkrFftData(int iCycleEnd, int k);
+  void calcFFTShortToFloat(std::span<const float> samples);
+  void calcIFFTFloatToFloat();
   void takeSpeaker(int iCycleEnd);
   void takeMicrophone(int iFirst);
   void fd_calcFreqEcho(const Spectra& weights, std::size_t uLane);
   void estimateEchoes();
   void measureErrors();
+  void watchPath();
+  [[nodiscard]] bool isLouderThanEcho() const;
   void updateWeights();
   [[nodiscard]] bool updatePower();
   void updateStep(std::size_t k);
@@ -137,11 +148,14 @@ class FrequencyFilter {
   // Energies, smoothed over 5 and over 50 blocks: microphone, residuals of the two sets.
   struct sEnergies {
     float fMic = 1;
+    float fSpk = 1;  // mean square at the bulk delay
     std::array<float, kSets> fResidual{1, 1};
   };
   sEnergies present, brief, lasting;
-  float fMatch = 0;     // smoothed product of microphone and used estimate
-  float fEstimate = 1;  // smoothed power of the estimate
+  float fMatch = 0;      // smoothed product of microphone and used estimate, over 160 ms
+  float fEstimate = 1;   // smoothed power of the estimate
+  float fLongMatch = 0;  // the same over 0.8 s
+  float fLongEstimate = 1;
   float fSpkPower = 0;
   float fResidualPower = 0;
   float fEchoPower = 0;
@@ -149,8 +163,11 @@ class FrequencyFilter {
   int iActiveBlocks = 0;              // blocks with loudspeaker sound since the range was placed
   int iBlockEnd = -1;                 // sample time of the last sample of the latest block
   float fEffective = kMaxPartitions;  // number of equal partitions that would spread the steps like the betas
-  int iPoorBlocks = 0;  // of them, consecutive ones in which the used set cancels next to nothing
-  int iSinceRaise = 0;  // blocks since the uncertainty was last raised
+  int iPoorBlocks = 0;      // of them, consecutive ones in which the used set cancels next to nothing
+  int iSinceRaise = 0;      // blocks since the uncertainty was last raised
+  float fEchoGain = 0;      // echo over loudspeaker as powers, while the path was known; 0 before that
+  int iPathLost = 0;        // blocks for which the path still counts as lost
+  bool bMayBeLost = false;  // the path has been known since it was last lost
   int iLosses = 0;
   int iSinceLoss = 0;    // blocks
   int iPathChanges = 0;  // times the adapting set took over from a used set that had lost the path

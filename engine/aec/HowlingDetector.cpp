@@ -32,6 +32,7 @@ void HowlingDetector::clean(const MyChannel* pMicChannel, int iLevel) {
             .iRatio = 150 - 5 * h,
             .iStrongRatio = (150 - 5 * h) * 4,
             .iAmp = 65500 >> (q / 10),
+            .iAveraged = std::max(h / 2, 1),
             .iSplitBin = 25 - (5 * h - 50) / 10,
             .iPeak = 2000000 / q,
             .iPeakCount = h * 4 / 10};
@@ -59,9 +60,15 @@ int HowlingDetector::largest(int iFrom, int iTo) const {
   return *std::max_element(iMagnitude.begin() + iFrom, iMagnitude.begin() + iTo);
 }
 
+// The bands' levels follow their largest lines slowly: a consonant is over before it looks like a whistle.
+void HowlingDetector::followBands() {
+  const auto follow = [&](int& iLevel, int iNow) { iLevel += (iNow - iLevel) / limits.iAveraged; };
+  follow(iLowLevel, largest(0, limits.iSplitBin));
+  follow(iHighLevel, largest(limits.iSplitBin, kBins));
+}
+
 int HowlingDetector::ratioPercent() const {
-  const int iLow = std::max(1, largest(0, limits.iSplitBin));
-  return static_cast<int>(std::int64_t{largest(limits.iSplitBin, kBins)} * 100 / iLow);
+  return static_cast<int>(std::int64_t{iHighLevel} * 100 / std::max(1, iLowLevel));
 }
 
 bool HowlingDetector::isTonal(bool bAfterHold) const {
@@ -74,28 +81,44 @@ bool HowlingDetector::isTonal(bool bAfterHold) const {
   if (iStrongest < kTonalFrom || iStrongest > kTonalTo || iHigh < iLow || iHigh < iLeast) return false;
   const int d = iPeak >= 300001 ? 3 : iPeak < 150001 ? 10 : iPeak < 200001 && bAfterHold ? 8 : 5;
   if (iHigh / d < iLow) return false;
-
-  // Walk the peaks of the high band; one ends when the level has fallen below two thirds of it.
-  constexpr int kMostPeaks = 9;
-  constexpr int kMostNear = 4;
-  int iPeaks = 0, iStrongPeaks = 0, iFirstStrong = -1, iLastPeak = -1, iGaps = 0;
-  for (int k = kHighFrom; k < kBins - 1; ++k) {
-    const auto u = static_cast<std::size_t>(k);
-    const int a = iMagnitude[u];
-    if (20 * std::int64_t{a} <= iHigh || a <= iMagnitude[u - 1] || a < iMagnitude[u + 1]) continue;
-    if (++iPeaks > kMostPeaks) return false;
-    if (iLastPeak >= 0 && k - iLastPeak > 4) ++iGaps;
-    iLastPeak = k;
-    if ((k < iStrongest ? 4 : 2) * std::int64_t{a} < iPeak) continue;
-    ++iStrongPeaks;
-    if (k < kTonalFrom || k > kTonalTo) return false;
-    if (iFirstStrong >= 0 && k - iFirstStrong > 4) return false;
-    if (iFirstStrong < 0) iFirstStrong = k;
-  }
-  return iStrongPeaks >= 1 && iStrongPeaks <= 2 && iPeaks <= kMostNear && iGaps <= 1;
+  return hasTonalPeaks(iStrongest, iHigh);
 }
 
-bool HowlingDetector::isBroadband(bool bAfterHold, int iSpkAmp10) const {
+// Walks the peaks of the high band: one begins where the level rises above a twentieth of the band's largest,
+// and ends when the level has fallen below two thirds of it, so that a ripple on a slope is no peak. A
+// whistle has one or two strong ones close together.
+bool HowlingDetector::hasTonalPeaks(int iStrongest, int iHigh) const {
+  constexpr int kMostPeaks = 4;  // more than 9 above a twentieth fail in any case
+  constexpr int kApart = 4;      // bins
+  const int iPeak = iMagnitude[static_cast<std::size_t>(iStrongest)];
+  int iPeaks = 0, iStrongPeaks = 0, iFirstStrong = -1, iLastPeak = -1, iGaps = 0;
+  const auto take = [&](int k, int iTop) {
+    ++iPeaks;
+    if (iLastPeak >= 0 && k - iLastPeak > kApart) ++iGaps;
+    iLastPeak = k;
+    if ((k < iStrongest ? 4 : 2) * std::int64_t{iTop} < iPeak) return true;
+    ++iStrongPeaks;
+    if (iFirstStrong < 0) iFirstStrong = k;
+    return k >= kTonalFrom && k <= kTonalTo && k - iFirstStrong <= kApart;
+  };
+  int iTop = 0;  // of the peak that the walk is on; 0 between two
+  int iTopBin = 0;
+  for (int k = kHighFrom; k < kBins; ++k) {
+    const int a = iMagnitude[static_cast<std::size_t>(k)];
+    if (a > iTop &&
+        (iTop > 0 || (20 * std::int64_t{a} > iHigh && a > iMagnitude[static_cast<std::size_t>(k) - 1]))) {
+      iTop = a;
+      iTopBin = k;
+    } else if (iTop > 0 && 3 * std::int64_t{a} < 2 * std::int64_t{iTop}) {
+      if (!take(iTopBin, iTop)) return false;
+      iTop = 0;
+    }
+  }
+  if (iTop > 0 && !take(iTopBin, iTop)) return false;
+  return iStrongPeaks >= 1 && iStrongPeaks <= 2 && iPeaks <= kMostPeaks && iGaps <= 1;
+}
+
+bool HowlingDetector::isBroadband(bool bAfterHold, int iMicAmp, int iSpkAmp10) const {
   const int iPeak = largest(0, kBins);
   int iPeaks = 0;
   int iLowPeaks = 0;
@@ -110,9 +133,9 @@ bool HowlingDetector::isBroadband(bool bAfterHold, int iSpkAmp10) const {
   }
   const int iMostPeaks = bAfterHold ? 2 * std::max(1, limits.iPeakCount) : std::max(1, limits.iPeakCount);
   const int iRatio = bAfterHold ? limits.iRatio * 8 / 10 : limits.iRatio;
-  return iPeaks <= iMostPeaks && iLowPeaks <= iMostPeaks / 2 && iPeak >= limits.iPeak / 4 &&
-         ratioPercent() >= iRatio && largest(limits.iSplitBin, kBins) >= limits.iHighBand / 4 &&
-         iSpkAmp10 >= kSpkLoud;
+  return iPeaks <= iMostPeaks && iLowPeaks <= iMostPeaks / 2 && iPeak >= limits.iPeak &&
+         ratioPercent() >= iRatio && iHighLevel >= limits.iHighBand &&
+         iMicAmp >= (bAfterHold ? limits.iAmp / 2 : limits.iAmp) && iSpkAmp10 >= kSpkLoud;
 }
 
 // One line that keeps its place and does not fade for a time that no vowel lasts, loud in both directions.
@@ -139,19 +162,20 @@ bool HowlingDetector::isSteadyLine(const sAecCycle& now, int iSpkAmp10) {
 
 void HowlingDetector::checkHowlingConditions(sAecCycle& now, int iSpkAmp10, bool bFilterSure) {
   now.bHowling = false;
-  if (now.iLast < kSamples || now.iSpkLast < 0) return;
+  if (now.iLast + 1 < kSamples || now.iSpkLast < 0) return;
   const bool bAfterHold = now.iFirst > now.iHowlingHoldEnd;
   const std::int64_t a2 = std::int64_t{now.iMicAmp} * now.iMicAmp;
   if (a2 < (bAfterHold ? limits.lPowerFloor : limits.lPowerFloor / 2)) {
     iBroadbandStart = -1;
-    iSteadyCycles = 0;
+    iSteadyCycles = iLowLevel = iHighLevel = 0;
     return;
   }
   const bool bSure = bFilterSure && now.iTalkScore == score::kFarSilentNearActive;
   if (iLevelSetting <= 9 && (bSure || now.bMicAboveEcho)) return;
   transform(now);
+  followBands();
   const bool bTonal = isTonal(bAfterHold);
-  const bool bBroadNow = isBroadband(bAfterHold, iSpkAmp10);
+  const bool bBroadNow = isBroadband(bAfterHold, now.iMicAmp, iSpkAmp10);
   if (!bBroadNow) iBroadbandStart = -1;
   if (bBroadNow && iBroadbandStart < 0) iBroadbandStart = now.iFirst;
   const bool bBroadband = bBroadNow && now.iFirst - iBroadbandStart > kCycleSamples;

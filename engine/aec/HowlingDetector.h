@@ -31,14 +31,17 @@ class HowlingDetector {
     int iRatio = 0;  // percent, high to low band
     int iStrongRatio = 0;
     int iAmp = 0;
+    int iAveraged = 1;  // cycles over which the bands' levels are averaged
     int iSplitBin = 25;
     int iPeak = 0;
     int iPeakCount = 0;
   };
 
   void transform(const sAecCycle& now);
+  void followBands();
   [[nodiscard]] bool isTonal(bool bAfterHold) const;
-  [[nodiscard]] bool isBroadband(bool bAfterHold, int iSpkAmp10) const;
+  [[nodiscard]] bool hasTonalPeaks(int iStrongest, int iHigh) const;
+  [[nodiscard]] bool isBroadband(bool bAfterHold, int iMicAmp, int iSpkAmp10) const;
   [[nodiscard]] bool isSteadyLine(const sAecCycle& now, int iSpkAmp10);
   [[nodiscard]] int largest(int iFrom, int iTo) const;
   [[nodiscard]] int ratioPercent() const;
@@ -50,6 +53,8 @@ class HowlingDetector {
   std::array<float, kSamples> fWindow{};
   lanes::Signal<1> signal;
   lanes::Spectrum<1> spectrum;
+  int iLowLevel = 0;  // of the bands, averaged
+  int iHighLevel = 0;
   int iBroadbandStart = -1;  // sample time since which the broadband test has held
   int iSteadyBin = -1;
   int iSteadyCycles = 0;

@@ -61,8 +61,9 @@ void MicLevels::cacheMicValues(sAecCycle& now) {
   const bool bMoving = now.iTracker6 > 3000 && std::abs(now.iTracker6 - now.iTracker7) * 128 >= 20 * iSmaller;
   now.bMicActive = now.iMicAmp > kActiveAmp || a2 * 16 > lTrackedMic || (!now.bQuietLevel && bMoving);
 
-  if (now.iMicAmp > kWeakAmp) lTrackedMic = followed(lTrackedMic, a2);
-  if (now.iTalkScore < 0 && now.iSpkAmp >= 1000) lTrackedEcho = followed(lTrackedEcho, a2);
+  lTrackedMic = followed(lTrackedMic, a2);
+  if (now.iTalkScore < 0 && now.iSpkReachAmp >= 1000) lTrackedEcho = followed(lTrackedEcho, a2);
+  now.lLargestPower = std::max(lTrackedMic, lTrackedEcho);
 }
 
 void MicLevels::updateRise(sAecCycle& now) {

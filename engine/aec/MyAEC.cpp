@@ -24,8 +24,10 @@ void MyAEC::clean() {
   speaker.clean(pSpk);
   levels.clean(pMic);
   delaySearch.clean(pMic, &speaker, echoSpan);
-  timeFilter.clean(&speaker, &delaySearch, echoSpan, iAecMode);
   frequencyFilter.clean(pMic, &speaker, echoSpan);
+  // At rates without a transform the time-domain filter does all of it, and its estimate is always used.
+  if (iAecMode.hasFrequencyDomain() && !frequencyFilter.supportsRate()) iAecMode = sAecMode::ofAlgorithm(4);
+  timeFilter.clean(&speaker, &delaySearch, echoSpan, iAecMode);
   choice.clean(iAecMode);
   timeResidual.clean(kCycleSamples);
   const auto uFullRate = static_cast<std::size_t>(kCycleSamples * pMic->rateFactor());
@@ -38,7 +40,8 @@ void MyAEC::clean() {
   bEchoOutputActive = false;
   iEchoOutputStart = 0;
   bEchoBySpectrum = true;
-  iEchoLevel = 0;
+  iEchoLevel = iEchoReference = 0;
+  iLastStrongEcho = kNever;
   iResidualMode = 0;
   iResidualModeLimit = 100;
   iPathChanges = iLosses = 0;
@@ -54,11 +57,16 @@ void MyAEC::performAec(cHandle cycle) {
   if (pMic->iAecHowlingLevel > 0) checkHowling();
   now.iResidualRatio = kUnityQ7;
   now.iWorkingAmp = now.iMicAmp;
-  if (needsTimeDomain()) performTimeDomainAnalysis();
+  if (needsTimeDomain()) {
+    performTimeDomainAnalysis();
+  } else {
+    now.iTalkScore = score::kDefault;  // what it said last means nothing any more
+    now.bConvergenceOk = false;
+  }
   if (iAecMode.hasFrequencyDomain()) performFrequencyDomainAnalysis();
   levels.updateRise(now);
   updateBurst();
-  if (now.bClipping || now.anyDoublePath() || now.bLoudBurst) TalkDetector::resetTimers(now);
+  if (now.bClipping || now.anyDoublePath() || now.bLoudBurst) talk.resetTimers(now);
   updateResidualMode();
   updateSupression();
   if (iAecMode.uValue != 0x01) {
@@ -84,9 +92,11 @@ void MyAEC::measureSpeaker() {
   const bool bFrequency = choice.preferred() == kFrequencyDomain;
   const int iStart = bFrequency ? frequencyFilter.bulkDelay() : active.iStart;
   const int iLength = bFrequency ? frequencyFilter.endDelay() - iStart : active.iLength;
-  now.iSpkAmp = speaker.calcSpkrAmp(now.iLast - iStart, iLength + kShortSpan);
+  now.iSpkReachAmp = speaker.calcSpkrAmp(now.iLast - iStart, iLength + kShortSpan);
   now.iSpkSpanAmp = speaker.calcSpkrAmp(now.iLast - active.iStart, active.iLength);
-  now.iSpkBlockAmp = speaker.calcSpkrAmp(now.iLast, kCycleSamples);
+  const int iPeak = active.newestPeak() == kUnknownPeak ? active.iStart : active.newestPeak();
+  now.iSpkAmp = speaker.calcSpkrAmp(now.iLast - iPeak, kShortSpan);
+  now.iSpkAverageAmp = std::max(1, (now.iSpkAverageAmp * 31 + now.iSpkAmp) / 32);
 }
 
 void MyAEC::searchDelay() {
@@ -94,9 +104,21 @@ void MyAEC::searchDelay() {
   const bool bMayCount =
       iAecMode.hasFrequencyDomain() ? !bTalk && delaySearch.speakerPower() >= 1000 : !bTalk;
   delaySearch.setCoupling(talk.coupling());
+  noteStrongEcho();
   delaySearch.updateEchoDelayParams(now, bMayCount);
   const int iCoupled = delaySearch.coupledDelay();
   now.iEchoDelay = iCoupled >= 0 ? iCoupled : delaySearch.votedDelay();
+}
+
+// An echo far above its average stands out: then only large changes of level say where it comes from.
+void MyAEC::noteStrongEcho() {
+  constexpr int kStrong = 8;
+  constexpr int kLeastReference = 600;
+  constexpr int kRemembered = 40000;  // samples
+  if (iEchoLevel > kStrong * std::max(iEchoReference, kLeastReference)) iLastStrongEcho = now.iFirst;
+  iEchoReference = (iEchoReference * 63 + iEchoLevel) / 64;
+  delaySearch.setStrongEcho(now.iFirst - iLastStrongEcho < kRemembered &&
+                            now.iTalkScore >= score::kFarSilent);
 }
 
 void MyAEC::checkHowling() {
@@ -122,7 +144,8 @@ void MyAEC::performTimeDomainAnalysis() {
   const bool bFound = timeResidual.hasSeenEcho() || delaySearch.coupledDelay() >= 0;
   const bool bSilent = bFound ? isFarSilent(active.iStart, active.end())
                               : isFarSilent(echoSpan.startSamples(), echoSpan.endSamples());
-  talk.checkNearEndTalk(now, timeResidual, active.isGood(), bSilent);
+  talk.checkNearEndTalk(now, timeResidual, active, bSilent);
+  now.bFilterLost = frequencyFilter.ratio(FrequencyFilter::kAdaptedLasting) > 0.95F;
   timeFilter.checkIfConvergenceOkay(now, TalkDetector::echoPercent(timeResidual));
 
   const bool bTalk = now.iTalkScore >= score::kAboveEcho && now.bConvergenceOk;
@@ -139,6 +162,8 @@ void MyAEC::performFrequencyDomainAnalysis() {
   if ((now.iLast + 1) % FrequencyFilter::kBlock != 0 || !frequencyFilter.supportsRate()) return;
   considerRecentring();
   const bool bRan = frequencyFilter.run(now);
+  now.bPathLost = frequencyFilter.isPathLost();
+  now.bTalkOverPath = frequencyFilter.isTalkOverKnownPath();
   if (frequencyFilter.losses() != iLosses) {
     iLosses = frequencyFilter.losses();
     delaySearch.searchAnew();
@@ -157,7 +182,8 @@ void MyAEC::performFrequencyDomainAnalysis() {
   }
   talk.checkFrequencyDomainTalk(now, frequencyResidual, bSilent);
   choice.chooseBestAecAlgorithm(now, frequencyFilter, timeFilter.set(TimeDomainFilter::kActive),
-                                levels.trackedPower(), frequencyResidual.hasSeenEcho());
+                                levels.trackedPower(),
+                                {frequencyResidual.hasSeenEcho(), timeResidual.hasSeenEcho()});
 }
 
 // The range follows the estimate when it cancels next to nothing and the estimate lies outside it.
@@ -169,8 +195,8 @@ void MyAEC::considerRecentring() {
   const bool bOutside =
       !frequencyFilter.covers(now.iEchoDelay) || !frequencyFilter.covers(now.iEchoDelay + kTail);
   const bool bLost = frequencyFilter.ratio(kUsedLasting) > 1.1F;
-  if (!bOutside || !(bLost || frequencyFilter.ratio(kUsedLasting) > 0.7F)) return;
-  if (frequencyFilter.matches()) return;
+  if (!bLost && !(bOutside && frequencyFilter.ratio(kUsedLasting) > 0.7F)) return;
+  if (frequencyFilter.matches() || now.bTalkOverPath) return;
   iLastRecentring = now.iLast;
   frequencyFilter.recentre(now.iEchoDelay);
 }

@@ -73,6 +73,7 @@ class MyAEC {
   void beginCycle(cHandle cycle);
   void measureSpeaker();
   void searchDelay();
+  void noteStrongEcho();
   void checkHowling();
   void performTimeDomainAnalysis();
   void performFrequencyDomainAnalysis();
@@ -114,6 +115,8 @@ class MyAEC {
   int iEchoOutputStart = 0;
   bool bEchoBySpectrum = true;
   int iEchoLevel = 0;
+  int iEchoReference = 0;  // the same on average
+  int iLastStrongEcho = kNever;
   int iResidualMode = 0;  // counts towards the stable-path rules
   int iResidualModeLimit = 100;
   int iPathChanges = 0;

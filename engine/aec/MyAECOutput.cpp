@@ -63,7 +63,7 @@ void MyAEC::measureEchoLevel() {
 void MyAEC::writeTimeDomainEcho() {
   const sAecCoefSet& active = timeFilter.set(TimeDomainFilter::kActive);
   const bool bUsed = timeResidual.hasSeenEcho() && isAecDataNeeded(now.cycle) &&
-                     now.iSpkAmp > kAudibleSpeaker && !now.bRestarted && !now.bMicAboveEcho &&
+                     now.iSpkReachAmp > kAudibleSpeaker && !now.bRestarted && !now.bMicAboveEcho &&
                      active.iSpeakerLevel > kAudibleSpan;
   if (!bUsed) {
     bEchoOutputActive = false;

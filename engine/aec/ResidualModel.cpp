@@ -39,12 +39,6 @@ void ResidualModel::relearn() {
   fLeakDb.fill(kFirstLeakDb);
 }
 
-float ResidualModel::leakDb() const {
-  float fSum = 0;
-  for (std::size_t b = 0; b < uBands; ++b) fSum += fLeakDb[b];
-  return fSum / static_cast<float>(uBands);
-}
-
 void ResidualModel::update(std::span<const float> fMic, std::span<const float> fEcho, bool bSpkActive) {
   constexpr float kFollows = 0.07F;
   float fResidual = 1;

@@ -29,8 +29,6 @@ class ResidualModel {
   [[nodiscard]] float remaining() const { return fRemaining; }
   // Whether the filter has proved that the microphone holds echo.
   [[nodiscard]] bool hasSeenEcho() const { return iEchoCycles >= kEchoProved; }
-  // Mean leak in dB.
-  [[nodiscard]] float leakDb() const;
   [[nodiscard]] bool isLearning() const { return iLearnt < kLearningCycles; }
 
  private:

@@ -31,19 +31,19 @@ bool SpeakerHistory::copy(int iFrom, std::span<float> fOut) const {
   return iFirst == 0 && iEnd == iCount;
 }
 
-bool SpeakerHistory::copyFullRate(int iFrom, std::span<float> fOut) const {
+int SpeakerHistory::fd_copyChannelRealData(int iFrom, std::span<float> fOut) const {
   const InputData& input = *pChannel->pInputData;
   const int iFactor = input.rateFactor();
   const int iCount = static_cast<int>(fOut.size()) / iFactor;
   if (!input.indexExists(iFrom) || !input.indexExists(iFrom + iCount - 1)) {
     std::fill(fOut.begin(), fOut.end(), 0.0F);
-    return false;
+    return 1;
   }
   const std::int64_t lFirst = static_cast<std::int64_t>(iFrom) * iFactor;
   for (std::size_t i = 0; i < fOut.size(); ++i) {
     fOut[i] = static_cast<float>(input.atFullRate(lFirst + static_cast<std::int64_t>(i)));
   }
-  return true;
+  return 0;
 }
 
 int SpeakerHistory::calcSpkrAmp(int iTime, int iSpan) const {

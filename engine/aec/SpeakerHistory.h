@@ -20,8 +20,9 @@ class SpeakerHistory {
   [[nodiscard]] int newest() const;
   // Copies samples from iFrom on at 8 kHz. False when some of them are not in the ring.
   bool copy(int iFrom, std::span<float> fOut) const;
-  // The same at the channel's rate: iCount samples at 8 kHz give iCount x rate factor values.
-  bool copyFullRate(int iFrom, std::span<float> fOut) const;
+  // The same at the channel's rate: n samples at 8 kHz give n x rate factor values. 0, or 1 with zeros when
+  // some of them are not in the ring.
+  int fd_copyChannelRealData(int iFrom, std::span<float> fOut) const;
 
   // Spread over the cycles that cover [iTime - iSpan, iTime], at least 1.
   [[nodiscard]] int calcSpkrAmp(int iTime, int iSpan) const;

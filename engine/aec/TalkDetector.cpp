@@ -44,14 +44,36 @@ int TalkDetector::echoPercent(const ResidualModel& residual) {
 void TalkDetector::resetTimers(sAecCycle& now) {
   now.iStrongHoldEnd = std::min(now.iStrongHoldEnd, now.iFirst - 1);
   now.iTalkHoldEnd = std::min(now.iTalkHoldEnd, now.iFirst - 1);
+  now.iFdHoldEnd = std::min(now.iFdHoldEnd, now.iFirst - 1);
+  iStrongCycles = 0;
 }
 
 // ---- The score
 
-int TalkDetector::scoreOfResidual(float fEvidence, const ResidualModel& residual) const {
-  const float fLimit = std::max(fThreshold, 0.3F);
+// The thresholds of talk, looser while there are two echo paths: a filter covers but one.
+float TalkDetector::threshold(const sAecCycle& now) const {
+  constexpr float kLeast = 0.3F;
+  return std::max(fThreshold * (now.bDoublePath3 ? 0.75F : 1.0F), kLeast);
+}
+
+// What is louder than the loudest echo ever seen at this loudspeaker level is talk. 0: nothing can be said.
+int TalkDetector::scoreOfCoupling(const sAecCycle& now) const {
+  if (iCoupling == 0 || now.bWeak) return 0;
+  const float fExpected =
+      static_cast<float>(now.iSpkReachAmp) * static_cast<float>(iCoupling) / kUnityCoupling;
+  const float fRatio = static_cast<float>(now.iMicAmp) / std::max(1.0F, fExpected * threshold(now));
+  return fRatio > 2.0F   ? score::kTwiceTheEcho
+         : fRatio > 1.7F ? score::kWellAboveEcho
+         : fRatio > 1.5F ? score::kAboveEcho
+                         : 0;
+}
+
+int TalkDetector::scoreOfResidual(float fEvidence, const ResidualModel& residual,
+                                  const sAecCycle& now) const {
+  const float fLimit = threshold(now);
   for (const sGrade& grade : psGrades) {
-    if (fEvidence >= grade.fEvidence * fLimit) return grade.iScore;
+    if (fEvidence < grade.fEvidence * fLimit) continue;
+    return now.bWeak ? std::min(grade.iScore, score::kWellAboveEcho) : grade.iScore;
   }
   // Nothing beyond the expectation: the surer the filter, the lower the score.
   if (fEvidence > 0.8F * fLimit) return score::kDefault;
@@ -65,27 +87,30 @@ int TalkDetector::scoreOf(const sAecCycle& now, const ResidualModel& residual, b
   if (bFarSilent) {
     return now.bMicActive && !now.bWeak ? score::kFarSilentNearActive : score::kFarSilent;
   }
+  if (now.bPathLost) return score::kEcho;
   if (residual.hasSeenEcho()) {
     if (now.iMicAmp < kAudibleMic) return score::kBelowResidual;
-    return scoreOfResidual(residual.evidence(), residual);
+    const int iByCoupling = scoreOfCoupling(now);
+    if (iByCoupling != 0) return iByCoupling;
+    return scoreOfResidual(residual.evidence(), residual, now);
   }
   // No filter has found echo. What is louder than any echo could be is talk; of the rest nothing is known,
   // and what is not known to be echo passes.
   const int iExpected =
-      static_cast<int>(static_cast<std::int64_t>(now.iSpkAmp) * iMaxCoupling / kUnityCoupling);
+      static_cast<int>(static_cast<std::int64_t>(now.iSpkReachAmp) * iMaxCoupling / kUnityCoupling);
   if (!now.bWeak && now.iMicAmp > 2 * iExpected) return score::kTwiceTheEcho;
   return now.bMicActive ? 20 : 4;
 }
 
-void TalkDetector::checkNearEndTalk(sAecCycle& now, const ResidualModel& residual, bool bFilterGood,
+void TalkDetector::checkNearEndTalk(sAecCycle& now, const ResidualModel& residual, const sAecCoefSet& active,
                                     bool bFarSilent) {
-  updateCoupling(now, bFilterGood, residual);
+  updateCoupling(now, active.isGoodForCoupling(), residual);
   now.iTalkScore = scoreOf(now, residual, bFarSilent);
   now.bNearEndTalk = now.iTalkScore > 0;
-  const int iRatio = static_cast<int>(
-      std::min<std::int64_t>(std::int64_t{now.iMicAmp} * kUnityCoupling / std::max(1, now.iSpkAmp), 1 << 30));
+  const int iRatio = static_cast<int>(std::min<std::int64_t>(
+      std::int64_t{now.iMicAmp} * kUnityCoupling / std::max(1, now.iSpkReachAmp), 1 << 30));
   now.bMicAboveEcho = iRatio > std::max(8 * iCoupling, 2048);
-  updateStrongHold(now, bFilterGood);
+  updateStrongHold(now, active.isGood());
   updateTalkHold(now);
   shortenHolds(now);
   iLastScores[0] = iLastScores[1];
@@ -108,11 +133,13 @@ void TalkDetector::updateStrongHold(sAecCycle& now, bool bFilterGood) {
   constexpr int kStrongCycles = 12;
   constexpr int kStrongCyclesOnStablePath = 8;
   constexpr int kLeastHold = 200;
-  if (now.iTalkScore < score::kAboveEcho || !now.bMicActive) {
+  if (now.iTalkScore < score::kAboveEcho) {
     iStrongCycles /= 2;
     if (iStrongCycles == 0) iStrongAmp = 0;
     return;
   }
+  const std::int64_t a2 = std::int64_t{now.iMicAmp} * now.iMicAmp;
+  if (!now.bMicActive || a2 * 32 <= now.lLargestPower) return;
   ++iStrongCycles;
   iStrongAmp = std::max(iStrongAmp, now.iMicAmp1);
   const bool bOver = now.iFirst > now.iStrongHoldEnd && !bFilterGood;
@@ -165,6 +192,7 @@ void TalkDetector::checkFrequencyDomainTalk(sAecCycle& now, const ResidualModel&
                                             bool bFarSilent) const {
   now.iFdScore = scoreOf(now, residual, bFarSilent);
   now.bFdNearEndTalk = now.iFdScore > 0;
+  if (now.bPathLost) now.iFdHoldEnd = std::min(now.iFdHoldEnd, now.iFirst - 1);
   if (now.iFdScore >= 50 && !bFarSilent) {
     const int iHold = now.iFdScore >= score::kAboveEcho ? iTalkHold : iTalkHold / 2;
     now.iFdHoldEnd = std::max(now.iFdHoldEnd, now.iFirst + iHold);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "engine/aec/AecTypes.h"
+#include "engine/aec/CoefSet.h"
 #include "engine/aec/ResidualModel.h"
 
 class TalkDetector {
@@ -11,9 +12,9 @@ class TalkDetector {
   // iAggressiveLevel 0..20: the higher, the more has to be left over for it to count as talk.
   void clean(int iAggressiveLevel, int iTalkHoldSamples, int iHold2Samples, int iMaxCoef);
 
-  // Sets score, flags and holds of the time-domain side; iTdFigure tells whether set 0 is fit to measure the
-  // coupling by.
-  void checkNearEndTalk(sAecCycle& now, const ResidualModel& residual, bool bFilterGood, bool bFarSilent);
+  // Sets score, flags and holds of the time-domain side.
+  void checkNearEndTalk(sAecCycle& now, const ResidualModel& residual, const sAecCoefSet& active,
+                        bool bFarSilent);
   // The same for the frequency-domain filter's residual: iFdScore, bFdNearEndTalk and its hold.
   void checkFrequencyDomainTalk(sAecCycle& now, const ResidualModel& residual, bool bFarSilent) const;
 
@@ -22,11 +23,14 @@ class TalkDetector {
   // Residual against what is expected of it, in percent: below 100 all of it is echo.
   [[nodiscard]] static int echoPercent(const ResidualModel& residual);
   // Forgets which talk holds are running.
-  static void resetTimers(sAecCycle& now);
+  void resetTimers(sAecCycle& now);
 
  private:
   [[nodiscard]] int scoreOf(const sAecCycle& now, const ResidualModel& residual, bool bFarSilent) const;
-  [[nodiscard]] int scoreOfResidual(float fEvidence, const ResidualModel& residual) const;
+  [[nodiscard]] int scoreOfResidual(float fEvidence, const ResidualModel& residual,
+                                    const sAecCycle& now) const;
+  [[nodiscard]] int scoreOfCoupling(const sAecCycle& now) const;
+  [[nodiscard]] float threshold(const sAecCycle& now) const;
   void updateCoupling(const sAecCycle& now, bool bFilterGood, const ResidualModel& residual);
   void updateStrongHold(sAecCycle& now, bool bFilterGood);
   void updateTalkHold(sAecCycle& now);

@@ -12,6 +12,8 @@ constexpr double kLeastMu = 0.1;
 constexpr double kLargestMu = 1.2;
 constexpr std::int64_t kLeastPower = 1000;
 constexpr int kSmoothedParts = 100;
+constexpr int kRecordCycles =
+    25;  // 100 ms: five records tell whether good updates kept coming for half a second
 
 int perMille(std::int64_t lValue, std::int64_t lReference) {
   return static_cast<int>(
@@ -40,13 +42,17 @@ void TimeDomainFilter::clean(SpeakerHistory* pSpeaker, DelaySearch* pDelaySearch
 
 void TimeDomainFilter::performTimeDomainAnalysis(sAecCycle& now, bool bAdapt) {
   updateReference(now);
-  std::shift_left(iGoodRecord.begin(), iGoodRecord.end(), 1);
-  iGoodRecord.back() = set(kActive).iGoodUpdates;
+  if (++iSinceRecord >= kRecordCycles) {
+    std::shift_left(iGoodRecord.begin(), iGoodRecord.end(), 1);
+    iGoodRecord.back() = set(kActive).iGoodUpdates;
+    iSinceRecord = 0;
+  }
   // A near-end talker alone says nothing about the filter: cycles without loudspeaker sound are not counted.
   if (runSets(now, bAdapt)) countCycle(now, bAdapt);
   controlStepSize(now);
   compareTestSets(now);
   considerMove(now);
+  stepAlternative(now);
   prepareBckpCoeffs(now, kActive);
   updateStablePath(now);
   expirePath(now);
@@ -72,12 +78,13 @@ void TimeDomainFilter::updateReference(const sAecCycle& now) {
 bool TimeDomainFilter::runSets(sAecCycle& now, bool bAdapt) {
   constexpr int kSpkForAlternative = 5000;
   iSmallestResidual = kUnknownPeak;
+  fLargestStep = 0;
   const bool bRan = calcEchoAndConverge(now, kTest, bAdapt);
   calcEchoAndConverge(now, kActive, false);
   const sAecCoefSet& alternative = set(kAlternative);
   const bool bApart = std::abs(alternative.iStart - set(kTest).iStart) >= kTapsPerWeight;
   const bool bPoor = alternative.r[3] > 599;
-  if (now.iSpkAmp > kSpkForAlternative && (bApart || bPoor)) {
+  if (now.iSpkReachAmp > kSpkForAlternative && (bApart || bPoor)) {
     calcEchoAndConverge(now, kAlternative, bAdapt);
   } else {
     iTestStart += kCycleSamples;
@@ -116,7 +123,9 @@ void TimeDomainFilter::runBlocks(const sAecCycle& now, sAecCoefSet& s, bool bAda
     for (std::size_t j = b; j < b + kBlockSamples; ++j) signals.e[j] = now.fMic[j] - signals.y[j];
     if (!bAdapt) continue;
     const std::span<const float, kBlockSamples> error(signals.e.data() + b, kBlockSamples);
-    s.blockUpdateAecCoefs(signals.x.data() + b, error, static_cast<float>(dMu), fPower, profile);
+    const float fStep =
+        s.blockUpdateAecCoefs(signals.x.data() + b, error, static_cast<float>(dMu), fPower, profile);
+    fLargestStep = std::max(fLargestStep, fStep);
   }
   if (!bAdapt) return;
   ++s.iAdaptations;
@@ -143,9 +152,9 @@ void TimeDomainFilter::updateQuality(const sAecCycle& now, sAecCoefSet& s, int i
   s.r[0] = perMille(s.iResidualSpread, iDivisor);
   s.r[2] = perMille(iMeanError, iReferenceLevel);
   int p = now.bMicQuiet ? 1 : 5;
-  if (now.iSpkAmp > 4000 && now.iSpkAmp > 2 * now.iSpkSpanAmp / 2 && !now.bMicQuiet) {
+  if (!now.bMicQuiet && now.iSpkAmp > 4000 && now.iSpkAmp > 2 * now.iSpkAverageAmp) {
     constexpr int kLargestRatio = 3;  // whose square is beyond the largest step already
-    const int q = std::min(now.iSpkAmp * 2 / std::max(1, now.iSpkSpanAmp), kLargestRatio);
+    const int q = std::min(now.iSpkAmp / now.iSpkAverageAmp, kLargestRatio);
     p = std::clamp(4 * q * q, 1, 20);
   }
   s.r[1] = (p * s.r[0] + (kSmoothedParts - p) * s.r[1]) / kSmoothedParts;
@@ -179,13 +188,13 @@ void TimeDomainFilter::calcStepProfile(const sAecCycle& now, const sAecCoefSet& 
   } else {
     profile.fill(1024);
   }
-  const bool bLost = iBlocks > 9 && s.r[3] > 1000 &&
-                     (now.bDoublePath ||
-                      std::abs(s.newestPeak() - asPeaks[static_cast<std::size_t>(iNewestPeak)].iDelay) > 100);
+  const sPeakSample& recorded = asPeaks[static_cast<std::size_t>(iNewestPeak)];
+  const bool bElsewhere = recorded.iTime > kNever && std::abs(s.newestPeak() - recorded.iDelay) > 100;
+  const bool bLost = iBlocks > 9 && s.r[3] > 1000 && (now.bDoublePath || bElsewhere);
   if (bLost) {
     fFactor = 10;
   } else if (!now.bMicQuiet && iBlocks <= 9 && set(kTest).r[3] <= 599) {
-    fFactor = static_cast<float>(std::clamp(8 * now.iSpkAmp / std::max(1, now.iSpkSpanAmp), 4, 8));
+    fFactor = static_cast<float>(std::clamp(8 * std::min(now.iSpkAmp, 65535) / now.iSpkAverageAmp, 4, 8));
   }
   for (float& fWeight : profile) fWeight *= fFactor / 8;
 }
@@ -234,8 +243,8 @@ void TimeDomainFilter::checkIfConvergenceOkay(sAecCycle& now, int iEchoPercent) 
   const int iGrowth = iGoodRecord.back() - iGoodRecord.front();
   if (compact(49, 9, 99) || (iEchoPercent < 35 && compact(99, 19, 199))) {
     now.bConvergenceOk = true;
-  } else if (s.iGoodUpdates >= 201) {
-    now.bConvergenceOk = iGrowth >= 21 && compact(74, 14, 149);
+  } else if (s.iGoodUpdates >= 201 && iGrowth >= 21 && compact(74, 14, 149)) {
+    now.bConvergenceOk = true;
   } else if (!now.bMicQuiet) {
     bool bSteady = iGrowth > 49;
     for (std::size_t i = 1; i < iGoodRecord.size(); ++i)

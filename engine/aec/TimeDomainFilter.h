@@ -29,11 +29,14 @@ class TimeDomainFilter {
   // Sets bConvergenceOk; iEchoPercent is the detector's echo figure in percent of its reference.
   void checkIfConvergenceOkay(sAecCycle& now, int iEchoPercent);
 
-  [[nodiscard]] bool td_isCoef2BetterThanCoef1OnTst(int iSet1, int iSet2) const;
+  // Whether set 2 beats set 1; bDoublePath: there are two echo paths, the first double-path flag.
+  [[nodiscard]] bool td_isCoef2BetterThanCoef1OnTst(int iSet1, int iSet2, bool bDoublePath = false) const;
 
   [[nodiscard]] const sAecCoefSet& set(int i) const { return asCoefSet[static_cast<std::size_t>(i)]; }
   [[nodiscard]] sAecCoefSet& set(int i) { return asCoefSet[static_cast<std::size_t>(i)]; }
   [[nodiscard]] const std::array<float, kCycleSamples>& estimate() const { return fEstimate; }
+  // Largest step of a tap in the cycle, at most 500.
+  [[nodiscard]] float largestStep() const { return fLargestStep; }
   [[nodiscard]] int smallestResidual() const { return iSmallestResidual; }
   [[nodiscard]] double stepSize() const { return dMu; }
   [[nodiscard]] bool isDiverging() const { return bDivergence; }
@@ -83,7 +86,8 @@ class TimeDomainFilter {
   // True when the main test set ran.
   bool runSets(sAecCycle& now, bool bAdapt);
   void compareTestSets(sAecCycle& now);
-  void copySet(int iFrom, int iTo);
+  void narrowAlternative(const sAecCycle& now);
+  void td_updateEchoPath(int iFrom, int iTo);
   void prepareBckpCoeffs(sAecCycle& now, int iSet);
   void storeBackup();
   void rollbackToBestCoeffs(sAecCycle& now, int iReason);
@@ -93,7 +97,9 @@ class TimeDomainFilter {
   void updateDelayNLengthUsingEchoDelay(sAecCycle& now, bool bAlternativeOnly);
   void considerMove(sAecCycle& now);
   void placeAlternative(int iDelay);
+  void stepAlternative(const sAecCycle& now);
   void recomputeRange(const sAecCycle& now);
+  [[nodiscard]] int recentPeakSpread(const sAecCycle& now) const;
   void updateStablePath(sAecCycle& now);
   void expirePath(sAecCycle& now);
   void forgetPath(sAecCycle& now);
@@ -106,6 +112,7 @@ class TimeDomainFilter {
   std::array<sAecCoefSet, kSets> asCoefSet{};
   std::array<float, kCycleSamples> fEstimate{};
   int iSmallestResidual = 1;
+  float fLargestStep = 0;
   StepProfile profile{};
 
   double dMu = 0.3;
@@ -117,12 +124,15 @@ class TimeDomainFilter {
   int iExpected = 1;        // mean echo magnitude to be expected by that coupling
 
   bool bSearching = false;
+  bool bStepping = false;  // set 7 steps through the delay range
   int iLastMove = kNever;
   int iLastRestart = kNever;
   int iTestStart = 0;   // sample time at which set 7's test began
   int iTest6Start = 0;  // the same for set 6
   int iPoorCycles = 0;
-  int iBadCycles = 0;  // consecutive ones with loudspeaker sound in which the active set was not good
+  int iLongPoorCycles = 0;   // the same, until the active set has been good
+  bool bRolledBack = false;  // since the last copy was made
+  int iBadCycles = 0;        // consecutive ones with loudspeaker sound in which the active set was not good
   int iNextBackup = kFirstBackup;
   int iLastBackupTime = kNever;
   int iEchoPeak = 0;  // recorded peak magnitude of good sets
@@ -135,5 +145,6 @@ class TimeDomainFilter {
   int iRangeStart = 0;
   int iRangeEnd = 0;
 
-  std::array<int, 5> iGoodRecord{};  // set 0's good updates, newest last
+  std::array<int, 5> iGoodRecord{};  // set 0's good updates at a distance of 100 ms, newest last
+  int iSinceRecord = 0;              // cycles
 };

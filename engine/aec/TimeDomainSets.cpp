@@ -4,11 +4,13 @@
 #include <cstdlib>
 
 #include "engine/aec/TimeDomainFilter.h"
+#include "engine/Glob.h"
 
 namespace {
 
-constexpr int kLeastTest = 320;    // samples a test set needs to show what it can
-constexpr int kStableWithin = 29;  // samples
+constexpr int kLeastStepTest = 4000;  // the same while set 7 steps through the delay range
+constexpr int kLeastTest = 320;       // samples a test set needs to show what it can
+constexpr int kStableWithin = 29;     // samples
 constexpr int kPeakDistance = 8000;
 constexpr int kSpeakerHeard = 1000;  // level of the loudspeaker at which a filter must show what it can
 
@@ -16,7 +18,7 @@ constexpr int kSpeakerHeard = 1000;  // level of the loudspeaker at which a filt
 
 // ---- Candidates
 
-bool TimeDomainFilter::td_isCoef2BetterThanCoef1OnTst(int iSet1, int iSet2) const {
+bool TimeDomainFilter::td_isCoef2BetterThanCoef1OnTst(int iSet1, int iSet2, bool bDoublePath) const {
   const sAecCoefSet& a = set(iSet1);
   const sAecCoefSet& b = set(iSet2);
   const int iGain = a.iResidualSpread - b.iResidualSpread;
@@ -27,40 +29,55 @@ bool TimeDomainFilter::td_isCoef2BetterThanCoef1OnTst(int iSet1, int iSet2) cons
   if (!bBigWin && b.iPeakDrift > std::min(a.iPeakDrift, 10)) return false;
   const bool bNearReference = a.iResidualSpread <= 3000 + iReferenceLevel;
   const int F = iGain <= (bNearReference ? 3000 : 1000) ? 14 : iGain <= 3000 ? 15 : 16;
-  const int G = bBigWin ? 16 : 15;
+  const int G = bBigWin && bDoublePath ? 16 : 15;
   return 16 * b.r[3] < F * a.r[3] && 16 * b.r[2] < F * a.r[2] && 16 * b.r[1] < G * a.r[1] &&
          16 * b.r[0] < G * a.r[0];
 }
 
-void TimeDomainFilter::copySet(int iFrom, int iTo) {
+void TimeDomainFilter::td_updateEchoPath(int iFrom, int iTo) {
   set(iTo) = set(iFrom);
 }
 
 void TimeDomainFilter::compareTestSets(sAecCycle& now) {
-  if (td_isCoef2BetterThanCoef1OnTst(kAlternative, kTest)) iTestStart = now.iLast;
+  if (td_isCoef2BetterThanCoef1OnTst(kAlternative, kTest, now.bDoublePath)) iTestStart = now.iLast;
   // The main test set follows the path; the active one takes over what it has learnt. Before anything is good
   // any improvement counts.
   const sAecCoefSet& test = set(kTest);
   const sAecCoefSet& active = set(kActive);
   const bool bFollow = test.r[3] < active.r[3] && test.r[1] <= active.r[1] && test.r[0] <= active.r[0] &&
                        now.iLast - iTest6Start >= kLeastTest && test.r[1] < 950;
-  if (td_isCoef2BetterThanCoef1OnTst(kActive, kTest) || bFollow) {
-    copySet(kTest, kActive);
+  if (td_isCoef2BetterThanCoef1OnTst(kActive, kTest, now.bDoublePath) || bFollow) {
+    td_updateEchoPath(kTest, kActive);
     iTest6Start = now.iLast;
   }
-  if (now.iLast - iTestStart < kLeastTest) return;
-  const bool bBeatsTest = td_isCoef2BetterThanCoef1OnTst(kTest, kAlternative);
-  const sAecCoefSet& alternative = set(kAlternative);
   const int iAge = now.iLast - iTestStart;
-  const bool bBeatsActive = iAge > 800 && alternative.r[0] + 10 < active.r[0] &&
+  if (iAge < (bStepping ? kLeastStepTest : kLeastTest)) return;
+  const bool bBeatsTest = td_isCoef2BetterThanCoef1OnTst(kTest, kAlternative, now.bDoublePath);
+  const sAecCoefSet& alternative = set(kAlternative);
+  const int iMature = (bStepping ? 8800 : 800) + (Glob::iCPUPower != 0 ? 640 : 0);
+  const bool bBeatsActive = iAge > iMature && alternative.r[0] + 10 < active.r[0] &&
                             alternative.r[1] + 20 < active.r[1] && alternative.r[2] + 20 < active.r[2] &&
                             alternative.r[3] + 70 < active.r[3];
   if (!bBeatsTest && !bBeatsActive) return;
-  copySet(kAlternative, kActive);
-  copySet(kAlternative, kTest);
+  narrowAlternative(now);
+  td_updateEchoPath(kAlternative, kActive);
+  td_updateEchoPath(kAlternative, kTest);
   iTestStart = iTest6Start = now.iLast;
   iLastMove = now.iLast;
   addToDelayHistory(now, kActive);
+}
+
+// A winner whose peak keeps its place needs no more than the 256 taps around it.
+void TimeDomainFilter::narrowAlternative(const sAecCycle& now) {
+  constexpr int kNarrow = 256;
+  constexpr int kAfterStart = 8000;
+  constexpr int kSteadyPeak = 29;
+  sAecCoefSet& s = set(kAlternative);
+  const bool bAllowed = mode.low() <= 1 || Glob::iCPUPower == 0;
+  if (!bAllowed || s.iLength <= kNarrow || s.iPeakDrift > kSteadyPeak || now.iMicStart < 0) return;
+  if (now.iLast - now.iMicStart <= kAfterStart) return;
+  const int iStart = std::clamp(s.newestPeak() - kNarrow / 2, s.iStart, s.end() + 1 - kNarrow);
+  (void)s.updateCoefsToLatestEchoDelay(iStart, kNarrow);
 }
 
 // ---- Placement
@@ -77,16 +94,38 @@ void TimeDomainFilter::placeAlternative(int iDelay) {
   set(kAlternative).updateCoefsToLatestEchoDelay(placementFor(iDelay), set(kAlternative).iLength);
 }
 
+// Where nothing says where the echo is, set 7 tries one placement after the other: the whole span while the
+// path has never been found, later the range in which it has lain.
+void TimeDomainFilter::stepAlternative(const sAecCycle& now) {
+  constexpr int kStepTest = 8000;  // samples with loudspeaker sound
+  if (pSearch->coupledDelay() >= 0 || set(kActive).isGood()) {
+    bStepping = false;
+    return;
+  }
+  bStepping = true;
+  if (now.iLast - iTestStart < kStepTest) return;
+  sAecCoefSet& s = set(kAlternative);
+  const int iFrom = bSearching ? span.startSamples() : iRangeStart;
+  const int iTo = bSearching ? span.endSamples() : iRangeEnd + 1;
+  const int iNext = s.iStart + s.iLength / 2;
+  const int iLatest = std::max(iFrom, std::min(iTo, span.endSamples()) - s.iLength);
+  (void)s.updateCoefsToLatestEchoDelay(s.iStart >= iLatest ? iFrom : std::clamp(iNext, iFrom, iLatest),
+                                       s.iLength);
+  iTestStart = now.iLast;
+}
+
 void TimeDomainFilter::considerMove(sAecCycle& now) {
   constexpr int kMoveDistance = 2000;
   constexpr int kEvents = 90;
   constexpr int kStableSamples = 40000;
-  if (now.iLast - iLastMove <= kMoveDistance) return;
+  if (now.iLast - iLastMove <= kMoveDistance || now.bTalkOverPath) return;
   const sAecCoefSet& active = set(kActive);
   const int iCoupled = pSearch->coupledDelay();
   const bool bVoted = pSearch->events() > kEvents && pSearch->events() % 5 == 0 &&
                       pSearch->bestVotes() >= (now.iLast - iLastMove < kStableSamples ? 11 : 26);
-  if (active.iGoodUpdates <= 99 || active.r[3] > 900) {
+  const bool bMayMove =
+      mode.hasFrequencyDomain() ? now.bFilterLost : active.iGoodUpdates <= 99 || active.r[3] > 900;
+  if (bMayMove) {
     if (iCoupled >= 0 || bVoted) updateDelayNLengthUsingEchoDelay(now, false);
   } else if (bVoted || iCoupled >= 0) {
     updateDelayNLengthUsingEchoDelay(now, true);
@@ -110,6 +149,7 @@ void TimeDomainFilter::updateDelayNLengthUsingEchoDelay(sAecCycle& now, bool bAl
     for (const int i : {static_cast<int>(kTest), static_cast<int>(kActive)}) {
       if (covers(set(i))) continue;
       set(i).updateCoefsToLatestEchoDelay(iStart, set(i).iLength);
+      pSearch->initDelaynLengthCoeffCounters();  // the votes have been followed
     }
     iTest6Start = now.iLast;
     bSearching = false;
@@ -118,6 +158,19 @@ void TimeDomainFilter::updateDelayNLengthUsingEchoDelay(sAecCycle& now, bool bAl
 }
 
 // ---- What is remembered
+
+// Of the peak samples of the last 80000 samples.
+int TimeDomainFilter::recentPeakSpread(const sAecCycle& now) const {
+  constexpr int kRecent = 80000;
+  int iLow = kUnknownPeak;
+  int iHigh = 0;
+  for (const sPeakSample& sample : asPeaks) {
+    if (now.iLast - sample.iTime > kRecent) continue;
+    iLow = std::min(iLow, sample.iDelay);
+    iHigh = std::max(iHigh, sample.iDelay);
+  }
+  return std::max(0, iHigh - iLow);
+}
 
 void TimeDomainFilter::recomputeRange(const sAecCycle& now) {
   if (iPlacements == 0) return;
@@ -134,7 +187,13 @@ void TimeDomainFilter::recomputeRange(const sAecCycle& now) {
   if (!now.bStablePath || now.anyDoublePath()) {
     for (int i = 0; i <= 2; ++i) widen(set(i).iStart, set(i).end());
   }
+  const int iSecond = set(kFirstBackup).newestPeak();
+  if (now.bDoublePath && iSecond != kUnknownPeak) widen(2 * iSecond - iRangeEnd, 2 * iSecond - iRangeStart);
   if (now.bDoublePath3 && !now.bStablePath) widen(iRangeStart - 128, iRangeEnd + 128);
+  if (iRangeStart >= span.startSamples() && iRangeEnd < span.endSamples()) {
+    const int iMargin = 2 * recentPeakSpread(now) + 32;
+    widen(iRangeStart - iMargin, iRangeEnd + iMargin);
+  }
   iRangeStart = std::clamp(iRangeStart, span.startSamples(), span.endSamples() - 1);
   iRangeEnd = std::clamp(iRangeEnd, iRangeStart, span.endSamples() - 1);
 }
@@ -188,7 +247,8 @@ void TimeDomainFilter::forgetPath(sAecCycle& now) {
 }
 
 void TimeDomainFilter::storeBackup() {
-  copySet(kActive, iNextBackup);
+  bRolledBack = false;
+  td_updateEchoPath(kActive, iNextBackup);
   iNextBackup = iNextBackup == kLastBackup ? kFirstBackup : iNextBackup + 1;
 }
 
@@ -209,7 +269,7 @@ void TimeDomainFilter::prepareBckpCoeffs(sAecCycle& now, int iSet) {
       return iOther == kUnknownPeak ? 0 : std::abs(s.newestPeak() - iOther);
     };
     now.bDoublePath = away(1) > kDoublePathDistance && away(2) > kDoublePathDistance;
-    now.bDoublePath2 = away(1) > kSecondRuleDistance;
+    now.bDoublePath2 = away(1) > kSecondRuleDistance && away(2) > kSecondRuleDistance;
     now.bDoublePath3 = now.bDoublePath && now.bDoublePath2;
   }
   iLastBackupTime = now.iLast;
@@ -227,9 +287,10 @@ void TimeDomainFilter::rollbackToBestCoeffs(sAecCycle& now, int /*iReason*/) {
   bDivergence = false;
   dMu = std::min(dMu, 0.3);
   if (iBest < 0) return;
-  for (const int i : {static_cast<int>(kActive), static_cast<int>(kTest)}) copySet(iBest, i);
+  for (const int i : {static_cast<int>(kActive), static_cast<int>(kTest)}) td_updateEchoPath(iBest, i);
   iTest6Start = now.iLast;
   iPoorCycles = 0;
+  bRolledBack = true;
 }
 
 void TimeDomainFilter::td_checkRollbackAndReset(sAecCycle& now) {
@@ -239,15 +300,20 @@ void TimeDomainFilter::td_checkRollbackAndReset(sAecCycle& now) {
   constexpr int kReason = 190;
   const sAecCoefSet& active = set(kActive);
   const bool bHeard = active.iSpeakerLevel >= kSpeakerHeard && !now.bMicQuiet && !now.bHowling;
-  if (bHeard) iPoorCycles = active.r[1] >= kPoorFigure && active.iPeak > 0 ? iPoorCycles + 1 : 0;
+  if (bHeard) {
+    const bool bPoor = active.r[1] >= kPoorFigure && active.iPeak > 0;
+    iPoorCycles = bPoor ? iPoorCycles + 1 : 0;
+    iLongPoorCycles = bPoor ? iLongPoorCycles + 1 : active.isGood() ? 0 : iLongPoorCycles;
+  }
   const bool bLong = now.iFirst - iDivergenceTime > 1000;
   const bool bDiverges = bDivergence && !now.bMicQuiet && !now.bHowling &&
                          (active.iSpeakerLevel > 2000 || (active.iSpeakerLevel > 1000 && bLong &&
-                                                          now.iTalkScore <= 99 && now.iSpkAmp >= 1001));
-  if (bDiverges || iPoorCycles == kPoorForRollback) {
-    rollbackToBestCoeffs(now, kReason);
-  } else if (iPoorCycles >= kPoorForRestart) {
+                                                          now.iTalkScore <= 99 && now.iSpkReachAmp >= 1001));
+  // A copy that did not help once will not help again.
+  if (iLongPoorCycles >= kPoorForRestart) {
     restart(now);
+  } else if (!bRolledBack && (bDiverges || iPoorCycles >= kPoorForRollback)) {
+    rollbackToBestCoeffs(now, kReason);
   }
 }
 
@@ -257,7 +323,8 @@ void TimeDomainFilter::restart(sAecCycle& now) {
     s.iAdaptations = 0;
   }
   pSearch->initDelaynLengthCoeffCounters();
-  iPoorCycles = 0;
+  iPoorCycles = iLongPoorCycles = 0;
+  bRolledBack = false;
   iEchoPeak = 0;
   forgetPath(now);
   iLastRestart = now.iLast;

@@ -155,6 +155,18 @@ TEST_F(EchoTest, DoubleTalkNeitherLosesTheNearEndNorTheFilter) {
   EXPECT_GT(erle(micSamples, out, 52000), 25);
 }
 
+TEST_F(EchoTest, AChangedPathIsSuppressedBeforeItIsLearnt) {
+  const Samples far = gaussianNoise(28000, 2500, 15);
+  Samples echo = echoOf(far, 300, 0.3);
+  const Samples changed = echoOf(far, 330, -0.3);
+  std::copy(changed.begin() + 20000, changed.end(), echo.begin() + 20000);
+  start(echoInit(7));
+  (void)feed(far, echo, 0, 23200);
+  const Samples out = feed(far, echo, 23200, 26400);
+  const Samples heard(echo.begin() + 23200, echo.begin() + 26400);
+  EXPECT_GT(erle(heard, out, 0), 20) << "0.4 s after the change, for 0.4 s";
+}
+
 TEST_F(EchoTest, ANearEndTalkerAloneIsNoSignOfDivergence) {
   Samples far = syllables(32000, 2500, 10);
   std::fill(far.begin() + 16000, far.end(), 0);
@@ -273,6 +285,22 @@ TEST_F(HistoryTest, TheResidualRatioScalesTheGainWhereNothingIsSubtracted) {
 }
 
 // ---- Coefficient sets
+
+TEST(CoefSetTest, OfTwoEqualTestSetsNeitherWins) {
+  TimeDomainFilter filter;
+  for (const int i : {6, 7}) {
+    sAecCoefSet& set = filter.set(i);
+    set.iProcessedTime = 100000;
+    set.r = {300, 300, 300, 300};
+    set.iPeakDrift = 0;
+  }
+  EXPECT_FALSE(filter.td_isCoef2BetterThanCoef1OnTst(6, 7));
+  EXPECT_FALSE(filter.td_isCoef2BetterThanCoef1OnTst(7, 6));
+  filter.set(7).r = {200, 200, 200, 200};
+  EXPECT_TRUE(filter.td_isCoef2BetterThanCoef1OnTst(6, 7));
+  filter.set(7).iPeakDrift = 11;
+  EXPECT_FALSE(filter.td_isCoef2BetterThanCoef1OnTst(6, 7)) << "its peak wanders";
+}
 
 TEST(CoefSetTest, StepsAreClippedWithTheirSign) {
   sAecCoefSet set;
