@@ -68,12 +68,16 @@ void MyRtp::stopThread(int pair) {
   record.bThreadToJoin = false;
 }
 
+void MyRtp::closeSockets(int side, int pair) {
+  closeSocket(psPairs[pair].iRtpSocket[side]);
+  closeSocket(psPairs[pair].iRtcpSocket[side]);
+}
+
 void MyRtp::closeSide(int side, int pair) {
   constexpr const char* kFunction = "MyRtp::closeSessionPair";
   sRtpSessionPair& record = psPairs[pair];
   const auto channel = static_cast<std::uint16_t>(2 * pair + side);
-  closeSocket(record.iRtpSocket[side]);
-  closeSocket(record.iRtcpSocket[side]);
+  closeSockets(side, pair);
   if (record.bRegistering[side]) doStopRegistration(side, pair);
   if (record.bNoiseReduction[side] && KestrovaTerminate(channel) != 0) {
     Log::warning(kFunction, "unable to terminate kestrova channel %d\n", channel);

@@ -229,10 +229,12 @@ class MyRtp {
   void storeLegs(int pair, const sSessionPairRequest& request, in_addr own);
   void storeCodecs(int pair, const sSessionPairRequest& request);
   void resetForCall(int pair);
+  bool createSocket(int& descriptor, int pair);
   bool openSockets(int pair);
   bool startThread(int pair);
   int findOpenPair(const char* callId1, const char* callId2) const;
   void stopThread(int pair);
+  void closeSockets(int side, int pair);
   void closeSide(int side, int pair);
   void freeSlot(int pair);
   // 3

@@ -9,29 +9,32 @@ namespace {
 
 constexpr const char* kFunction = "MyRtp::openSessionPair";
 
-// select can wait for descriptors below FD_SETSIZE only.
-bool createSocket(int& descriptor) {
-  descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (descriptor < 0) {
-    Log::error(kFunction, "unable to create socket");
-    return false;
-  }
-  if (descriptor < FD_SETSIZE) return true;
-  Log::error(kFunction, "socket descriptor %d is too large for select, which takes descriptors below %d\n",
-             descriptor, FD_SETSIZE);
-  return false;
-}
-
 bool bindSocket(int descriptor, const sockaddr_in& address) {
   return bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
 }  // namespace
 
+// select can wait for descriptors below FD_SETSIZE only.
+bool MyRtp::createSocket(int& descriptor, int pair) {
+  const int created = descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (created >= 0 && created < FD_SETSIZE) return true;
+  // First, since where descriptors are short, the log needs one, too.
+  for (int side = 0; side < 2; ++side) closeSockets(side, pair);
+  if (created < 0) {
+    Log::error(kFunction, "unable to create socket");
+  } else {
+    Log::error(kFunction, "socket descriptor %d is too large for select, which takes descriptors below %d\n",
+               created, FD_SETSIZE);
+  }
+  return false;
+}
+
 bool MyRtp::openSockets(int pair) {
   sRtpSessionPair& record = psPairs[pair];
   for (int side = 0; side < 2; ++side) {
-    if (!createSocket(record.iRtpSocket[side]) || !createSocket(record.iRtcpSocket[side])) return false;
+    if (!createSocket(record.iRtpSocket[side], pair) || !createSocket(record.iRtcpSocket[side], pair))
+      return false;
   }
   for (int side = 0; side < 2; ++side) {
     if (!bindSocket(record.iRtpSocket[side], record.sLocalRtpAddr[side])) {
