@@ -1,0 +1,187 @@
+// Memory that is taken for a packet or a message while calls come and go: none.
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+
+#include "app/config/Settings.h"
+#include "rtp/MyRtp.h"
+#include "tests/sip/SipFixture.h"
+
+namespace {
+
+thread_local bool isCounting = false;
+thread_local long allocations = 0;
+
+void count() {
+  if (isCounting) ++allocations;
+}
+
+// How much of it this thread takes meanwhile.
+template <typename Work>
+long allocationsOf(Work work) {
+  allocations = 0;
+  isCounting = true;
+  work();
+  isCounting = false;
+  return allocations;
+}
+
+}  // namespace
+
+// Every way to the heap, also that of the C library's own functions, goes through these.
+extern "C" {
+void* __libc_malloc(std::size_t);
+void* __libc_calloc(std::size_t, std::size_t);
+void* __libc_realloc(void*, std::size_t);
+
+void* malloc(std::size_t size) {
+  count();
+  return __libc_malloc(size);
+}
+void* calloc(std::size_t items, std::size_t size) {
+  count();
+  return __libc_calloc(items, size);
+}
+void* realloc(void* block, std::size_t size) {
+  count();
+  return __libc_realloc(block, size);
+}
+}
+
+namespace {
+
+struct Lane {
+  const char* name;
+  SUPPORTED_CODECS_IN_QUORVEL from, to;
+  int processing;
+};
+
+void PrintTo(const Lane& lane, std::ostream* out) {
+  *out << lane.name;
+}
+
+class PacketAllocationTest : public ::testing::TestWithParam<Lane> {
+ protected:
+  static constexpr int kWarmUp = 300, kCounted = 500;  // packets of 20 ms
+
+  PacketAllocationTest() {
+    iNumCallsToFilter = 1;
+    iNeedToDoNoiseCancellation = iNeedToDoAEC = 1;
+    iNeedToCheckDTMF = 1;
+    pcSipUAIPForBinding.assignCut("127.0.0.1");
+    EXPECT_TRUE(pcAECAlgorithm.assign("advanced"));
+    EXPECT_EQ(myRtp.init(), 0);
+  }
+
+  static CodecList listOf(SUPPORTED_CODECS_IN_QUORVEL codec) {
+    CodecList list;
+    list[0].eCodec = codec;
+    list[0].iPayloadType = kCodecRows[codec].iPayloadType;
+    return list;
+  }
+
+  // The far ends have the null address: what is sent goes nowhere.
+  static int open(const Lane& lane) {
+    const std::array<CodecList, 2> codecs{listOf(lane.from), listOf(lane.to)};
+    const int port = LoopbackPeer::freePortPair(), other = LoopbackPeer::freePortPair();
+    sSessionPairRequest request;
+    request.iCleaningType = lane.processing;
+    request.pcTelephoneEventPT = "101";
+    for (std::size_t side = 0; side < 2; ++side) {
+      sSessionPairLeg& leg = request.sLeg[static_cast<int>(side)];
+      leg.pcCallID = side == 0 ? "caller" : "callee";
+      leg.iLocalRtpPort = side == 0 ? port : other;
+      leg.iRemoteRtpPort = 9;
+      leg.pcRemoteIP = "0.0.0.0";
+      leg.iNumCodecs = 1;
+      leg.psCodecs = &codecs[side];
+    }
+    return myRtp.openSessionPair(request);
+  }
+
+  void pass(int pair, int side, SUPPORTED_CODECS_IN_QUORVEL codec) {
+    std::array<char, kMessageBufferBytes> buffer{};
+    const unsigned stamp = 160U * static_cast<unsigned>(number);
+    const unsigned header[12] = {0x80,
+                                 static_cast<unsigned>(kCodecRows[codec].iPayloadType),
+                                 static_cast<unsigned>(number) >> 8U,
+                                 static_cast<unsigned>(number),
+                                 stamp >> 24U,
+                                 stamp >> 16U,
+                                 stamp >> 8U,
+                                 stamp,
+                                 1,
+                                 2,
+                                 3,
+                                 4};
+    for (std::size_t i = 0; i < 12; ++i) buffer[i] = static_cast<char>(header[i]);
+    for (std::size_t i = 12; i < 172; ++i) buffer[i] = static_cast<char>(std::rand());
+    myRtp.analyzeRtpMsg(side, pair, buffer.data(), 172);
+  }
+
+  TestInstallation installation;
+  int number = 1;
+};
+
+TEST_P(PacketAllocationTest, NoPacketTakesMemory) {
+  const Lane& lane = GetParam();
+  const int pair = open(lane);
+  ASSERT_GE(pair, 0) << installation.log();
+  const auto talk = [&](int packets) {
+    for (; packets > 0; --packets, ++number) {
+      pass(pair, 0, lane.from);
+      pass(pair, 1, lane.to);
+    }
+  };
+  talk(kWarmUp);
+  EXPECT_EQ(allocationsOf([&] { talk(kCounted); }), 0);
+  EXPECT_GT(myRtp.psPairs[pair].iPacketsReceived[0], kCounted);
+  EXPECT_EQ(myRtp.closeSessionPair("caller", ""), pair);
+}
+
+INSTANTIATE_TEST_SUITE_P(Lanes, PacketAllocationTest,
+                         ::testing::Values(Lane{"Passed", eCodecPCMU, eCodecPCMU, 0},
+                                           Lane{"Recoded", eCodecPCMU, eCodecPCMA, 0},
+                                           Lane{"Wideband", eCodecG722, eCodecPCMA, 0},
+                                           Lane{"Processed", eCodecPCMU, eCodecPCMA, 3},
+                                           Lane{"ProcessedWideband", eCodecG722, eCodecG722, 3}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+class MessageAllocationTest : public SipFixture {
+ protected:
+  // What the engine takes to handle what waits.
+  long handled(const LoopbackPeer& from, const std::string& message) {
+    from.sendTo(iSipPort, message);
+    return allocationsOf([&] { process(); });
+  }
+};
+
+TEST_F(MessageAllocationTest, CallsTakeNoMemoryOnceThereHasBeenOne) {
+  ASSERT_GT(allocationsOf([] { std::fclose(std::fopen("/dev/null", "r")); }), 0) << "nothing is counted";
+  start();
+  const std::string contact = "Contact: <sip:200@127.0.0.1:" + std::to_string(pbx.port()) + ">\r\n";
+  const std::string sdp = sip_text::sdp(LoopbackPeer::freePortPair(), "0");
+  for (int number = 0; number < 5; ++number) {
+    invite.callId = "call-" + std::to_string(number);
+    invite.branch = "z9hG4bKinvite" + std::to_string(number);
+    std::map<std::string, long> taken;
+    taken["INVITE"] = handled(caller, inviteText());
+    const std::string relayed = atPbx();
+    taken["180"] = handled(pbx, sip_text::respond(relayed, "180 Ringing", "bob"));
+    atCaller();
+    taken["200"] = handled(pbx, sip_text::respond(relayed, "200 OK", "bob", contact, sdp));
+    callerAnswer = atCaller();
+    taken["ACK"] = handled(caller, callerRequest("ACK", 1));
+    atPbx();
+    taken["OPTIONS"] = handled(caller, sip_text::build({.method = "OPTIONS", .viaPort = caller.port()}));
+    atCaller();
+    taken["BYE"] = handled(caller, callerRequest("BYE", 2));
+    taken["200 for BYE"] = handled(pbx, sip_text::respond(atPbx(), "200 OK"));
+    atCaller();
+    // The first call's thread gets its stack's books from the C library.
+    if (number == 0) continue;
+    for (const auto& [message, count] : taken) EXPECT_EQ(count, 0) << message << " of call " << number;
+  }
+}
+
+}  // namespace
