@@ -90,6 +90,7 @@ class FrequencyFilter {
   void estimateEchoes();
   void measureErrors();
   void watchPath();
+  void losePath();
   [[nodiscard]] bool isLouderThanEcho() const;
   void updateWeights();
   [[nodiscard]] bool updatePower();

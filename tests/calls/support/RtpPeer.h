@@ -25,14 +25,13 @@ class RtpPeer {
   // Sends a packet every 20 ms to Quorvel's port in that SDP until the other hears the sound as it should.
   bool isHeardBy(RtpPeer& other, const std::string& sdpOfQuorvel, SteadySound sent, SteadySound expected,
                  Seconds limit = Seconds(5)) {
-    const std::size_t line = sdpOfQuorvel.find("m=audio ");
-    if (line == std::string::npos) return false;
-    const int port = std::stoi(sdpOfQuorvel.substr(line + 8));
+    const int port = portIn(sdpOfQuorvel);
+    if (port == 0) return false;
     while (other.socket.receive(std::chrono::milliseconds(0))) {
     }
     return eventually(
         [&] {
-          socket.sendTo(port, packet(sent));
+          send(port, sent.payloadType, std::string(kSamples, sent.code));
           const auto received = other.socket.receive(std::chrono::milliseconds(20));
           return received && received->size() == kHeader + kSamples &&
                  (received->at(1) & 0x7F) == expected.payloadType &&
@@ -41,16 +40,17 @@ class RtpPeer {
         limit);
   }
 
- private:
-  static constexpr std::size_t kHeader = 12;
-  static constexpr std::size_t kSamples = 160;  // 20 ms
-
-  std::string packet(SteadySound sound) {
+  // Quorvel's audio port in an SDP of it; 0 without one.
+  static int portIn(const std::string& sdpOfQuorvel) {
+    const std::size_t line = sdpOfQuorvel.find("m=audio ");
+    return line == std::string::npos ? 0 : std::stoi(sdpOfQuorvel.substr(line + 8));
+  }
+  // The next 20 ms of sound.
+  void send(int port, int payloadType, std::string_view payload) {
     ++sequence;
-    std::string text(kHeader + kSamples, sound.code);
     const std::uint32_t stamp = sequence * kSamples;
     const std::array<int, kHeader> header{0x80,
-                                          sound.payloadType,
+                                          payloadType,
                                           sequence >> 8,
                                           sequence,
                                           int(stamp >> 24),
@@ -61,9 +61,20 @@ class RtpPeer {
                                           2,
                                           3,
                                           4};
-    for (std::size_t i = 0; i < kHeader; ++i) text[i] = static_cast<char>(header[i]);
-    return text;
+    std::string packet(kHeader, '\0');
+    for (std::size_t i = 0; i < kHeader; ++i) packet[i] = static_cast<char>(header[i]);
+    socket.sendTo(port, packet.append(payload));
   }
+  // The payload of the next packet; empty when none comes within the time.
+  std::string receivePayload(std::chrono::milliseconds limit) {
+    const auto received = socket.receive(limit);
+    return received && received->size() > kHeader ? received->substr(kHeader) : std::string();
+  }
+
+  static constexpr std::size_t kSamples = 160;  // 20 ms
+
+ private:
+  static constexpr std::size_t kHeader = 12;
 
   LoopbackPeer socket;
   std::uint16_t sequence = 0;
