@@ -57,6 +57,11 @@ int MyClean::cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* p
   return iError;
 }
 
+void MyClean::afterCleaning(std::FILE* pFile) const {
+  FirstScan& scan = *pMyChannel->pFirstScan;
+  for (int i = 0; i < scan.closedSegments(); ++i) FirstScan::printSegment(pFile, scan.closedSegment(i));
+}
+
 int MyClean::outputResults() {
   const CycleInformation& cycles = *pMyChannel->pCycleInformation;
   const int iReleasedEnd = cycles.at(pMyChannel->pFirstScan->released()).EndIndex;

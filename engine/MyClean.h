@@ -2,6 +2,8 @@
 // output stage has released.
 #pragma once
 
+#include <cstdio>
+
 #include "engine/analysis/Cycle.h"
 
 class MyChannel;
@@ -17,6 +19,9 @@ class MyClean {
   // what was written to pOut, in the channel's format: nothing until the first cycle has passed the delay,
   // then as much as came in. 0, or 1 when a stage failed.
   [[nodiscard]] int cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* pOut, int* piOutBytes);
+
+  // Reports the segments that are kept, for people who look for a fault.
+  void afterCleaning(std::FILE* pFile) const;
 
   // Sample times are 32-bit. A stream of 37 hours starts over, long before they run out; the two streams of
   // an echo channel together, which their caller sees to.

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <numbers>
+#include <tuple>
 
 #include "engine/MyChannel.h"
 
@@ -336,8 +337,8 @@ void MyFilters::separateVoice(int iLength, int iFirst, int iLast) {
   separation.separate(std::span(pdWork).first(static_cast<std::size_t>(iLength)), iLength, iFirst, iLast);
 }
 
-std::span<const double> MyFilters::calcCleanFrame(int iFirst, int iBlocks, const sProtection& protection,
-                                                  sSpectralNoiseType& noise) {
+int MyFilters::calcCleanFFTSubstractingNoise(int iFirst, int iBlocks, const sProtection& protection,
+                                             sSpectralNoiseType& noise) {
   const int iLast = iFirst + kCycleSamples * iBlocks - 1;
   const int n = buildInput(true, iFirst, iLast);
   const int iLength = calcFFTWithHanning(n);
@@ -352,6 +353,10 @@ std::span<const double> MyFilters::calcCleanFrame(int iFirst, int iBlocks, const
     subtractNoise(dMagnitude, iBlocks, protection, noise);
   }
   if (bSeparates) separateVoice(iLength, iFirst, iLast);
+  return iLength;
+}
+
+std::span<const double> MyFilters::calcCleanIFFTSubstractingNoise(int iLength, int n) {
   executeIFFT(iLength, pdWork.data());
   const double dScale = 2.0 / iLength;
   for (int i = 0; i < n; ++i) {
@@ -364,10 +369,16 @@ std::span<const double> MyFilters::calcCleanFrame(int iFirst, int iBlocks, const
 
 // ---- Histograms
 
+void MyFilters::buildFFTNative(std::span<double> dSpectrum, int iFirst, int iLast) {
+  executeFFT(buildInput(false, iFirst, iLast), pdWork.data());
+  dSpectrum[0] = std::abs(pdWork[0]);
+  for (std::size_t k = 1; k < dSpectrum.size(); ++k)
+    dSpectrum[k] = std::hypot(pdWork[2 * k], pdWork[2 * k + 1]);
+}
+
 void MyFilters::buildFFTHistogram(Histogram& histogram, int iFirst, int iLast) {
-  const int iLength = executeFFT(buildInput(false, iFirst, iLast), pdWork.data());
-  std::array<double, kMaxNoiseBins * 2> dSpectrum{};
-  addMagnitudes(iLength, dSpectrum);
+  std::array<double, std::tuple_size_v<Histogram>> dSpectrum;
+  buildFFTNative(dSpectrum, iFirst, iLast);
   const double dLargest = std::max(1.0, *std::max_element(dSpectrum.begin() + 1, dSpectrum.begin() + 7));
   histogram[0] = 0;
   for (std::size_t k = 1; k < histogram.size(); ++k) {

@@ -64,11 +64,14 @@ class MyFilters {
   // Windows the n loaded values and transforms them; returns the transform's length.
   int calcFFTWithHanning(int n);
 
-  // The frame of kCycleSamples x iBlocks x rate factor samples that starts at a sample time, with the
-  // background taken off: the windowed frame, to be overlapped by half with its neighbours. In speech no bin
-  // is lowered further than its share of speech allows, and none below dLeastGain; 0 outside speech.
-  std::span<const double> calcCleanFrame(int iFirst, int iBlocks, const sProtection& protection,
-                                         sSpectralNoiseType& noise);
+  // Transforms the windowed frame of kCycleSamples x iBlocks x rate factor samples that starts at a sample
+  // time and takes the background off; returns the transform's length. In speech no bin is lowered further
+  // than its share of speech allows, and none below dLeastGain; 0 outside speech.
+  int calcCleanFFTSubstractingNoise(int iFirst, int iBlocks, const sProtection& protection,
+                                    sSpectralNoiseType& noise);
+  // The first n samples of what a transform of that length has become, to be overlapped by half with the
+  // frames beside it. Valid until the work array is used again.
+  std::span<const double> calcCleanIFFTSubstractingNoise(int iLength, int n);
 
   // Whether the learned voice is told from other sound in the frames that are cleaned now.
   [[nodiscard]] bool separates() const;
@@ -76,6 +79,8 @@ class MyFilters {
   // Adds the magnitudes of the present transform of length n to a spectrum.
   void addMagnitudes(int n, std::span<double> dSpectrum) const;
 
+  // Magnitudes of the first bins of the analysis samples iFirst..iLast, without a window.
+  void buildFFTNative(std::span<double> dSpectrum, int iFirst, int iLast);
   // Coarse spectral shapes for learning: magnitudes of bins 1..6 in percent of the largest.
   using Histogram = std::array<std::int32_t, 7>;
   void buildFFTHistogram(Histogram& histogram, int iFirst, int iLast);

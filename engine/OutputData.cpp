@@ -32,6 +32,7 @@ void OutputData::init(MyChannel* pChannel) {
 void OutputData::clean() {
   iState = kStart;
   iLastWritten = -1;
+  lSpeechSamples = lConfidentSamples = 0;
   bFirstSilence = bFirstSpeech = true;
   iCngLevel = iCngLastStep = 0;
   iSpeechCoef = iAgcCoef = kUnityQ7;
@@ -61,7 +62,7 @@ void OutputData::setBlocks(int iCycles) {
 // ---- One cycle
 
 // False when the cycle has been written already.
-bool OutputData::begin(cHandle cycle) {
+bool OutputData::calcMiscIndexes(cHandle cycle) {
   const sCycleInformation& info = pMyChannel->pCycleInformation->at(cycle);
   if (info.EndIndex <= iLastWritten) return false;
   current = cycle;
@@ -112,22 +113,28 @@ int OutputData::take(void* pOut, int iCount, bool bIs16Bit) {
 // ---- Kinds of cycles
 
 int OutputData::writeData(cHandle cycle) {
-  if (!begin(cycle)) return 0;
+  if (!calcMiscIndexes(cycle)) return 0;
   prepareNoise();
   // What is still in the frames was computed for silence.
-  if (iSpeechCycles++ == 0) overlap.restart();
   protection = protectionOfSpeech();
+  if (iSpeechCycles++ == 0 && protection.dLeastGain > 0) overlap.restart();
   removeNoise();
   calcCoefDuringWriteData();
+  return writeRegularDataDuringWriteData();
+}
+
+int OutputData::writeRegularDataDuringWriteData() {
   const int iAgc = agcWhenOn();
   applyGain(productQ7(iAgc, pMyChannel->bStartBypassed ? kUnityQ7 : iSpeechCoef));
   bFirstSilence = true;
+  const bool bConfident = pMyChannel->pMySubState->isHavingConfidence();
+  (bConfident ? lConfidentSamples : lSpeechSamples) += kCycleSamples;
   return finish(std::span(psCycle).first(static_cast<std::size_t>(iSamples)),
-                pMyChannel->pMySubState->isHavingConfidence() ? kConfidentSpeech : kSpeech);
+                bConfident ? kConfidentSpeech : kSpeech);
 }
 
 int OutputData::writeSilence(cHandle cycle) {
-  if (!begin(cycle)) return 0;
+  if (!calcMiscIndexes(cycle)) return 0;
   stepComfortNoise();
   bFirstSpeech = true;
   iSpeechCycles = 0;
@@ -146,7 +153,7 @@ int OutputData::writeSilence(cHandle cycle) {
 }
 
 int OutputData::writeDTMF(cHandle cycle) {
-  if (!begin(cycle)) return 0;
+  if (!calcMiscIndexes(cycle)) return 0;
   copyInput();
   applyGain(agcWhenOn());
   return finish(std::span(psCycle).first(static_cast<std::size_t>(iSamples)), kDtmf);

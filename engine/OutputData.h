@@ -71,6 +71,9 @@ class OutputData {
   [[nodiscard]] int echoGain() const { return echo.iGain; }
   // What algorithm 0 takes for echo in the microphone, as a spread.
   [[nodiscard]] int basicEchoLevel() const { return echo.iBasicLevel; }
+  // Samples at 8 kHz that were written as speech since the stream began, without and with confidence.
+  [[nodiscard]] long speechSamples() const { return lSpeechSamples; }
+  [[nodiscard]] long confidentSamples() const { return lConfidentSamples; }
   // What is left of the microphone on echo channels, as a spread.
   [[nodiscard]] int residualLevel() const { return echo.iResidualLevel; }
   [[nodiscard]] const sSpectralNoiseType& noise() const { return *psNoise.data(); }
@@ -81,7 +84,7 @@ class OutputData {
   static constexpr int kQueueSamples = kMaxFrameBytes + (kMaxDelayCycles + 1) * kMaxCycleSamples;
   using Cycle = std::span<std::int16_t>;
 
-  [[nodiscard]] bool begin(cHandle cycle);
+  [[nodiscard]] bool calcMiscIndexes(cHandle cycle);
   [[nodiscard]] int finish(std::span<const std::int16_t> samples, State newState);
   void copyInput();
   void applyGain(int iGain);
@@ -109,6 +112,7 @@ class OutputData {
   // Gains
   [[nodiscard]] int agcLevel() const;
   [[nodiscard]] int voiceCoef() const;
+  [[nodiscard]] int writeRegularDataDuringWriteData();
   [[nodiscard]] int postGoodVerbCoef();
   void calcCoefDuringWriteData();
   void stepComfortNoise();
@@ -118,6 +122,8 @@ class OutputData {
   MyChannel* pMyChannel = nullptr;
   State iState = kStart;
   int iLastWritten = -1;  // sample time of the last sample written
+  long lSpeechSamples = 0;
+  long lConfidentSamples = 0;
   bool bFirstSilence = true;
   bool bFirstSpeech = true;
   int iCngLevel = 0;     // Q7

@@ -12,7 +12,7 @@ constexpr int kCoefUnit = 1024;
 }  // namespace
 
 int OutputData::writeAEC(cHandle cycle) {
-  if (!begin(cycle)) return 0;
+  if (!calcMiscIndexes(cycle)) return 0;
   echo.iGain = kUnityQ7;
   if (pMyChannel->bStartBypassed) {
     copyInput();

@@ -131,9 +131,11 @@ void OutputData::takeNoiseSpectrum(int iFirst, int iAmp) {
 // What is only presumed to be speech may be the background as well, which is to stay down then. The beginning
 // of an utterance carries its first consonant, which the smoothed power does not show yet.
 sProtection OutputData::protectionOfSpeech() {
+  constexpr int kProtectedUpTo = 10;  // stronger cleaning takes from speech what it takes from pauses
+  if (pMyChannel->sCleanAggressiveLevel > kProtectedUpTo) return {};
   const sCycleInformation& cycle = pMyChannel->pCycleInformation->at(current);
   bCertain |= cycle.bInSelfVerb || cycle.fRise >= kCertainRise;
-  const bool bOnset = iSpeechCycles <= kOnsetCycles;
+  const bool bOnset = iSpeechCycles < kOnsetCycles;
   const double dDecibels = !bCertain ? kLeastWhenDoubtfulDb : bOnset ? kLeastAtOnsetDb : kLeastInSpeechDb;
   const double dStrength = static_cast<double>(iCleanStrength) / kUnityQ7;
   return {.dLeastGain = std::pow(10.0, dStrength * dDecibels / 20),
@@ -181,7 +183,8 @@ void OutputData::calcFrame(sOverlap& run, int iFrom, sSpectralNoiseType& estimat
   if (!pMyChannel->pInputData->indexExists(iLast)) return;
   MyFilters& filters = *pMyChannel->pMyFilters;
   if (pMyChannel->isEchoMicrophone()) takeEchoSpectrum(iFrom, kCycleSamples * iBlocks);
-  const auto dFrame = filters.calcCleanFrame(iFrom, iBlocks, protection, estimate);
+  const int iLength = filters.calcCleanFFTSubstractingNoise(iFrom, iBlocks, protection, estimate);
+  const auto dFrame = filters.calcCleanIFFTSubstractingNoise(iLength, (iLast - iFrom + 1) * iFactor);
   const int iSkip = std::max(0, run.iSumTime - iFrom) * iFactor;
   const int iOffset = std::max(0, iFrom - run.iSumTime) * iFactor;
   for (int i = iSkip; i < static_cast<int>(dFrame.size()); ++i) {

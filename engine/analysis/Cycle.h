@@ -21,9 +21,6 @@ inline constexpr int kFirstAnalysedLevel = 6;  // lower levels hold the noise on
 // A range of n samples has fewer than n turning points.
 inline constexpr int kCycleTurningPoints = 32;
 
-// Threshold of each level, percent of the cycle's amplitude.
-inline constexpr std::array<int, kFluctuationLevels> kThresholdPercent{5, 10, 20, 30, 40, 50, 60, 70, 80, 90};
-
 // One turning point. Indexes are sample times at the first analysed level; at the levels above they count the
 // points of the level below.
 struct sTurningPoint {

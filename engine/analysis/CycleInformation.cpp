@@ -24,7 +24,7 @@ CycleInformation& CycleInformation::operator=(const CycleInformation& other) {
   if (this == &other) return *this;
   pMyChannel = other.pMyChannel;
   psRing = other.psRing;
-  psBlocks = other.psBlocks;
+  copyBlocksOf(other);
   levels = other.levels;
   digitText = other.digitText;
   iWrite = other.iWrite;
@@ -110,6 +110,22 @@ cHandle CycleInformation::getLastValidCycleInFrameThatContainsCycle(cHandle c) c
   return last;
 }
 
+// Few of a level's places are in use, and the copy is made at every jump of the level.
+void CycleInformation::copyBlocksOf(const CycleInformation& other) {
+  for (std::size_t i = 0; i < kBlocks; ++i) {
+    for (std::size_t iLevel = 0; iLevel < kLevels; ++iLevel) {
+      const sFluctuationInformation& from = other.psBlocks[i][iLevel];
+      sFluctuationInformation& to = psBlocks[i][iLevel];
+      to.threshold = from.threshold;
+      to.startingup = from.startingup;
+      to.nsegments = from.nsegments;
+      to.ExtremeVals = from.ExtremeVals;
+      to.ExtremeIdx = from.ExtremeIdx;
+      std::copy_n(from.points.begin(), from.nsegments, to.points.begin());
+    }
+  }
+}
+
 // The copied cycles point to the other's blocks; they are led to the same places in ours.
 void CycleInformation::adoptBlocksOf(const CycleInformation& other) {
   for (cHandle c = 0; c < kRingCycles; ++c) {
@@ -170,7 +186,7 @@ void CycleInformation::analyseFluctuations(sCycleInformation& cycle, const std::
   iBlock = (iBlock + 1) % kBlocks;
   Block& block = psBlocks[static_cast<std::size_t>(iBlock)];
   for (std::size_t i = 0; i < block.size(); ++i) {
-    block[i].threshold = std::max(1, cycle.Amp * kThresholdPercent[kFirstAnalysedLevel + i] / 100);
+    block[i].threshold = std::max(1, cycle.Amp * piThresholdPercent[kFirstAnalysedLevel + i] / 100);
   }
   pMyChannel->pMyMath->calculateFluctuationsInformation(std::span(psSamples, kCycleSamples), cycle.StartIndex,
                                                         cycle.Amp / kPlateauDivisor, block);

@@ -20,6 +20,10 @@ class MyChannel;
 
 class CycleInformation {
  public:
+  // Threshold of each level, percent of the cycle's amplitude.
+  static constexpr std::array<int, kFluctuationLevels> piThresholdPercent{5,  10, 20, 30, 40,
+                                                                          50, 60, 70, 80, 90};
+
   CycleInformation();  // throws std::bad_alloc
   // A copy of the whole state. Assignment allocates nothing.
   CycleInformation(const CycleInformation& other);
@@ -79,6 +83,7 @@ class CycleInformation {
   void analyseFluctuations(sCycleInformation& cycle, const std::int16_t* psSamples);
   void detectTone(sCycleInformation& cycle, const std::int16_t* psSamples);
   void advance();
+  void copyBlocksOf(const CycleInformation& other);
   void adoptBlocksOf(const CycleInformation& other);
 
   MyChannel* pMyChannel = nullptr;

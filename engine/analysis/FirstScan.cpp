@@ -198,6 +198,12 @@ void FirstScan::keepExamined() {
   ++iClosed;
 }
 
+void FirstScan::printSegment(std::FILE* pFile, const sSegment& segment) {
+  std::fprintf(pFile, "Segment %d: type=%d first=%d last=%d matches=%d amp=%d period=%d good=%s\n",
+               segment.iIdentity, segment.type, segment.iStartTime, segment.iEndTime, segment.iNumMatches,
+               segment.iAmp, estimatePitch(segment, segment.last), segment.bGood ? "true" : "false");
+}
+
 int FirstScan::estimatePitch(const sSegment& segment, cHandle cycle) {
   if (segment.iNumMatches == 0) return 0;
   const auto* pEnd = segment.asMatch.data() + segment.iNumMatches;

@@ -14,7 +14,9 @@
 #pragma once
 
 #include <array>
+#include <cstdio>
 
+#include "engine/analysis/ComparisonElement.h"
 #include "engine/analysis/MySubState.h"
 #include "engine/analysis/NoiseFloor.h"
 #include "engine/analysis/OnsetGuard.h"
@@ -36,6 +38,44 @@ struct sDetection {
 class FirstScan {
  public:
   static const sDetection& detectionOfLevel(int iLevel);
+
+  // ---- Matching. Two entries: while the level rises, and while it falls.
+  static constexpr int iIndexOfA1Fluctuation = 7;  // levels by which a cycle's swings are counted
+  static constexpr int iIndexOfA2Fluctuation = 6;
+  static constexpr int iMinDrift = 3;                                           // samples
+  static constexpr std::array<int, 2> piMaxDriftInNumSamplesInCycle{5, 4};      // percent of the period
+  static constexpr std::array<int, 2> piMaxDiffLevelBetweenCycleEdges{25, 20};  // 49ths of the spread
+  static constexpr std::array<int, 2> piNumFluctuationsToMatch{2, 2};           // pairs of levels below
+  using LevelPairs = std::array<std::array<int, 2>, 2>;
+  static constexpr LevelPairs ppiActiveCycleThresholdIndexForMatching{{{9, 8}, {9, 8}}};
+  static constexpr LevelPairs ppiPassiveCycleThresholdIndexForMatching{{{7, 6}, {7, 6}}};
+  static constexpr std::array<int, 2> ppiActivePassiveCycleMinThresholdIndexForMatching{6, 6};
+  // By level: steps by which one matched point differs from the next, points that must meet, and whether a
+  // swing that a cycle border splits is matched.
+  static constexpr std::array<int, kFluctuationLevels> ppiMinLevelDiffPerActiveFluctuationForMatching{
+      1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+  static constexpr std::array<int, kFluctuationLevels> piMinNumFluctuationsToMatch{2, 2, 2, 2, 2,
+                                                                                   1, 1, 1, 1, 0};
+  static constexpr std::array<bool, kFluctuationLevels> pbNeedToMatchSplitSegment{
+      false, false, false, false, false, false, false, false, true, true};
+
+  // ---- Decisions
+  // Repetitions that make a self verb: while it grows, and when it ends. Fewer, and noise would imitate them;
+  // more, and short syllables would be lost. A burst changes neither.
+  static constexpr int iMinNumMatchesInSelfVerbSegmentDuringBuilding = 5;
+  static constexpr int iMinNumMatchesInSelfVerbSegmentWhenFinal = 4;
+  static constexpr int iMinNumMatchesInSelfVerbSegmentDuringBurstDuringBuilding = 5;
+  static constexpr int iMinNumMatchesInSelfVerbSegmentDuringBurstWhenFinal = 4;
+  // Loud cycles that make an other verb.
+  static constexpr int iMinNumMatchesInNonSelfVerbSegment = 5;
+  static constexpr int iMinNumMatchesInNonSelfVerbSegmentDuringBurst = 5;
+  // Share of a self verb's matches that may be withdrawn, percent.
+  static constexpr int iMaxPercentOfRevokingDoublingInSelf = 25;
+  static constexpr int iMaxPercentOfRevokingSizeInSelf = 25;
+  // An artificial match fills a hole early in a segment, once.
+  static constexpr int iMinIndexForArtificialMatch = 2;
+  static constexpr int iMaxIndexForArtificialMatch = 4;
+  static constexpr int iMaxArtificialMatchesAllowedToBeAdded = 1;
 
   FirstScan();  // throws std::bad_alloc
 
@@ -62,6 +102,8 @@ class FirstScan {
   // The closed segments, 0 the oldest.
   [[nodiscard]] sSegment& closedSegment(int i) { return psSegments[slot(i)]; }
 
+  static void printSegment(std::FILE* pFile, const sSegment& segment);
+
   // ---- Levels of good verbs, as spreads
   // A good verb has this spread.
   void raiseGoodVerbAmplitude(int iAmp) { iBurstAmp = std::max(iBurstAmp, iAmp); }
@@ -87,7 +129,6 @@ class FirstScan {
   [[nodiscard]] const MyChannel* channel() const { return pMyChannel; }
 
  private:
-  static constexpr int kElementCycles = 4;
   static constexpr int kSegments = 8;
   static constexpr int kCachedCycles = 3;
   static constexpr int kCandidates = PitchComparator::kMaxPeriod + 3;
@@ -115,8 +156,11 @@ class FirstScan {
   [[nodiscard]] int requiredMatches(int iTime) const;
   [[nodiscard]] bool cycleParametersMatchSegment(int iTime, int iSpread, int iRequired, sSegment* pSegment);
   [[nodiscard]] bool cycleFluctuationsMatchSegment(int iTime, int iRequired, sSegment* pSegment);
+  [[nodiscard]] int mostFluctuations() const;
   [[nodiscard]] bool tooManyFluctuations(int iTime) const;
   [[nodiscard]] const sWindows& windowsOf(int iTime);
+  void prepareComparisonElement(bool bFirst, int iTime, int iMinLevel);
+  void removeWindowsWhosePointsDoNotRepeat(int iTime, sWindows* pWindows);
   void doCycleFluctuationsMatchGoingUp(const PitchComparator::sScores& scores, Candidates& candidates) const;
   void doCycleFluctuationsMatchGoingDown(const PitchComparator::sScores& scores,
                                          Candidates& candidates) const;
@@ -131,6 +175,7 @@ class FirstScan {
   // Settles what the examined segment is so far; final when nothing can be added to it. True when it is a
   // self verb.
   bool stopExaminedVerbSegment(bool bFinal);
+  [[nodiscard]] int matchesNeeded(bool bFinal) const;
   void acceptSelfVerb();
   void endSegment();
   void learnFrom(sSegment& segment);
@@ -170,6 +215,7 @@ class FirstScan {
   int iLoudCycles = 0;
   bool bOtherVerb = false;
 
+  std::array<sComparisonElement, 2> asElement;  // what lies before the compared cycle, and the cycle
   PitchComparator comparator;
   NoiseFloor floor;
   SpectralRise rise;

@@ -7,14 +7,6 @@
 
 namespace {
 
-// Repetitions that make a self verb: while it grows, and when it ends. Fewer, and noise would imitate them;
-// more, and short syllables would be lost.
-constexpr int kMinMatchesDuringBuilding = 5;
-constexpr int kMinMatchesWhenFinal = 4;
-// Share of a self verb's matches that may be withdrawn, percent.
-constexpr int kMaxRevokedPercent = 25;
-// Loud cycles that make an other verb.
-constexpr int kMinOtherVerbCycles = 5;
 // A stretch is loud from this many sixteenths of the background's spread on.
 constexpr int kLoudQ4 = 30;
 // A verb that stands out less than this from the background is the background.
@@ -82,7 +74,10 @@ bool FirstScan::isStable(const sSegment& segment) const {
     iDoubled += match.bDoubled;
     iResized += match.bResized;
   }
-  if (std::max(iDoubled, iResized) * 100 > kMaxRevokedPercent * segment.iNumMatches) return false;
+  if (iDoubled * 100 > iMaxPercentOfRevokingDoublingInSelf * segment.iNumMatches ||
+      iResized * 100 > iMaxPercentOfRevokingSizeInSelf * segment.iNumMatches) {
+    return false;
+  }
   // The drift is judged from match to match: a voice glides, it does not jump.
   int iJumps = 0;
   const int iAllowed = std::max(kAllowedDrift, iSum / segment.iNumMatches * kAllowedDriftPercent / 100);
@@ -93,9 +88,17 @@ bool FirstScan::isStable(const sSegment& segment) const {
   return iJumps * 100 <= detection.iSegmentLimitPercent * segment.iNumMatches;
 }
 
+int FirstScan::matchesNeeded(bool bFinal) const {
+  if (pMyChannel->pMySubState->isHavingConfidence()) {
+    return bFinal ? iMinNumMatchesInSelfVerbSegmentDuringBurstWhenFinal
+                  : iMinNumMatchesInSelfVerbSegmentDuringBurstDuringBuilding;
+  }
+  return bFinal ? iMinNumMatchesInSelfVerbSegmentWhenFinal : iMinNumMatchesInSelfVerbSegmentDuringBuilding;
+}
+
 bool FirstScan::stopExaminedVerbSegment(bool bFinal) {
   sSegment& segment = examined();
-  const int iNeeded = bFinal ? kMinMatchesWhenFinal : kMinMatchesDuringBuilding;
+  const int iNeeded = matchesNeeded(bFinal);
   if (bAccepted) {
     pMyChannel->pMySubState->updateExistingSelfVerbLength(&segment.type, &segment, 0);
     markVerb(segment, true);
@@ -164,7 +167,7 @@ void FirstScan::followLoudness() {
     endOtherVerb();
     return;
   }
-  if (++iLoudCycles < kMinOtherVerbCycles) return;
+  if (++iLoudCycles < iMinNumMatchesInNonSelfVerbSegment) return;
   if (bOtherVerb) {
     growOtherVerb(iTime);
   } else if (pMyChannel->pMySubState->isHavingConfidence() || !guard.mayPresume()) {
@@ -174,8 +177,8 @@ void FirstScan::followLoudness() {
 
 void FirstScan::startOtherVerb(int iTime) {
   bOtherVerb = true;
-  otherVerb.iStartTime =
-      std::max(iTime - (kMinOtherVerbCycles - 1) * kCycleSamples, iReleasedTime + kCycleSamples);
+  otherVerb.iStartTime = std::max(iTime - (iMinNumMatchesInNonSelfVerbSegment - 1) * kCycleSamples,
+                                  iReleasedTime + kCycleSamples);
   otherVerb.first = pMyChannel->pCycleInformation->cycleOf(otherVerb.iStartTime);
   otherVerb.iNumMatches = 0;
   otherVerb.iAmp = 0;

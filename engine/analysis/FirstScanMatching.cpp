@@ -1,6 +1,7 @@
 // Does a cycle repeat what lies a period earlier?
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
 
 #include "engine/analysis/FirstScan.h"
 #include "engine/MyChannel.h"
@@ -27,15 +28,8 @@ constexpr int kSameDistance = 5;   // samples between bounds that mean the same
 constexpr int kMergeDistance = 8;  // samples between windows that belong together
 constexpr int kLagBounds = 1;      // a score at 4 kHz stands for its distance and the samples beside it
 
-constexpr int kMinDrift = 3;                           // samples
-constexpr std::array<int, 2> piMaxDriftPercent{5, 4};  // of the period: rising, falling
-constexpr int kLongestSearchSamples = 129;             // from here on the search takes four cycles
+constexpr int kLongestSearchSamples = 129;  // from here on the search takes four cycles
 constexpr int kMaxSizeRatio = 3;
-
-// An artificial match fills a hole early in a segment, once.
-constexpr int kMinIndexForArtificialMatch = 2;
-constexpr int kMaxIndexForArtificialMatch = 4;
-constexpr int kMaxArtificialMatches = 1;
 
 // Points a cycle of a voice may have, over its shortest period: 320 samples are ten cycles.
 constexpr int kFluctuationSpan = 320;
@@ -58,8 +52,12 @@ void markCandidates(const std::array<float, PitchComparator::sScores::kLags>& fS
   }
 }
 
-bool agree(const sWindow& a, const sWindow& b, int iDistance) {
-  return a.iNear <= b.iFar + iDistance && b.iNear <= a.iFar + iDistance;
+// What two windows share; of windows a few samples apart the gap between them.
+std::optional<sWindow> intersection(const sWindow& a, const sWindow& b) {
+  const int iNear = std::max(a.iNear, b.iNear);
+  const int iFar = std::min(a.iFar, b.iFar);
+  if (iNear - iFar >= kSameDistance) return std::nullopt;
+  return sWindow{std::min(iNear, iFar), std::max(iNear, iFar), a.bDoubling};
 }
 
 }  // namespace
@@ -71,8 +69,10 @@ int FirstScan::requiredMatches(int iTime) const {
   const CycleInformation& cycles = *pMyChannel->pCycleInformation;
   const sCycleInformation& cycle = cycles.at(cycles.cycleOf(iTime));
   if (cycle.fluctuations == nullptr) return 1;
-  int iRequired =
-      cycle.fluctuations[7 - kFirstAnalysedLevel].nsegments <= 1 || tooManyFluctuations(iTime) ? 2 : 1;
+  int iRequired = cycle.fluctuations[iIndexOfA1Fluctuation - kFirstAnalysedLevel].nsegments <= 1 ||
+                          tooManyFluctuations(iTime)
+                      ? 2
+                      : 1;
   for (int k = 1; k < kElementCycles; ++k) {
     if (spreadFrom(iTime, k) < pMyChannel->iMinAmplitudeForPotentialSegment) {
       iRequired = std::max(iRequired, k + 1);
@@ -81,11 +81,15 @@ int FirstScan::requiredMatches(int iTime) const {
   return iRequired;
 }
 
+int FirstScan::mostFluctuations() const {
+  return kFluctuationSpan / pMyChannel->psSpeakerData->shortestPeriod();
+}
+
 bool FirstScan::tooManyFluctuations(int iTime) const {
   const CycleInformation& cycles = *pMyChannel->pCycleInformation;
-  const int iShortest = pMyChannel->psSpeakerData->shortestPeriod();
   const sCycleInformation& cycle = cycles.at(cycles.cycleOf(iTime));
-  return cycle.fluctuations != nullptr && cycle.fluctuations[0].nsegments > kFluctuationSpan / iShortest;
+  constexpr int kLevel = iIndexOfA2Fluctuation - kFirstAnalysedLevel;
+  return cycle.fluctuations != nullptr && cycle.fluctuations[kLevel].nsegments > mostFluctuations();
 }
 
 bool FirstScan::cycleParametersMatchSegment(int iTime, int iSpread, int iRequired, sSegment* pSegment) {
@@ -110,9 +114,10 @@ bool FirstScan::cycleParametersMatchSegment(int iTime, int iSpread, int iRequire
 bool FirstScan::cycleFluctuationsMatchSegment(int iTime, int iRequired, sSegment* pSegment) {
   sWindows windows = windowsOf(iTime);
   if (windows.iCount == 0) return false;
-  if (iRequired > 1 && windows.asWindow[0].iFar < kCycleSamples * iRequired - (kCycleSamples - 1))
-    return false;
+  const int iNearest = windows.asWindow[0].iNear;
+  if (iRequired > 1 && iNearest < kCycleSamples * iRequired - (kCycleSamples - 1)) return false;
   removeWindowsThatDoNotMatchSegment(&windows);
+  removeWindowsWhosePointsDoNotRepeat(iTime, &windows);
   if (windows.iCount == 0) return false;
   segmentWindows = windows;
   // The segment keeps the period it has had; a new one takes the nearest.
@@ -146,6 +151,31 @@ const sWindows& FirstScan::windowsOf(int iTime) {
   iCacheWrite = (iCacheWrite + 1) % kCachedCycles;
   cached = {.iTime = iTime, .bGoingDown = bGoingDown, .windows = findWindows(candidates)};
   return cached.windows;
+}
+
+void FirstScan::prepareComparisonElement(bool bFirst, int iTime, int iMinLevel) {
+  asElement[bFirst ? 0 : 1].prepare(*pMyChannel->pCycleInformation, bFirst, iTime, iMinLevel,
+                                    mostFluctuations());
+}
+
+// The comparison finds the distances in the band of the voice's fundamental; the waveform itself must bear
+// one of each window out. More points than a voice has bear out none.
+void FirstScan::removeWindowsWhosePointsDoNotRepeat(int iTime, sWindows* pWindows) {
+  const int iMinLevel = ppiActivePassiveCycleMinThresholdIndexForMatching[bGoingDown ? 1 : 0];
+  prepareComparisonElement(true, iTime - kElementSamples, iMinLevel);
+  prepareComparisonElement(false, iTime, iMinLevel);
+  const auto& [first, active] = asElement;
+  sWindows kept;
+  if (!first.bTooManyPoints && !active.bTooManyPoints) {
+    for (const sWindow& window : *pWindows) {
+      bool bRepeats = false;
+      for (int d = window.iNear; d <= window.iFar && !bRepeats; ++d) {
+        bRepeats = pointsRepeat(first, active, *pMyChannel->pInputData, d, bGoingDown ? 1 : 0);
+      }
+      if (bRepeats) kept.add(window);
+    }
+  }
+  *pWindows = kept;
 }
 
 void FirstScan::doCycleFluctuationsMatchGoingUp(const PitchComparator::sScores& scores,
@@ -186,10 +216,12 @@ void FirstScan::removeWindowsThatDoNotMatchSegment(sWindows* pWindows) const {
   if (segmentWindows.iCount == 0) return;
   sWindows kept;
   for (const sWindow& window : *pWindows) {
-    const bool bAgrees = std::any_of(segmentWindows.begin(), segmentWindows.end(), [&](const sWindow& known) {
-      return agree(window, known, kSameDistance - 1);
-    });
-    if (bAgrees) kept.add(window);
+    for (const sWindow& known : segmentWindows) {
+      if (const auto shared = intersection(window, known)) {
+        kept.add(*shared);
+        break;
+      }
+    }
   }
   *pWindows = kept;
 }
@@ -199,9 +231,9 @@ void FirstScan::removeWindowsThatDoNotMatchSegment(sWindows* pWindows) const {
 void FirstScan::updateNewMatchParameters(int iNear, int iFar, bool bArtificial, int iTime,
                                          sSegment* pSegment) {
   const CycleInformation& cycles = *pMyChannel->pCycleInformation;
-  const int iPercent = piMaxDriftPercent[bGoingDown ? 1 : 0];
+  const int iPercent = piMaxDriftInNumSamplesInCycle[bGoingDown ? 1 : 0];
   sMatch match{.cycle = cycles.cycleOf(iTime), .iNear = iNear, .iFar = iFar, .bArtificial = bArtificial};
-  match.iDrift = iFar * iPercent >= 400 ? iFar * iPercent / 100 : kMinDrift;
+  match.iDrift = iFar * iPercent >= 400 ? iFar * iPercent / 100 : iMinDrift;
   match.iCyclesBack = (iFar + kCycleSamples - 1) / kCycleSamples;
   match.iCyclesForward = iFar + match.iDrift >= kLongestSearchSamples
                              ? kElementCycles
@@ -224,9 +256,9 @@ void FirstScan::updateNewMatchParameters(int iNear, int iFar, bool bArtificial, 
 
 bool FirstScan::addArtificialMatch(int iTime) {
   sSegment& segment = examined();
-  if (detection.bStrict || iArtificial >= kMaxArtificialMatches) return false;
-  if (segment.iNumMatches < kMinIndexForArtificialMatch ||
-      segment.iNumMatches > kMaxIndexForArtificialMatch) {
+  if (detection.bStrict || iArtificial >= iMaxArtificialMatchesAllowedToBeAdded) return false;
+  if (segment.iNumMatches < iMinIndexForArtificialMatch ||
+      segment.iNumMatches > iMaxIndexForArtificialMatch) {
     return false;
   }
   ++iArtificial;

@@ -190,15 +190,15 @@ MyMath::sConnection MyMath::analyzeConnectionBetweenTwoCycles(const sFluctuation
   if (iLast >= 0 && bLastUp == b.startingup) {
     const int iLimit = iMinSwing > 0 ? iMinSwing : std::min(a.threshold, b.threshold);
     if (std::abs(iFirstValue - iLastValue) >= iLimit) {
-      *pOut++ = {0, b.startingup, sConnection::kFromSecond};
+      *pOut++ = {0, b.startingup, sConnection::kFromSecond, true};
     } else if (iFurther > 0) {
-      pOut[-1] = {0, b.startingup, sConnection::kJoined};
+      pOut[-1] = {0, b.startingup, sConnection::kJoined, true};
     } else {
       pOut[-1].kind = sConnection::kJoined;
     }
   } else if (iLast < 0 || iFurther > 0) {
-    *pOut++ = {0, b.startingup, sConnection::kFromSecond};
+    *pOut++ = {0, b.startingup, sConnection::kFromSecond, true};
   }
-  if (b.nsegments > 1) *pOut = {1, !b.startingup, sConnection::kFromSecond};
+  if (b.nsegments > 1) *pOut = {1, !b.startingup, sConnection::kFromSecond, true};
   return connection;
 }

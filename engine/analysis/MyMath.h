@@ -36,6 +36,7 @@ class MyMath {
       int iIndex = -1;   // in the points of the cycle it comes from; -1 when there is no such point
       bool bUp = false;  // the waveform rises after it
       Kind kind = kNone;
+      bool bOfSecond = false;  // iIndex counts the second cycle's points
     };
     std::array<sPoint, 3> asPoint{};
   };

@@ -26,13 +26,13 @@ class PitchComparator {
   // Takes one cycle; cycles come in order.
   void push(std::span<const std::int16_t> samples);
   // Scores of the element of four cycles that starts at sample time iStart, which must have been pushed
-  // less than two seconds ago.
+  // less than 180 ms ago.
   void compare(int iStart, sScores& scores) const;
 
  private:
   static constexpr int kDecimation = 2;
   static constexpr int kCycleValues = kCycleSamples / kDecimation;
-  static constexpr int kRingValues = 8192;  // a power of two, 2 s
+  static constexpr int kRingValues = 1024;  // a power of two, 256 ms: an element and what lies before it
   static constexpr int kTaps = 17;
   static constexpr int kHistory = kTaps - 1;
 

@@ -118,6 +118,32 @@ TEST_F(DetectionTest, TheTailOfAWordIsKept) {
   EXPECT_LT(decibels(rms(out, 24000, 28000) / 15), -15);
 }
 
+// A pulse through a resonance every 64 samples: its turning points come back at that distance and no other.
+TEST_F(DetectionTest, ThePointsOfAVoiceRepeatAtItsPeriod) {
+  open();
+  Samples in(4096);
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    const double t = static_cast<double>(i % 64);
+    in[i] = static_cast<std::int16_t>(10000 * std::exp(-t / 10) * std::cos(0.6 * t));
+  }
+  process(0, in);
+  const MyChannel& channel = KestrovapMyChannels[0];
+  const int iTime = 4096 - kElementSamples;
+  auto first = std::make_unique<sComparisonElement>();
+  auto active = std::make_unique<sComparisonElement>();
+  first->prepare(*channel.pCycleInformation, true, iTime - kElementSamples, 6, 26);
+  active->prepare(*channel.pCycleInformation, false, iTime, 6, 26);
+  EXPECT_FALSE(active->bTooManyPoints);
+  for (int iLevel = 7; iLevel < 10; ++iLevel) {
+    EXPECT_LE(active->level(iLevel).iCount, active->level(iLevel - 1).iCount) << "coarser";
+    EXPECT_GE(active->level(iLevel).iCount, 3) << "peak and valley of two periods";
+  }
+  for (const auto& [iDistance, bRepeats] :
+       {std::pair{64, true}, {62, true}, {128, true}, {32, false}, {45, false}, {96, false}}) {
+    EXPECT_EQ(pointsRepeat(*first, *active, *channel.pInputData, iDistance, 0), bRepeats) << iDistance;
+  }
+}
+
 TEST(OnsetGuardTest, PresumesForThirtyCyclesAndThenAsksForQuiet) {
   OnsetGuard guard;
   const OnsetGuard::sCycle risen{.iSpread = 2000, .fRise = 3};
