@@ -25,15 +25,38 @@ constexpr float kLeastWeight = 0.1F;
 
 // Evidence from which on the learned talker is alone.
 constexpr float kCertain = 1.2F;
-// In doubt the scores of the latest frames close and open by themselves.
-constexpr float kLatelyStep = 0.35F;
-constexpr float kLatelyOthers = -1.5F;
-constexpr float kLatelyOwn = 0.5F;
+
+// Both may be talking while some of the voiced frames of the last second are the learned talker's: from a
+// twentieth on, and surely from a fifth on. Then the evidence may be this much against him before the sound
+// closes.
+constexpr float kOwnFrame = 1.0F;  // score
+constexpr float kOwnStep = 1.0F / 60;
+constexpr float kNoOwnPart = 0.05F;
+constexpr float kOwnPart = 0.2F;
+constexpr float kMostOwnPart = 0.35F;  // that is remembered: another may begin
+constexpr float kOthersOfBoth = -1.5F;
+constexpr float kOwnOfBoth = -0.5F;
+// And each frame passes as its own score says. Of frames of two talkers at 0 and 6 dB, a quarter of the sound
+// was the learned talker's at the lowest scores, nine tenths at the highest.
+constexpr float kLowestScore = -3;
+constexpr float kHighestScore = 3;
 constexpr float kLeastGate = 0.25F;
+constexpr float kMostGate = 1;
+constexpr float kClosedUpTo = -2;  // while the evidence is against him
+constexpr float kOpenFrom = 2;
+constexpr float kMostWhenClosed = 0.9F;
+constexpr float kNoScoreWeight = 0.3F;
+// A verb of both scores less than one of his alone.
+constexpr float kBothLeniency = 1;
 
 constexpr float kDefaultStep = 0.01F;
 constexpr float kReferenceStep = 0.01F;
 constexpr float kMostGain = 4;
+
+// 0 up to `low`, 1 from `high` on.
+float ramp(float f, float low, float high) {
+  return std::clamp((f - low) / (high - low), 0.0F, 1.0F);
+}
 
 // The learned talker's sounds in one verb weigh this many frames of what was heard before.
 constexpr float kBeforeFrames = 6;
@@ -62,7 +85,7 @@ void SourceSeparation::cleanHistory() {
   heard = TalkerEvidence{};
   fDefault.fill(1);
   fOpen = fGain = 1;
-  fLately = 0;
+  fOwnPart = kOwnPart;
 }
 
 bool SourceSeparation::isActive() const {
@@ -118,22 +141,45 @@ void SourceSeparation::analyseFrame(cHandle last) {
 
 // ---- Coefficients
 
+// What this frame and the one before it score.
+float SourceSeparation::scoreAround(const sEntry& entry) const {
+  const sEntry& before = entries[static_cast<std::size_t>((iNewest + kHistory - 1) % kHistory)];
+  float fSum = 0;
+  float fWeight = kNoScoreWeight;
+  for (const sEntry* pEach : {&before, &entry}) {
+    if (!pEach->bVoiced || pEach->iEndTime < 0) continue;
+    fSum += pEach->fWeight * pEach->fScore;
+    fWeight += pEach->fWeight;
+  }
+  return fSum / fWeight;
+}
+
 // Open while the evidence is for the learned talker. Between certainty for him and certainty for another both
-// may talk at once: then only what fits his voice passes.
+// may talk at once: then only frames, and bins of them, that fit his voice pass.
 void SourceSeparation::calcCoefficients(const sVoiceFrame& frame, sEntry& entry) {
   const float fValue = heard.value();
-  const float fTarget = std::clamp((fValue - kOthers) / (kOwn - kOthers), 0.0F, 1.0F);
+  const float fScore = scoreAround(entry);
+  if (entry.bVoiced) {
+    fOwnPart += kOwnStep * ((fScore > kOwnFrame ? 1.0F : 0.0F) - fOwnPart);
+    fOwnPart = std::min(fOwnPart, kMostOwnPart);
+  }
+  const float fBoth = ramp(fOwnPart, kNoOwnPart, kOwnPart);
+  const float fTarget =
+      std::max(ramp(fValue, kOthers, kOwn), fBoth * ramp(fValue, kOthersOfBoth, kOwnOfBoth));
   fOpen += (fTarget - fOpen) * (fTarget > fOpen ? kOpening : kClosing);
-  fLately += kLatelyStep * ((entry.bVoiced ? entry.fScore : 0) - fLately);
-  const float fDoubt = std::clamp((kCertain - fValue) / (kCertain - kOthers), 0.0F, 1.0F);
-  entry.bMatched = fTarget >= 1;
+  const float fDoubt = 1 - ramp(fValue, kOthers, kCertain);
+  entry.bMatched = fValue >= kOwn;
   std::array<float, kEnvelopeBins> fShare;
   fShare.fill(1);
-  if (entry.bVoiced && fDoubt > 0 && fOpen > 0) gains.shareOfVoice(frame, fShare);
-  const float fGate = std::clamp((fLately - kLatelyOthers) / (kLatelyOwn - kLatelyOthers), kLeastGate, 1.0F);
+  if (entry.bVoiced && fDoubt > 0) gains.shareOfVoice(frame, fShare);
+  // A frame that is surely his passes whole, whatever lies in its bins.
+  const float fSure = ramp(fScore, kLowestScore, kHighestScore);
+  const float fGate = std::lerp(kLeastGate, kMostGate, fSure);
+  const float fLeast =
+      std::max(kLeftOfOthers, fBoth * kMostWhenClosed * ramp(fScore, kClosedUpTo, kOpenFrom));
   for (std::size_t k = 0; k < fShare.size(); ++k) {
-    const float fOwnShare = 1 + fDoubt * (fGate * fShare[k] - 1);
-    entry.fCoefficient[k] = std::max(kLeftOfOthers, fOpen * fOwnShare);
+    const float fOwnShare = 1 + fDoubt * (fGate * std::lerp(fShare[k], 1.0F, fSure) - 1);
+    entry.fCoefficient[k] = std::max(fLeast, fOpen * fOwnShare);
     fDefault[k] += kDefaultStep * (entry.fCoefficient[k] - fDefault[k]);
   }
 }
@@ -191,5 +237,6 @@ float SourceSeparation::scoreOf(const sSegment& segment) const {
 
 SourceSeparation::Verdict SourceSeparation::verdictOn(const sSegment& segment) const {
   if (!isActive() || heard.frames() < 1) return Verdict::kUnknown;
-  return scoreOf(segment) > 0 ? Verdict::kLearnedVoice : Verdict::kOtherSound;
+  return scoreOf(segment) > -kBothLeniency * ramp(fOwnPart, kNoOwnPart, kOwnPart) ? Verdict::kLearnedVoice
+                                                                                  : Verdict::kOtherSound;
 }

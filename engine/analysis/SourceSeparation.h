@@ -91,6 +91,7 @@ class SourceSeparation {
   void analyseUpTo(int iTime);
   void analyseFrame(cHandle last);
   [[nodiscard]] float weightOf(const sVoiceFrame& frame) const;
+  [[nodiscard]] float scoreAround(const sEntry& entry) const;
   void calcCoefficients(const sVoiceFrame& frame, sEntry& entry);
   [[nodiscard]] const sEntry* entryOf(int iTime) const;
   void followReference(const sEntry& entry);
@@ -107,7 +108,7 @@ class SourceSeparation {
   std::vector<sEntry> entries;  // ring of kHistory
   int iNewest = 0;
   std::array<float, kEnvelopeBins> fDefault{};  // coefficients of a frame that was not analysed
-  float fLately = 0;                            // scores of the latest frames
+  float fOwnPart = 1;                           // of the latest voiced frames that are his
   float fOpen = 1;                              // how much of the sound is the learned talker's
   float fGain = 1;                              // makes up for what his own bins lose
 };

@@ -8,8 +8,8 @@ namespace {
 // Logarithms of power: 1 is 4.3 dB.
 constexpr float kMostExcess = 2;  // what is louder than the shape is another's, no matter by how much
 constexpr float kLackWeight = 2;  // what the shape has and is not heard counts more
-constexpr float kFreely = 1.2F;   // a sound varies by this much around its cluster
-constexpr float kLeastShare = 0.15F;
+constexpr float kFreely = 2;      // a sound varies by this much around its cluster
+constexpr float kLeastShare = 0.4F;
 constexpr int kMostHarmonics = 11;
 
 float misfit(const BandPower& heard, const BandPower& shape, float fLevel) {
