@@ -40,7 +40,8 @@ std::size_t at(double dSeconds) {
 std::vector<std::string> sentences(const std::string& sDir, unsigned uSeed) {
   std::vector<std::string> sNames;
   for (const auto& entry : std::filesystem::directory_iterator(sDir)) {
-    const auto uSize = std::filesystem::file_size(entry.path());
+    if (!entry.is_regular_file()) continue;
+    const auto uSize = entry.file_size();
     if (entry.path().extension() == ".wav" && uSize > 30000 && uSize < 90000) sNames.push_back(entry.path());
   }
   std::sort(sNames.begin(), sNames.end());

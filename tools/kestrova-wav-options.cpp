@@ -169,11 +169,18 @@ CSV
   confident        1: of a talk spurt that is certainly speech
   noise_level      the background, largest minus smallest sample; 0 until it is known
   gain_percent     gain of the automatic gain control
-  echo_level       with --spk
+  echo_level       with --spk: the echo in the microphone, largest minus smallest sample; 0: none
   speaker_level    the talker, largest minus smallest sample; 0 before any speech
   dtmf             1: a digit, or five seconds after one
   digits           all digits of that sequence
   state            start, silence, speech, confident or dtmf: what came out
+  talk_score       with --spk, as all that follow: -35 echo for certain .. 100 talk for certain
+  near_end         1: somebody talks at the microphone
+  converged        1: the filter in use has found the echo
+  filter           in use: 1 time domain, 2 frequency domain
+  delay_samples    of the echo, at 8 kHz; -1 while unknown
+  echo_gain        128 passes the microphone unchanged, 0 silences it
+  howling          1: the loop through the other end whistles
 
 EXIT STATUS
   0 done, 1 a file or the engine failed, 2 the command line is wrong.

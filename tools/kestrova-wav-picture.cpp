@@ -246,7 +246,9 @@ class Drawing {
     double x = kLeft;
     for (const sMeaning& meaning : psMeanings) {
       canvas.rectangle(x, iTop + kStripHeight + 52, 14, 14, meaning.colour);
-      canvas.text(x + 20, iTop + kStripHeight + 64, meaning.pcName);
+      const bool bPause = &meaning - psMeanings.data() == static_cast<std::ptrdiff_t>(Decision::eSilence);
+      canvas.text(x + 20, iTop + kStripHeight + 64,
+                  picture.bEcho && bPause ? "pause or echo" : meaning.pcName);
       x += 190;
     }
   }

@@ -57,6 +57,13 @@ Decision decisionOf(const sKestrovaFrameResult& result) {
   return result.iConfidentVoice != 0 ? Decision::eConfident : Decision::eSpeech;
 }
 
+// The echo stage alone does not look for speech: what its canceller takes for near-end talk stands for it.
+void takeTalkOfCanceller(sKestrovaFrameResult& result) {
+  sKestrovaAECStatus aec{};
+  if (KestrovaGetAECInternalStatusParameters(kChannel, &aec) != 0) return;
+  result.iSpeech = aec.bFlags[KESTROVA_AEC_NO_ALGORITHM] != 0 || aec.bFlags[KESTROVA_AEC_NEAR_END_TALK] != 0;
+}
+
 const char* nameOf(Decision decision) {
   constexpr std::array pcNames{"start", "silence", "speech", "confident", "dtmf"};
   return pcNames[static_cast<std::size_t>(decision)];
@@ -99,6 +106,7 @@ class Run {
       cut(mic.samples, uPosition, frame);
       sKestrovaFrameResult result{};
       check(processFrame(frame, result), "processing a frame");
+      if (hasSpeaker() && !options.bCombo) takeTalkOfCanceller(result);
       out.insert(out.end(), frame.begin(), frame.begin() + result.iOutBytes / 2);
       if (pCsv) writeCsvRow(pCsv.get(), static_cast<double>(uPosition) / mic.iRate, result);
       if (result.iOutBytes > 0) decisions.push_back(decisionOf(result));
