@@ -141,7 +141,7 @@ void sComparisonElement::joinCycles(const CycleInformation& cycles) {
       const int iFirstLevel = levelOf(*this, pNow->points[0].lval);
       const bool bSameKind = open.bPeak != pNow->startingup;
       const bool bFurther = open.bPeak ? open.iLevel > iFirstLevel : open.iLevel < iFirstLevel;
-      if (!border.bKeepsLast) --points.iCount;
+      if (!border.bKeepsLast && points.iCount > 0) --points.iCount;
       if (!bSameKind || bFurther) points.add(open);
       border.bKeepsFirst &= !(bSameKind && bFurther);
     }

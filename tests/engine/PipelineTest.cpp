@@ -47,6 +47,19 @@ TEST_F(PipelineTest, DigitalSilenceLeavesTheNoiseEstimateAlone) {
   EXPECT_NEAR(dAfter, dBefore, 3);
 }
 
+TEST_F(PipelineTest, TheStrongestLevelsDoNotSpareSpeech) {
+  const Samples clean = talk(4, 6000);
+  const Samples in = mixed(clean, gaussianNoise(clean.size(), 400, 1));
+  double dWord[2] = {};
+  for (const int iLevel : {10, 11}) {
+    sKestrovaInit init = defaultInit();
+    init.sCleanAggressiveLevel = static_cast<std::uint16_t>(iLevel);
+    open(init);
+    dWord[iLevel - 10] = rms(process(0, in), 5 * kSecond, 5 * kSecond + 4000);
+  }
+  EXPECT_LT(decibels(dWord[1] / dWord[0]), -1.5);
+}
+
 TEST_F(PipelineTest, CleanSpeechPassesUnchanged) {
   open(defaultInit());
   const Samples in = talk(5, 12000);
