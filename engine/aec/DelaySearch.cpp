@@ -216,11 +216,13 @@ void DelaySearch::countEvent(const sAecCycle& now, int iRise) {
 // microphone that has to be quiet: a quiet loudspeaker says nothing about lags at which it was loud.
 void DelaySearch::punishSilentLags() {
   constexpr int kQuietMic = 999;
+  constexpr int kLeastVotes = -200;  // a minute on mute must not outlive its end
   if (iMicAmp > kQuietMic) return;
   const int iLoud = std::max(16 * iMicAmp, 8000);
   for (int d = 1; d < span.cycles(); ++d) {
     const int a = iAmp[static_cast<std::size_t>(d)];
-    if (a != kUnknownAmp && a > iLoud) iVotes[static_cast<std::size_t>(d)] -= 16;
+    int& iCount = iVotes[static_cast<std::size_t>(d)];
+    if (a != kUnknownAmp && a > iLoud) iCount = std::max(iCount - 16, std::min(iCount, kLeastVotes));
   }
 }
 

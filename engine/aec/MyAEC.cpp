@@ -124,7 +124,9 @@ void MyAEC::noteStrongEcho() {
 void MyAEC::checkHowling() {
   const sAecCoefSet& active = timeFilter.set(TimeDomainFilter::kActive);
   const bool bSure = now.bStablePath && active.isGood();
-  howling.checkHowlingConditions(now, speaker.calcSpkrAmp(now.iLast, 10 * kCycleSamples), bSure);
+  // Of the ten latest cycles that have come in: the loudspeaker's packets may be behind.
+  const int iSpkNow = std::min(now.iLast, (now.iSpkLast + 1) / kCycleSamples * kCycleSamples - 1);
+  howling.checkHowlingConditions(now, speaker.calcSpkrAmp(iSpkNow, 10 * kCycleSamples - 1), bSure);
 }
 
 bool MyAEC::needsTimeDomain() const {

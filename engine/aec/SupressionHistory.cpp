@@ -124,7 +124,7 @@ void SupressionHistory::updateOnStablePath(const sAecCycle& now, bool bResidualL
   constexpr int kResidualAll = 90;
   constexpr int kResidualSmall = 20;
   constexpr int kSure = 3;
-  iEchoOnlyCycles = now.iTalkScore < -19 ? iEchoOnlyCycles + 1 : 0;
+  iEchoOnlyCycles = now.iTalkScore < -18 ? iEchoOnlyCycles + 1 : 0;
   sAecSupressionEntry& e = push(now);
   const sAecSupressionEntry& p = at(1);
   const int r = now.iResidualRatio;
