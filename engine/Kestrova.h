@@ -37,8 +37,10 @@
  * a length that is no whole number of samples), 2 initialisation failure.
  *
  * Threads: KestrovaPackageInit must have returned before any channel is used. A channel is driven by one
- * thread at a time; different channels are independent. The engine holds no lock, allocates only in the init
- * functions and writes to no log. An init takes below 1 ms.
+ * thread at a time; different channels are independent. The engine holds no lock, writes to no log, and
+ * allocates only in the init functions and where a registration is completed. An init takes about a
+ * millisecond of processor time at most, one with a learned voice as long as its image takes to be summed and
+ * copied.
  */
 #ifndef ENGINE_KESTROVA_H
 #define ENGINE_KESTROVA_H
@@ -52,6 +54,7 @@ extern "C" {
 #define KESTROVA_API_VERSION 2
 #define KESTROVA_VERSION_NUMBER 593945u
 #define KESTROVA_MAX_CHANNEL 5
+#define KESTROVA_MAX_PATTERNS 4000 /* records of a learned voice */
 
 /* Learned voice data, handed out by KestrovaCopySpeakerInformationAfterRegistration and taken by
  * KestrovaIpsavoxInit. Its size is what KestrovaCompleteRegistration reports. */

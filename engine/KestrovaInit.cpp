@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include "engine/ApiSupport.h"
 #include "engine/Glob.h"
@@ -101,6 +102,7 @@ int KestrovaPackageInit(const sKestrovaPackage* package) {
     if (!storeBinDirectory(package->pcBinDirectory)) return kInitFailure;
     if (package->iCPUPower < 0 || package->iCPUPower > kMaxCPUPower) return kInitFailure;
     if (scratch.puZeroes.size() == 0) scratch = allocateScratch();
+    prepareWorldVoices();
     Glob::iCPUPower = package->iCPUPower;
     Glob::sAPIVersion = package->iAPIVersion;
     return kSuccess;
@@ -128,16 +130,15 @@ int KestrovaIpsavoxInit(uint16_t channel, const sKestrovaInit* init) {
   if (init->bStartRegistration != 0) raised.sDetectAggressiveLevel = 0;
   if (const int iResult = KestrovaInit(channel, &raised); iResult != kSuccess) return iResult;
   MyChannel& noise = api::noiseChannel(channel);
-  return guarded(kInitFailure, [&] {
-    if (init->bStartRegistration != 0) {
-      startRegistration(noise);
-      return kSuccess;
-    }
-    if (loadSpeaker(noise, init->psSpeakerInformation)) return kSuccess;
-    // A channel that ran without what it was asked for would look as if it had it.
-    noise.terminate();
-    return kInitFailure;
+  const int iResult = guarded(kInitFailure, [&] {
+    if (init->bStartRegistration == 0)
+      return loadSpeaker(noise, init->psSpeakerInformation) ? kSuccess : kInitFailure;
+    startRegistration(noise);
+    return kSuccess;
   });
+  // A channel that ran without what it was asked for would look as if it had it.
+  if (iResult != kSuccess) noise.terminate();
+  return iResult;
 }
 
 int KestrovaAECInit(uint16_t channel, const sKestrovaInit* init) {
@@ -151,8 +152,8 @@ int KestrovaCompleteRegistration(uint16_t channel, uint32_t* size) {
   MyChannel& noise = api::noiseChannel(channel);
   if (!noise.isInitialized() || !noise.pRegistration) return kBadChannelOrProcessing;
   return guarded(kBadChannelOrProcessing, [&] {
-    noise.registrationOutcome = noise.pRegistration->stop(false);
-    noise.pRegistration.reset();
+    const std::unique_ptr<Registration> ending = std::move(noise.pRegistration);
+    noise.registrationOutcome = ending->stop(false);
     if (!noise.bRegistrationCompleted) return kBadChannelOrProcessing;
     *size = profileBytes(noise.pSourceSeparation->patternRecords());
     return kSuccess;

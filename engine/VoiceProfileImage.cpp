@@ -44,8 +44,9 @@ std::optional<int> recordsOfProfile(const std::uint8_t* puProfile) {
   if (iVersion != kSpeakerVersion) return {};
   sLearnedVoice voice;
   std::memcpy(&voice, puProfile + sSpeakerData::kTableBytes, sizeof voice);
-  const bool bCounts = voice.isConsistent() && voice.iPatterns <= SourceSeparation::kMaxPatterns;
-  if (!bCounts || voice.uChecksum != fixedSum(puProfile)) return {};
+  const bool bPossible = voice.isConsistent() && voice.iPatterns <= SourceSeparation::kMaxPatterns &&
+                         sSpeakerData::canLoad(puProfile);
+  if (!bPossible || voice.uChecksum != fixedSum(puProfile)) return {};
   return voice.iPatterns;
 }
 
@@ -59,7 +60,8 @@ bool isWholeProfile(const std::uint8_t* puProfile, std::uint32_t uBytes) {
 
 bool loadProfile(MyChannel& channel, const std::uint8_t* puProfile) {
   const std::optional<int> records = recordsOfProfile(puProfile);
-  if (!records || !channel.psSpeakerData->load(puProfile)) return false;
+  if (!records) return false;
+  channel.psSpeakerData->load(puProfile);
   const std::uint8_t* puSeparation = puProfile + sSpeakerData::kTableBytes;
   sLearnedVoice voice;
   std::memcpy(&voice, puSeparation, sizeof voice);

@@ -8,14 +8,14 @@ namespace {
 constexpr std::uint32_t kLengthBytes = 4;
 
 bool isSpeakerLength(std::uint32_t length) {
-  return length >= VoiceProfile::kFixedBytes &&
+  return length >= VoiceProfile::kFixedBytes && length <= VoiceProfile::kMaxBytes &&
          (length - VoiceProfile::kFixedBytes) % VoiceProfile::kPatternBytes == 0;
 }
 
 }  // namespace
 
 bool VoiceProfile::allocate(std::uint32_t bytes) {
-  pcBytes.reset(new (std::nothrow) std::byte[bytes]());
+  pcBytes.reset(new (std::nothrow) std::byte[bytes]);
   iBytes = pcBytes ? bytes : 0;
   return pcBytes != nullptr;
 }

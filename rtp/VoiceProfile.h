@@ -15,8 +15,9 @@ class VoiceProfile {
   // What the engine learns: a fixed part, and one record per learned pattern.
   static constexpr std::uint32_t kFixedBytes = 654'992;
   static constexpr std::uint32_t kPatternBytes = 4'740;
+  static constexpr std::uint32_t kMaxBytes = kFixedBytes + KESTROVA_MAX_PATTERNS * kPatternBytes;
 
-  // False when memory is short.
+  // What it holds is to be written or read then. False when memory is short.
   [[nodiscard]] bool allocate(std::uint32_t bytes);
 
   // Null while empty.
@@ -25,8 +26,8 @@ class VoiceProfile {
 
   enum class Read { eDone, eBadFile, eNoMemory };
   // Reads a whole file. A length that the file does not hold, or that no speaker record has, is refused
-  // before anything is allocated, and a record that the engine would refuse is
-  // refused here, while the channel still runs.
+  // before anything is allocated, and a record that the engine would refuse is refused here, while the
+  // channel still runs.
   [[nodiscard]] Read readFrom(std::FILE* file);
 
   // True when what was written has left the process.

@@ -73,6 +73,10 @@ std::vector<sEnvelope> clustersOf(std::span<const sEnvelope> all) {
   return centresOf(all, wantedClusters(all.size()));
 }
 
+void prepareWorldVoices() {
+  (void)worldEnvelopes();
+}
+
 float scoreAgainst(const sEnvelope& envelope, std::span<const sEnvelope> own) {
   return (nearest(envelope, worldEnvelopes()).fDistance - nearest(envelope, own).fDistance) / 2;
 }
@@ -93,7 +97,7 @@ float ownScoreOf(std::span<const sEnvelope> all) {
 
 bool sLearnedVoice::isConsistent() const {
   const bool bFinite = std::isfinite(fOwnScore) && std::isfinite(fThreshold) && std::isfinite(fMeanPower);
-  return uMagic == kMagic && iPatterns >= 0 && (bLearned == 0 || bLearned == 1) && iClusters >= 0 &&
+  return uMagic == kMagic && iPatterns >= 0 && (bLearned == 0 || bLearned == 1) && iClusters >= bLearned &&
          iClusters <= kMaxClusters && bFinite && std::abs(fThreshold) <= kHighestThreshold;
 }
 
@@ -105,14 +109,16 @@ bool buildLearnedVoice(std::span<sVoicePattern> patterns, sLearnedVoice& voice) 
   voice.iClusters = static_cast<int>(centres.size());
   for (std::size_t u = 0; u < centres.size(); ++u) voice.asCluster[u] = {packed(centres[u]), 0};
   double dPower = 0;
+  int numValid = 0;
   for (sVoicePattern& pattern : patterns) {
     if ((pattern.uFlags & sVoicePattern::kValid) == 0) continue;
+    ++numValid;
     pattern.iCluster = nearest(pattern.envelope, centres).iIndex;
     auto& cluster = voice.asCluster[static_cast<std::size_t>(pattern.iCluster)];
     if (cluster.uPatterns < 0xffff) ++cluster.uPatterns;
     dPower += pattern.fPower;
   }
-  voice.fMeanPower = static_cast<float>(dPower / static_cast<double>(patterns.size()));
+  voice.fMeanPower = static_cast<float>(dPower / static_cast<double>(numValid));
   voice.fOwnScore = ownScoreOf(all);
   voice.fThreshold = std::clamp(kThresholdOfOwnScore * voice.fOwnScore, kLowestThreshold, kHighestThreshold);
   return true;

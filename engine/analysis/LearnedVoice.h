@@ -66,6 +66,8 @@ static_assert(sizeof(sLearnedVoice) == kSeparationBytes);
 
 // Clusters and figures from the valid patterns. False when they are too few.
 [[nodiscard]] bool buildLearnedVoice(std::span<sVoicePattern> patterns, sLearnedVoice& voice);
+// Unpacks the voices of the world that sounds are compared with. Otherwise the first comparison does it.
+void prepareWorldVoices();
 // Centres of some envelopes, as many as tell a voice apart without learning single frames.
 [[nodiscard]] std::vector<sEnvelope> clustersOf(std::span<const sEnvelope> all);
 // Half of how much nearer (by squared distance) an envelope is to one of `own` than to the voices in general.

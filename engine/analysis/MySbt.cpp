@@ -80,7 +80,8 @@ bool MySbt::existsJump() const {
 
 void MySbt::afterFrameProcessed() {
   const int iNow = pMyChannel->pCycleInformation->lastSampleTime();
-  if (Glob::iCPUPower == 0 || pMyChannel->bRegistrationRunning || bTesting || iNow < kFirstSamples) return;
+  if (Glob::iCPUPower == 0 || pMyChannel->bRegistrationRunning || bTesting || iNow + 1 < kFirstSamples)
+    return;
   if (!bStored) {
     if (!existsJump()) return;
     iRetries = kRetries;

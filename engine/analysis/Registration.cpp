@@ -89,6 +89,17 @@ cHandle loudestBehind(const CycleInformation& cycles, const sSegment& segment) {
   return start;
 }
 
+// Forgets what was derived of a voice unless the registration has completed, also when memory was short.
+struct VoiceOrNothing {
+  MyChannel& channel;
+  explicit VoiceOrNothing(MyChannel& owner) : channel(owner) {}
+  ~VoiceOrNothing() {
+    if (!channel.bRegistrationCompleted) channel.psSpeakerData->clear();
+  }
+  VoiceOrNothing(const VoiceOrNothing&) = delete;
+  VoiceOrNothing& operator=(const VoiceOrNothing&) = delete;
+};
+
 bool isSureVerb(const sSegment& segment, int iMoreMatchesThan) {
   return segment.type == kSelfVerb && segment.bGood && segment.iNumMatches > iMoreMatchesThan;
 }
@@ -184,10 +195,10 @@ void Registration::stopSegmentDuringRegistration(sSegment& segment) {
 Registration::Outcome Registration::stop(bool bFresh) {
   if (bPending) learnPending();
   while (channel.pFirstScan->closedSegments() > 0) channel.pFirstScan->shiftOneSegment();
-  channel.bRegistrationRunning = false;
+  channel.bRegistrationRunning = channel.bRegistrationCompleted = false;
+  const VoiceOrNothing atTheEnd{channel};
   const Outcome outcome = derive(bFresh);
   channel.bRegistrationCompleted = outcome == Outcome::kLearned;
-  if (outcome != Outcome::kLearned) channel.psSpeakerData->clear();
   return outcome;
 }
 
@@ -242,7 +253,7 @@ bool Registration::learnPitch(bool bFresh) {
   for (int i = 0; i < iSegments; ++i) {
     const sSegment& segment = psStore[static_cast<std::size_t>(i)];
     if (!isSureVerb(segment, kMatchesOfVerb)) continue;
-    const int iPeriod = segment.lastMatch().period();
+    const int iPeriod = PeriodHistogram::clamped(segment.lastMatch().period());
     if (std::abs(iPeriod - first.mean()) <= dReach) learned.add(iPeriod);
   }
   speaker.piPitchHistogram = learned.piCount;

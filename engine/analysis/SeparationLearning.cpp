@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <utility>
 
 #include "engine/analysis/SourceSeparation.h"
 #include "engine/MyChannel.h"
@@ -35,6 +36,9 @@ void takePeaks(sVoicePattern& pattern) {
 
 void SourceSeparation::initDynamicInfo() {
   if (psPatterns.size() == 0) psPatterns = ZeroedArray<sVoicePattern>(kMaxPatterns);
+  uLearnedFrames = 0;
+  uTakeEvery = 1;
+  bBreakOpen = false;
 }
 
 int SourceSeparation::referenceAmp() const {
@@ -77,7 +81,10 @@ void SourceSeparation::learnAndPopulateDynamicInfoDuringRegistration(cHandle fro
 
 void SourceSeparation::addPattern(const sVoiceFrame& frame, bool bBreak) {
   sLearnedVoice& own = voice[0];
-  if (own.iPatterns >= kMaxPatterns) return;
+  bBreakOpen |= bBreak;
+  if (uLearnedFrames++ % uTakeEvery != 0) return;
+  if (own.iPatterns >= kMaxPatterns) keepEverySecondPattern();
+  bBreak = std::exchange(bBreakOpen, false);
   sVoicePattern& pattern = psPatterns[static_cast<std::size_t>(own.iPatterns++)];
   pattern = sVoicePattern{};
   pattern.uFlags = sVoicePattern::kValid | (bBreak ? sVoicePattern::kBreak : 0U);
@@ -95,6 +102,21 @@ void SourceSeparation::addPattern(const sVoiceFrame& frame, bool bBreak) {
   pMyChannel->pMyFilters->buildFFTHistogram(pattern.histogram, frame.iEndTime + 1 - frame.iPeriod,
                                             frame.iEndTime);
   takePeaks(pattern);
+}
+
+// A long registration is represented evenly: when the records are full, half of them make room, and from then
+// on half as many frames are taken.
+void SourceSeparation::keepEverySecondPattern() {
+  sLearnedVoice& own = voice[0];
+  const auto uKept = static_cast<std::size_t>(own.iPatterns / 2);
+  for (std::size_t i = 0; i < uKept; ++i) {
+    const std::uint32_t uBreak =
+        (psPatterns[2 * i].uFlags | psPatterns[2 * i + 1].uFlags) & sVoicePattern::kBreak;
+    psPatterns[i] = psPatterns[2 * i];
+    psPatterns[i].uFlags |= uBreak;
+  }
+  own.iPatterns = static_cast<std::int32_t>(uKept);
+  uTakeEvery *= 2;
 }
 
 // The last sounds before a break, and the very last ones, die away and are no pattern of a voice.

@@ -21,6 +21,7 @@
 #include "engine/analysis/VoiceFrame.h"
 #include "engine/analysis/VoiceGains.h"
 #include "engine/analysis/VoiceScorer.h"
+#include "engine/Kestrova.h"
 #include "engine/ZeroedArray.h"
 
 class MyChannel;
@@ -29,8 +30,9 @@ class SourceSeparation {
  public:
   enum class Verdict { kUnknown, kLearnedVoice, kOtherSound };
 
-  // 64 seconds of voiced sound: what a registration of two to three minutes holds.
-  static constexpr int kMaxPatterns = 4000;
+  // 64 seconds of voiced sound, of a registration of two to three minutes; of a longer one every second
+  // frame, and so on.
+  static constexpr int kMaxPatterns = KESTROVA_MAX_PATTERNS;
 
   SourceSeparation();  // throws std::bad_alloc
   void init(MyChannel* pChannel);
@@ -87,6 +89,7 @@ class SourceSeparation {
   };
 
   void addPattern(const sVoiceFrame& frame, bool bBreak);
+  void keepEverySecondPattern();
   [[nodiscard]] int referenceAmp() const;
   void analyseUpTo(int iTime);
   void analyseFrame(cHandle last);
@@ -103,6 +106,9 @@ class SourceSeparation {
   VoiceGains gains{scorer};
   int iLastLearned = -1;  // sample time
   int iLastPeriod = 0;
+  unsigned uLearnedFrames = 0;  // voiced ones of the registration
+  unsigned uTakeEvery = 1;      // of them
+  bool bBreakOpen = false;      // no record has been taken since the last break
 
   TalkerEvidence heard;
   std::vector<sEntry> entries;  // ring of kHistory

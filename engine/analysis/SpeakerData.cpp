@@ -17,24 +17,35 @@ int sSpeakerData::shortestPeriod() const {
   return std::max(iPitchCentre - 4 * iPitchSpread, kShortestPeriod);
 }
 
-bool sSpeakerData::load(const std::uint8_t* puProfile) {
-  clear();
+bool sSpeakerHead::isConsistent() const {
+  const auto isFlagOf = [](int bPresent, int iCount) { return bPresent == (iCount > 0 ? 1 : 0); };
+  return iPitchCentre >= kShortestPeriod && iPitchCentre < kPitchBins && isCount(iPitchSpread, kAnyVoice) &&
+         isCount(iHistograms, kMaxHistograms) && isFlagOf(bHistogramsPresent, iHistograms) &&
+         isCount(iTemplates, kMaxTemplates) && isFlagOf(bTemplatesPresent, iTemplates);
+}
+
+bool sSpeakerData::canLoad(const std::uint8_t* puProfile) {
   sSpeakerHead head;
   std::memcpy(&head, puProfile, sizeof head);
-  if (!isCount(head.iHistograms, kMaxHistograms) || !isCount(head.iTemplates, kMaxTemplates)) return false;
-  static_cast<sSpeakerHead&>(*this) = head;
-  std::memcpy(histograms.data(), puProfile + sizeof head, kHistogramBytes);
-  std::memcpy(templates.data(), puProfile + sizeof head + kHistogramBytes, kTemplateBytes);
-  for (int i = 0; i < head.iTemplates; ++i) {
-    const sFftSchemaType& schema = templates[static_cast<std::size_t>(i)];
-    if (isCount(schema.iBins, sFftSchemaType::kMaxBins) &&
-        isCount(schema.iNoiseBins, sFftSchemaType::kMaxBins)) {
-      continue;
+  if (!head.isConsistent()) return false;
+  const std::uint8_t* puTemplate = puProfile + sizeof head + kHistogramBytes;
+  for (int i = 0; i < head.iTemplates; ++i, puTemplate += sizeof(sFftSchemaType)) {
+    sFftSchemaType schema;
+    std::memcpy(&schema, puTemplate, sizeof schema);
+    if (!isCount(schema.iBins, sFftSchemaType::kMaxBins) ||
+        !isCount(schema.iNoiseBins, sFftSchemaType::kMaxBins)) {
+      return false;
     }
-    clear();
-    return false;
   }
   return true;
+}
+
+void sSpeakerData::load(const std::uint8_t* puProfile) {
+  clear();
+  sSpeakerHead& head = *this;
+  std::memcpy(&head, puProfile, sizeof head);
+  std::memcpy(histograms.data(), puProfile + sizeof head, kHistogramBytes);
+  std::memcpy(templates.data(), puProfile + sizeof head + kHistogramBytes, kTemplateBytes);
 }
 
 void sSpeakerData::store(std::uint8_t* puProfile) const {

@@ -50,6 +50,9 @@ struct sSpeakerHead {
   std::int32_t iReserved = 0;
 
   static constexpr std::int32_t kAnyVoice = 53;
+
+  // Whether its figures can be.
+  [[nodiscard]] bool isConsistent() const;
 };
 static_assert(sizeof(sSpeakerHead) == 32);
 
@@ -63,9 +66,10 @@ struct sSpeakerData : sSpeakerHead {
     piPitchHistogram.fill(0);
     iPitchEntries = 0;
   }
-  // Takes head and tables from a profile whose version has been checked. False when its counts are out of
-  // range; the voice is forgotten then.
-  [[nodiscard]] bool load(const std::uint8_t* puProfile);
+  // Whether the figures of a profile's head and tables can be.
+  [[nodiscard]] static bool canLoad(const std::uint8_t* puProfile);
+  // Takes head and tables from a profile that can be loaded.
+  void load(const std::uint8_t* puProfile);
   // Writes kTableBytes bytes.
   void store(std::uint8_t* puProfile) const;
 

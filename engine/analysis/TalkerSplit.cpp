@@ -9,7 +9,7 @@
 namespace {
 
 constexpr std::size_t kBlock = 20;  // a third of a second of voiced sound: shorter than any turn
-constexpr std::size_t kMostPatterns = 2000;
+constexpr std::size_t kMostBlocks = 100;
 constexpr std::size_t kSmallestPart = 5;  // a group has a fifth of all at least: a cough is no second talker
 constexpr float kPitchWeight =
     8;  // a period longer by an eighth counts as one coefficient that differs by one
@@ -22,9 +22,13 @@ struct sBlock {
   bool bSecond = false;
 };
 
+// Blocks from all over the registration.
 std::vector<sBlock> blocksOf(std::span<const sVoicePattern> patterns) {
   std::vector<sBlock> blocks;
-  for (std::size_t u = 0; u + kBlock <= patterns.size(); u += kBlock) {
+  const std::size_t uAll = patterns.size() / kBlock;
+  const std::size_t uTaken = std::min(uAll, kMostBlocks);
+  for (std::size_t n = 0; n < uTaken; ++n) {
+    const std::size_t u = n * uAll / uTaken * kBlock;
     sBlock& block = blocks.emplace_back();
     std::array<int, kBlock> piPeriod;
     std::transform(patterns.begin() + static_cast<std::ptrdiff_t>(u),
@@ -125,8 +129,8 @@ float meanScore(const std::vector<sEnvelope>& sounds, const std::vector<sEnvelop
 
 sTalkerSplit splitTalkers(std::span<const sVoicePattern> patterns) {
   sTalkerSplit result;
-  result.uPatterns = patterns.size();
-  std::vector<sBlock> blocks = blocksOf(patterns.first(std::min(patterns.size(), kMostPatterns)));
+  std::vector<sBlock> blocks = blocksOf(patterns);
+  result.uPatterns = blocks.size() * kBlock;
   if (blocks.size() < 2 * kSmallestPart) return result;
   splitPitches(blocks, result);
   split(blocks);

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "engine/MyChannel.h"
+#include "engine/VoiceProfileImage.h"
 #include "tests/engine/EngineFixture.h"
 
 namespace {
@@ -122,6 +123,39 @@ TEST_F(LearnedVoiceTest, ABrokenProfileIsRefusedAndTheChannelCanGoOnWithoutIt) {
        {0U, 4U, 654991U, 654992U, uSize - 4740, uSize - 1, uSize + 1, uSize + 4740}) {
     EXPECT_EQ(KestrovaCheckSpeakerInformation(speaker(good), uWrong), 2) << uWrong;
   }
+}
+
+TEST_F(LearnedVoiceTest, AProfileWithFiguresThatCannotBeIsRefusedThoughItsSumsAreRight) {
+  using Change = void (*)(sSpeakerData&);
+  const Change pChanges[] = {
+      [](sSpeakerData& speaker) { speaker.iPitchCentre = 1 << 30; },
+      [](sSpeakerData& speaker) { speaker.iPitchCentre = 11; },
+      [](sSpeakerData& speaker) { speaker.iPitchSpread = -(1 << 30); },
+      [](sSpeakerData& speaker) { speaker.iHistograms = kMaxHistograms + 1; },
+      [](sSpeakerData& speaker) { speaker.iTemplates = -1; },
+      [](sSpeakerData& speaker) { speaker.bTemplatesPresent = 0; },
+      [](sSpeakerData& speaker) { speaker.templates[1].iBins = sFftSchemaType::kMaxBins + 1; },
+  };
+  for (const Change& change : pChanges) {
+    std::vector<std::uint8_t> profile = deepProfile();
+    ASSERT_EQ(initVoice(speaker(profile), false, 3), 0);
+    change(*KestrovapMyChannels[3].psSpeakerData);
+    storeProfile(KestrovapMyChannels[3], profile.data());
+    EXPECT_EQ(initVoice(speaker(profile)), 2) << &change - pChanges;
+    EXPECT_EQ(KestrovaCheckSpeakerInformation(speaker(profile), static_cast<std::uint32_t>(profile.size())),
+              2);
+  }
+}
+
+TEST_F(LearnedVoiceTest, ALongRegistrationIsRepresentedFromItsBeginningToItsEnd) {
+  ASSERT_EQ(initVoice(nullptr, true), 0);
+  const Samples heard = talk(120, kDeep, kDeepThroat, 16);
+  process(0, heard, 1024);
+  const auto patterns = KestrovapMyChannels[0].pSourceSeparation->patterns();
+  ASSERT_GE(patterns.size(), SourceSeparation::kMaxPatterns / 2U);
+  EXPECT_LT(patterns.size(), SourceSeparation::kMaxPatterns * 3U / 4) << "every second made room";
+  EXPECT_LT(patterns.front().iEndTime, 3 * 8000);
+  EXPECT_GT(patterns.back().iEndTime, 117 * 8000);
 }
 
 TEST_F(LearnedVoiceTest, ASampleThatTellsTooLittleIsRefusedWithItsReason) {
