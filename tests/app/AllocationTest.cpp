@@ -1,54 +1,21 @@
 // Memory that is taken for a packet or a message while calls come and go: none.
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 
 #include "app/config/Settings.h"
 #include "rtp/MyRtp.h"
 #include "tests/sip/SipFixture.h"
+#include "tests/support/AllocationCount.h"
 
 namespace {
 
-thread_local bool isCounting = false;
-thread_local long allocations = 0;
-
-void count() {
-  if (isCounting) ++allocations;
-}
-
-// How much of it this thread takes meanwhile.
+// How often this thread takes some meanwhile.
 template <typename Work>
 long allocationsOf(Work work) {
-  allocations = 0;
-  isCounting = true;
+  const AllocationCount count;
   work();
-  isCounting = false;
-  return allocations;
+  return count.taken();
 }
-
-}  // namespace
-
-// Every way to the heap, also that of the C library's own functions, goes through these.
-extern "C" {
-void* __libc_malloc(std::size_t);
-void* __libc_calloc(std::size_t, std::size_t);
-void* __libc_realloc(void*, std::size_t);
-
-void* malloc(std::size_t size) {
-  count();
-  return __libc_malloc(size);
-}
-void* calloc(std::size_t items, std::size_t size) {
-  count();
-  return __libc_calloc(items, size);
-}
-void* realloc(void* block, std::size_t size) {
-  count();
-  return __libc_realloc(block, size);
-}
-}
-
-namespace {
 
 struct Lane {
   const char* name;

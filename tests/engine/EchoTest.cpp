@@ -186,7 +186,7 @@ TEST_F(EchoTest, ANearEndTalkerAloneIsNoSignOfDivergence) {
   EXPECT_EQ(aec().timeDomain().set(TimeDomainFilter::kTest).fTaps, fTaps);
 }
 
-TEST_F(EchoTest, ALateLoudspeakerPacketCostsTheFrequencyDomainFilterOnlyItsOwnBlocks) {
+TEST_F(EchoTest, ALateLoudspeakerPacketDoesNotEndTheFrequencyDomainFilter) {
   const Samples far = syllables(32000, 2500, 11);
   const Samples echo = mixed(echoOf(far, 200, 0.3), gaussianNoise(far.size(), 5, 12));
   start(echoInit(7));
