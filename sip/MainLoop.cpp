@@ -87,13 +87,17 @@ bool MySip::receiveMessage() {
   socklen_t size = sizeof from;
   ssize_t length;
   do {
-    length = recvfrom(iSocket.get(), pcReceiveBuffer.data(), kMaxMessageLength, 0,
+    length = recvfrom(iSocket.get(), pcReceiveBuffer.data(), kMaxMessageLength, MSG_TRUNC,
                       reinterpret_cast<sockaddr*>(&from), &size);
   } while (length < 0 && errno == EINTR);
   if (length < 0) {
     if (errno == EAGAIN || errno == EWOULDBLOCK) return false;
     Log::warning("MySip::mainLoop", "unable to read socket %s\n", std::strerror(errno));
     return false;
+  }
+  if (length > static_cast<ssize_t>(kMaxMessageLength)) {
+    Log::warning("MySip::mainLoop", "message of %zd bytes cut to %d\n", length, kMaxMessageLength);
+    length = kMaxMessageLength;
   }
   // Messages are text: a NUL byte ends them. An empty datagram is none.
   const auto bytes = static_cast<std::size_t>(length);

@@ -44,6 +44,8 @@ TEST_F(SignallingTest, UnreadableMessagesAreDroppedWithTheirLogLine) {
       {"", nullptr, false},
       {"x", nullptr, false},
       {std::string(2999, 'z'), nullptr, false},
+      {options + std::string(3500 - options.size(), 'z'),
+       "WARNING in MySip::mainLoop, message of 3500 bytes cut to 2999\n", true},
       {replaced(options, "Call-ID: call-1", "No-ID: call-1"), nullptr, false},
       {"OPTIONS sip:x SIP/2.0\r\nCall-ID: " + std::string(100, 'c') + "\r\nCSeq: 1 OPTIONS\r\n\r\n",
        "Unable to locate callID... \n", false},
