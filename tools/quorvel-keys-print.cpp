@@ -31,14 +31,21 @@ constexpr const char* kManualHead =
     "One `key=value` per line; case matters, unknown keys are ignored, the last of several lines wins. Keys "
     "marked R are\napplied by a reload, the others at start-up only. \"required\" means that loading fails "
     "without the key.\n\n"
-    "| Type | Value |\n|---|---|\n"
-    "| integer | leading decimal number; what follows it is ignored |\n"
-    "| number | leading decimal number with a fraction |\n"
-    "| word | text up to the first blank |\n"
-    "| list | word whose items each end with `;` (a last one is added) |\n"
-    "| path | word, relative to the installation directory; the limit counts both |\n"
-    "| address | IPv4 address or host name |\n"
-    "| expressions | rest of the line, split at `;`: at most 10 of at most 49 characters |\n";
+    "| Type | Value |\n|---|---|\n";
+
+struct sTypeText {
+  const char* pcName;
+  const char* pcValue;
+};
+constexpr sTypeText kTypeTexts[] = {
+    {"integer", "leading decimal number; what follows it is ignored"},
+    {"number", "leading decimal number with a fraction"},
+    {"word", "text up to the first blank"},
+    {"list", "word whose items each end with `;` (a last one is added)"},
+    {"path",
+     "word, put behind the installation directory as it is, absolute ones too; the limit counts both"},
+    {"address", "IPv4 address or host name"},
+    {"expressions", "rest of the line, split at `;`: at most 10 of at most 49 characters"}};
 
 const char* typeName(KeyType type) {
   switch (type) {
@@ -144,6 +151,7 @@ void printSample() {
 
 void printManual() {
   std::fputs(kManualHead, stdout);
+  for (const sTypeText& type : kTypeTexts) std::printf("| %s | %s |\n", type.pcName, type.pcValue);
   for (int group = 0; group < kKeyGroups; ++group) {
     std::printf("\n## %s\n\n| Key | Type | Default | Limits | R | Meaning |\n|---|---|---|---|---|---|\n",
                 keyGroupTitle(static_cast<KeyGroup>(group)));
@@ -174,8 +182,11 @@ void printManPage() {
       "line "
       "that begins with a semicolon is a comment. File names are relative to the installation directory. "
       "What is "
-      "marked (reload) takes effect while calls go on, when the file is read again.\n",
+      "marked (reload) takes effect while calls go on, when the file is read again.\n"
+      ".PP\nWhat a value is:\n",
       stdout);
+  for (const sTypeText& type : kTypeTexts)
+    std::printf(".TP\n.I %s\n%s\n", type.pcName, forTroff(type.pcValue).c_str());
   for (int group = 0; group < kKeyGroups; ++group) {
     std::printf(".SH \"%s\"\n", keyGroupTitle(static_cast<KeyGroup>(group)));
     for (const sKey& key : keyRegistry()) {

@@ -130,8 +130,10 @@ int waitForReload(const sContext& context, const std::string& path, std::uint64_
 
 // Drain mode has no end but the process's own, so its log line since the last start tells.
 bool isDraining(const sContext& context) {
-  for (const char* age : {"", ".1"}) {  // the newest of the rotated logs
-    const auto drained = occursLast(logPath(context) + age, "INFO in sigUsr2Handle, Got shutdown request",
+  const std::filesystem::path log = logPath(context);
+  const std::filesystem::path rotated = log.parent_path() / "old" / (log.filename().string() + ".1");
+  for (const auto& each : {log, rotated}) {
+    const auto drained = occursLast(each, "INFO in sigUsr2Handle, Got shutdown request",
                                     "INFO in quorvel_main, Loading Quorvel version");
     if (drained) return *drained;
   }
