@@ -133,7 +133,9 @@ class Engine {
   void handle(std::uint8_t who, std::string_view text) {
     Clock::advanceSeconds(who >> 3 & 7);
     sip.cleanupExpiredBindingsAndSubscriptions();
-    sip.analyzeSipMessage(text, source(who % 3 == 0 ? kCaller : who % 3 == 1 ? kPbx : kPhone));
+    std::string datagram(text);
+    MySip::unfoldHeaders(datagram);
+    sip.analyzeSipMessage(datagram, source(who % 3 == 0 ? kCaller : who % 3 == 1 ? kPbx : kPhone));
     check();
   }
 

@@ -32,7 +32,8 @@ bool readNumberAndMethod(std::string_view cseq, int& number, std::string_view& m
   return true;
 }
 
-// The text between `start` (which ends with a double quote) and the next double quote.
+// The text between `start` (which ends with a double quote) and the next double quote on that line: a value
+// with a line end in it would bring header lines of its own into our request.
 bool readQuoted(std::string_view challenge, std::string_view start, const char* noStart, const char* noEnd,
                 std::string_view& out) {
   constexpr const char* kFunction = "MySip::sendAuthentication";
@@ -42,8 +43,8 @@ bool readQuoted(std::string_view challenge, std::string_view start, const char* 
     return false;
   }
   const std::string_view rest = challenge.substr(at + start.size(), kMaxQuotedValue + 1);
-  const std::size_t end = rest.find('"');
-  if (end == kNoText) {
+  const std::size_t end = rest.find_first_of("\"\r\n");
+  if (end == kNoText || rest[end] != '"') {
     Log::error(kFunction, "%s", noEnd);
     return false;
   }

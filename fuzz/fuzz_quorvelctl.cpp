@@ -1,0 +1,60 @@
+// Any bytes as the files that quorvelctl reads of a running instance: log, statistics, and page of figures. A
+// log with SipDebug=1 holds whatever was sent to the SIP port.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "tools/quorvelctl/Context.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// One file under all the names, in memory where the system has such a place.
+struct Instance {
+  Instance() {
+    std::error_code ignored;
+    std::string place = (fs::is_directory("/dev/shm", ignored) ? "/dev/shm" : "/tmp") +
+                        std::string("/fuzz-quorvelctl-XXXXXX");
+    if (mkdtemp(place.data()) == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
+    folder = place;
+    fs::create_directories(folder / "bin");
+    fs::create_directories(folder / "log");
+    file = folder / "log" / "errLog-fuzz";
+    context = {.installation = folder / "bin/",
+               .configuration = folder / "quorvel.conf",
+               .instance = "-fuzz",
+               .words = {}};
+    std::ofstream(context.configuration)
+        << "ConfigVersion=2\nIPVersion=4\nSipProxyIP=127.0.0.1\nSipProxyPort=5060\nSipUAIP=127.0.0.1\n"
+        << "SipUAPort=5070\nRtpUAPortInitVal=20000\nSeparator=##\nDefaultCmd=*##0\nNumPhonesToAllocate=4\n"
+        << "RegisterOrigPhones=0\nRegisterPairPhones=0\nNeedToCheckDTMF=0\nCPUPower=5\n"
+        << "DetectAggressiveLevel=2\nCleanAggressiveLevel=8\nAECAlgorithm=basic\n"
+        << "StatisticsFile=" << file.string() << "\nRealTimeAverageStatisticsFile=" << file.string() << "\n";
+    if (!adoptContext(context) || !loadConfiguration(context)) std::abort();
+  }
+  ~Instance() { fs::remove_all(folder); }
+
+  fs::path folder, file;
+  sContext context;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static Instance instance;
+  if (size == 0) return 0;
+  std::ofstream(instance.file, std::ios::binary)
+          .write(reinterpret_cast<const char*>(data) + 1, static_cast<std::streamsize>(size - 1))
+      << "</html>\n";  // a page without an end is waited for
+  sContext& context = instance.context;
+  context.bJson = (data[0] & 1) != 0;
+  context.words = {"c@p"};
+  (void)traceCall(context);
+  context.words.clear();
+  if (writeMetrics(context) != kYes) std::abort();
+  return 0;
+}
