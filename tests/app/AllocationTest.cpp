@@ -121,14 +121,35 @@ class MessageAllocationTest : public SipFixture {
     from.sendTo(iSipPort, message);
     return allocationsOf([&] { process(); });
   }
+  // A phone registers and subscribes through us, and the PBX challenges it.
+  void phoneRequests(int number, std::map<std::string, long>& taken) {
+    for (const std::string method : {"REGISTER", "SUBSCRIBE"})
+      for (const std::string status : {"401 Unauthorized", "200 OK"}) {
+        sip_text::Request request = invite;
+        request.method = method;
+        request.callId = method + "@phone";
+        request.to = request.from;
+        request.contact = "<sip:100@127.0.0.1:" + std::to_string(caller.port()) + ">";
+        request.cseq = 2 * number + (status == "200 OK" ? 1 : 0);
+        request.extraHeaders = "Event: dialog\r\nExpires: 60\r\nAuthorization: Digest x\r\n";
+        request.sdp.clear();
+        taken[method] += handled(caller, sip_text::build(request));
+        taken[status + " for " + method] =
+            handled(pbx, sip_text::respond(atPbx(), status, "pbx",
+                                           "WWW-Authenticate: Digest realm=\"r\",nonce=\"n\"\r\n"));
+        EXPECT_TRUE(sip_text::firstLine(atCaller()).starts_with("SIP/2.0 " + status.substr(0, 3)));
+      }
+  }
 };
 
 TEST_F(MessageAllocationTest, CallsTakeNoMemoryOnceThereHasBeenOne) {
   ASSERT_GT(allocationsOf([] { std::fclose(std::fopen("/dev/null", "r")); }), 0) << "nothing is counted";
+  iSipProxyArchitecture = 1;
   start();
   const std::string contact = "Contact: <sip:200@127.0.0.1:" + std::to_string(pbx.port()) + ">\r\n";
   const std::string sdp = sip_text::sdp(LoopbackPeer::freePortPair(), "0");
   for (int number = 0; number < 5; ++number) {
+    int cseq = 1;
     invite.callId = "call-" + std::to_string(number);
     invite.branch = "z9hG4bKinvite" + std::to_string(number);
     std::map<std::string, long> taken;
@@ -140,11 +161,26 @@ TEST_F(MessageAllocationTest, CallsTakeNoMemoryOnceThereHasBeenOne) {
     callerAnswer = atCaller();
     taken["ACK"] = handled(caller, callerRequest("ACK", 1));
     atPbx();
+    for (const auto& [method, headers] :
+         {std::pair{"INVITE", ""}, {"REFER", "Refer-To: <sip:3@b>\r\n"}, {"NOTIFY", "Event: refer\r\n"}}) {
+      sip_text::Request request = invite;
+      request.method = method;
+      request.to = sip_text::header(callerAnswer, "To");
+      request.cseq = ++cseq;
+      request.extraHeaders = headers;
+      if (*headers != '\0') request.sdp.clear();
+      taken[std::string(method) + " within"] = handled(caller, sip_text::build(request));
+      const std::string status = request.method == "REFER" ? "202 Accepted" : "200 OK";
+      const std::string answer = sip_text::respond(atPbx(), status, "", contact, request.sdp);
+      taken["answer to " + request.method] = handled(pbx, answer);
+      atCaller();
+    }
     taken["OPTIONS"] = handled(caller, sip_text::build({.method = "OPTIONS", .viaPort = caller.port()}));
     atCaller();
-    taken["BYE"] = handled(caller, callerRequest("BYE", 2));
+    taken["BYE"] = handled(caller, callerRequest("BYE", ++cseq));
     taken["200 for BYE"] = handled(pbx, sip_text::respond(atPbx(), "200 OK"));
     atCaller();
+    phoneRequests(number, taken);
     // The first call's thread gets its stack's books from the C library.
     if (number == 0) continue;
     for (const auto& [message, count] : taken) EXPECT_EQ(count, 0) << message << " of call " << number;
