@@ -131,8 +131,6 @@ void MySip::beginOrigLeg(int orig, const sockaddr_in& from, std::string_view rep
   (void)leg.pcViaParams.format(";received=%s;rport=%d", ipOf(from).c_str(), ntohs(from.sin_port));
 }
 
-// Everything that is taken from the caller's INVITE and may be wrong with it. Non-zero, logged: the call ends
-// here.
 int MySip::readInviteOfCaller(int orig, std::string_view msg, bool& barred) {
   sPhone& leg = phone(orig);
   setCallID(orig, extractToken("Call-ID:", 100, msg));

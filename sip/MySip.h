@@ -231,6 +231,9 @@ class MySip {
   void handleInviteMsg(int orig, std::string_view msg, const sockaddr_in& from,
                        std::string_view replacesForOrig, std::string_view headersForPair);
   void handleInviteMsgReplacingOldCall(int slot, FixedText<500>& out);
+  // Takes what the caller's INVITE says into the slot and its partner. Non-zero, logged: the call ends here,
+  // with 503 for a barred caller, otherwise without an answer.
+  int readInviteOfCaller(int orig, std::string_view msg, bool& barred);
   int analyzeToStringInInviteMessage(int orig, std::string_view to);
   int analyzeFromStringAndCommandInInviteMessage(int orig, std::string_view from, std::string_view to);
   // The rule that decides a call: the first caller rule, then the first destination rule that matches, then
@@ -524,7 +527,6 @@ class MySip {
   int chooseOrigSlotByPairPhoneName(std::string_view msg, const sockaddr_in& from);
   int findPairPhone(std::string_view user);
   void beginOrigLeg(int orig, const sockaddr_in& from, std::string_view replaces);
-  int readInviteOfCaller(int orig, std::string_view msg, bool& barred);
   int readMediaAndContactOfCaller(int orig, std::string_view msg);
   void beginPairLeg(int pair, std::string_view msg, std::string_view headers);
   void takeReplaces(std::string_view msg, FixedText<500>& forOrig, FixedText<500>& forPair);

@@ -20,11 +20,33 @@ class ControlTest : public TalkFixture {
 
   Answer control(std::vector<std::string> words) {
     words.insert(words.begin(), {"-i", quorvel->instanceName(), "-c", quorvel->configuration().string()});
+    return controlAsGiven(words, {{"KESTROVA_BIN", quorvel->bin().string() + "/"}});
+  }
+
+  Answer controlAsGiven(const std::vector<std::string>& words, const Process::Environment& environment) {
     std::filesystem::remove(scratch.path() / "quorvelctl.out");  // output is appended
-    Process process(QUORVELCTL, words, scratch.path() / "quorvelctl.out",
-                    {{"KESTROVA_BIN", quorvel->bin().string() + "/"}});
+    Process process(QUORVELCTL, words, scratch.path() / "quorvelctl.out", environment);
     const auto status = process.wait(Seconds(30));
     return {status.value_or(-1), process.output()};
+  }
+
+  // A phone that registers, from the peer's port.
+  std::string registration(const LoopbackPeer& phone, const std::string& user,
+                           const std::string& headers = "") {
+    const std::string name = "<sip:" + user + "@127.0.0.1>";
+    return sip_text::build({.method = "REGISTER",
+                            .uri = "sip:127.0.0.1",
+                            .callId = "binding-" + user,
+                            .viaPort = phone.port(),
+                            .from = name + ";tag=phone",
+                            .to = name,
+                            .contact = "<sip:" + user + "@127.0.0.1:" + std::to_string(phone.port()) + ">",
+                            .extraHeaders = "Expires: 60\r\n" + headers});
+  }
+  bool isBindingSaved(const std::string& user) {
+    const std::filesystem::path saved = quorvel->bin() / ("binding" + quorvel->instanceName());
+    return eventually([&] { return readFile(saved).find(user + "@127.0.0.1") != std::string::npos; },
+                      Seconds(5));
   }
 
   double metric(const std::string& line) {
@@ -139,13 +161,18 @@ TEST_F(ControlTest, CallsAreSeenTracedDrainedAndStopped) {
          {"StatisticsFile", "statistics"},
          {"RealTimeAverageStatisticsFile", "average.html"},
          {"RefreshRateOfRealTimeStatistics", "2"}});
-  EXPECT_NE(control({"status"}).text.find(", 0 calls up\n"), std::string::npos);
+  EXPECT_NE(control({"status"}).text.find(", 0 calls up of 4\n"), std::string::npos);
   const double idleThreads = metric("threads");
   hangUp(setUp(1));
   ASSERT_TRUE(eventually([&] { return quorvel->activeCalls() == 0; }, Seconds(3)));
   const Call call = setUp(2);
 
-  EXPECT_NE(control({"--json", "status"}).text.find("\"calls\": 1, \"draining\": false}"), std::string::npos);
+  const char* const state = "\"calls\": 1, \"calls_allowed\": 4, \"draining\": false}";
+  EXPECT_NE(control({"--json", "status"}).text.find(state), std::string::npos);
+  // Among all instances of the host; its files are then those that the process was started with.
+  const Answer all = controlAsGiven({"--json", "status"}, {{"KESTROVA_BIN", ""}});
+  EXPECT_NE(all.text.find("\"" + quorvel->instanceName() + "\", \"running\": true"), std::string::npos);
+  EXPECT_NE(all.text.find(state), std::string::npos) << all.text;
   EXPECT_TRUE(
       eventually([&] { return control({"calls"}).text.find(" -> ") != std::string::npos; }, Seconds(5)))
       << control({"calls"}).text;
@@ -176,6 +203,11 @@ TEST_F(ControlTest, CallsAreSeenTracedDrainedAndStopped) {
   EXPECT_EQ(control({"stop", "5"}).status, 0);
   EXPECT_EQ(quorvel->process().wait(Seconds(1)), 0);
   EXPECT_EQ(control({"status"}).status, 1);
+  EXPECT_EQ(control({"--json", "drain"}).text,
+            "{\"error\": \"Quorvel instance " + quorvel->instanceName() + " is not running\"}\n");
+  const Answer again = control({"stop"});
+  EXPECT_EQ(again.status, 0) << "nothing is left to be stopped";
+  EXPECT_NE(again.text.find("nothing to stop"), std::string::npos);
   EXPECT_EQ(metric("up"), 0);
 }
 
@@ -198,24 +230,23 @@ TEST_F(ControlTest, ExplainKnowsSlotsOfNamesAndLeavesBindingsAlone) {
          {"PairPhonesName", "300;301;302;303;"},
          {"SipProxyArchitecture", "1"}});
   // A phone that has a slot registers through Quorvel.
-  const std::string name = "<sip:301@127.0.0.1>";
-  toQuorvel(caller, sip_text::build({.method = "REGISTER",
-                                     .uri = "sip:127.0.0.1",
-                                     .callId = "binding-301",
-                                     .viaPort = caller.port(),
-                                     .from = name + ";tag=phone",
-                                     .to = name,
-                                     .contact = "<sip:301@127.0.0.1:" + std::to_string(caller.port()) + ">",
-                                     .extraHeaders = "Expires: 60\r\n"}));
+  toQuorvel(caller, registration(caller, "301",
+                                 "X-Name: \xC3\x84 \xFF\r\n"
+                                 "Authorization: Digest username=\"301\",\r\n response=\"0badc0de\"\r\n"));
   const std::string relayed = expect(callee, "REGISTER ");
   toQuorvel(callee,
             sip_text::respond(relayed, "200 OK", "pbx",
                               "Contact: " + sip_text::header(relayed, "Contact") + ";expires=60\r\n"));
   expect(caller, "SIP/2.0 200 ");
+  const std::string trace = control({"trace", "binding-301"}).text;
+  EXPECT_NE(trace.find(sip_text::header(relayed, "Call-ID")), std::string::npos) << trace;
+  EXPECT_NE(trace.find("(masked)"), std::string::npos);
+  EXPECT_EQ(trace.find("0badc0de"), std::string::npos) << trace;
+  EXPECT_EQ(control({"trace", "--phone", "301"}).text, trace);
+  EXPECT_NE(control({"--json", "trace", "binding-301"}).text.find("\xC3\x84 \\u00ff"), std::string::npos);
+
   std::map<std::filesystem::path, std::string> before;
-  const std::filesystem::path saved = quorvel->bin() / ("binding" + quorvel->instanceName());
-  ASSERT_TRUE(
-      eventually([&] { return readFile(saved).find("301@127.0.0.1") != std::string::npos; }, Seconds(5)));
+  ASSERT_TRUE(isBindingSaved("301"));
   quorvel->process().signal(SIGSTOP);  // it saves its bindings itself
   for (const auto& entry : std::filesystem::directory_iterator(quorvel->bin()))
     before[entry] = readFile(entry);
@@ -238,42 +269,148 @@ TEST_F(ControlTest, ExplainKnowsSlotsOfNamesAndLeavesBindingsAlone) {
   EXPECT_EQ(before, after);
 }
 
+// Each kind of call is explained, then made: it must go where it was said to go.
+TEST_F(ControlTest, ExplainSaysWhatBecomesOfACall) {
+  Settings settings{{"CmdBasedOnCallerID", "7??@127.0.0.1=*##2"},
+                    {"CmdBasedOnDestination", "2??@127.0.0.1=301@127.0.0.1##1"},
+                    {"DOSExpressions", "66?@127.0.0.1"},
+                    {"SipRoutingFile", "../routing.conf"},
+                    {"NumPhonesToAllocate", "16"},
+                    {"NumCallsToFilter", "8"}};
+  LoopbackPeer routed(ports.phone(1)), bound(ports.phone(2));
+  writeFile(scratch.path() / "routing.conf",
+            "127.0.0.1::" + std::to_string(routed.port()) + "::4??@127.0.0.1;\n");
+  struct Kind {
+    const char* caller;
+    const char* dialled;
+    const char* said;
+  };
+  const auto callIsAsExplained = [&](const Kind& kind, int number) {
+    const std::string explained = control({"explain", kind.caller, kind.dialled}).text;
+    EXPECT_NE(explained.find(kind.said), std::string::npos) << explained;
+    LoopbackPeer& from = std::string_view(kind.caller) == "500" ? bound : caller;
+    std::string message =
+        sip_text::replaced(invite(number), "sip:100@", std::string("sip:") + kind.caller + "@");
+    message = sip_text::replaced(message, "sip:200@", std::string("sip:") + kind.dialled + "@");
+    from.sendTo(ports.sip(), message);
+    if (explained.starts_with("refused with 503")) return void(expect(from, "SIP/2.0 503"));
+    std::smatch found;
+    const std::regex where("destination  (\\S+)\n[^\n]*\nnext hop     127.0.0.1:(\\d+):");
+    if (std::regex_search(explained, found, where)) {
+      const std::map<int, LoopbackPeer*> peers{
+          {callee.port(), &callee}, {routed.port(), &routed}, {bound.port(), &bound}};
+      return void(expect(*peers.at(std::stoi(found[2])), "INVITE sip:" + found[1].str() + " "));
+    }
+    EXPECT_TRUE(explained.starts_with("not answered")) << explained;
+    from.sendTo(ports.sip(),
+                sip_text::build({.method = "OPTIONS", .callId = "next", .viaPort = from.port()}));
+    EXPECT_EQ(sip_text::header(expect(from, "SIP/2.0 200"), "Call-ID"), "next") << "the first answer at all";
+  };
+
+  settings["DefaultCmd"] = "";
+  start(settings);
+  callIsAsExplained({"100", "555", "no rule matches and there is no DefaultCmd"}, 1);
+  EXPECT_EQ(quorvel->stop(), 0);
+  settings["DefaultCmd"] = "*##3";
+  start(settings);
+  toQuorvel(bound, registration(bound, "500"));
+  expect(bound, "SIP/2.0 200 ");
+  ASSERT_TRUE(isBindingSaved("500"));
+  int number = 1;
+  for (const Kind& kind : {Kind{"700", "555", "CmdBasedOnCallerID, rule 1"},
+                           {"100", "200", "CmdBasedOnDestination, rule 1 (2??@127.0.0.1)"},
+                           {"100", "555", "DefaultCmd"},
+                           {"100", "450", "the routing file names that destination"},
+                           {"100", "500", "a phone of that name is registered"},
+                           {"500", "500", "the phone of that name is passed over"},
+                           {"661", "200", "DOSExpressions bars the caller"}})
+    callIsAsExplained(kind, ++number);
+  const Answer unnamed = controlAsGiven({"-c", quorvel->configuration().string(), "explain", "100", "500"},
+                                        {{"KESTROVA_BIN", quorvel->bin().string() + "/"}});
+  EXPECT_NE(unnamed.text.find("no phone counts as registered; each instance has its own"), std::string::npos)
+      << unnamed.text;
+}
+
 TEST_F(ControlTest, ConfigurationsAreCheckedExplainedAndReloaded) {
-  start({{"CmdBasedOnDestination", "2??@127.0.0.1=301@127.0.0.1##1"},
-         {"DOSExpressions", "66?@127.0.0.1"},
-         {"SipRoutingFile", ""}});
-  EXPECT_EQ(control({"check"}).status, 0) << control({"check"}).text;
-  const std::string explained = control({"explain", "100", "200"}).text;
-  EXPECT_NE(explained.find("CmdBasedOnDestination, rule 1 (2??@127.0.0.1)"), std::string::npos) << explained;
-  EXPECT_NE(explained.find("301@127.0.0.1\n"), std::string::npos);
-  EXPECT_NE(explained.find("(type 1)"), std::string::npos);
-  EXPECT_NE(explained.find("127.0.0.1:" + std::to_string(ports.pbx())), std::string::npos);
+  start();
   EXPECT_NE(control({"explain", "100", "200", "7@127.0.0.1##2##Al"}).text.find("display name"),
             std::string::npos);
-  EXPECT_NE(control({"explain", "661", "200"}).text.find("503"), std::string::npos);
-
   EXPECT_EQ(control({"reload"}).status, 0);
   EXPECT_TRUE(quorvel->logged("Going to reload configuration file"));
-  quorvel->writeConfiguration(
-      {{"SipDebug", "2"}, {"CPUPower", "11"}, {"DTMFActivatePrefix", "123"}, {"NoSuchKey", "1"}});
-  const Answer bad = control({"check"});
-  EXPECT_EQ(bad.status, 1);
-  for (const char* expected : {"SipDebug: value of SipDebug is not 0 or 1",
-                               "value of CPUPower is not between 0 to 10", "warning: NoSuchKey"})
-    EXPECT_NE(bad.text.find(expected), std::string::npos) << bad.text;
+
+  struct Case {
+    int status;
+    Settings settings;
+    std::vector<std::string> found;
+  };
+  const std::string rtp = std::to_string(ports.relay());
+  const std::string other = (scratch.path() / "other.conf").string();
+  // Sorted by key, as the file is written.
+  const std::vector<Case> cases = {
+      {0, {}, {"The configuration is valid."}},
+      {1,
+       {{"CPUPower", "11"},
+        {"NoSuchKey", "1"},
+        {"SipUAPort", "0"},
+        {"SipDebug", "2"},
+        {"DTMFDisable", "112"}},
+       {"quorvel.conf:3: error: CPUPower: value of CPUPower is not between 0 to 10", "warning: NoSuchKey",
+        ": error: SipUAPort: is no port", "SipDebug: value of SipDebug is not 0 or 1",
+        "quorvel.conf:6: warning: DTMFDisable: repeats a digit",
+        "NumCallsToFilter: the voice engine has room for 3 calls"}},
+      {0,
+       {{"CPUPower", "abc"}, {"ThresholdToHighlightMOS", "3,6"}},
+       {"CPUPower: is no number", "ThresholdToHighlightMOS: is read only up to"}},
+      {0,
+       {{"DTMFActivatePrefix", "12"}, {"DTMFDisable", "3124"}, {"DTMFSuffix", "4"}},
+       {"DTMFActivatePrefix: is part of DTMFDisable", "DTMFSuffix: is part of DTMFDisable"}},
+      {0,
+       {{"DTMFActivatePrefix", "*2*"}, {"DTMFSuffix", "*"}},
+       {"activation without a name cannot be dialled"}},
+      {0,
+       {{"DefaultCmd", ""}, {"CmdBasedOnDestination", "2??@192.0.2.9=*##1;30?=*##1"}},
+       {"DefaultCmd: is not set", "matches only names at 192.0.2.9", "the pattern 30? has no @"}},
+      {0,
+       {{"RealTimeAverageStatisticsFile", "page"},
+        {"ThresholdToHighlightEchoLevel", "99999"},
+        {"ThresholdToHighlightJitter", "9999"},
+        {"ThresholdToHighlightDelay", "0"},
+        {"ThresholdToHighlightMOS", "0.5"}},
+       {"EchoLevel: never", "Jitter: never", "Delay: always", "MOS: never"}},
+      {0,
+       {{"StatisticsFile", "../log/../bin/page"},
+        {"RealTimeAverageStatisticsFile", "page"},
+        {"OrigRecordingLibrary", "../nosuch/"},
+        {"CleanRecordingLibrary", "../log"},
+        {"RegistrationLibrary", "/voices/"}},
+       {"names the same file as StatisticsFile", "nosuch does not exist",
+        "CleanRecordingLibrary: does not end with a slash", "although it begins with a slash"}},
+      {0,
+       {{"SipUAPort", rtp}},
+       {"SipUAPort: lies among the RTP ports", "SipUAPort: lies among the RTP ports of " + other,
+        "RTP ports overlap those of " + other}},
+      {0,
+       {{"SipUAIPForBinding", "0.0.0.0"}, {"StatisticsFile", "../log/../bin/statistics"}},
+       {"SipUAPort: is shared with " + other, "StatisticsFile: is shared with " + other}}};
+  quorvel->writeConfiguration({{"StatisticsFile", "statistics"}});
+  std::filesystem::copy(quorvel->configuration(), other);
+  for (const Case& each : cases) {
+    quorvel->writeConfiguration(each.settings);
+    const Answer checked = control({"check", other});
+    EXPECT_EQ(checked.status, each.status) << checked.text;
+    for (const std::string& found : each.found)
+      EXPECT_NE(checked.text.find(found), std::string::npos) << found << " is not in\n" << checked.text;
+  }
+  writeFile(other, "CPUPower=11\n");
+  quorvel->writeConfiguration({{"CPUPower", "12"}});
+  const Answer bad = control({"--json", "check", other});
+  EXPECT_NE(
+      bad.text.find("{\"level\": \"error\", \"file\": \"" + other + "\", \"line\": 1, \"key\": \"CPUPower\""),
+      std::string::npos)
+      << bad.text;
+  EXPECT_NE(bad.text.find("quorvel.conf\", \"line\": 3, \"key\": \"CPUPower\""), std::string::npos);
   EXPECT_EQ(control({"reload"}).status, 1);
   EXPECT_EQ(quorvel->logCount("Going to reload configuration file"), 1);
-
-  quorvel->writeConfiguration({{"DTMFActivatePrefix", "12"},
-                               {"DTMFDisable", "3124"},
-                               {"NumCallsToFilter", "4"},
-                               {"SipUAPort", std::to_string(ports.media(0))},
-                               {"RtpUAPortInitVal", std::to_string(ports.media(0))}});
-  const std::string warned = control({"check", quorvel->configuration().string()}).text;
-  for (const char* expected :
-       {"DTMFActivatePrefix: is part of DTMFDisable", "SipUAPort: lies among the RTP ports",
-        "SipUAPort: is shared with", "NumCallsToFilter: the voice engine has room for 3 calls"})
-    EXPECT_NE(warned.find(expected), std::string::npos) << warned;
 }
 
 }  // namespace

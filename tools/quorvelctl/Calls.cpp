@@ -100,8 +100,8 @@ std::optional<std::vector<sShownCall>> readCallPage() {
 }
 
 int showCalls(const sContext& context) {
-  if (!findProcess(context)) return fail("Quorvel is not running");
-  if (!loadConfiguration(context)) return fail("%s cannot be loaded", context.configuration.c_str());
+  if (!findProcess(context)) return noProcess(context);
+  if (!loadConfiguration(context)) return fail("%s", loadFailure(context).c_str());
   takeRecords();
   const auto calls = readCallPage();
   if (!calls)

@@ -1,13 +1,16 @@
 #include "tools/quorvelctl/Context.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -21,14 +24,16 @@
 
 namespace {
 
-std::vector<std::string> collected;
+std::vector<sRecord> collected;
+bool bErrorsAsJson = false;
 
 void collect(Log::Level level, const char* function, const char* message) {
-  std::string record = level == Log::Level::eInfo      ? "INFO"
-                       : level == Log::Level::eWarning ? "WARNING"
-                                                       : "ERROR";
-  record += std::string(" in ") + function + ", " + message;
-  while (!record.empty() && record.back() == '\n') record.pop_back();
+  using Level = sRecord::Level;
+  sRecord record{level == Log::Level::eInfo      ? Level::eInfo
+                 : level == Log::Level::eWarning ? Level::eWarning
+                                                 : Level::eError,
+                 function, message};
+  while (!record.text.empty() && record.text.back() == '\n') record.text.pop_back();
   collected.push_back(record);
 }
 
@@ -65,18 +70,32 @@ sFileState stateOf(const InstancePath& path) {
 
 bool adoptContext(const sContext& context) {
   pLogRecorder = collect;
+  bErrorsAsJson = context.bJson;
   return Glob::pcKestrovaBin.assign(context.installation) &&
          pcKestrovaInstanceSuffix.assign(context.instance);
 }
 
-std::vector<std::string> takeRecords() {
+std::vector<sRecord> takeRecords() {
   return std::exchange(collected, {});
+}
+
+std::string takeReasons() {
+  std::string reasons;
+  for (const sRecord& record : takeRecords())
+    if (record.level != sRecord::Level::eInfo) reasons += (reasons.empty() ? "" : "; ") + record.text;
+  return reasons;
 }
 
 bool loadConfiguration(const sContext& context) {
   myConfiguration.readNetworkInformation();
   takeRecords();  // about interfaces, which say nothing of the file
   return myConfiguration.readParams(context.configuration.c_str(), false) == 0;
+}
+
+std::string loadFailure(const sContext& context) {
+  const std::string& path = context.configuration;
+  if (access(path.c_str(), R_OK) == 0) return path + " cannot be loaded: " + takeReasons();
+  return errno == EACCES ? path + " may not be read: " + advice(path) : path + " is not there";
 }
 
 std::optional<pid_t> findProcess(const sContext& context) {
@@ -92,12 +111,53 @@ std::optional<pid_t> findProcess(const sContext& context) {
   return *owner;
 }
 
+std::string hiddenLock() {
+  const InstancePath path = instancePath(kLockFile);
+  if (access(path.c_str(), R_OK) == 0 || errno != EACCES) return "";
+  return std::string(path.c_str()) + ", which names the process, may not be read: " + advice(path.c_str());
+}
+
+std::string nameOf(const sContext& context) {
+  return "Quorvel" + (context.instance.empty() ? "" : " instance " + context.instance);
+}
+
+int noProcess(const sContext& context) {
+  const std::string hidden = hiddenLock();
+  return hidden.empty() ? fail("%s is not running", nameOf(context).c_str()) : fail("%s", hidden.c_str());
+}
+
+std::string advice(const std::string& path) {
+  struct stat found {};
+  const passwd* owner = stat(path.c_str(), &found) == 0 ? getpwuid(found.st_uid) : nullptr;
+  if (owner == nullptr || owner->pw_uid == 0) return "run as root";
+  return std::string("run as root or as user ") + owner->pw_name;
+}
+
+int callsAllowed() {
+  return std::min(iNumPhonesToAllocate / 2, iNumCallsToFilter);
+}
+
+// A process takes its lock before it installs its handlers; until then a signal would end it.
+bool waitUntilHandled(pid_t process, int number) {
+  constexpr std::string_view kCaught = "SigCgt:\t";
+  for (int attempt = 0; attempt < 200; ++attempt) {
+    const std::string status = readFile("/proc/" + std::to_string(process) + "/status").value_or("");
+    const std::size_t at = status.find(kCaught);
+    if (at == std::string::npos) return false;
+    if ((std::strtoull(status.c_str() + at + kCaught.size(), nullptr, 16) >> (number - 1) & 1U) != 0)
+      return true;
+    constexpr timespec kPause{0, 10'000'000};
+    nanosleep(&kPause, nullptr);
+  }
+  return false;
+}
+
 std::optional<int> askActiveCalls(const sContext&, pid_t process) {
   const InstancePath path = instancePath(kActiveCallsFile);
   struct stat owner {};
   if (stat(("/proc/" + std::to_string(process)).c_str(), &owner) != 0) return std::nullopt;
   const sFileState before = stateOf(path);
-  if (kill(process, SIGUSR1) != 0) return std::nullopt;
+  if (!waitUntilHandled(process, SIGUSR1) || kill(process, SIGUSR1) != 0) return std::nullopt;
   for (int attempt = 0; attempt < 200; ++attempt) {
     constexpr timespec kPause{0, 10'000'000};
     nanosleep(&kPause, nullptr);
@@ -120,29 +180,61 @@ std::string logPath(const sContext& context) {
   return context.installation + "../log/errLog" + context.instance;
 }
 
+std::vector<std::string> logPaths(const sContext& context) {
+  const std::string directory = context.installation + "../log/";
+  return {directory + "old/errLog" + context.instance + ".1", logPath(context)};
+}
+
+namespace {
+
+// Length of the UTF-8 sequence that the text begins with (RFC 3629, section 4); 0 when it is none.
+std::size_t utf8Length(std::string_view text) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char first = byte(0);
+  const std::size_t length = first < 0x80 ? 1 : first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+  if (first > 0xF4 || length > text.size()) return 0;
+  for (std::size_t i = 1; i < length; ++i)
+    if ((byte(i) & 0xC0U) != 0x80) return 0;
+  // What a shorter sequence could say, surrogates, and what lies beyond the last code point.
+  const unsigned char second = length > 2 ? byte(1) : 0;
+  const bool isForbidden = (first == 0xE0 && second < 0xA0) || (first == 0xED && second > 0x9F) ||
+                           (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
+  return isForbidden ? 0 : length;
+}
+
+}  // namespace
+
 std::string jsonText(std::string_view text) {
   std::string out = "\"";
-  for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    if (character == '"' || character == '\\') {
-      out += '\\';
-      out += character;
-    } else if (byte < 0x20) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04x", byte);
-      out += escaped;
+  while (!text.empty()) {
+    const char character = text.front();
+    const std::size_t length = utf8Length(text);
+    if (character == '"' || character == '\\') out += '\\';
+    if (length > 0 && static_cast<unsigned char>(character) >= 0x20) {
+      out += text.substr(0, length);
     } else {
-      out += character;
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned char>(character));
+      out += escaped;
     }
+    text.remove_prefix(std::max<std::size_t>(length, 1));
   }
   return out + '"';
 }
 
+std::string jsonNumber(std::optional<int> number) {
+  return number ? std::to_string(*number) : "null";
+}
+
 int fail(const char* format, ...) {
+  char text[2000];
   va_list arguments;
   va_start(arguments, format);
-  std::vfprintf(stderr, format, arguments);
+  std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
-  std::fputc('\n', stderr);
+  if (bErrorsAsJson)
+    std::printf("{\"error\": %s}\n", jsonText(text).c_str());
+  else
+    std::fprintf(stderr, "%s\n", text);
   return kNo;
 }

@@ -12,6 +12,9 @@ struct sContext {
   std::string installation;   // KESTROVA_BIN, with its final slash
   std::string configuration;  // path of the configuration file
   std::string instance;       // the instance's name, empty for the one without
+  bool bNamed = false;        // the command line names the instance, be it by an empty name
+  bool bConfigurationGiven = false;
+  bool bInstallationGiven = false;
   bool bJson = false;
   std::vector<std::string> words;  // the command's own arguments
 };
@@ -28,14 +31,15 @@ struct sCommand {
   std::size_t iFewestWords;
   std::size_t iMostWords;
   int (*pfRun)(const sContext& context);
+  bool bNeedsFiles = true;  // of an instance that need not run
 };
 
 // ---- The commands, one file each ----
 
 int checkConfiguration(const sContext& context);  // Check.cpp
 int explainCall(const sContext& context);         // Explain.cpp
-int showStatus(const sContext& context);          // Instance.cpp
-int drainInstance(const sContext& context);
+int showStatus(const sContext& context);          // Status.cpp
+int drainInstance(const sContext& context);       // Instance.cpp
 int reloadInstance(const sContext& context);
 int stopInstance(const sContext& context);
 int showCalls(const sContext& context);     // Calls.cpp
@@ -44,25 +48,58 @@ int writeMetrics(const sContext& context);  // Metrics.cpp
 
 // ---- What they share ----
 
+// Fills in what the command line and KESTROVA_BIN leave open: from the process of that name while it runs,
+// then from where the package puts things. False: no installation is known. (Locate.cpp)
+[[nodiscard]] bool locate(sContext& context);
+// Names of the instances of this host that have left a lock, the one without a name first. (Locate.cpp)
+std::vector<std::string> namesOfInstances();
+
 // Makes the program's own code work for the context: installation, instance, log records collected instead of
 // written. False: a name is too long.
 [[nodiscard]] bool adoptContext(const sContext& context);
-// The records collected since the last call, one line each: "ERROR in Class::method, message".
-std::vector<std::string> takeRecords();
+
+struct sRecord {
+  enum class Level { eInfo, eWarning, eError };
+  Level level;
+  std::string writer;
+  std::string text;
+};
+// The records collected since the last call.
+std::vector<sRecord> takeRecords();
+// Their texts, for a line of our own.
+std::string takeReasons();
 // Loads the configuration file as the program does at its start. False: `takeRecords` says why.
 bool loadConfiguration(const sContext& context);
+// Why it does not load, in a line.
+std::string loadFailure(const sContext& context);
 
 // The process that owns the instance's lock, while it lives.
 std::optional<pid_t> findProcess(const sContext& context);
+// Why no process was found, when it is not that none runs: the lock is another user's. Otherwise empty.
+std::string hiddenLock();
+// Whom we have to be: "run as root or as user NAME", NAME the owner of the file.
+std::string advice(const std::string& path);
+// Waits for at most two seconds until the process handles the signal, as it does once it has started.
+bool waitUntilHandled(pid_t process, int number);
 // Asks the process for its number of active calls.
 std::optional<int> askActiveCalls(const sContext& context, pid_t process);
-// Has it been told to refuse new calls? (Instance.cpp)
+// Most calls at once, by the settings.
+int callsAllowed();
+// "Quorvel instance NAME".
+std::string nameOf(const sContext& context);
+// Says that it does not run, or that we may not know, and returns kNo.
+int noProcess(const sContext& context);
+// Has it been told to refuse new calls? (Status.cpp)
 bool isDraining(const sContext& context);
 // The whole file, or nothing when it cannot be read.
 std::optional<std::string> readFile(const std::string& path);
 // The instance's log file.
 std::string logPath(const sContext& context);
-// The text in quotes, as JSON writes it.
+// It and what logrotate has made of the one before, oldest first.
+std::vector<std::string> logPaths(const sContext& context);
+// The text in quotes, as JSON writes it; a byte that is not part of valid UTF-8 counts as Latin-1.
 std::string jsonText(std::string_view text);
-// Prints to standard error and returns kNo.
+// The number, or null.
+std::string jsonNumber(std::optional<int> number);
+// Says it to standard error, or with --json as {"error": ...}, and returns kNo.
 [[gnu::format(printf, 1, 2)]] int fail(const char* format, ...);

@@ -1,7 +1,8 @@
 // What becomes of a call before it is made: the same code decides as in a running process, with the bindings
 // that are on disk.
-#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <unistd.h>
 
 #include "app/config/Settings.h"
 #include "sip/MySip.h"
@@ -11,14 +12,6 @@ namespace {
 
 using Source = MySip::sCommandChoice::Source;
 using Hop = MySip::sNextHop;
-
-struct sExplanation {
-  std::string rule;
-  std::string destination;
-  int iType = 0;
-  std::string hop;
-  std::string why;
-};
 
 std::string ruleText(const char* key, int rule, const RuleText& pattern) {
   return std::string(key) + ", rule " + std::to_string(rule + 1) + " (" + pattern.c_str() + ")";
@@ -71,30 +64,63 @@ bool isExplicit(const std::string& displayName) {
   return !pcSeparator.empty() && displayName.find(pcSeparator.view()) != std::string::npos;
 }
 
-// The headers of the caller's INVITE that decide.
+// The caller's INVITE, without a session description: what decides stands in From and To.
 struct sInvite {
-  std::string from;
   std::string to;
+  std::string text;
 
   sInvite(const std::string& caller, const std::string& dialled, const std::string& name)
-      : from("\"" + name + "\" <sip:" + caller + ">;tag=1"), to("<sip:" + dialled + ">") {}
-  std::string text() const {
-    return "INVITE sip:explain SIP/2.0\r\nFrom: " + from + "\r\nTo: " + to + "\r\n\r\n";
-  }
+      : to("<sip:" + dialled + ">"),
+        text("INVITE sip:" + dialled +
+             " SIP/2.0\r\nVia: SIP/2.0/UDP 127.0.0.1;branch=z9hG4bKexplain\r\nFrom: \"" + name +
+             "\" <sip:" + caller + ">;tag=1\r\nTo: " + to +
+             "\r\nCall-ID: explain\r\nCSeq: 1 INVITE\r\nContact: <sip:" + caller +
+             ">\r\nContent-Length: 0\r\n\r\n") {}
 };
 
-// The slot that takes the call while no other is up; -1 where only slots of a phone's name may and none has
-// it.
-int slotFor(const sInvite& invite, const std::string& caller) {
-  const Hop ofCaller = mySip.nextHopOf(caller, sockaddr_in{});
-  return mySip.chooseOrigSlot(invite.text(),
-                              ofCaller.kind == Hop::Kind::eBoundPhone ? ofCaller.sAddress : sockaddr_in{});
+// Where the caller's messages come from, as far as that decides: the address of a registered phone.
+sockaddr_in sourceOf(const std::string& caller) {
+  const Hop hop = mySip.nextHopOf(caller, sockaddr_in{});
+  return hop.kind == Hop::Kind::eBoundPhone ? hop.sAddress : sockaddr_in{};
 }
 
-bool explain(int slot, const sInvite& invite, const std::string& name, sExplanation& out) {
-  if (mySip.analyzeToStringInInviteMessage(slot, invite.to) != 0 ||
-      mySip.analyzeFromStringAndCommandInInviteMessage(slot, invite.from, invite.to) != 0)
-    return false;
+// What the process would do with the call while no other is up.
+struct sExplanation {
+  std::string status{};  // the refusal's; empty with a reason: no answer at all
+  std::string reason{};  // of a call that does not go on
+  std::string rule{}, destination{}, hop{}, why{};
+  int iType = 0;
+};
+
+// The message of the first record.
+std::string firstReason() {
+  const std::vector<sRecord> records = takeRecords();
+  return records.empty() ? "" : records.front().text;
+}
+
+// Not accepted: nothing else is answered than a barred caller.
+sExplanation refusal(bool barred) {
+  if (barred)
+    return {.status = "503 Service Unavailable",
+            .reason = "DOSExpressions bars the caller and no AOSExpressions excepts it"};
+  const std::string reason = firstReason();
+  return {.status = "",
+          .reason = pcDefaultCmd.empty() ? "no rule matches and there is no DefaultCmd" : reason};
+}
+
+sExplanation explain(const sInvite& invite, const std::string& caller, const std::string& name) {
+  const sockaddr_in source = sourceOf(caller);
+  takeRecords();
+  const int slot = mySip.chooseOrigSlot(invite.text, source);
+  if (slot < 0)
+    return {
+        .status = "486 Busy Here",
+        .reason = "with InviteShouldMatchPairPhoneName=1 a phone's name must have a slot: " + firstReason()};
+  takeRecords();
+  bool barred = false;
+  if (mySip.readInviteOfCaller(slot, invite.text, barred) != 0) return refusal(barred);
+
+  sExplanation out;
   MySip::sCommandChoice choice;
   if (isExplicit(name))
     out.rule = "the caller's display name";
@@ -103,65 +129,70 @@ bool explain(int slot, const sInvite& invite, const std::string& name, sExplanat
   const sPhone& pair = mySip.partnerOf(slot);
   out.destination = pair.pcRemoteSipName.c_str();
   out.iType = pair.iCleaningType;
-  const Hop hop = mySip.nextHopOf(out.destination, sockaddr_in{});
+  const Hop hop = mySip.nextHopOf(out.destination, source);
   out.hop = hopText(hop);
-  out.why = whyOf(hop.kind);
-  return true;
+  out.why =
+      mySip.nextHopOf(out.destination, sockaddr_in{}).kind == hop.kind
+          ? whyOf(hop.kind)
+          : "the phone of that name is passed over, since calls of registered phones go through the PBX";
+  return out;
 }
 
-int refused(const sContext& context, const char* status, const std::string& why) {
-  if (context.bJson)
-    std::printf("{\"accepted\": false, \"status\": %s, \"why\": %s}\n", jsonText(status).c_str(),
-                jsonText(why).c_str());
-  else
-    std::printf("refused with %s: %s\n", status, why.c_str());
-  return kNo;
+// ---- What the answer rests on ----
+
+// Bindings are kept per instance, so the wrong name, or none, finds none.
+std::string doubtAboutBindings(const sContext& context) {
+  const std::string path = context.installation + "binding" + context.instance;
+  if (access(path.c_str(), R_OK) == 0)
+    return context.bNamed ? "" : "no instance is named (-i), so registered phones are looked for in " + path;
+  if (errno == EACCES) return path + ", which holds the registered phones, may not be read: " + advice(path);
+  return path + " is not there, so no phone counts as registered" +
+         (context.bNamed ? "" : "; each instance has its own: name it with -i");
 }
 
-// The first record without its level and writer: why there is no slot.
-std::string firstReason() {
-  const std::vector<std::string> records = takeRecords();
-  const std::string first = records.empty() ? "" : records.front();
-  return first.substr(std::min(first.size(), first.find(", ") + 2));
+std::vector<std::string> doubts(const sContext& context) {
+  std::vector<std::string> found;
+  if (std::string text = doubtAboutBindings(context); !text.empty()) found.push_back(std::move(text));
+  if (findProcess(context) && isDraining(context))
+    found.emplace_back("the process is draining: now it refuses every new call with 503");
+  return found;
 }
 
 int print(const sContext& context, const sExplanation& found) {
-  if (context.bJson)
+  std::string warnings;
+  for (const std::string& doubt : doubts(context)) {
+    warnings += (warnings.empty() ? "" : ", ") + jsonText(doubt);
+    if (!context.bJson) std::fprintf(stderr, "warning: %s\n", doubt.c_str());
+  }
+  const bool isAccepted = found.reason.empty();
+  if (context.bJson && isAccepted)
     std::printf(
-        "{\"accepted\": true, \"rule\": %s, \"destination\": %s, \"type\": %d, \"next_hop\": %s, \"why\": "
-        "%s}\n",
+        "{\"accepted\": true, \"rule\": %s, \"destination\": %s, \"type\": %d, \"next_hop\": %s, "
+        "\"why\": %s, \"warnings\": [%s]}\n",
         jsonText(found.rule).c_str(), jsonText(found.destination).c_str(), found.iType,
-        jsonText(found.hop).c_str(), jsonText(found.why).c_str());
-  else
+        jsonText(found.hop).c_str(), jsonText(found.why).c_str(), warnings.c_str());
+  else if (context.bJson)
+    std::printf("{\"accepted\": false, \"status\": %s, \"why\": %s, \"warnings\": [%s]}\n",
+                found.status.empty() ? "null" : jsonText(found.status).c_str(),
+                jsonText(found.reason).c_str(), warnings.c_str());
+  else if (isAccepted)
     std::printf("rule         %s\ndestination  %s\nprocessed    %s (type %d)\nnext hop     %s: %s\n",
                 found.rule.c_str(), found.destination.c_str(), sidesOf(found.iType), found.iType,
                 found.hop.c_str(), found.why.c_str());
-  return kYes;
+  else if (found.status.empty())
+    std::printf("not answered: %s\n", found.reason.c_str());
+  else
+    std::printf("refused with %s: %s\n", found.status.c_str(), found.reason.c_str());
+  return isAccepted ? kYes : kNo;
 }
 
 }  // namespace
 
 int explainCall(const sContext& context) {
-  if (!loadConfiguration(context) || mySip.init(MySip::BindingFiles::eOfAnother) != 0) {
-    for (const std::string& record : takeRecords()) std::fprintf(stderr, "%s\n", record.c_str());
-    return fail("the configuration cannot be loaded");
-  }
+  if (!loadConfiguration(context)) return fail("%s", loadFailure(context).c_str());
+  if (mySip.init(MySip::BindingFiles::eOfAnother) != 0) return fail("%s", takeReasons().c_str());
   takeRecords();
   const std::string caller = withHost(context.words[0]);
-  const std::string dialled = withHost(context.words[1]);
-  if (MySip::sipNameInDOSList(caller) && !MySip::sipNameInAOSList(caller))
-    return refused(context, "503 Service Unavailable",
-                   "DOSExpressions bars the caller and no AOSExpressions excepts it");
-
   const std::string name = context.words.size() > 2 ? context.words[2] : "";
-  const sInvite invite(caller, dialled, name);
-  const int slot = slotFor(invite, caller);
-  if (slot < 0)
-    return refused(context, "486 Busy Here",
-                   "with InviteShouldMatchPairPhoneName=1 a phone's name must have a slot: " + firstReason());
-  takeRecords();
-  sExplanation found;
-  if (explain(slot, invite, name, found)) return print(context, found);
-  for (const std::string& record : takeRecords()) std::fprintf(stderr, "%s\n", record.c_str());
-  return refused(context, "503 Service Unavailable", "no rule can be applied");
+  return print(context, explain(sInvite(caller, withHost(context.words[1]), name), caller, name));
 }

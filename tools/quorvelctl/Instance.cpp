@@ -1,4 +1,4 @@
-// The running process: its state, and the signals and the datagram that steer it.
+// The signals and the datagram that steer the running process.
 #include <arpa/inet.h>
 #include <charconv>
 #include <chrono>
@@ -29,10 +29,13 @@ void pauseMilliseconds(long milliseconds) {
   nanosleep(&pause, nullptr);
 }
 
-int notRunning(const sContext& context) {
-  if (context.bJson) std::puts("{\"running\": false}");
-  return fail("Quorvel%s%s is not running", context.instance.empty() ? "" : " instance ",
-              context.instance.c_str());
+int cannotSignal(pid_t process) {
+  return fail("process %d cannot be signalled: %s", process,
+              advice("/proc/" + std::to_string(process)).c_str());
+}
+
+bool drain(pid_t process) {
+  return waitUntilHandled(process, SIGUSR2) && kill(process, SIGUSR2) == 0;
 }
 
 std::string callsText(int calls) {
@@ -120,64 +123,59 @@ int waitForReload(const sContext& context, const std::string& path, std::uint64_
     if (at == std::string::npos) continue;
     pauseMilliseconds(500);
     const std::string after = readFileFrom(logPath(context), before, kMostOfReload);
-    if (after.find("problem reading parameters from", at) == std::string::npos) return kYes;
+    if (after.find("problem reading parameters from", at) == std::string::npos) {
+      if (context.bJson) std::printf("{\"reloaded\": %s}\n", jsonText(path).c_str());
+      return kYes;
+    }
     return fail("the process could not read the file: see its log");
   }
   return fail("the process was told to reload, but its log does not say that it did");
 }
 
+// Has the process end; 0 or what went wrong, said.
+int interrupt(const sContext& context, pid_t process) {
+  if (findProcess(context) != process) return kYes;  // ended by itself meanwhile
+  if (kill(process, SIGINT) != 0) return cannotSignal(process);
+  pauseMilliseconds(kSecondInterruptAfterMilliseconds);
+  if (findProcess(context) == process)
+    (void)kill(process, SIGINT);  // an accepted first one makes it ignore the second
+  if (endsWithin(context, process, kSecondsToEnd)) return kYes;
+  return fail(
+      "process %d was told to end, but is still there after %d seconds; SIGKILL ends it and its calls",
+      process, kSecondsToEnd);
+}
+
+int nothingToStop(const sContext& context) {
+  if (context.bJson)
+    std::puts("{\"stopped\": false, \"running\": false}");
+  else
+    std::printf("%s is not running: nothing to stop\n", nameOf(context).c_str());
+  return kYes;
+}
+
 }  // namespace
-
-// Drain mode has no end but the process's own, so its log line since the last start tells.
-bool isDraining(const sContext& context) {
-  const std::filesystem::path log = logPath(context);
-  const std::filesystem::path rotated = log.parent_path() / "old" / (log.filename().string() + ".1");
-  for (const auto& each : {log, rotated}) {
-    const auto drained = occursLast(each, "INFO in sigUsr2Handle, Got shutdown request",
-                                    "INFO in quorvel_main, Loading Quorvel version");
-    if (drained) return *drained;
-  }
-  return false;
-}
-
-int showStatus(const sContext& context) {
-  const auto process = findProcess(context);
-  if (!process) return notRunning(context);
-  const auto calls = askActiveCalls(context, *process);
-  const bool draining = isDraining(context);
-  if (context.bJson) {
-    std::printf("{\"running\": true, \"process\": %d, \"calls\": %s, \"draining\": %s}\n", *process,
-                calls ? std::to_string(*calls).c_str() : "null", draining ? "true" : "false");
-  } else {
-    std::printf("running, process %d, %s calls up%s\n", *process,
-                calls ? std::to_string(*calls).c_str() : "unknown",
-                draining ? ", draining: new calls are refused" : "");
-  }
-  return calls ? kYes : fail("the process does not answer SIGUSR1: is this the user it runs as?");
-}
 
 int drainInstance(const sContext& context) {
   const auto seconds = secondsOf(context, 0);
   if (!seconds) return fail("%s is no number of seconds", context.words[0].c_str());
   const auto process = findProcess(context);
-  if (!process) return notRunning(context);
-  if (kill(*process, SIGUSR2) != 0) return fail("process %d cannot be signalled", *process);
+  if (!process) return noProcess(context);
+  if (!drain(*process)) return cannotSignal(*process);
   const std::optional<int> left = waitForCalls(context, *process, *seconds);
+  if (!left) return fail("new calls are refused, but the process does not say how many calls are up");
+  const bool isLate = *left != 0 && *seconds > 0;
   if (context.bJson)
-    std::printf("{\"draining\": true, \"calls\": %s}\n", left ? std::to_string(*left).c_str() : "null");
-  if (!left) return fail("the process does not say how many calls are up");
-  if (*left != 0 && *seconds > 0) return fail("%s still up", callsText(*left).c_str());
-  return kYes;
+    std::printf("{\"draining\": true, \"calls\": %d}\n", *left);
+  else if (isLate)
+    return fail("%s still up", callsText(*left).c_str());
+  return isLate ? kNo : kYes;
 }
 
 int reloadInstance(const sContext& context) {
   const auto process = findProcess(context);
-  if (!process) return notRunning(context);
+  if (!process) return noProcess(context);
   // The process keeps what it has read before a bad line; so it is not shown a file that has one.
-  if (!loadConfiguration(context)) {
-    for (const std::string& record : takeRecords()) std::fprintf(stderr, "%s\n", record.c_str());
-    return fail("the file is not valid; nothing was reloaded");
-  }
+  if (!loadConfiguration(context)) return fail("%s; nothing was reloaded", loadFailure(context).c_str());
   if (!ownsSignallingPort(*process))
     return fail("the process does not listen on %s:%d: addresses and ports change by a restart only",
                 pcSipUAIPForBinding.c_str(), iSipUAPort);
@@ -188,24 +186,19 @@ int reloadInstance(const sContext& context) {
   return waitForReload(context, path, before);
 }
 
+// A service manager stops also what has ended by itself, so that is no failure.
 int stopInstance(const sContext& context) {
   const auto seconds = secondsOf(context, 0);
   if (!seconds) return fail("%s is no number of seconds", context.words[0].c_str());
+  if (const std::string hidden = hiddenLock(); !hidden.empty()) return fail("%s", hidden.c_str());
   const auto process = findProcess(context);
-  if (!process) return notRunning(context);
+  if (!process) return nothingToStop(context);
   if (*seconds > 0) {
-    if (kill(*process, SIGUSR2) != 0) return fail("process %d cannot be signalled", *process);
+    if (!drain(*process)) return cannotSignal(*process);
     if (!waitForCalls(context, *process, *seconds))
       std::fputs("the process does not say how many calls are up; it is told to end now\n", stderr);
   }
-  if (findProcess(context) != process) return kYes;  // ended by itself meanwhile
-  if (kill(*process, SIGINT) != 0) return fail("process %d cannot be signalled", *process);
-  pauseMilliseconds(kSecondInterruptAfterMilliseconds);
-  if (findProcess(context) == process)
-    (void)kill(*process, SIGINT);  // an accepted first one makes it ignore the second
-  if (!endsWithin(context, *process, kSecondsToEnd))
-    return fail(
-        "process %d was told to end, but is still there after %d seconds; SIGKILL ends it and its calls",
-        *process, kSecondsToEnd);
+  if (const int status = interrupt(context, *process); status != kYes) return status;
+  if (context.bJson) std::printf("{\"stopped\": true, \"process\": %d}\n", *process);
   return kYes;
 }

@@ -24,29 +24,39 @@ std::size_t linesThatBegin(std::string_view text, const std::string& beginning) 
   return occurrences(text, "\n" + beginning) + (text.starts_with(beginning) ? 1 : 0);
 }
 
-// Writes the lines; every name gets the prefix, and the instance as its label.
+// What is known, to be written as Prometheus reads it or as JSON. Every name gets the prefix, every sample
+// the instance as a label.
 class MetricsText {
  public:
-  explicit MetricsText(const std::string& instance) : label("{instance_name=\"" + instance + "\"") {}
+  explicit MetricsText(std::string name) : instance(std::move(name)) {}
 
   void add(const char* name, const char* type, const char* help, double value) {
     head(name, type, help);
-    sample(name, "", value);
+    sample(name, {}, value);
   }
   void head(const char* name, const char* type, const char* help) {
     text +=
         std::string("# HELP quorvel_") + name + " " + help + "\n# TYPE quorvel_" + name + " " + type + "\n";
   }
-  void sample(const char* name, const std::string& labels, double value) {
+  // `label`: name and value, where there is a second one.
+  void sample(const char* name, std::pair<std::string, std::string> label, double value) {
     char number[40];
     std::snprintf(number, sizeof number, "%.10g", value);
-    text += std::string("quorvel_") + name + label + labels + "} " + number + "\n";
+    const bool isPlain = label.first.empty();
+    const std::string ours = jsonText(instance), theirs = jsonText(label.second);
+    text += std::string("quorvel_") + name + "{instance_name=" + ours +
+            (isPlain ? "" : "," + label.first + "=" + theirs) + "} " + number + "\n";
+    json += std::string(json.empty() ? "\n  " : ",\n  ") + "{\"name\": \"quorvel_" + name +
+            "\", \"labels\": {\"instance_name\": " + ours +
+            (isPlain ? "" : ", \"" + label.first + "\": " + theirs) + "}, \"value\": " + number + "}";
   }
   const std::string& result() const { return text; }
+  std::string asJson() const { return "{\"metrics\": [" + json + "]}\n"; }
 
  private:
-  std::string label;
+  std::string instance;
   std::string text;
+  std::string json;
 };
 
 // ---- The process ----
@@ -113,12 +123,11 @@ struct sEndedCalls {
   double dMosSum[2] = {0, 0}, dLossSum[2] = {0, 0};
 };
 
-sEndedCalls readStatistics(const std::string& text) {
-  sEndedCalls sums;
-  sums.dOpened = static_cast<double>(occurrences(text, " Open session ("));
-  for (std::size_t at = text.find("Closed session ("); at != std::string::npos;) {
+void addStatistics(sEndedCalls& sums, std::string_view text) {
+  sums.dOpened += static_cast<double>(occurrences(text, " Open session ("));
+  for (std::size_t at = text.find("Closed session ("); at != std::string_view::npos;) {
     const std::size_t end = std::min(text.find('\n', at), text.size());
-    const std::string_view line = std::string_view(text).substr(at, end - at);
+    const std::string_view line = text.substr(at, end - at);
     const std::string_view second = line.substr(std::min(line.find(" CallID ("), line.size()));
     ++sums.dClosed;
     sums.dSeconds += numberBehind(line.substr(std::min(line.find(") (") + 1, line.size())), "(");
@@ -128,20 +137,21 @@ sEndedCalls readStatistics(const std::string& text) {
     }
     at = text.find("Closed session (", end);
   }
-  return sums;
 }
 
 void addEndedCalls(MetricsText& out) {
   if (pcStatisticsFile.empty()) return;
-  const sEndedCalls sums = readStatistics(readFile(pcStatisticsFile.c_str()).value_or(""));
+  sEndedCalls sums;
+  forEachBlock(pcStatisticsFile.c_str(), [&](std::string_view block) { addStatistics(sums, block); });
   out.add("calls_opened_total", "counter", "Calls whose media was opened.", sums.dOpened);
   out.add("calls_closed_total", "counter", "Calls whose media was closed.", sums.dClosed);
   out.add("call_seconds_total", "counter", "Length of the closed calls.", sums.dSeconds);
-  constexpr const char* kDirections[] = {",direction=\"forward\"", ",direction=\"backward\""};
+  const std::pair<std::string, std::string> directions[] = {{"direction", "forward"},
+                                                            {"direction", "backward"}};
   out.head("call_mos_sum", "counter", "Average MOS of the closed calls, added up.");
-  for (const int side : {0, 1}) out.sample("call_mos_sum", kDirections[side], sums.dMosSum[side]);
+  for (const int side : {0, 1}) out.sample("call_mos_sum", directions[side], sums.dMosSum[side]);
   out.head("call_loss_percent_sum", "counter", "Packet loss of the closed calls in percent, added up.");
-  for (const int side : {0, 1}) out.sample("call_loss_percent_sum", kDirections[side], sums.dLossSum[side]);
+  for (const int side : {0, 1}) out.sample("call_loss_percent_sum", directions[side], sums.dLossSum[side]);
 }
 
 // ---- Calls in progress, from the page ----
@@ -177,8 +187,7 @@ void addLog(MetricsText& out, const sContext& context) {
   });
   out.head("log_records_total", "counter", "Records in the log file since it was begun.");
   for (std::size_t level = 0; level < kLevels.size(); ++level)
-    out.sample("log_records_total", std::string(",level=\"") + kLevels[level] + "\"",
-               static_cast<double>(counts[level]));
+    out.sample("log_records_total", {"level", kLevels[level]}, static_cast<double>(counts[level]));
 }
 
 // A reader must never see half of it.
@@ -195,6 +204,8 @@ bool writeWhole(const std::string& path, const std::string& text) {
 }  // namespace
 
 int writeMetrics(const sContext& context) {
+  // That nothing runs would be said to be a fact.
+  if (const std::string hidden = hiddenLock(); !hidden.empty()) return fail("%s", hidden.c_str());
   MetricsText out(context.instance);
   addProcess(out, context, findProcess(context));
   const bool isLoaded = loadConfiguration(context);
@@ -203,12 +214,15 @@ int writeMetrics(const sContext& context) {
           isLoaded ? 1 : 0);
   if (isLoaded) {
     out.add("calls_allowed", "gauge", "Calls that can be up at once, by the configuration file.",
-            std::min(iNumPhonesToAllocate / 2, iNumCallsToFilter));
+            callsAllowed());
     addEndedCalls(out);
     addRunningCalls(out);
   }
   addLog(out, context);
-  if (context.words.empty()) return std::fputs(out.result().c_str(), stdout) >= 0 ? kYes : kNo;
-  if (writeWhole(context.words[0], out.result())) return kYes;
-  return fail("%s cannot be written", context.words[0].c_str());
+  if (context.words.empty())
+    return std::fputs((context.bJson ? out.asJson() : out.result()).c_str(), stdout) >= 0 ? kYes : kNo;
+  if (!writeWhole(context.words[0], out.result()))
+    return fail("%s cannot be written", context.words[0].c_str());
+  if (context.bJson) std::printf("{\"written\": %s}\n", jsonText(context.words[0]).c_str());
+  return kYes;
 }

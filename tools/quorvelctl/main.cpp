@@ -10,41 +10,60 @@ namespace {
 
 constexpr std::array kCommands = {
     sCommand{"check", "[OTHER ...]",
-             "every error of the configuration, and what will not work, also beside other instances' files",
-             0, 99, checkConfiguration},
+             "every error of the configuration, and what will not work, also beside others", 0, 99,
+             checkConfiguration},
     sCommand{"explain", "CALLER DESTINATION [NAME]",
-             "which rule decides such a call, where it goes and what is processed", 2, 3, explainCall},
-    sCommand{"status", "", "is the instance running, draining, how many calls are up", 0, 0, showStatus},
+             "which rule decides such a call, where it goes, what is processed", 2, 3, explainCall},
+    sCommand{"status", "", "is it running, draining, how many calls are up; without -i of all instances", 0,
+             0, showStatus, false},
     sCommand{"calls", "", "the calls in progress with their figures", 0, 0, showCalls},
-    sCommand{"drain", "[SECONDS]",
-             "refuse new calls; with a time, wait that long for the running ones to end", 0, 1,
-             drainInstance},
+    sCommand{"drain", "[SECONDS]", "refuse new calls; with a time, wait that long for the running ones", 0, 1,
+             drainInstance, false},
     sCommand{"reload", "", "check the configuration file and have the process read it again", 0, 0,
              reloadInstance},
     sCommand{"stop", "[SECONDS]", "drain for at most that long (default 0), then hang up and end the process",
-             0, 1, stopInstance},
-    sCommand{"trace", "CALL-ID", "the SIP messages of both legs of a call, from a log with SipDebug=1", 1, 1,
-             traceCall},
+             0, 1, stopInstance, false},
+    sCommand{"trace", "CALL-ID | --phone NAME", "SIP of a call or registration, both legs; needs SipDebug=1",
+             1, 2, traceCall},
     sCommand{"metrics", "[FILE]", "the state of the instance for a Prometheus textfile collector", 0, 1,
              writeMetrics},
 };
 
+constexpr const char* kOptions =
+    "usage: quorvelctl [-c CONFIGURATION] [-i INSTANCE] [--json] COMMAND ...\n\n"
+    "  -c FILE    configuration file; otherwise that of the running process; or of the package,\n"
+    "             " QUORVEL_CONFIGURATIONS
+    "INSTANCE.conf; or quorvel.conf of the installation\n"
+    "  -i NAME    name of the instance; otherwise the one without a name\n"
+    "  --json     print JSON, errors as {\"error\": ...}\n\n";
+
+constexpr const char* kExamples =
+    "\nexamples:\n"
+    "  quorvelctl status                            what runs on this host\n"
+    "  quorvelctl -i main check " QUORVEL_CONFIGURATIONS
+    "b.conf       beside instance b\n"
+    "  quorvelctl -i main explain 100 0891234567    a call from 100 to that number\n"
+    "  quorvelctl -i main explain 100@192.0.2.7 200 a caller who is not at the PBX\n"
+    "  quorvelctl -i main --json calls\n"
+    "  quorvelctl -i main trace --phone 100         its calls and registrations\n"
+    "  quorvelctl -i main stop 600                  gives running calls ten minutes\n"
+    "\nExit status: 0 yes or done (stop: also when nothing runs), 1 no or failed, 2 wrong usage.\n"
+    "A running process is asked as root or as the user it runs as. KESTROVA_BIN names the installation,\n"
+    "with its final slash; otherwise that of the running process counts, or " QUORVEL_INSTALLATION ".\n";
+
 int usage(std::FILE* out) {
-  std::fputs(
-      "usage: quorvelctl [-c CONFIGURATION] [-i INSTANCE] [--json] COMMAND ...\n\n"
-      "  -c FILE    configuration file; otherwise $KESTROVA_BIN/quorvel.conf\n"
-      "  -i NAME    name of the instance; otherwise the one without a name\n"
-      "  --json     print JSON\n\n",
-      out);
+  std::fputs(kOptions, out);
   for (const sCommand& command : kCommands) {
     const std::string head = std::string(command.name) + " " + std::string(command.words);
     std::fprintf(out, "  %-34s%.*s\n", head.c_str(), static_cast<int>(command.help.size()),
                  command.help.data());
   }
-  std::fputs(
-      "\nExit status: 0 yes or done, 1 no or failed, 2 wrong usage. KESTROVA_BIN names the installation.\n",
-      out);
+  std::fputs(kExamples, out);
   return out == stdout ? kYes : kUsageError;
+}
+
+bool isHelp(std::string_view word) {
+  return word == "--help" || word == "-h" || word == "help";
 }
 
 bool takeOption(std::span<char*>& words, sContext& context) {
@@ -56,8 +75,24 @@ bool takeOption(std::span<char*>& words, sContext& context) {
   }
   if (words.size() < 2 || (option != "-c" && option != "-i")) return false;
   (option == "-c" ? context.configuration : context.instance) = words[1];
+  (option == "-c" ? context.bConfigurationGiven : context.bNamed) = true;
   words = words.subspan(2);
   return true;
+}
+
+int run(const sCommand& command, sContext& context) {
+  if (context.words.size() < command.iFewestWords || context.words.size() > command.iMostWords)
+    return usage(stderr);
+  if (!adoptContext(context)) return fail("the instance's name, or KESTROVA_BIN, is too long");
+  if (!locate(context) && command.bNeedsFiles) {
+    const std::string hidden = hiddenLock();
+    return fail("%s", !hidden.empty()
+                          ? hidden.c_str()
+                          : "KESTROVA_BIN must name the installation directory, with its final slash: no "
+                            "process of that name runs, and there is no " QUORVEL_INSTALLATION);
+  }
+  const int status = command.pfRun(context);
+  return std::fflush(stdout) == 0 ? status : kNo;
 }
 
 }  // namespace
@@ -65,25 +100,20 @@ bool takeOption(std::span<char*>& words, sContext& context) {
 int main(int count, char** arguments) {
   std::span<char*> words(arguments, static_cast<std::size_t>(count));
   words = words.subspan(words.empty() ? 0 : 1);
-  if (!words.empty() && (std::string_view(words[0]) == "--help" || std::string_view(words[0]) == "help"))
-    return usage(stdout);
   sContext context;
-  if (const char* installation = std::getenv("KESTROVA_BIN")) context.installation = installation;
-  context.configuration = context.installation + "quorvel.conf";
-  while (!words.empty() && words[0][0] == '-')
+  if (const char* installation = std::getenv("KESTROVA_BIN"); installation != nullptr && *installation != 0) {
+    context.installation = installation;
+    context.bInstallationGiven = true;
+  }
+  while (!words.empty() && words[0][0] == '-' && !isHelp(words[0]))
     if (!takeOption(words, context)) return usage(stderr);
   if (words.empty()) return usage(stderr);
+  if (isHelp(words[0]) || (words.size() > 1 && isHelp(words[1]))) return usage(stdout);
 
   for (const sCommand& command : kCommands) {
     if (command.name != words[0]) continue;
     context.words.assign(words.begin() + 1, words.end());
-    if (context.words.size() < command.iFewestWords || context.words.size() > command.iMostWords)
-      return usage(stderr);
-    if (!context.installation.ends_with('/'))
-      return fail("KESTROVA_BIN must name the installation directory, with its final slash");
-    if (!adoptContext(context)) return fail("the instance's name, or KESTROVA_BIN, is too long");
-    const int status = command.pfRun(context);
-    return std::fflush(stdout) == 0 ? status : kNo;
+    return run(command, context);
   }
   return usage(stderr);
 }

@@ -1,0 +1,170 @@
+// Values that each may be, but not together, or that do nothing.
+#include <algorithm>
+#include <array>
+#include <span>
+
+#include "app/config/Settings.h"
+#include "engine/Kestrova.h"
+#include "rtp/MyRtp.h"
+#include "rtp/RtpHeader.h"
+#include "tools/quorvelctl/Check.h"
+
+namespace {
+
+constexpr int kHighestPort = 65535;
+constexpr int kCallsOfEngine = (KESTROVA_MAX_CHANNEL + 1) / 2;  // a channel for each side
+
+std::string text(std::string_view view) {
+  return std::string(view);
+}
+
+struct sDigits {
+  const char* pcKey;
+  std::string text;
+};
+
+// What cannot be dialled was switched off on purpose.
+bool isDialable(const std::string& digits) {
+  return !digits.empty() && digits.find_first_not_of("0123456789*#ABCD") == std::string::npos;
+}
+
+struct sThreshold {
+  const char* pcKey;
+  double dValue;
+  double dHighest;  // the figure never exceeds it
+};
+
+// Five packets of the largest size wait for the one before them; 8 time stamps a millisecond in every codec.
+constexpr double kHighestJitterMs = kJitterBufferEntries * (kMaxDatagramBytes - kRtpHeaderBytes) / 8.0;
+constexpr double kHighestSpread = 65535;  // between the largest and the smallest 16-bit sample
+constexpr double kHighestDelayMs = 1000;  // what is later counts as a gap
+constexpr double kHighestGainPercent = 500;
+// Of the packets that came: each counts at most one that did not.
+constexpr double kHighestLossPercent = 100;
+// 5 less the codec's impairment, and less 1.04, 1.22 and 1.46 for the worst loss, delay and jitter.
+constexpr double kBestMos = 5 - 0.3, kWorstMos = 5 - 0.59 - 1.04 - 1.22 - 1.46;
+
+// Is it an address, as far as it has no wildcards? Names may stand for an address that we do not know.
+bool isDotted(std::string_view host) {
+  return host.find_first_not_of("0123456789.?") == std::string_view::npos;
+}
+
+bool matches(std::string_view pattern, std::string_view host) {
+  return std::equal(pattern.begin(), pattern.end(), host.begin(), host.end(),
+                    [](char wanted, char character) { return wanted == '?' || wanted == character; });
+}
+
+// A pattern covers the whole name, user@host, and names of phones end in the PBX's address or in ours.
+void checkPatterns(Findings& findings, const char* key, std::span<const RuleText> patterns) {
+  for (const RuleText& pattern : patterns) {
+    const std::string_view whole = pattern;
+    const std::size_t at = whole.find('@');
+    const std::string_view host = at == std::string_view::npos ? "" : whole.substr(at + 1);
+    if (host.empty())
+      findings.warn(key, "the pattern " + text(whole) + " has no @ and host, so it matches no phone");
+    else if (isDotted(host) && !matches(host, pcSipProxyIP) && !matches(host, pcSipProxyDomain) &&
+             !matches(host, pcSipUAIP) && !matches(host, pcSipUAIPForBinding))
+      findings.warn(key, "the pattern " + text(whole) + " matches only names at " + text(host) +
+                             ", which is neither the PBX (" + text(pcSipProxyIP) + ") nor this host");
+  }
+}
+
+}  // namespace
+
+std::int64_t lastRtpPort() {
+  return std::int64_t{iRtpUAPortInitVal} + 2 * std::int64_t{iNumPhonesToAllocate} - 1;
+}
+
+void checkPorts(Findings& findings) {
+  for (const auto& [key, port] :
+       {std::pair("SipUAPort", iSipUAPort), std::pair("SipProxyPort", iSipProxyPort),
+        std::pair("RtpUAPortInitVal", iRtpUAPortInitVal)})
+    if (port < 1 || port > kHighestPort) findings.refuse(key, "is no port: 1 to 65535");
+  const std::string range = std::to_string(iRtpUAPortInitVal) + " to " + std::to_string(lastRtpPort());
+  const auto isAmongRtpPorts = [](int port) { return port >= iRtpUAPortInitVal && port <= lastRtpPort(); };
+  if (lastRtpPort() > kHighestPort)
+    findings.warn("RtpUAPortInitVal",
+                  "the RTP ports end at " + std::to_string(lastRtpPort()) + ", above 65535");
+  if (iRtpUAPortInitVal % 2 != 0)
+    findings.warn("RtpUAPortInitVal", "is odd; many phones expect RTP on even ports (RFC 3550)");
+  if (isAmongRtpPorts(iSipUAPort)) findings.warn("SipUAPort", "lies among the RTP ports " + range);
+  const bool isPbxHere = pcSipProxyIP == pcSipUAIP.view() || pcSipProxyIP == "127.0.0.1";
+  if (isPbxHere && isAmongRtpPorts(iSipProxyPort))
+    findings.warn("SipProxyPort", "the PBX on this host has a port among our RTP ports " + range);
+  if (pcSipProxyIP == pcSipUAIP.view() && iSipProxyPort == iSipUAPort)
+    findings.warn("SipProxyPort", "the PBX's address is our own: every call would come back to us");
+}
+
+void checkSizes(Findings& findings) {
+  if (iNumCallsToFilter > kCallsOfEngine && (iNeedToDoNoiseCancellation != 0 || iNeedToDoAEC != 0))
+    findings.warn(
+        "NumCallsToFilter",
+        "the voice engine has room for " + std::to_string(kCallsOfEngine) +
+            " calls: a call to be processed while as many others are up stays silent; start more instances");
+  if (descriptorsFor(iNumCallsToFilter) > kMaxDescriptors)
+    findings.refuse("NumCallsToFilter", "is more than the media relay can carry");
+  if (iNumCallsToFilter < iNumPhonesToAllocate / 2)
+    findings.warn("NumCallsToFilter", "fewer calls have media than NumPhonesToAllocate lets in: " +
+                                          std::to_string(iNumCallsToFilter) + " of " +
+                                          std::to_string(iNumPhonesToAllocate / 2));
+}
+
+void checkDigits(Findings& findings) {
+  const std::array<sDigits, 4> keys = {{{"DTMFRegistraterPrefix", text(pcDTMFRegisterPrefix.load())},
+                                        {"DTMFActivatePrefix", text(pcDTMFActivatePrefix.load())},
+                                        {"DTMFDisable", text(pcDTMFDisable.load())},
+                                        {"DTMFSuffix", text(pcDTMFSuffix.load())}}};
+  const sDigits& activate = keys[1];
+  const sDigits& suffix = keys[3];
+  for (const sDigits& key : keys) {
+    if (!isDialable(key.text)) continue;
+    if (std::adjacent_find(key.text.begin(), key.text.end()) != key.text.end())
+      findings.warn(
+          key.pcKey,
+          "repeats a digit: the second counts as a repetition of the first, so no phone can dial it");
+    for (const sDigits& other : keys) {
+      if (&key == &other || !isDialable(other.text) || other.text.find(key.text) == std::string::npos)
+        continue;
+      if (key.text == other.text && &key > &other) continue;  // said once
+      findings.warn(key.pcKey, "is part of " + text(other.pcKey) +
+                                   (&key == &suffix ? ", which so ends a command that was begun before it"
+                                                    : ", so one sequence fires both"));
+    }
+  }
+  if (isDialable(activate.text) && isDialable(suffix.text) && activate.text.back() == suffix.text.front())
+    findings.warn(activate.pcKey,
+                  "ends with the digit that DTMFSuffix begins with, and a digit that repeats is not taken: "
+                  "activation without a name cannot be dialled");
+}
+
+void checkThresholds(Findings& findings) {
+  if (pcRealTimeAverageStatisticsFile.empty() && pcRealTimeExtremeStatisticsFile.empty()) return;
+  const auto value = [](int threshold) { return static_cast<double>(threshold); };
+  const std::array<sThreshold, 6> thresholds = {
+      {{"ThresholdToHighlightPacketLoss", fThresholdToHighlightPacketLoss, kHighestLossPercent},
+       {"ThresholdToHighlightDelay", value(iThresholdToHighlightDelay), kHighestDelayMs},
+       {"ThresholdToHighlightJitter", value(iThresholdToHighlightJitter), kHighestJitterMs},
+       {"ThresholdToHighlightAGCCoef", value(iThresholdToHighlightAGCCoef), kHighestGainPercent},
+       {"ThresholdToHighlightEchoLevel", value(iThresholdToHighlightEchoLevel), kHighestSpread},
+       {"ThresholdToHighlightNoiseLevel", value(iThresholdToHighlightNoiseLevel), kHighestSpread}}};
+  for (const sThreshold& threshold : thresholds) {
+    if (threshold.dValue > threshold.dHighest)
+      findings.warn(threshold.pcKey, "never triggers: the figure stays below it");
+    if (threshold.dValue <= 0) findings.warn(threshold.pcKey, "always triggers: every figure reaches it");
+  }
+  if (fThresholdToHighlightMOS >= kBestMos)
+    findings.warn("ThresholdToHighlightMOS", "always triggers: no call is better");
+  if (fThresholdToHighlightMOS < kWorstMos)
+    findings.warn("ThresholdToHighlightMOS", "never triggers: no call is worse than 0.69");
+}
+
+void checkCommands(Findings& findings) {
+  const auto first = [](const auto& patterns, int count) {
+    return std::span<const RuleText>(patterns).first(static_cast<std::size_t>(count));
+  };
+  checkPatterns(findings, "CmdBasedOnCallerID", first(ppcCmdBasedOnCallerIDFilter, iNumCmdBasedOnCallerID));
+  checkPatterns(findings, "CmdBasedOnDestination",
+                first(ppcCmdBasedOnDestinationFilter, iNumCmdBasedOnDestination));
+  if (pcDefaultCmd.empty())
+    findings.warn("DefaultCmd", "is not set: a call that no rule matches gets no answer at all");
+}

@@ -1,0 +1,95 @@
+// The state of one instance, or of all on this host.
+#include <cstdio>
+
+#include "tools/quorvelctl/Context.h"
+#include "tools/quorvelctl/LogFile.h"
+
+namespace {
+
+struct sState {
+  std::string hidden{};  // why nothing is known
+  std::optional<pid_t> process{};
+  std::optional<int> calls{}, allowed{};
+  bool bDraining = false;
+};
+
+sState stateOf(const sContext& context) {
+  sState state{.hidden = hiddenLock(), .process = findProcess(context)};
+  if (!state.process) return state;
+  state.calls = askActiveCalls(context, *state.process);
+  if (loadConfiguration(context)) state.allowed = callsAllowed();
+  takeRecords();
+  state.bDraining = isDraining(context);
+  return state;
+}
+
+const char* silence() {
+  return "the process does not answer SIGUSR1: is this the user it runs as?";
+}
+
+std::string jsonOf(const sState& state) {
+  if (!state.hidden.empty()) return "\"error\": " + jsonText(state.hidden);
+  if (!state.process) return "\"running\": false";
+  return "\"running\": true, \"process\": " + jsonNumber(state.process) +
+         ", \"calls\": " + jsonNumber(state.calls) + ", \"calls_allowed\": " + jsonNumber(state.allowed) +
+         ", \"draining\": " + (state.bDraining ? "true" : "false") +
+         (state.calls ? "" : std::string(", \"error\": ") + jsonText(silence()));
+}
+
+std::string textOf(const sState& state) {
+  if (!state.process) return state.hidden;
+  return "running, process " + std::to_string(*state.process) + ", " +
+         (state.calls ? std::to_string(*state.calls) : "unknown") + " calls up" +
+         (state.allowed ? " of " + std::to_string(*state.allowed) : "") +
+         (state.bDraining ? ", draining: new calls are refused" : "");
+}
+
+int showOne(const sContext& context) {
+  const sState state = stateOf(context);
+  const bool isWell = state.process && state.calls;
+  if (context.bJson) return std::printf("{%s}\n", jsonOf(state).c_str()), isWell ? kYes : kNo;
+  if (!state.process) return noProcess(context);
+  std::puts(textOf(state).c_str());
+  return isWell ? kYes : fail("%s", silence());
+}
+
+// What is given on the command line belongs to one instance; each has its own.
+int showAll(const sContext& context) {
+  bool isAnyUp = false, isAllWell = true;
+  std::string json;
+  for (const std::string& name : namesOfInstances()) {
+    sContext one = context;
+    one.instance = name;
+    one.bConfigurationGiven = false;
+    if (!adoptContext(one) || (!findProcess(one) && hiddenLock().empty())) continue;
+    (void)locate(one);  // without its files the state is less, but still one
+    const sState state = stateOf(one);
+    isAnyUp = isAnyUp || state.process;
+    isAllWell = isAllWell && state.process && state.calls;
+    json += (json.empty() ? "\n  {\"instance\": " : ",\n  {\"instance\": ") + jsonText(name) + ", " +
+            jsonOf(state) + "}";
+    if (!context.bJson)
+      std::printf("%s: %s\n", name.empty() ? "(no name)" : name.c_str(), textOf(state).c_str());
+  }
+  if (context.bJson) std::printf("{\"instances\": [%s]}\n", json.c_str());
+  if (json.empty() && !context.bJson) return fail("no instance of Quorvel is running on this host");
+  if (!isAllWell && !context.bJson) return fail("not every process can be asked: run as root");
+  return isAnyUp && isAllWell ? kYes : kNo;
+}
+
+}  // namespace
+
+// Drain mode has no end but the process's own, so its log line since the last start tells.
+bool isDraining(const sContext& context) {
+  std::vector<std::string> logs = logPaths(context);
+  for (; !logs.empty(); logs.pop_back()) {
+    const auto drained = occursLast(logs.back(), "INFO in sigUsr2Handle, Got shutdown request",
+                                    "INFO in quorvel_main, Loading Quorvel version");
+    if (drained) return *drained;
+  }
+  return false;
+}
+
+int showStatus(const sContext& context) {
+  return context.bNamed ? showOne(context) : showAll(context);
+}
