@@ -165,6 +165,8 @@ TEST_F(ControlTest, CallsAreSeenTracedDrainedAndStopped) {
   const double idleThreads = metric("threads");
   hangUp(setUp(1));
   ASSERT_TRUE(eventually([&] { return quorvel->activeCalls() == 0; }, Seconds(3)));
+  const Answer explained = control({"explain", "100", "200"});
+  EXPECT_TRUE(explained.text.starts_with("rule         DefaultCmd\ndestination  200@127.0.0.1\n"));
   const Call call = setUp(2);
 
   const char* const state = "\"calls\": 1, \"calls_allowed\": 4, \"draining\": false}";
@@ -271,64 +273,60 @@ TEST_F(ControlTest, ExplainKnowsSlotsOfNamesAndLeavesBindingsAlone) {
 
 // Each kind of call is explained, then made: it must go where it was said to go.
 TEST_F(ControlTest, ExplainSaysWhatBecomesOfACall) {
-  Settings settings{{"CmdBasedOnCallerID", "7??@127.0.0.1=*##2"},
-                    {"CmdBasedOnDestination", "2??@127.0.0.1=301@127.0.0.1##1"},
-                    {"DOSExpressions", "66?@127.0.0.1"},
-                    {"SipRoutingFile", "../routing.conf"},
-                    {"NumPhonesToAllocate", "16"},
-                    {"NumCallsToFilter", "8"}};
   LoopbackPeer routed(ports.phone(1)), bound(ports.phone(2));
+  const std::map<int, LoopbackPeer*> peers{
+      {callee.port(), &callee}, {routed.port(), &routed}, {bound.port(), &bound}};
   writeFile(scratch.path() / "routing.conf",
             "127.0.0.1::" + std::to_string(routed.port()) + "::4??@127.0.0.1;\n");
+  start({{"CmdBasedOnCallerID", "7??@127.0.0.1=*##2;500@127.0.0.1=*##3"},
+         {"CmdBasedOnDestination", "2??@127.0.0.1=301@127.0.0.1##1"},
+         {"DOSExpressions", "66?@127.0.0.1"},
+         {"SipRoutingFile", "../routing.conf"},
+         {"NumPhonesToAllocate", "16"},
+         {"NumCallsToFilter", "8"},
+         {"DefaultCmd", ""}});
+  toQuorvel(bound, registration(bound, "500"));
+  expect(bound, "SIP/2.0 200 ");
+  ASSERT_TRUE(isBindingSaved("500"));
+
   struct Kind {
     const char* caller;
     const char* dialled;
     const char* said;
   };
-  const auto callIsAsExplained = [&](const Kind& kind, int number) {
-    const std::string explained = control({"explain", kind.caller, kind.dialled}).text;
-    EXPECT_NE(explained.find(kind.said), std::string::npos) << explained;
-    LoopbackPeer& from = std::string_view(kind.caller) == "500" ? bound : caller;
-    std::string message =
-        sip_text::replaced(invite(number), "sip:100@", std::string("sip:") + kind.caller + "@");
-    message = sip_text::replaced(message, "sip:200@", std::string("sip:") + kind.dialled + "@");
-    from.sendTo(ports.sip(), message);
-    if (explained.starts_with("refused with 503")) return void(expect(from, "SIP/2.0 503"));
-    std::smatch found;
+  int number = 0;
+  for (const auto& [by, dialled, said] :
+       {Kind{"100", "555", "not answered: no rule matches and there is no DefaultCmd"},
+        {"700", "555", "CmdBasedOnCallerID, rule 1"},
+        {"100", "200", "CmdBasedOnDestination, rule 1 (2??@127.0.0.1)"},
+        {"700", "450", "the routing file names that destination"},
+        {"700", "500", "a phone of that name is registered"},
+        {"500", "500", "the phone of that name is passed over"},
+        {"661", "200", "refused with 503 Service Unavailable: DOSExpressions bars the caller"}}) {
+    const std::string explained = control({"explain", by, dialled}).text;
+    EXPECT_NE(explained.find(said), std::string::npos) << explained;
+    LoopbackPeer& from = std::string_view(by) == "500" ? bound : caller;
+    const std::string message =
+        sip_text::replaced(invite(++number), "sip:100@", std::string("sip:") + by + "@");
+    from.sendTo(ports.sip(), sip_text::replaced(message, "sip:200@", std::string("sip:") + dialled + "@"));
+    std::smatch hop;
     const std::regex where("destination  (\\S+)\n[^\n]*\nnext hop     127.0.0.1:(\\d+):");
-    if (std::regex_search(explained, found, where)) {
-      const std::map<int, LoopbackPeer*> peers{
-          {callee.port(), &callee}, {routed.port(), &routed}, {bound.port(), &bound}};
-      return void(expect(*peers.at(std::stoi(found[2])), "INVITE sip:" + found[1].str() + " "));
+    if (std::regex_search(explained, hop, where)) {
+      expect(*peers.at(std::stoi(hop[2])), "INVITE sip:" + hop[1].str() + " ");
+    } else if (explained.starts_with("refused with 503")) {
+      expect(from, "SIP/2.0 503");
+    } else {
+      from.sendTo(ports.sip(),
+                  sip_text::build({.method = "OPTIONS", .callId = "next", .viaPort = from.port()}));
+      EXPECT_EQ(sip_text::header(expect(from, "SIP/2.0 200"), "Call-ID"), "next")
+          << "the first answer at all";
     }
-    EXPECT_TRUE(explained.starts_with("not answered")) << explained;
-    from.sendTo(ports.sip(),
-                sip_text::build({.method = "OPTIONS", .callId = "next", .viaPort = from.port()}));
-    EXPECT_EQ(sip_text::header(expect(from, "SIP/2.0 200"), "Call-ID"), "next") << "the first answer at all";
-  };
-
-  settings["DefaultCmd"] = "";
-  start(settings);
-  callIsAsExplained({"100", "555", "no rule matches and there is no DefaultCmd"}, 1);
-  EXPECT_EQ(quorvel->stop(), 0);
-  settings["DefaultCmd"] = "*##3";
-  start(settings);
-  toQuorvel(bound, registration(bound, "500"));
-  expect(bound, "SIP/2.0 200 ");
-  ASSERT_TRUE(isBindingSaved("500"));
-  int number = 1;
-  for (const Kind& kind : {Kind{"700", "555", "CmdBasedOnCallerID, rule 1"},
-                           {"100", "200", "CmdBasedOnDestination, rule 1 (2??@127.0.0.1)"},
-                           {"100", "555", "DefaultCmd"},
-                           {"100", "450", "the routing file names that destination"},
-                           {"100", "500", "a phone of that name is registered"},
-                           {"500", "500", "the phone of that name is passed over"},
-                           {"661", "200", "DOSExpressions bars the caller"}})
-    callIsAsExplained(kind, ++number);
+  }
   const Answer unnamed = controlAsGiven({"-c", quorvel->configuration().string(), "explain", "100", "500"},
                                         {{"KESTROVA_BIN", quorvel->bin().string() + "/"}});
   EXPECT_NE(unnamed.text.find("no phone counts as registered; each instance has its own"), std::string::npos)
       << unnamed.text;
+  EXPECT_EQ(control({"stop"}).status, 0);
 }
 
 TEST_F(ControlTest, ConfigurationsAreCheckedExplainedAndReloaded) {
