@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
+#include <grp.h>
 #include <iterator>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -128,9 +129,12 @@ int noProcess(const sContext& context) {
 
 std::string advice(const std::string& path) {
   struct stat found {};
-  const passwd* owner = stat(path.c_str(), &found) == 0 ? getpwuid(found.st_uid) : nullptr;
-  if (owner == nullptr || owner->pw_uid == 0) return "run as root";
-  return std::string("run as root or as user ") + owner->pw_name;
+  if (stat(path.c_str(), &found) != 0) return "run as root";
+  const passwd* owner = getpwuid(found.st_uid);
+  if (owner != nullptr && owner->pw_uid != 0) return std::string("run as root or as user ") + owner->pw_name;
+  const group* readers =
+      (found.st_mode & S_IRGRP) != 0 && found.st_gid != 0 ? getgrgid(found.st_gid) : nullptr;
+  return readers == nullptr ? "run as root" : std::string("run as root or in group ") + readers->gr_name;
 }
 
 int callsAllowed() {

@@ -77,7 +77,7 @@ std::string loadFailure(const sContext& context);
 std::optional<pid_t> findProcess(const sContext& context);
 // Why no process was found, when it is not that none runs: the lock is another user's. Otherwise empty.
 std::string hiddenLock();
-// Whom we have to be: "run as root or as user NAME", NAME the owner of the file.
+// Whom we have to be, by who may read the file: "run as root or as user NAME".
 std::string advice(const std::string& path);
 // Waits for at most two seconds until the process handles the signal, as it does once it has started.
 bool waitUntilHandled(pid_t process, int number);
