@@ -20,7 +20,7 @@ namespace {
 
 class Ours : public EchoCanceller {
  public:
-  Ours(int iAlgorithm, int iRate) {
+  Ours(int iAlgorithm, int iRate, int iMicLead) : uHeldBack(static_cast<std::size_t>(iMicLead)) {
     const sKestrovaPackage package{KESTROVA_API_VERSION, nullptr, 5};
     sKestrovaInit init{};
     init.sBitsPerSample = 16;
@@ -43,7 +43,13 @@ class Ours : public EchoCanceller {
   void process(const std::int16_t* psFar, const std::int16_t* psMic, std::size_t uCount,
                std::vector<std::int16_t>& out) override {
     const auto iBytes = static_cast<std::int32_t>(2 * uCount);
-    if (KestrovaAECProcessSpkFrame(0, psFar, iBytes) != 0) throw std::runtime_error("spk");
+    far.insert(far.end(), psFar, psFar + uCount);
+    if (uLead < uHeldBack) {
+      uLead += uCount;
+    } else {
+      if (KestrovaAECProcessSpkFrame(0, far.data(), iBytes) != 0) throw std::runtime_error("spk");
+      far.erase(far.begin(), far.begin() + static_cast<std::ptrdiff_t>(uCount));
+    }
     std::int16_t psOut[2048];
     sKestrovaFrameResult result{};
     if (KestrovaAECProcessMicFrame(0, psMic, iBytes, psOut, &result) != 0) throw std::runtime_error("mic");
@@ -62,6 +68,9 @@ class Ours : public EchoCanceller {
 
  private:
   std::size_t uDelay = 64;
+  std::size_t uHeldBack;          // samples by which the microphone's stream is ahead
+  std::size_t uLead = 0;          // the same so far
+  std::vector<std::int16_t> far;  // not fed yet
 };
 
 // Collects frames until a peer's own frame is full.
@@ -170,9 +179,10 @@ std::vector<std::int16_t> rounded(const Audio& audio) {
 
 }  // namespace
 
-std::unique_ptr<EchoCanceller> makeCanceller(const std::string& sName, int iRate, double dDelayMs) {
+std::unique_ptr<EchoCanceller> makeCanceller(const std::string& sName, int iRate, double dDelayMs,
+                                             int iMicLead) {
   (void)dDelayMs;
-  if (sName.starts_with("ours-")) return std::make_unique<Ours>(sName[5] - '0', iRate);
+  if (sName.starts_with("ours-")) return std::make_unique<Ours>(sName[5] - '0', iRate, iMicLead);
 #ifdef QUORVEL_ECHO_PEERS
   if (sName == "speex") return std::make_unique<Speex>(iRate, dDelayMs);
   if (sName == "webrtc") return std::make_unique<Webrtc>(iRate, dDelayMs);

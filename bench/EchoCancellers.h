@@ -21,8 +21,11 @@ class EchoCanceller {
   [[nodiscard]] virtual std::string inside() const { return ""; }
 };
 
-// "ours-N" with algorithm N, "speex", "webrtc".
-std::unique_ptr<EchoCanceller> makeCanceller(const std::string& sName, int iRate, double dDelayMs);
+// "ours-N" with algorithm N, "speex", "webrtc". iMicLead: samples by which our loudspeaker's stream is fed
+// behind the microphone's, as in a call whose microphone packets come first; the echo must be later than
+// that.
+std::unique_ptr<EchoCanceller> makeCanceller(const std::string& sName, int iRate, double dDelayMs,
+                                             int iMicLead = 0);
 
 // A whole stream; the output is aligned with the microphone and as long. pcTrace, if not null, gets a line
 // per frame; dSeconds, if not null, the processing time.

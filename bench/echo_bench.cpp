@@ -1,9 +1,10 @@
 // echo_bench: echo cancellers side by side on the same material.
 //
-//   echo_bench [--set NAME] [--only CANCELLER] [--trace FILE] FAR_DIR NEAR_DIR
+//   echo_bench [--set NAME] [--only CANCELLER] [--trace FILE] [--lead SAMPLES] FAR_DIR NEAR_DIR
 //
 // The directories hold 8 kHz WAV files of one talker each. Sets: single, double, change, headset, disturb,
-// drift, cpu, all. A row per canceller and case, then the means.
+// howl, drift, all. A row per canceller and case, then the means. With --lead our microphone's stream is fed
+// ahead of the loudspeaker's, and paths that are shorter than that are left out.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -29,6 +30,7 @@ struct Arguments {
   std::vector<std::string> sDirs;
   double dDelay = 0;
   double dLoss = 0;
+  int iLead = 0;
 };
 
 Arguments arguments;
@@ -111,7 +113,7 @@ double recovery(const Case& scene, const Audio& out, double dFrom, double dTo, d
 }
 
 Audio run(const std::string& sCanceller, const Case& scene, double dDelay, double* pdSeconds = nullptr) {
-  const auto pCanceller = makeCanceller(sCanceller, kRate, dDelay);
+  const auto pCanceller = makeCanceller(sCanceller, kRate, dDelay, arguments.iLead);
   return cancel(*pCanceller, scene.far, scene.mic, kRate, pdSeconds,
                 arguments.sTrace.empty() ? nullptr : arguments.sTrace.c_str());
 }
@@ -122,6 +124,7 @@ void overGrid(Body body) {
   for (const double dDelay : kDelays) {
     for (const double dLoss : kReturnLosses) {
       ++uSeed;
+      if (at(dDelay / 1000) < static_cast<std::size_t>(arguments.iLead)) continue;
       if (arguments.dDelay > 0 && arguments.dDelay != dDelay) continue;
       if (arguments.dLoss > 0 && arguments.dLoss != dLoss) continue;
       body(EchoPath{.dDelayMs = dDelay, .dReturnLossDb = dLoss, .uSeed = uSeed});
@@ -178,7 +181,9 @@ void doubleTalk() {
 void pathChange() {
   for (const double dMoved : {0.0, 15.0, 80.0, -60.0}) {
     overGrid([dMoved](const EchoPath& path) {
-      if (path.dDelayMs + dMoved < 20) return;
+      if (path.dDelayMs + dMoved < 20 ||
+          at((path.dDelayMs + dMoved) / 1000) < static_cast<std::size_t>(arguments.iLead))
+        return;
       Case scene;
       scene.far = talker(0, path.uSeed, 18);
       scene.echo = echoOf(scene.far, path, kRate);
@@ -332,6 +337,8 @@ int main(int argc, char** argv) {
       arguments.sTrace = argv[++i];
     } else if (sWord == "--delay") {
       arguments.dDelay = std::atof(argv[++i]);
+    } else if (sWord == "--lead") {
+      arguments.iLead = std::atoi(argv[++i]);
     } else if (sWord == "--loss") {
       arguments.dLoss = std::atof(argv[++i]);
     } else {

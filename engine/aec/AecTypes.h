@@ -17,6 +17,7 @@
 #include "engine/analysis/Cycle.h"
 #include "engine/EngineUnits.h"
 inline constexpr int kMaxTaps = 512;      // of a filter: 64 ms
+inline constexpr int kRecentHold = 99;    // samples for which a hold's reference amplitude outlives it
 inline constexpr int kNever = -90000000;  // sample time of what has not happened yet
 
 // How an algorithm number is carried out. The low nibble says how the estimate is used, 1 never directly and
@@ -67,7 +68,7 @@ inline constexpr int kFarSilent = 70;  // the cycle passes unchanged
 inline constexpr int kDefault = -10;
 inline constexpr int kEchoLikely = -15;
 inline constexpr int kEcho = -20;
-inline constexpr int kEchoByCoupling = -23;
+inline constexpr int kEchoByCoupling = -23;  // the same, and no louder than the coupling lets expect
 inline constexpr int kHowling = -25;
 inline constexpr int kBelowResidual = -30;
 inline constexpr int kResidualBelowReference = -32;
@@ -85,13 +86,11 @@ struct sAecCycle {
   // Microphone
   std::array<float, kCycleSamples> fMic{};
   int iMicSpread = 1;  // of these samples
-  int iMicAmp1 = 1;    // spread over 1, 2, 4 and 10 cycles
+  int iMicAmp1 = 1;    // spread over 1, 2 and 4 cycles
   int iMicAmp2 = 1;
   int iMicAmp = 1;
-  int iMicAmp10 = 1;
   int iPrevMicAmp1 = 1;
   int iPrevMicAmp = 1;
-  int iSmoothMicAmp = 1;
   int iTracker6 = 0;
   int iTracker7 = 0;
   int iMicStart = -1;  // sample time at which the microphone first carried anything

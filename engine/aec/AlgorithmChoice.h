@@ -12,7 +12,7 @@ class AlgorithmChoice {
   void clean(sAecMode aecMode);
 
   // Once per block of the frequency-domain filter. The proofs tell of either filter that what it cancels is
-  // echo.
+  // echo; of the time-domain filter also that what it leaves is known well enough to judge talk by.
   struct sProofs {
     bool bFrequencyDomain = false;
     bool bTimeDomain = false;

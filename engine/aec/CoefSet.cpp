@@ -14,13 +14,11 @@ void sAecCoefSet::forget() {
   const int iKeptLength = iLength;
   const int iKeptTime = iProcessedTime;
   const int iKeptAdaptations = std::min(iAdaptations, 90);
-  const int iKeptWeight = iWeight;
   *this = sAecCoefSet{};
   iStart = iKeptStart;
   iLength = iKeptLength;
   iProcessedTime = iKeptTime;
   iAdaptations = iKeptAdaptations;
-  iWeight = iKeptWeight;
 }
 
 bool sAecCoefSet::updateCoefsToLatestEchoDelay(int iNewStart, int iNewLength) {
@@ -57,25 +55,35 @@ void sAecCoefSet::estimate(const float* fSpeaker, std::span<float, 16> fEcho) co
 
 float sAecCoefSet::blockUpdateAecCoefs(const float* fSpeaker, std::span<const float, 16> fError, float fMu,
                                        float fPower, const StepProfile& profile) {
-  // c(k) at index length - 1 - k, so that the inner loop runs forward over the loudspeaker samples.
-  std::array<float, kMaxTaps> c;
-  std::fill_n(c.begin(), iLength, 1.0F);
-  for (std::size_t j = 0; j < 16; ++j) {
-    const float e = fError[j];
-    const float* x = fSpeaker + j;
-    for (std::size_t i = 0; i < static_cast<std::size_t>(iLength); ++i) c[i] += x[i] * e;
-  }
+  // Sixteen taps at a time, whose sums stay in registers while the block's sixteen errors pass. The
+  // loudspeaker runs forward and the taps run backward: tap k meets fSpeaker[length - 1 - k + j].
   const float fScale = 0.25F * fMu / (fPower / 4);
-  float fLargest = 0;
-  float fLargestRaw = 0;
-  for (int k = 0; k < iLength; ++k) {
-    const float fRaw = c[static_cast<std::size_t>(iLength - 1 - k)] * fScale;
-    const float fWanted = fRaw * profile[static_cast<std::size_t>(k / kTapsPerWeight)] / 1024;
-    const float fStep = std::clamp(fWanted, -kLargestStep, kLargestStep);
-    fLargestRaw = std::max(fLargestRaw, std::abs(fRaw));
-    fLargest = std::max(fLargest, std::abs(fStep));
-    fTaps[static_cast<std::size_t>(k)] += fStep;
+  lanes::Vector most{};
+  lanes::Vector mostRaw{};
+  for (int k = 0; k < iLength; k += 16) {
+    std::array<lanes::Vector, 4> c;
+    c.fill(lanes::Vector{1, 1, 1, 1});
+    const float* x = fSpeaker + (iLength - 16 - k);
+    for (std::size_t j = 0; j < fError.size(); ++j) {
+      std::array<lanes::Vector, 4> heard;
+      std::memcpy(heard.data(), x + j, sizeof heard);
+      for (std::size_t v = 0; v < c.size(); ++v) c[v] += heard[v] * fError[j];
+    }
+    const float fWeight = profile[static_cast<std::size_t>(k / kTapsPerWeight)] / 1024;
+    float* const pfTap = fTaps.data() + k;
+    for (std::size_t v = 0; v < c.size(); ++v) {
+      const lanes::Vector raw = __builtin_shufflevector(c[3 - v], c[3 - v], 3, 2, 1, 0) * fScale;
+      const lanes::Vector step = lanes::clamped(raw * fWeight, kLargestStep);
+      mostRaw = lanes::larger(mostRaw, lanes::magnitude(raw));
+      most = lanes::larger(most, lanes::magnitude(step));
+      lanes::Vector tap;
+      std::memcpy(&tap, pfTap + 4 * v, sizeof tap);
+      tap += step;
+      std::memcpy(pfTap + 4 * v, &tap, sizeof tap);
+    }
   }
+  const float fLargest = lanes::largest(most);
+  const float fLargestRaw = lanes::largest(mostRaw);
   constexpr float kLargestRawKept = 1e7F;
   iLargestRawStep = std::max(iLargestRawStep, static_cast<int>(std::min(fLargestRaw, kLargestRawKept) * 128));
   return fLargest;
@@ -98,21 +106,31 @@ void sAecCoefSet::recordPeak(int iDelay) {
 
 void sAecCoefSet::updateTapStatistics() {
   const auto magnitude = [&](int k) { return std::abs(fTaps[static_cast<std::size_t>(k)]); };
-  int iPeakTap = 0;
-  float fSum = 0;
-  for (int k = 0; k < iLength; ++k) {
-    fSum += magnitude(k);
-    if (magnitude(k) > magnitude(iPeakTap)) iPeakTap = k;
-  }
-  const float fPeak = magnitude(iPeakTap);
+  const lanes::sSums sums = lanes::magnitudes(fTaps.data(), static_cast<std::size_t>(iLength));
+  const float fPeak = sums.fLargest;
   iPeak = static_cast<int>(std::min(fPeak, 1e9F));
   constexpr int kShortFilter = 300;
-  fSpread = iLength >= kShortFilter ? fPeak * 32 : fPeak > 0 ? fSum / fPeak : 16.0F;
-  if (fPeak > 0) recordPeak(iStart + iPeakTap);
+  fSpread = iLength >= kShortFilter ? fPeak * 32 : fPeak > 0 ? sums.fSum / fPeak : 16.0F;
+  if (fPeak > 0) {
+    int iPeakTap = 0;
+    while (magnitude(iPeakTap) < fPeak) ++iPeakTap;
+    recordPeak(iStart + iPeakTap);
+  }
 
+  countShape(fPeak);
+}
+
+// Groups of taps far below the peak, which are most of them, are passed over at once.
+void sAecCoefSet::countShape(float fPeak) {
+  constexpr int kGroup = 16;
+  const auto magnitude = [&](int k) { return std::abs(fTaps[static_cast<std::size_t>(k)]); };
   iTapsAboveHalf = iHalfCrossings = iOscillations = 0;
   int iDirection = 0;
   for (int k = 0; k < iLength; ++k) {
+    while (k % kGroup == 0 && k < iLength &&
+           16 * lanes::magnitudes(fTaps.data() + k, kGroup).fLargest <= fPeak)
+      k += kGroup;
+    if (k >= iLength) return;
     const float a = magnitude(k);
     const float b = k > 0 ? magnitude(k - 1) : 0;
     if (2 * a > fPeak) {
@@ -131,10 +149,9 @@ void sAecCoefSet::profileByTaps(int iDivisor, StepProfile& profile) const {
   float fLargest = 0;
   const auto uWeights = static_cast<std::size_t>(std::max(1, blocks()));
   profile.fill(0);
-  for (int k = 0; k < iLength; ++k) {
-    const auto uWeight = std::min(static_cast<std::size_t>(k / kTapsPerWeight), profile.size() - 1);
-    profile[uWeight] += std::abs(fTaps[static_cast<std::size_t>(k)]);
-    fLargest = std::max(fLargest, profile[uWeight]);
+  for (std::size_t i = 0; i < uWeights; ++i) {
+    profile[i] = lanes::magnitudes(fTaps.data() + i * kTapsPerWeight, kTapsPerWeight).fSum;
+    fLargest = std::max(fLargest, profile[i]);
   }
   const float fLeast = 1024.0F / static_cast<float>(std::max(1, iDivisor));
   for (std::size_t i = 0; i < profile.size(); ++i) {

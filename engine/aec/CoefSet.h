@@ -42,9 +42,7 @@ struct sAecCoefSet {
   std::array<int, kPeaks> iPeakHistory = noPeaks();
   int iPeakIndex = 0;
   int iPeakDrift = kUnknownPeak;
-  int iWeight = 12800;
   int iLargestRawStep = 0;
-  int iSmoothedRawStep = 0;
 
   [[nodiscard]] int end() const { return iStart + iLength - 1; }
   [[nodiscard]] int blocks() const { return iLength / kTapsPerWeight; }
@@ -84,4 +82,5 @@ struct sAecCoefSet {
     return iNone;
   }
   void recordPeak(int iDelay);
+  void countShape(float fPeak);
 };

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
+#include "engine/aec/LaneTransform.h"
 #include "engine/MyChannel.h"
 
 // ---- Coupling
@@ -35,7 +37,9 @@ void CoarseFilter::decimate(const std::array<float, kCycleSamples>& fIn, float& 
 }
 
 void CoarseFilter::push(const std::array<float, kCycleSamples>& fSpk,
-                        const std::array<float, kCycleSamples>& fMic, bool bBelieve) {
+                        const std::array<float, kCycleSamples>& fMic, bool bBelieve, bool bCalm) {
+  constexpr int kCalmCycles = 4;
+  const bool bAdapt = !bCalm || ++iCycle % kCalmCycles == 0;
   std::array<float, kPerCycle> x;
   std::array<float, kPerCycle> m;
   decimate(fSpk, fSpkMemory, fSpkLast, x);
@@ -48,9 +52,9 @@ void CoarseFilter::push(const std::array<float, kCycleSamples>& fSpk,
     const float fOldest = fHistory[static_cast<std::size_t>(iNewest + iTaps - 1)];
     fHistory[static_cast<std::size_t>(--iNewest)] = x[i];
     dPower += static_cast<double>(x[i]) * x[i] - static_cast<double>(fOldest) * fOldest;
-    adapt(m[i]);
+    if (bAdapt) adapt(m[i]);
   }
-  findPeak(bBelieve);
+  if (bAdapt) findPeak(bBelieve);
 }
 
 // Normalised LMS: w += mu e x / |x|^2.
@@ -87,17 +91,24 @@ void CoarseFilter::findPeak(bool bBelieve) {
   constexpr float kSpkActive = 900;      // mean square at the quarter rate
   if (dPower < static_cast<double>(kSpkActive) * 200) return;
   ++iActive;
-  float fSum = 0;
-  float fLargest = 0;
-  int iLargest = 0;
-  for (int k = 0; k < iTaps; ++k) {
-    const float fPower = fTaps[static_cast<std::size_t>(k)] * fTaps[static_cast<std::size_t>(k)];
-    fSum += fPower;
-    if (fPower > fLargest) {
-      fLargest = fPower;
-      iLargest = k;
+  const auto uTaps = static_cast<std::size_t>(iTaps);
+  std::array<lanes::Vector, 2> sums{};
+  std::array<lanes::Vector, 2> most{};
+  for (std::size_t k = 0; k < uTaps; k += 8) {
+    std::array<lanes::Vector, 2> w;
+    std::memcpy(w.data(), fTaps.data() + k, sizeof w);
+    for (std::size_t v = 0; v < w.size(); ++v) {
+      const lanes::Vector power = w[v] * w[v];
+      sums[v] += power;
+      most[v] = lanes::larger(most[v], power);
     }
   }
+  const float fSum = lanes::sum(sums[0] + sums[1]);
+  const float fLargest = lanes::largest(lanes::larger(most[0], most[1]));
+  int iLargest = 0;
+  while (fLargest > 0 &&
+         fTaps[static_cast<std::size_t>(iLargest)] * fTaps[static_cast<std::size_t>(iLargest)] < fLargest)
+    ++iLargest;
   // While somebody talks at the near end the filter explains nothing, and its peaks mean nothing.
   const bool bStandsOut = bBelieve && fLargest * static_cast<float>(iTaps) > kStandsOut * fSum &&
                           fErrorEnergy < kExplained * fMicEnergy;
@@ -162,7 +173,7 @@ void DelaySearch::compareCycle(const sAecCycle& now, bool bMayCount) {
   std::array<float, kCycleSamples> fMic;
   pHistory->copy(iCompared - span.startSamples(), fSpk);
   std::copy_n(pMic->pInputData->cycleSamples(iCompared), kCycleSamples, fMic.begin());
-  coarse.push(fSpk, fMic, !now.bTalkOverPath);
+  coarse.push(fSpk, fMic, !now.bTalkOverPath, bCalm);
 
   const int iShift = now.anyDoublePath() || bStrongEcho ? 4 : 6;
   const int iChange = iMicAmp - iPrevMicAmp;

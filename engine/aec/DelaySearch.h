@@ -19,9 +19,10 @@ class CoarseFilter {
  public:
   void clean(sEchoSpan span);
   // One cycle of both signals at 8 kHz, the loudspeaker's at the least delay of the span.
-  // bBelieve: what it finds may become the estimate.
+  // bBelieve: what it finds may become the estimate. bCalm: the echo is being cancelled, so that a quarter of
+  // the cycles is enough to notice a reflection that moves.
   void push(const std::array<float, kCycleSamples>& fSpk, const std::array<float, kCycleSamples>& fMic,
-            bool bBelieve);
+            bool bBelieve, bool bCalm);
   // The path seems lost: learns it anew, and keeps the old estimate until there is a better one.
   void relearn();
   // Delay of the strongest reflection in samples, -1 while there is none that stands out.
@@ -54,6 +55,7 @@ class CoarseFilter {
   int iDelay = -1;
   int iUnconfirmed = 0;  // cycles with loudspeaker sound since the estimate was last found again
   int iActive = 0;
+  int iCycle = 0;
 };
 
 class DelaySearch {
@@ -79,7 +81,10 @@ class DelaySearch {
   [[nodiscard]] std::int64_t speakerPower() const { return lSpkPower; }
   // What is loud in the loudspeaker for the present microphone level, by the coupling so far (1/1024).
   void setCoupling(int iCouplingEstimate) { iCoupling = iCouplingEstimate; }
+  // The echo is known and being cancelled: the search may take its time.
+  void setCalm(bool bCancelled) { bCalm = bCancelled; }
   void setStrongEcho(bool bStrong) { bStrongEcho = bStrong; }
+  [[nodiscard]] bool hasStrongEcho() const { return bStrongEcho; }
 
  private:
   static constexpr int kLags = sEchoSpan::kMaxCycles;
@@ -106,6 +111,7 @@ class DelaySearch {
   int iReference = 1;  // microphone level before rises
   int iCoupling = 0;
   bool bStrongEcho = false;
+  bool bCalm = false;
   std::int64_t lSpkPower = 0;
   CoarseFilter coarse;
 

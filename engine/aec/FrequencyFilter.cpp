@@ -22,6 +22,11 @@ constexpr float kPathDrift = 7e-3F;
 // Power of the coupling that is thought possible before anything is known: an echo as loud as its source.
 constexpr float kFirstUncertainty = 1.0F;
 
+// A missed block weighs as much as this many others; beyond so many, 0.4 s of missed blocks or more of one
+// in five, the loudspeaker's stream is late for good.
+constexpr int kMissedWeight = 5;
+constexpr int kMostMissed = 500;
+
 float energy(const float* pfValues, std::size_t uCount) {
   float fSum = 0;
   for (std::size_t i = 0; i < uCount; ++i) fSum += pfValues[i] * pfValues[i];
@@ -48,7 +53,8 @@ void FrequencyFilter::clean(const MyChannel* pMicChannel, SpeakerHistory* pSpeak
   fOther.fill(0);
   iLosses = iPathChanges = 0;
   iBlockEnd = -1;
-  iLeastBulk = 0;
+  iLags.fill(0);
+  iLagBlocks = iMissed = 0;
   bHadEcho = false;  // nothing of an earlier stream is kept
   fEchoGain = 0;
   iPathLost = 0;
@@ -67,7 +73,10 @@ void FrequencyFilter::resetBetas() {
   std::fill_n(fBeta.begin(), iPartitions, kBetaSum / static_cast<float>(iPartitions));
 }
 
-void FrequencyFilter::fd_invalidate_fda() {
+// There is no estimate of this block; unless the weights still hold, there is no result either.
+void FrequencyFilter::fd_invalidate_fda(bool bKeep) {
+  fUsed.fill(0);
+  if (bKeep) return;
   bReady = false;
   fRatio.fill(1.0F);
 }
@@ -109,35 +118,38 @@ void FrequencyFilter::fd_resetFreqDomainAnalysisParams(int iFrom, int iTo) {
   resetBetas();
   for (int k = 0; k < iPartitions; ++k) fd_setSpkrFftData(iBlockEnd, k);
   iHeadToDrop = iTailToDrop = -1;
-  iPeakSteadySamples = 0;
+  iSteadySamples.fill(0);
   if (bKeep) return;
   bHadEcho = false;
   fStep.fill(kFirstStep);
   fUncertainty.fill(kFirstUncertainty);
   present = brief = lasting = sEnergies{};
   iActiveBlocks = iPoorBlocks = iSinceRaise = 0;
-  iPeakDelay = iPreviousPeakDelay = iBulk;
-  fd_invalidate_fda();
+  iPeakDelay = iBulk;
+  iEarlierPeaks.fill(iBulk);
+  fd_invalidate_fda(false);
 }
 
 void FrequencyFilter::recentre(int iDelay) {
   constexpr int kBlocksBefore = 2;
   const int iWanted = std::max(0, iDelay / kBlock - kBlocksBefore) * kBlock;
-  const int iLatest = std::max(span.startSamples(), span.endSamples() - kMinPartitions * kBlock);
-  const int iFrom = std::clamp(std::max(iWanted, iLeastBulk), span.startSamples(), iLatest);
+  const int iFrom = std::clamp(std::max(iWanted, leastBulk()), span.startSamples(), latestBulk());
+  if (iFrom == iBulk) return;  // there is no better place
   fd_resetFreqDomainAnalysisParams(iFrom, std::min(iFrom + kMaxTaps, span.endSamples()) - 1);
-  fd_invalidate_fda();
+  fd_invalidate_fda(false);
 }
 
 // ---- One block
 
-bool FrequencyFilter::run(const sAecCycle& cycle) {
+bool FrequencyFilter::run(const sAecCycle& cycle, float fTimeDomain) {
   if (!supportsRate()) return false;
   const bool bFollows = iBlockEnd + kBlock == cycle.iLast;
   makeRoomForLag(cycle.iLast - cycle.iSpkLast);
   iBlockEnd = cycle.iLast;
+  takeMicrophone(cycle.iFirst);
   if (cycle.iLast - iBulk > cycle.iSpkLast) {
-    fd_invalidate_fda();
+    fd_invalidate_fda(bHadEcho);
+    iMissed += kMissedWeight;
     iBlockEnd = -1;  // the partitions miss this block
     return false;
   }
@@ -146,25 +158,45 @@ bool FrequencyFilter::run(const sAecCycle& cycle) {
   } else {
     for (int k = iPartitions - 1; k >= 0; --k) (void)fd_setSpkrFftData(cycle.iLast, k);
   }
+  iMissed = std::max(0, iMissed - 1);
   if (bHadEcho) bReady = true;
-  takeMicrophone(cycle.iFirst);
   estimateEchoes();
   measureErrors();
   watchPath();
-  fd_checkRollbackAndResetForFreqDomainAnalysis();
+  fd_checkRollbackAndResetForFreqDomainAnalysis(fTimeDomain);
   updateWeights();
   fd_considerBlockRemoval();
   return true;
 }
 
 // The loudspeaker stream may lag behind the microphone's by a packet or more. What has not arrived cannot be
-// in the microphone either, so the range begins beyond the largest lag seen.
+// in the microphone either, so the range begins beyond the largest lag of late. What was so for longer than
+// two windows is over: a gap in the microphone's stream has changed which of them is ahead.
+void FrequencyFilter::noteLag(int iLag) {
+  constexpr int kWindowBlocks = 250;  // 1 s
+  const int iBlocks = (std::max(iLag, 0) + kBlock - 1) / kBlock * kBlock;
+  iLags[0] = std::max(iLags[0], iBlocks);
+  if (++iLagBlocks < kWindowBlocks) return;
+  iLags = {iBlocks, iLags[0]};
+  iLagBlocks = 0;
+}
+
+int FrequencyFilter::leastBulk() const {
+  return std::min(std::max(iLags[0], iLags[1]), latestBulk());
+}
+
+int FrequencyFilter::latestBulk() const {
+  return std::max(span.startSamples(), span.endSamples() - kMinPartitions * kBlock);
+}
+
 void FrequencyFilter::makeRoomForLag(int iLag) {
-  const int iLatest = std::max(span.startSamples(), span.endSamples() - kMinPartitions * kBlock);
-  const int iNeeded = std::min((iLag + kBlock - 1) / kBlock * kBlock, iLatest);
-  iLeastBulk = std::max(iLeastBulk, iNeeded);
-  if (iLeastBulk <= iBulk) return;
-  fd_resetFreqDomainAnalysisParams(iLeastBulk, std::min(iLeastBulk + kMaxTaps, span.endSamples()) - 1);
+  noteLag(iLag);
+  const int iFrom = leastBulk();
+  if (iFrom <= iBulk) return;
+  // What has been learnt of an earlier echo is worth waiting for a packet that is late.
+  if (bHadEcho && iPeakDelay < iFrom && iMissed < kMostMissed) return;
+  iMissed = 0;
+  fd_resetFreqDomainAnalysisParams(iFrom, std::min(iFrom + kMaxTaps, span.endSamples()) - 1);
 }
 
 // Transforms the 64 samples that end k blocks before the bulk delay into partition k; a range that is not in
@@ -193,8 +225,22 @@ void FrequencyFilter::calcIFFTFloatToFloat() {
   lanes::Transform<1>::inverse(uLength, block, blockTime);
 }
 
+// Every block becomes one block older: lane p goes to lane p + 1.
+void FrequencyFilter::agePartitions() {
+  const auto age = [](lanes::Lanes<kVectors>& values) {
+    for (std::size_t v = kVectors - 1; v > 0; --v) {
+      values[v] = __builtin_shufflevector(values[v - 1], values[v], 3, 4, 5, 6);
+    }
+    values[0] = __builtin_shufflevector(lanes::Vector{}, values[0], 3, 4, 5, 6);
+  };
+  for (std::size_t k = 0; k < uBins; ++k) {
+    age(X.re[k]);
+    age(X.im[k]);
+  }
+}
+
 void FrequencyFilter::takeSpeaker(int iCycleEnd) {
-  shiftPartitions(X, -1);
+  agePartitions();
   (void)fd_setSpkrFftData(iCycleEnd, 0);
 }
 
@@ -265,6 +311,10 @@ void FrequencyFilter::measureErrors() {
   }
   const auto ratio = [](const sEnergies& e, Set set) { return std::sqrt(e.fResidual[set] / e.fMic); };
   fRatio = {ratio(brief, kUsed), ratio(lasting, kUsed), ratio(brief, kAdapted), ratio(lasting, kAdapted)};
+}
+
+float FrequencyFilter::presentRatio(Set set) const {
+  return std::sqrt(present.fResidual[set] / present.fMic);
 }
 
 // ---- A change of the path
@@ -348,12 +398,13 @@ void FrequencyFilter::raiseUncertainty(float fLeast) {
   iSinceRaise = 0;
 }
 
-void FrequencyFilter::fd_checkRollbackAndResetForFreqDomainAnalysis() {
+void FrequencyFilter::fd_checkRollbackAndResetForFreqDomainAnalysis(float fTimeDomain) {
   constexpr int kSettleBlocks = 5;     // until the brief energies mean something
   constexpr int kPoorBlocks = 20;      // 80 ms without cancellation: somebody talks, or the path has changed
   constexpr int kRaiseDistance = 100;  // blocks between two searches for a changed path
   constexpr int kRaisedBlocks = 60;    // the adapting set may be bad for so long after a raise
   constexpr float kLeastRaised = 0.05F;
+  constexpr float kFarBelow = 0.5F;  // what the time-domain filter leaves: there is more to be learnt
   if (fSpkPower < kSpeakerTalks || iActiveBlocks < kSettleBlocks) return;
   ++iSinceRaise;
   ++iSinceLoss;
@@ -377,6 +428,11 @@ void FrequencyFilter::fd_checkRollbackAndResetForFreqDomainAnalysis() {
     raiseUncertainty(kLeastRaised);
     lasting.fResidual[kUsed] = lasting.fMic;
     brief.fResidual[kUsed] = brief.fMic;
+    return;
+  }
+  const float fLeft = std::sqrt(l[kUsed] / lasting.fMic);
+  if (bHadEcho && fTimeDomain < kFarBelow * fLeft && iSinceRaise >= kRaiseDistance) {
+    raiseUncertainty(kLeastRaised);
     return;
   }
   if (iPoorBlocks >= kPoorBlocks && bHadEcho && !matches() && iSinceLoss >= kRaiseDistance) {
@@ -474,10 +530,11 @@ void FrequencyFilter::fd_updateBetaValuesFreqDomain(bool bTrack) {
     for (std::size_t v = 0; v < kVectors; ++v) {
       const lanes::Vector re = W[kAdapted].re[k][v];
       const lanes::Vector im = W[kAdapted].im[k][v];
-      sum[v] += re * re + im * im;
+      const lanes::Vector square = re * re + im * im;
+      for (std::size_t l = 0; l < lanes::kPerVector; ++l) sum[v][l] += std::sqrt(square[l]);
     }
   }
-  for (std::size_t p = 0; p < fEnergy.size(); ++p) fEnergy[p] = std::sqrt(lanes::lane(sum, p));
+  for (std::size_t p = 0; p < fEnergy.size(); ++p) fEnergy[p] = lanes::lane(sum, p);
   const auto pLast = fEnergy.begin() + iPartitions;
   const auto iStrongest = static_cast<int>(std::max_element(fEnergy.begin(), pLast) - fEnergy.begin());
   trackPeak(iStrongest);
@@ -507,10 +564,13 @@ void FrequencyFilter::fd_updateBetaValuesFreqDomain(bool bTrack) {
 }
 
 void FrequencyFilter::trackPeak(int iStrongest) {
-  iPreviousPeakDelay = iPeakDelay;
-  iPeakDelay = iBulk + iStrongest * kBlock;
-  const bool bSteady = std::abs(iPeakDelay - iPreviousPeakDelay) <= kBlock;
-  iPeakSteadySamples = bSteady ? iPeakSteadySamples + kBlock : 0;
+  const int iPeak = iBulk + iStrongest * kBlock;
+  for (std::size_t i = 0; i < iEarlierPeaks.size(); ++i) {
+    const bool bSteady = std::abs(iPeak - iEarlierPeaks[i]) <= kBlock;
+    iSteadySamples[i] = bSteady ? iSteadySamples[i] + kBlock : 0;
+  }
+  iEarlierPeaks = {iPeak, iEarlierPeaks[0]};
+  iPeakDelay = iPeak;
 }
 
 // With a steady peak, partitions at the ends that hold next to nothing only slow the others down.
@@ -519,7 +579,8 @@ void FrequencyFilter::findWeakPartitions(const std::array<float, kMaxPartitions>
   constexpr int kMostAtOnce = 2;
   constexpr float kWeak = 1.0F / 40;
   iHeadToDrop = iTailToDrop = -1;
-  if (iPartitions <= kLeastToTrim || iPeakSteadySamples < 800) return;
+  constexpr int kSteady = 800;  // samples
+  if (iPartitions <= kLeastToTrim || std::min(iSteadySamples[0], iSteadySamples[1]) < kSteady) return;
   const float fLimit = kWeak * fEnergy[static_cast<std::size_t>(iStrongest)];
   const auto weak = [&](int p) { return fEnergy[static_cast<std::size_t>(p)] < fLimit; };
   const int iSpare = std::min(kMostAtOnce, iPartitions - kLeastToTrim);

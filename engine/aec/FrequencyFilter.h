@@ -33,20 +33,24 @@ class FrequencyFilter {
   // Ratios of residual to microphone, as amplitudes: the present one and the lasting one, of the used set and
   // of the adapting set. 1.0 means that nothing is cancelled.
   enum Ratio { kUsedNow, kUsedLasting, kAdaptedNow, kAdaptedLasting, kRatios };
+  enum Set { kUsed, kAdapted, kSets };
 
   void clean(const MyChannel* pMicChannel, SpeakerHistory* pSpeaker, sEchoSpan span);
   // Whether the channel's rate has a transform; at other rates the filter never becomes ready.
   [[nodiscard]] bool supportsRate() const;
 
-  // One block: the cycle at hand. False when the loudspeaker's samples for it are missing: there is no
-  // estimate then, and what has been learnt waits for the next block.
-  bool run(const sAecCycle& now);
+  // One block: the cycle at hand. False when the loudspeaker's samples for it are missing: its estimate is 0
+  // then, and what has been learnt waits for the next block.
+  // fTimeDomain: what the time-domain filter leaves of the microphone lately, 1 while it does not run.
+  bool run(const sAecCycle& now, float fTimeDomain);
 
   // Moves the range so that the delay (samples) lies two blocks behind its start.
   void recentre(int iDelay);
   // Whether the result may be used.
   [[nodiscard]] bool isReady() const { return bReady; }
   [[nodiscard]] float ratio(Ratio which) const { return fRatio[which]; }
+  // Of the latest block alone; the ratios above stand still while the loudspeaker is faint.
+  [[nodiscard]] float presentRatio(Set set) const;
   [[nodiscard]] int bulkDelay() const { return iBulk; }
   [[nodiscard]] int partitions() const { return iPartitions; }
   [[nodiscard]] int endDelay() const { return iBulk + iPartitions * kBlock; }
@@ -77,13 +81,16 @@ class FrequencyFilter {
   static constexpr std::size_t kMaxSamples = kBlock * kMaxRateFactor;
   using Spectra = lanes::Spectrum<kVectors>;
   using Bins = std::array<float, lanes::kMaxBins>;
-  enum Set { kUsed, kAdapted, kSets };
 
   // Steps of a block
   void makeRoomForLag(int iLag);
+  void noteLag(int iLag);
+  [[nodiscard]] int leastBulk() const;
+  [[nodiscard]] int latestBulk() const;
   bool fd_setSpkrFftData(int iCycleEnd, int k);
   void calcFFTShortToFloat(std::span<const float> samples);
   void calcIFFTFloatToFloat();
+  void agePartitions();
   void takeSpeaker(int iCycleEnd);
   void takeMicrophone(int iFirst);
   void fd_calcFreqEcho(const Spectra& weights, std::size_t uLane);
@@ -97,7 +104,7 @@ class FrequencyFilter {
   void updateStep(std::size_t k);
   void calcGradient(std::size_t k);
   void constrainGradient();
-  void fd_checkRollbackAndResetForFreqDomainAnalysis();
+  void fd_checkRollbackAndResetForFreqDomainAnalysis(float fTimeDomain);
   // Copies between the sets and what their figures say of them.
   void adopt();
   void rollBack();
@@ -109,7 +116,7 @@ class FrequencyFilter {
   void findWeakPartitions(const std::array<float, kMaxPartitions>& fEnergy, int iStrongest);
   void fd_considerBlockRemoval();
   void fd_resetFreqDomainAnalysisParams(int iFrom, int iTo);
-  void fd_invalidate_fda();
+  void fd_invalidate_fda(bool bKeep);
 
   void shiftPartitions(Spectra& spectra, int iBlocks) const;
   void moveWeights(int iOldBulk, bool bKeep);
@@ -124,7 +131,11 @@ class FrequencyFilter {
   std::size_t uSamples = 32;  // per block, at the channel's rate
 
   int iBulk = 0;
-  int iLeastBulk = 0;  // least bulk delay at which the loudspeaker's samples have always arrived
+  // Largest lag of the loudspeaker's stream, in whole blocks, of the window at hand and of the one before:
+  // the least bulk delay at which its samples have always arrived lately.
+  std::array<int, 2> iLags{};
+  int iLagBlocks = 0;  // in the window at hand
+  int iMissed = 0;     // weighted count of blocks whose samples were late
   int iPartitions = kMaxPartitions;
   bool bReady = false;
   bool bHadEcho = false;  // the used set has cancelled something since its range was placed
@@ -174,8 +185,9 @@ class FrequencyFilter {
   int iPathChanges = 0;  // times the adapting set took over from a used set that had lost the path
 
   int iPeakDelay = 0;
-  int iPreviousPeakDelay = 0;
-  int iPeakSteadySamples = 0;
+  // The two peaks before, the later one first, and for how long the peak has stayed within a block of either.
+  std::array<int, 2> iEarlierPeaks{};
+  std::array<int, 2> iSteadySamples{};
   int iHeadToDrop = -1;
   int iTailToDrop = -1;
 };

@@ -6,9 +6,11 @@
 // .. n/2; inverse is its exact inverse and destroys its input.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <numbers>
 #include <utility>
 
@@ -34,6 +36,43 @@ inline void setLane(Lanes<kVectors>& values, std::size_t l, float fValue) {
 }
 inline float sum(Vector v) {
   return (v[0] + v[1]) + (v[2] + v[3]);
+}
+
+inline float largest(Vector v) {
+  return std::max(std::max(v[0], v[1]), std::max(v[2], v[3]));
+}
+
+inline Vector larger(Vector a, Vector b) {
+  return a > b ? a : b;
+}
+inline Vector magnitude(Vector v) {
+  return larger(v, -v);
+}
+// Within -fLimit .. fLimit.
+inline Vector clamped(Vector v, float fLimit) {
+  const Vector limit = Vector{} + fLimit;
+  return -larger(-larger(v, -limit), -limit);
+}
+
+// Sum and largest of the magnitudes of uCount values, a multiple of 16.
+struct sSums {
+  float fSum = 0;
+  float fLargest = 0;
+};
+inline sSums magnitudes(const float* pfValues, std::size_t uCount) {
+  std::array<Vector, 4> sums{};
+  std::array<Vector, 4> most{};
+  for (std::size_t i = 0; i < uCount; i += 16) {
+    std::array<Vector, 4> x;
+    std::memcpy(x.data(), pfValues + i, sizeof x);
+    for (std::size_t v = 0; v < 4; ++v) {
+      sums[v] += magnitude(x[v]);
+      most[v] = larger(most[v], magnitude(x[v]));
+    }
+  }
+  sSums result{.fSum = sum((sums[0] + sums[1]) + (sums[2] + sums[3]))};
+  for (const Vector& v : most) result.fLargest = std::max(result.fLargest, largest(v));
+  return result;
 }
 
 template <std::size_t kVectors>

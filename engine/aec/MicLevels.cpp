@@ -31,11 +31,9 @@ void MicLevels::measure(sAecCycle& now) const {
   const CycleInformation& cycles = *pChannel->pCycleInformation;
   now.iPrevMicAmp = now.iMicAmp;
   now.iPrevMicAmp1 = now.iMicAmp1;
-  now.iSmoothMicAmp = (now.iSmoothMicAmp * 3 + now.iPrevMicAmp) >> 2;
   now.iMicAmp1 = cycles.calcAmp(now.cycle, 1);
   now.iMicAmp2 = cycles.calcAmp(now.cycle, 2);
   now.iMicAmp = cycles.calcAmp(now.cycle, 4);
-  now.iMicAmp10 = cycles.calcAmp(now.cycle, 10);
   now.iTracker6 = cycles.trackers().immediate(6).spread();
   now.iTracker7 = cycles.trackers().immediate(7).spread();
   if (now.iMicStart < 0 && now.iMicAmp >= kMicStartAmp) now.iMicStart = now.iFirst;

@@ -100,11 +100,14 @@ void MyAEC::measureSpeaker() {
 }
 
 void MyAEC::searchDelay() {
-  const bool bTalk = now.bMicQuiet || now.iTalkScore > 99;
+  const bool bTalk = needsTimeDomain() && (now.bMicQuiet || now.iTalkScore > 99);
   const bool bMayCount =
       iAecMode.hasFrequencyDomain() ? !bTalk && delaySearch.speakerPower() >= 1000 : !bTalk;
   delaySearch.setCoupling(talk.coupling());
   noteStrongEcho();
+  constexpr float kCancelled = 0.35F;  // residual over microphone, 9 dB
+  delaySearch.setCalm(choice.preferred() == kFrequencyDomain && frequencyFilter.matches() &&
+                      frequencyFilter.ratio(FrequencyFilter::kUsedNow) < kCancelled);
   delaySearch.updateEchoDelayParams(now, bMayCount);
   const int iCoupled = delaySearch.coupledDelay();
   now.iEchoDelay = iCoupled >= 0 ? iCoupled : delaySearch.votedDelay();
@@ -141,7 +144,8 @@ bool MyAEC::isFarSilent(int iFromDelay, int iToDelay) const {
 
 void MyAEC::performTimeDomainAnalysis() {
   const sAecCoefSet& active = timeFilter.set(TimeDomainFilter::kActive);
-  breathing.checkBreathingVoiceInSpeaker(now, speaker, now.iFirst - active.end(), now.iLast - active.iStart);
+  breathing.checkBreathingVoiceInSpeaker(now, speaker, now.iFirst - active.end(),
+                                         std::min(now.iLast - active.iStart, now.iSpkLast));
   // Before the echo is found it may be anywhere.
   const bool bFound = timeResidual.hasSeenEcho() || delaySearch.coupledDelay() >= 0;
   const bool bSilent = bFound ? isFarSilent(active.iStart, active.end())
@@ -163,7 +167,9 @@ void MyAEC::performTimeDomainAnalysis() {
 void MyAEC::performFrequencyDomainAnalysis() {
   if ((now.iLast + 1) % FrequencyFilter::kBlock != 0 || !frequencyFilter.supportsRate()) return;
   considerRecentring();
-  const bool bRan = frequencyFilter.run(now);
+  const sAecCoefSet& active = timeFilter.set(TimeDomainFilter::kActive);
+  const float fTimeDomain = needsTimeDomain() ? static_cast<float>(active.r[1]) / 1000 : 1.0F;
+  const bool bRan = frequencyFilter.run(now, fTimeDomain);
   now.bPathLost = frequencyFilter.isPathLost();
   now.bTalkOverPath = frequencyFilter.isTalkOverKnownPath();
   if (frequencyFilter.losses() != iLosses) {
@@ -183,9 +189,9 @@ void MyAEC::performFrequencyDomainAnalysis() {
                              !bSilent);
   }
   talk.checkFrequencyDomainTalk(now, frequencyResidual, bSilent);
-  choice.chooseBestAecAlgorithm(now, frequencyFilter, timeFilter.set(TimeDomainFilter::kActive),
-                                levels.trackedPower(),
-                                {frequencyResidual.hasSeenEcho(), timeResidual.hasSeenEcho()});
+  choice.chooseBestAecAlgorithm(
+      now, frequencyFilter, active, levels.trackedPower(),
+      {frequencyResidual.hasSeenEcho(), timeResidual.hasSeenEcho() && !timeResidual.isLearning()});
 }
 
 // The range follows the estimate when it cancels next to nothing and the estimate lies outside it.
@@ -194,8 +200,8 @@ void MyAEC::considerRecentring() {
   constexpr int kDistance = 2000;
   constexpr int kTail = 4 * FrequencyFilter::kBlock;
   if (now.iEchoDelay < 0 || now.iLast - iLastRecentring < kDistance) return;
-  const bool bOutside =
-      !frequencyFilter.covers(now.iEchoDelay) || !frequencyFilter.covers(now.iEchoDelay + kTail);
+  const bool bOutside = !frequencyFilter.covers(now.iEchoDelay) ||
+                        !frequencyFilter.covers(std::min(now.iEchoDelay + kTail, echoSpan.endSamples() - 1));
   const bool bLost = frequencyFilter.ratio(kUsedLasting) > 1.1F;
   if (!bLost && !(bOutside && frequencyFilter.ratio(kUsedLasting) > 0.7F)) return;
   if (frequencyFilter.matches() || now.bTalkOverPath) return;
@@ -206,14 +212,14 @@ void MyAEC::considerRecentring() {
 // ---- Guards
 
 void MyAEC::updateBurst() {
-  using enum FrequencyFilter::Ratio;
   const sAecCoefSet& active = timeFilter.set(TimeDomainFilter::kActive);
   const bool bQuickRise = now.iRiseRatio >= 128 && (now.iTalkScore == score::kFarSilent ||
                                                     now.iTalkScore == score::kFarSilentNearActive);
   const bool bBeyondFilter = active.iPeakDrift <= 32 && now.bStablePath && active.r[0] > 900 &&
                              active.r[2] > 900 && active.r[1] < 400 && active.r[3] < 400;
-  const bool bBothPoor = !iAecMode.hasFrequencyDomain() || (frequencyFilter.ratio(kUsedNow) >= 0.7F &&
-                                                            frequencyFilter.ratio(kAdaptedNow) >= 0.7F);
+  const bool bBothPoor =
+      !iAecMode.hasFrequencyDomain() || (frequencyFilter.presentRatio(FrequencyFilter::kUsed) >= 0.7F &&
+                                         frequencyFilter.presentRatio(FrequencyFilter::kAdapted) >= 0.7F);
   now.bLoudBurst =
       bQuickRise && (now.bMicAboveEcho || bBeyondFilter) && bBothPoor && !now.bDoublePath2 && !now.bMicQuiet;
 }

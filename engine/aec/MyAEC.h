@@ -61,6 +61,7 @@ class MyAEC {
   [[nodiscard]] sEchoSpan span() const { return echoSpan; }
   [[nodiscard]] const sAecCycle& cycle() const { return now; }
   [[nodiscard]] const TimeDomainFilter& timeDomain() const { return timeFilter; }
+  [[nodiscard]] const DelaySearch& delays() const { return delaySearch; }
   [[nodiscard]] const FrequencyFilter& frequencyDomain() const { return frequencyFilter; }
   [[nodiscard]] const SupressionHistory& supression() const { return history; }
   [[nodiscard]] int preferredAlgorithm() const { return choice.preferred(); }

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr int kAudibleSpeaker = 31;  // spread of the loudspeaker cycle
+constexpr int kAudibleSpeaker = 31;  // spread of what the loudspeaker played for the cycle
 constexpr int kAudibleSpan = 199;    // of the active set's span
 constexpr int kLowEcho = 16;         // 1/1024 of the microphone: 36 dB below it
 constexpr int kStaysLowEcho = 31;
@@ -63,7 +63,7 @@ void MyAEC::measureEchoLevel() {
 void MyAEC::writeTimeDomainEcho() {
   const sAecCoefSet& active = timeFilter.set(TimeDomainFilter::kActive);
   const bool bUsed = timeResidual.hasSeenEcho() && isAecDataNeeded(now.cycle) &&
-                     now.iSpkReachAmp > kAudibleSpeaker && !now.bRestarted && !now.bMicAboveEcho &&
+                     now.iSpkAmp > kAudibleSpeaker && !now.bRestarted && !now.bMicAboveEcho &&
                      active.iSpeakerLevel > kAudibleSpan;
   if (!bUsed) {
     bEchoOutputActive = false;

@@ -4,7 +4,6 @@
 
 namespace {
 
-constexpr int kRecentHold = 99;  // samples for which a hold's reference amplitude outlives the hold
 constexpr int kUnityRise = 16;
 constexpr int kLargeRise = 32;  // twice the running average
 

@@ -56,12 +56,15 @@ float TalkDetector::threshold(const sAecCycle& now) const {
   return std::max(fThreshold * (now.bDoublePath3 ? 0.75F : 1.0F), kLeast);
 }
 
-// What is louder than the loudest echo ever seen at this loudspeaker level is talk. 0: nothing can be said.
+// Loudest echo ever seen at this loudspeaker level.
+float TalkDetector::expectedEcho(const sAecCycle& now) const {
+  return static_cast<float>(now.iSpkReachAmp) * static_cast<float>(iCoupling) / kUnityCoupling;
+}
+
+// What is louder than that is talk. 0: nothing can be said.
 int TalkDetector::scoreOfCoupling(const sAecCycle& now) const {
   if (iCoupling == 0 || now.bWeak) return 0;
-  const float fExpected =
-      static_cast<float>(now.iSpkReachAmp) * static_cast<float>(iCoupling) / kUnityCoupling;
-  const float fRatio = static_cast<float>(now.iMicAmp) / std::max(1.0F, fExpected * threshold(now));
+  const float fRatio = static_cast<float>(now.iMicAmp) / std::max(1.0F, expectedEcho(now) * threshold(now));
   return fRatio > 2.0F   ? score::kTwiceTheEcho
          : fRatio > 1.7F ? score::kWellAboveEcho
          : fRatio > 1.5F ? score::kAboveEcho
@@ -78,7 +81,10 @@ int TalkDetector::scoreOfResidual(float fEvidence, const ResidualModel& residual
   // Nothing beyond the expectation: the surer the filter, the lower the score.
   if (fEvidence > 0.8F * fLimit) return score::kDefault;
   if (fEvidence > 0.5F * fLimit) return score::kEchoLikely;
-  if (residual.isLearning()) return score::kEcho;
+  if (residual.isLearning()) {
+    const bool bBelow = iCoupling > 0 && static_cast<float>(now.iMicAmp) < expectedEcho(now);
+    return bBelow ? score::kEchoByCoupling : score::kEcho;
+  }
   return residual.remaining() < 0.25F ? score::kEchoCertain : score::kResidualBelowReference;
 }
 
@@ -154,7 +160,7 @@ void TalkDetector::updateTalkHold(sAecCycle& now) {
   const int s = now.iTalkScore;
   iTalkAmp = s < 1 ? 0 : std::max(iTalkAmp, now.iMicAmp1);
   if (s < 1) {
-    if (now.iFirst > now.iTalkHoldEnd) now.iTalkHoldAmp = 0;
+    if (now.iFirst - now.iTalkHoldEnd > kRecentHold) now.iTalkHoldAmp = 0;
     return;
   }
   now.iTalkHoldAmp = std::max(now.iTalkHoldAmp, iTalkAmp);
@@ -198,7 +204,7 @@ void TalkDetector::checkFrequencyDomainTalk(sAecCycle& now, const ResidualModel&
     now.iFdHoldEnd = std::max(now.iFdHoldEnd, now.iFirst + iHold);
     now.iFdHoldAmp = std::max(now.iFdHoldAmp, now.iMicAmp1);
   } else if (now.iFirst > now.iFdHoldEnd) {
-    now.iFdHoldAmp = 0;
+    if (now.iFirst - now.iFdHoldEnd > kRecentHold) now.iFdHoldAmp = 0;
   } else if (!now.bHowling) {
     now.bFdNearEndTalk = true;
   }

@@ -29,6 +29,7 @@ class TalkDetector {
   [[nodiscard]] int scoreOf(const sAecCycle& now, const ResidualModel& residual, bool bFarSilent) const;
   [[nodiscard]] int scoreOfResidual(float fEvidence, const ResidualModel& residual,
                                     const sAecCycle& now) const;
+  [[nodiscard]] float expectedEcho(const sAecCycle& now) const;
   [[nodiscard]] int scoreOfCoupling(const sAecCycle& now) const;
   [[nodiscard]] float threshold(const sAecCycle& now) const;
   void updateCoupling(const sAecCycle& now, bool bFilterGood, const ResidualModel& residual);

@@ -31,9 +31,9 @@ void TimeDomainFilter::clean(SpeakerHistory* pSpeaker, DelaySearch* pDelaySearch
   mode = aecMode;
   for (sAecCoefSet& set : asCoefSet) {
     set.iStart = span.startSamples();
-    set.iLength = std::min(span.cycles() * kCycleSamples, kMaxTaps);
+    set.iLength = fullLength();
   }
-  bSearching = span.cycles() * kCycleSamples > kMaxTaps;
+  bSearching = span.cycles() * kCycleSamples > fullLength();
   iRangeStart = span.startSamples();
   iRangeEnd = iRangeStart + std::min(span.cycles() * kCycleSamples / 2, kMaxTaps);
 }
@@ -48,9 +48,10 @@ void TimeDomainFilter::performTimeDomainAnalysis(sAecCycle& now, bool bAdapt) {
     iSinceRecord = 0;
   }
   // A near-end talker alone says nothing about the filter: cycles without loudspeaker sound are not counted.
-  if (runSets(now, bAdapt)) countCycle(now, bAdapt);
+  const bool bRan = runSets(now, bAdapt);
+  if (bRan) countCycle(now, bAdapt);
   controlStepSize(now);
-  compareTestSets(now);
+  if (bRan) compareTestSets(now);
   considerMove(now);
   stepAlternative(now);
   prepareBckpCoeffs(now, kActive);
@@ -82,7 +83,8 @@ bool TimeDomainFilter::runSets(sAecCycle& now, bool bAdapt) {
   const bool bRan = calcEchoAndConverge(now, kTest, bAdapt);
   calcEchoAndConverge(now, kActive, false);
   const sAecCoefSet& alternative = set(kAlternative);
-  const bool bApart = std::abs(alternative.iStart - set(kTest).iStart) >= kTapsPerWeight;
+  const int iPeak = set(kTest).newestPeak();
+  const bool bApart = iPeak < alternative.iStart || iPeak > alternative.end();
   const bool bPoor = alternative.r[3] > 599;
   if (now.iSpkReachAmp > kSpkForAlternative && (bApart || bPoor)) {
     calcEchoAndConverge(now, kAlternative, bAdapt);
@@ -106,7 +108,7 @@ bool TimeDomainFilter::calcEchoAndConverge(sAecCycle& now, int iSet, bool bAdapt
   if (bAudible) runBlocks(now, s, bAdapt, signals);
   measureResidual(s, signals.e);
   if (iSet == kActive) fEstimate = signals.y;
-  if (bAudible) updateQuality(now, s, s.iResidual[0]);
+  updateQuality(now, s, s.iResidual[0], bAudible);
   return bAudible;
 }
 
@@ -130,8 +132,6 @@ void TimeDomainFilter::runBlocks(const sAecCycle& now, sAecCoefSet& s, bool bAda
   if (!bAdapt) return;
   ++s.iAdaptations;
   s.updateTapStatistics();
-  s.iSmoothedRawStep =
-      static_cast<int>((std::int64_t{5} * s.iLargestRawStep + std::int64_t{995} * s.iSmoothedRawStep) / 1000);
 }
 
 void TimeDomainFilter::measureResidual(sAecCoefSet& s, const std::array<float, kCycleSamples>& e) {
@@ -146,11 +146,14 @@ void TimeDomainFilter::measureResidual(sAecCoefSet& s, const std::array<float, k
   iSmallestResidual = std::min(iSmallestResidual, s.iResidualSpread);
 }
 
-void TimeDomainFilter::updateQuality(const sAecCycle& now, sAecCoefSet& s, int iMeanError) {
+// While the loudspeaker is silent in the set's span, the present figures say what the microphone holds, and
+// the lasting ones stand still.
+void TimeDomainFilter::updateQuality(const sAecCycle& now, sAecCoefSet& s, int iMeanError, bool bAudible) {
   const bool bWorse = s.iResidualSpread >= now.iMicSpread && now.iMicSpread <= 500;
   const int iDivisor = bWorse ? std::min(now.iMicSpread + 150, 500) : now.iMicSpread;
   s.r[0] = perMille(s.iResidualSpread, iDivisor);
   s.r[2] = perMille(iMeanError, iReferenceLevel);
+  if (!bAudible) return;
   int p = now.bMicQuiet ? 1 : 5;
   if (!now.bMicQuiet && now.iSpkAmp > 4000 && now.iSpkAmp > 2 * now.iSpkAverageAmp) {
     constexpr int kLargestRatio = 3;  // whose square is beyond the largest step already

@@ -78,7 +78,7 @@ class TimeDomainFilter {
   void runBlocks(const sAecCycle& now, sAecCoefSet& set, bool bAdapt, sSignals& signals);
   void measureResidual(sAecCoefSet& set, const std::array<float, kCycleSamples>& e);
   void calcStepProfile(const sAecCycle& now, const sAecCoefSet& set);
-  void updateQuality(const sAecCycle& now, sAecCoefSet& set, int iMeanError);
+  void updateQuality(const sAecCycle& now, sAecCoefSet& set, int iMeanError, bool bAudible);
   void updateReference(const sAecCycle& now);
   void countCycle(const sAecCycle& now, bool bAdapted);
   void controlStepSize(const sAecCycle& now);
@@ -90,13 +90,13 @@ class TimeDomainFilter {
   void td_updateEchoPath(int iFrom, int iTo);
   void prepareBckpCoeffs(sAecCycle& now, int iSet);
   void storeBackup();
-  void rollbackToBestCoeffs(sAecCycle& now, int iReason);
+  void rollbackToBestCoeffs(sAecCycle& now);
   void td_checkRollbackAndReset(sAecCycle& now);
   void restart(sAecCycle& now);
   // Delay
   void updateDelayNLengthUsingEchoDelay(sAecCycle& now, bool bAlternativeOnly);
+  void followEstimate(const sAecCycle& now);
   void considerMove(sAecCycle& now);
-  void placeAlternative(int iDelay);
   void stepAlternative(const sAecCycle& now);
   void recomputeRange(const sAecCycle& now);
   [[nodiscard]] int recentPeakSpread(const sAecCycle& now) const;
@@ -104,6 +104,8 @@ class TimeDomainFilter {
   void expirePath(sAecCycle& now);
   void forgetPath(sAecCycle& now);
   [[nodiscard]] int placementFor(int iDelay) const;
+  // What a set is given to search with: a narrowed one would miss the longer room of another path.
+  [[nodiscard]] int fullLength() const { return std::min(span.cycles() * kCycleSamples, kMaxTaps); }
 
   SpeakerHistory* pHistory = nullptr;
   DelaySearch* pSearch = nullptr;
@@ -126,6 +128,8 @@ class TimeDomainFilter {
   bool bSearching = false;
   bool bStepping = false;  // set 7 steps through the delay range
   int iLastMove = kNever;
+  int iEstimate = -1;  // of the delay, as long as it stays the same
+  int iEstimateSince = kNever;
   int iLastRestart = kNever;
   int iTestStart = 0;   // sample time at which set 7's test began
   int iTest6Start = 0;  // the same for set 6

@@ -8,6 +8,9 @@
 
 namespace {
 
+constexpr int kMatureTest = 800;  // samples after which set 7 is also held against the active set
+constexpr int kMatureStepTest = 8800;
+constexpr int kMoreWithPower = 640;   // with processor power to spare
 constexpr int kLeastStepTest = 4000;  // the same while set 7 steps through the delay range
 constexpr int kLeastTest = 320;       // samples a test set needs to show what it can
 constexpr int kStableWithin = 29;     // samples
@@ -54,7 +57,8 @@ void TimeDomainFilter::compareTestSets(sAecCycle& now) {
   if (iAge < (bStepping ? kLeastStepTest : kLeastTest)) return;
   const bool bBeatsTest = td_isCoef2BetterThanCoef1OnTst(kTest, kAlternative, now.bDoublePath);
   const sAecCoefSet& alternative = set(kAlternative);
-  const int iMature = (bStepping ? 8800 : 800) + (Glob::iCPUPower != 0 ? 640 : 0);
+  const int iMature =
+      (bStepping ? kMatureStepTest : kMatureTest) + (Glob::iCPUPower != 0 ? kMoreWithPower : 0);
   const bool bBeatsActive = iAge > iMature && alternative.r[0] + 10 < active.r[0] &&
                             alternative.r[1] + 20 < active.r[1] && alternative.r[2] + 20 < active.r[2] &&
                             alternative.r[3] + 70 < active.r[3];
@@ -85,19 +89,15 @@ void TimeDomainFilter::narrowAlternative(const sAecCycle& now) {
 // A filter begins a little before the delay it is meant for.
 int TimeDomainFilter::placementFor(int iDelay) const {
   constexpr int kBefore = 96;
-  const int iLength = set(kTest).iLength;
-  const int iLatest = std::max(span.startSamples(), span.endSamples() - iLength);
+  const int iLatest = std::max(span.startSamples(), span.endSamples() - fullLength());
   return std::clamp(iDelay - kBefore, span.startSamples(), iLatest);
-}
-
-void TimeDomainFilter::placeAlternative(int iDelay) {
-  set(kAlternative).updateCoefsToLatestEchoDelay(placementFor(iDelay), set(kAlternative).iLength);
 }
 
 // Where nothing says where the echo is, set 7 tries one placement after the other: the whole span while the
 // path has never been found, later the range in which it has lain.
 void TimeDomainFilter::stepAlternative(const sAecCycle& now) {
-  constexpr int kStepTest = 8000;  // samples with loudspeaker sound
+  // Samples with loudspeaker sound: some more than it takes to be held against the active set.
+  constexpr int kStepTest = kMatureStepTest + kMoreWithPower + kLeastTest;
   if (pSearch->coupledDelay() >= 0 || set(kActive).isGood()) {
     bStepping = false;
     return;
@@ -107,29 +107,39 @@ void TimeDomainFilter::stepAlternative(const sAecCycle& now) {
   sAecCoefSet& s = set(kAlternative);
   const int iFrom = bSearching ? span.startSamples() : iRangeStart;
   const int iTo = bSearching ? span.endSamples() : iRangeEnd + 1;
-  const int iNext = s.iStart + s.iLength / 2;
-  const int iLatest = std::max(iFrom, std::min(iTo, span.endSamples()) - s.iLength);
-  (void)s.updateCoefsToLatestEchoDelay(s.iStart >= iLatest ? iFrom : std::clamp(iNext, iFrom, iLatest),
-                                       s.iLength);
+  const int iNext = s.iStart + fullLength() / 2;
+  const int iLatest = std::max(iFrom, std::min(iTo, span.endSamples()) - fullLength());
+  const int iLast = std::max(span.startSamples(), span.endSamples() - fullLength());
+  const int iStart = s.iStart >= iLatest ? iFrom : std::clamp(iNext, iFrom, iLatest);
+  (void)s.updateCoefsToLatestEchoDelay(std::min(iStart, iLast), fullLength());
   iTestStart = now.iLast;
+}
+
+// Since when the estimate of the delay has been the same.
+void TimeDomainFilter::followEstimate(const sAecCycle& now) {
+  const int iNow = pSearch->coupledDelay() >= 0 ? pSearch->coupledDelay() : pSearch->votedDelay();
+  if (std::abs(iNow - iEstimate) <= kStableWithin) return;
+  iEstimate = iNow;
+  iEstimateSince = now.iLast;
 }
 
 void TimeDomainFilter::considerMove(sAecCycle& now) {
   constexpr int kMoveDistance = 2000;
   constexpr int kEvents = 90;
   constexpr int kStableSamples = 40000;
+  constexpr int kVotes = 11;
+  constexpr int kVotesBesideStrongEcho = 26;
+  followEstimate(now);
   if (now.iLast - iLastMove <= kMoveDistance || now.bTalkOverPath) return;
   const sAecCoefSet& active = set(kActive);
-  const int iCoupled = pSearch->coupledDelay();
-  const bool bVoted = pSearch->events() > kEvents && pSearch->events() % 5 == 0 &&
-                      pSearch->bestVotes() >= (now.iLast - iLastMove < kStableSamples ? 11 : 26);
+  const int iVotes = pSearch->hasStrongEcho() ? kVotesBesideStrongEcho : kVotes;
+  const bool bVoted =
+      pSearch->events() > kEvents && pSearch->events() % 5 == 0 && pSearch->bestVotes() >= iVotes;
+  if (pSearch->coupledDelay() < 0 && !bVoted) return;
   const bool bMayMove =
       mode.hasFrequencyDomain() ? now.bFilterLost : active.iGoodUpdates <= 99 || active.r[3] > 900;
-  if (bMayMove) {
-    if (iCoupled >= 0 || bVoted) updateDelayNLengthUsingEchoDelay(now, false);
-  } else if (bVoted || iCoupled >= 0) {
-    updateDelayNLengthUsingEchoDelay(now, true);
-  }
+  const bool bStable = Glob::iCPUPower != 0 && now.iLast - iEstimateSince > kStableSamples;
+  if (bMayMove || bStable) updateDelayNLengthUsingEchoDelay(now, !bMayMove);
 }
 
 // Moves the candidates to the estimate. What works stays: with bAlternativeOnly, or while the main test set
@@ -138,23 +148,20 @@ void TimeDomainFilter::updateDelayNLengthUsingEchoDelay(sAecCycle& now, bool bAl
   constexpr int kMargin = 64;
   const int iDelay = pSearch->coupledDelay() >= 0 ? pSearch->coupledDelay() : pSearch->votedDelay();
   if (iDelay < 0) return;
-  const auto covers = [&](const sAecCoefSet& s) { return iDelay >= s.iStart && iDelay + kMargin <= s.end(); };
-  if (covers(set(kTest)) && covers(set(kActive))) return;
-  if (!covers(set(kAlternative))) {
-    placeAlternative(iDelay);
-    iTestStart = now.iLast;
-  }
-  if (!bAlternativeOnly) {
-    const int iStart = placementFor(iDelay);
-    for (const int i : {static_cast<int>(kTest), static_cast<int>(kActive)}) {
-      if (covers(set(i))) continue;
-      set(i).updateCoefsToLatestEchoDelay(iStart, set(i).iLength);
-      pSearch->initDelaynLengthCoeffCounters();  // the votes have been followed
-    }
-    iTest6Start = now.iLast;
-    bSearching = false;
-  }
-  iLastMove = now.iLast;
+  const auto covers = [&](int i) { return iDelay >= set(i).iStart && iDelay + kMargin <= set(i).end(); };
+  if (covers(kTest) && covers(kActive)) return;
+  const auto place = [&](int i) {
+    if (covers(i)) return false;
+    iLastMove = now.iLast;
+    return set(i).updateCoefsToLatestEchoDelay(placementFor(iDelay), fullLength());
+  };
+  if (place(kAlternative)) iTestStart = now.iLast;
+  if (bAlternativeOnly) return;
+  // The votes have been followed.
+  if (place(kTest)) pSearch->initDelaynLengthCoeffCounters();
+  if (place(kActive)) pSearch->initDelaynLengthCoeffCounters();
+  iTest6Start = now.iLast;
+  bSearching = false;
 }
 
 // ---- What is remembered
@@ -261,7 +268,6 @@ void TimeDomainFilter::prepareBckpCoeffs(sAecCycle& now, int iSet) {
   if (!s.isGood() || now.iLast - iLastBackupTime < kBackupDistance) return;
   if (now.bMicQuiet && s.iPeakDrift > 50) return;
   if (8 * s.iPeak > 9 * iEchoPeak && iEchoPeak > 0 && now.iLast - iLastRestart < kBackupDistance) return;
-  s.iWeight = now.bDoublePath2 ? -1 : (s.iPeak * 128 + s.iWeight) / 2;
   if (s.iGoodUpdates > 100) iEchoPeak = std::max(iEchoPeak, s.iPeak);
   if (s.iGoodUpdates > 200) {
     const auto away = [&](int i) {
@@ -279,7 +285,7 @@ void TimeDomainFilter::prepareBckpCoeffs(sAecCycle& now, int iSet) {
 
 // ---- Failure
 
-void TimeDomainFilter::rollbackToBestCoeffs(sAecCycle& now, int /*iReason*/) {
+void TimeDomainFilter::rollbackToBestCoeffs(sAecCycle& now) {
   int iBest = -1;
   for (int i = kFirstBackup; i <= kLastBackup; ++i) {
     if (set(i).iPeak > 0 && (iBest < 0 || set(i).r[3] < set(iBest).r[3])) iBest = i;
@@ -297,7 +303,6 @@ void TimeDomainFilter::td_checkRollbackAndReset(sAecCycle& now) {
   constexpr int kPoorFigure = 1000;
   constexpr int kPoorForRollback = 50;  // cycles: 200 ms with more residual than echo
   constexpr int kPoorForRestart = 250;
-  constexpr int kReason = 190;
   const sAecCoefSet& active = set(kActive);
   const bool bHeard = active.iSpeakerLevel >= kSpeakerHeard && !now.bMicQuiet && !now.bHowling;
   if (bHeard) {
@@ -313,7 +318,7 @@ void TimeDomainFilter::td_checkRollbackAndReset(sAecCycle& now) {
   if (iLongPoorCycles >= kPoorForRestart) {
     restart(now);
   } else if (!bRolledBack && (bDiverges || iPoorCycles >= kPoorForRollback)) {
-    rollbackToBestCoeffs(now, kReason);
+    rollbackToBestCoeffs(now);
   }
 }
 
@@ -321,6 +326,8 @@ void TimeDomainFilter::restart(sAecCycle& now) {
   for (sAecCoefSet& s : asCoefSet) {
     s.forget();
     s.iAdaptations = 0;
+    s.iLength = fullLength();
+    s.iStart = std::min(s.iStart, span.endSamples() - s.iLength);
   }
   pSearch->initDelaynLengthCoeffCounters();
   iPoorCycles = iLongPoorCycles = 0;

@@ -186,18 +186,36 @@ TEST_F(EchoTest, ANearEndTalkerAloneIsNoSignOfDivergence) {
   EXPECT_EQ(aec().timeDomain().set(TimeDomainFilter::kTest).fTaps, fTaps);
 }
 
-TEST_F(EchoTest, ALateLoudspeakerPacketDoesNotEndTheFrequencyDomainFilter) {
-  const Samples far = syllables(32000, 2500, 11);
+TEST_F(EchoTest, ALateLoudspeakerNeitherEndsTheFrequencyDomainFilterNorKeepsItFromEarlyEcho) {
+  struct sRow {
+    std::size_t uLateFrom, uLateTo;  // the microphone's stream is ahead by iLead meanwhile
+    int iLead;
+    std::size_t uCancelledFrom;
+  };
+  const Samples far = syllables(44000, 2500, 11);
   const Samples echo = mixed(echoOf(far, 200, 0.3), gaussianNoise(far.size(), 5, 12));
-  start(echoInit(7));
-  (void)feed(far, echo, 0, 20000);
-  ASSERT_EQ(aec().preferredAlgorithm(), kFrequencyDomain);
-  (void)feed(far, echo, 20000, 20160, 160);
-  const Samples out = feed(far, echo, 20160, 32000);
-  EXPECT_EQ(aec().preferredAlgorithm(), kFrequencyDomain);
-  EXPECT_TRUE(aec().frequencyDomain().isReady());
-  const Samples heard(echo.begin() + 20160, echo.end());
-  EXPECT_GT(erle(heard, out, 2000), 30);
+  for (const auto& [uLateFrom, uLateTo, iLead, uCancelledFrom] :
+       {sRow{20000, 20160, 160, 22016}, {20000, 20480, 448, 22016}, {0, 8000, 448, 34016}}) {
+    start(echoInit(7));
+    (void)feed(far, echo, 0, uLateFrom);
+    const int iBefore = uLateFrom > 0 ? aec().preferredAlgorithm() : kTimeDomain;
+    (void)feed(far, echo, uLateFrom, uLateTo, iLead);
+    EXPECT_EQ(aec().preferredAlgorithm(), iBefore) << "missed blocks cost only themselves";
+    (void)feed(far, echo, uLateTo, uCancelledFrom);
+    EXPECT_EQ(aec().preferredAlgorithm(), kFrequencyDomain) << iLead;
+    EXPECT_TRUE(aec().frequencyDomain().isReady());
+    const Samples out = feed(far, echo, uCancelledFrom, far.size());
+    const Samples heard(echo.begin() + static_cast<std::ptrdiff_t>(uCancelledFrom), echo.end());
+    EXPECT_GT(erle(heard, out, 0), 30) << iLead;
+  }
+}
+
+TEST_F(EchoTest, AMutedPhoneDoesNotBuryTheVotesOfItsDelay) {
+  const Samples far = syllables(144000, 2500, 16);
+  Samples micSamples = echoOf(far, 300, 0.5);
+  std::fill(micSamples.begin(), micSamples.begin() + 96000, 0);
+  (void)cancel(far, micSamples, echoInit(1));
+  EXPECT_NEAR(aec().delays().votedDelay(), 300, 64);
 }
 
 TEST_F(EchoTest, APathThatMovesIsNoLongerCalledStable) {
