@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <limits>
 #include <span>
 
 #include "engine/analysis/Cycle.h"
@@ -25,8 +26,9 @@ struct sOverlap {
   void restart() { iSumTime = -1; }
 
   ZeroedArray<double> pdSum;
-  int iSumTime = -1;    // sample time of pdSum[0]; -1 before a run
-  int iNextFrame = -1;  // sample time at which the next frame starts
+  int iSumTime = -1;                                 // sample time of pdSum[0]; -1 before a run
+  int iNextFrame = -1;                               // sample time at which the next frame starts
+  int iLastFrame = std::numeric_limits<int>::max();  // none starts later
 };
 
 class OutputData {

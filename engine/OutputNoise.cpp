@@ -171,7 +171,8 @@ void OutputData::calcFrames(sOverlap& run, int iFrom, sSpectralNoiseType& estima
     run.iNextFrame = iFrom - iFrame / 2;
   }
   run.iSumTime = iFrom;
-  for (; run.iNextFrame < iFrom + kCycleSamples; run.iNextFrame += iFrame / 2) {
+  const int iEnd = static_cast<int>(std::min<long>(iFrom + kCycleSamples, run.iLastFrame + 1L));
+  for (; run.iNextFrame < iEnd; run.iNextFrame += iFrame / 2) {
     calcFrame(run, run.iNextFrame, estimate);
   }
 }

@@ -125,6 +125,10 @@ class FirstScan {
   [[nodiscard]] const PitchComparator& pitchComparator() const { return comparator; }
   // The highest rise above the background in the latest cycles, see SpectralRise.
   [[nodiscard]] float highestRise(int iCycles) const;
+  // Sample time of the cycle that is compared next.
+  [[nodiscard]] int currentTime() const { return iNextTime; }
+  // Sample time from which on the next self verb may begin: that of the segment that is examined, if any.
+  [[nodiscard]] int earliestVerb() const { return bExamining ? examined().iStartTime : iNextTime; }
   [[nodiscard]] int noiseFloor() const { return floor.floor(); }
   [[nodiscard]] const MyChannel* channel() const { return pMyChannel; }
 

@@ -1,6 +1,8 @@
 #include "engine/analysis/MySbt.h"
 
 #include <algorithm>
+#include <cmath>
+#include <numbers>
 
 #include "engine/Glob.h"
 #include "engine/MyChannel.h"
@@ -110,11 +112,11 @@ bool MySbt::shouldWeProceedWithTheJump() const {
 
 // ---- Tests
 
-// The best mark among the cycles of the stretch and the one before.
-int MySbt::getVerbDetectionScore() const {
+// The best mark among the newest cycles and the one before them.
+int MySbt::getVerbDetectionScore(int iCycles) const {
   const CycleInformation& now = *pMyChannel->pCycleInformation;
   int iBest = 0;
-  for (int i = 0; i <= kDepthCycles; ++i) {
+  for (int i = 0; i <= iCycles; ++i) {
     const cHandle c = CycleInformation::before(now.newest(), i);
     if (!now.isValid(c)) break;
     const sCycleInformation& cycle = now.at(c);
@@ -137,23 +139,42 @@ void MySbt::addDelays(const Stretch& input, int iMostDelay) {
   ++iInputs;
 }
 
-// The stretch with the background taken off. The last frame has not come in whole: its samples stay as they
-// are.
-MySbt::Stretch MySbt::cleaned(sSpectralNoiseType& estimate) {
+// Takes a run of cleaned frames from one sample of the stretch to the next but one into the result. From
+// iAlone on, the falling half of the frame that starts at iFrame is all there is of a sample: it is made up
+// for the window, as far as the window leaves something of it.
+void MySbt::takeCleaned(const sCleanedPart& part, sSpectralNoiseType& estimate, Stretch& result) {
+  constexpr double kLeastWindow = 0.1;
   OutputData& output = *pMyChannel->pOutputData;
+  const int iFactor = pMyChannel->rateFactor();
+  const int iLength = output.blocks() * kCycleSamples;
+  const double dStep = 2 * std::numbers::pi / (iLength * iFactor - 1);
+  overlap.restart();
+  overlap.iLastFrame = iStoredTime + 1 + part.iFrame;
+  for (int i = part.iFrom; i < part.iTo; ++i) {
+    const int k = (i - part.iFrom) % kCycleSamples;
+    if (k == 0) output.calcFrames(overlap, iStoredTime + 1 + i, estimate);
+    double dSample = overlap.pdSum[static_cast<std::size_t>((k + 1) * iFactor - 1)];
+    if (i >= part.iAlone) {
+      const double dWindow = 0.5 * (1 - std::cos(dStep * ((i - part.iFrame + 1) * iFactor - 1)));
+      if (dWindow < kLeastWindow) continue;
+      dSample /= dWindow;
+    }
+    result[static_cast<std::size_t>(i)] = clampSample(static_cast<int>(dSample));
+  }
+}
+
+// The stretch with the background taken off. Frames overlap by half up to the end of the rising half of the
+// last one that has come in whole; the frame that ends with the newest sample brings the rest.
+MySbt::Stretch MySbt::cleaned(sSpectralNoiseType& estimate) {
   estimate.iSubtractFactor = kUnityQ7;
   estimate.dPreviousGain.fill(1);
   Stretch result = received;
-  const int iFactor = pMyChannel->rateFactor();
-  const int iWhole = kStretchSamples - output.blocks() * kCycleSamples;
-  overlap.restart();
-  for (int i = 0; i + kCycleSamples <= iWhole; i += kCycleSamples) {
-    output.calcFrames(overlap, iStoredTime + 1 + i, estimate);
-    for (int k = 0; k < kCycleSamples; ++k) {
-      const double dSample = overlap.pdSum[static_cast<std::size_t>((k + 1) * iFactor - 1)];
-      result[static_cast<std::size_t>(i + k)] = clampSample(static_cast<int>(dSample));
-    }
-  }
+  const int iLength = pMyChannel->pOutputData->blocks() * kCycleSamples;
+  const int iHop = iLength / 2;
+  const int iNewest = kStretchSamples - iLength;
+  const int iWhole = iNewest / iHop * iHop;
+  takeCleaned({0, kStretchSamples - iHop, iWhole, iWhole + iHop}, estimate, result);
+  takeCleaned({kStretchSamples - iHop, kStretchSamples, iNewest, kStretchSamples - iHop}, estimate, result);
   return result;
 }
 
@@ -161,10 +182,11 @@ void MySbt::findWinner() {
   winnerDrift.reset();
   const sSpeakerData& speaker = *pMyChannel->psSpeakerData;
   if (speaker.iTemplates == 0 || !pMyChannel->pFftSchema->validEntry()) return;
-  const cHandle newest = pMyChannel->pCycleInformation->newest();
-  for (const int iBack : {0, kDepthCycles / 4, kDepthCycles / 2, 3 * kDepthCycles / 4}) {
-    const cHandle c = CycleInformation::before(newest, iBack);
-    if (!pMyChannel->pCycleInformation->isValid(c)) continue;
+  const CycleInformation& cyclesNow = *pMyChannel->pCycleInformation;
+  const auto back = [&](int i) { return CycleInformation::before(cyclesNow.newest(), i); };
+  for (const cHandle c : {cyclesNow.cycleOf(pMyChannel->pFirstScan->currentTime()), back(kDepthCycles / 4),
+                          back(kDepthCycles / 2), back(3 * kDepthCycles / 4)}) {
+    if (!cyclesNow.isValid(c)) continue;
     int iWinner;
     float fDrift;
     if (!pMyChannel->pFftSchema->findWinnerSchema(c, &iWinner, &fDrift, pMyChannel->pOutputData->noise()))
@@ -195,16 +217,29 @@ void MySbt::prepareTestCandidates() {
   addDelays(cleaned(work), kDelays[2]);
 }
 
-// Analyses the stretch again from the stored state; the score.
-int MySbt::run(const sCandidate& candidate) {
+// Whether a self verb can still be found by the end of the stretch: one that begins too late for as many
+// comparisons as it takes cannot.
+bool MySbt::mayFindVerb() const {
+  constexpr int kComparisons = std::min(FirstScan::iMinNumMatchesInSelfVerbSegmentDuringBuilding,
+                                        FirstScan::iMinNumMatchesInSelfVerbSegmentWhenFinal + 1);
+  constexpr int kLeastCycles = 2 * kElementCycles + kComparisons - 1;
+  return pMyChannel->pFirstScan->earliestVerb() + kLeastCycles * kCycleSamples <=
+         iStoredTime + 1 + kStretchSamples;
+}
+
+// Analyses the stretch again from the stored state; the score. Ends early when it cannot beat another.
+int MySbt::run(const sCandidate& candidate, int iToBeat) {
   const Stretch& input = inputs[static_cast<std::size_t>(candidate.iSource)];
   Stretch delayed{};
   std::copy_n(input.begin(), kStretchSamples - candidate.iDelay, delayed.begin() + candidate.iDelay);
   restore();
   putInput(delayed);
   bool bMore = true;
-  for (int i = 0; i < kDepthCycles && bMore; ++i) pMyChannel->pFirstScan->handleNextFrame(&bMore);
-  return getVerbDetectionScore();
+  for (int i = 1; i <= kDepthCycles && bMore; ++i) {
+    pMyChannel->pFirstScan->handleNextFrame(&bMore);
+    if (!mayFindVerb() && getVerbDetectionScore(i) <= iToBeat) return iToBeat;
+  }
+  return getVerbDetectionScore(kDepthCycles);
 }
 
 // The run's segments and marks stay; levels, tones and the background are those of what was received.
@@ -226,7 +261,7 @@ void MySbt::keepRun() {
 
 void MySbt::runTests() {
   winnerDrift.reset();
-  const int iBefore = getVerbDetectionScore();
+  const int iBefore = getVerbDetectionScore(kDepthCycles);
   if (iBefore > kSelfVerbScore || pMyChannel->pFirstScan->highestRise(kDepthCycles) < kLeastRise) return;
   ++iTested;
   bTesting = true;
@@ -239,13 +274,15 @@ void MySbt::runTests() {
   int iBestRun = -1;
   int iLastRun = -1;
   for (int i = 0; i < iCandidates && iBest < kGoodVerbScore; ++i) {
-    const int iScore = run(asCandidate[static_cast<std::size_t>(i)]);
+    const int iScore = run(asCandidate[static_cast<std::size_t>(i)], iBest);
     iLastRun = i;
     if (iScore <= iBest) continue;
     iBest = iScore;
     iBestRun = i;
   }
-  if (iBestRun >= 0 && iBestRun != iLastRun) (void)run(asCandidate[static_cast<std::size_t>(iBestRun)]);
+  constexpr int kToTheEnd = -1;
+  if (iBestRun >= 0 && iBestRun != iLastRun)
+    (void)run(asCandidate[static_cast<std::size_t>(iBestRun)], kToTheEnd);
   putInput(received);
   if (iBestRun >= 0) {
     keepRun();

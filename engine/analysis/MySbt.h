@@ -55,6 +55,13 @@ class MySbt {
     int iSource = 0;  // index of the input it delays
     int iDelay = 0;   // samples
   };
+  // Samples of the stretch that one run of frames brings.
+  struct sCleanedPart {
+    int iFrom;
+    int iTo;
+    int iFrame;  // start of its last whole frame
+    int iAlone;  // from here on no other frame overlaps it
+  };
 
   void store();
   void restore() const;
@@ -64,11 +71,13 @@ class MySbt {
   void prepareTestCandidates();
   void addDelays(const Stretch& input, int iMostDelay);
   void findWinner();
+  void takeCleaned(const sCleanedPart& part, sSpectralNoiseType& estimate, Stretch& result);
   [[nodiscard]] Stretch cleaned(sSpectralNoiseType& estimate);
   void runTests();
-  [[nodiscard]] int run(const sCandidate& candidate);
+  [[nodiscard]] int run(const sCandidate& candidate, int iToBeat);
+  [[nodiscard]] bool mayFindVerb() const;
   void keepRun();
-  [[nodiscard]] int getVerbDetectionScore() const;
+  [[nodiscard]] int getVerbDetectionScore(int iCycles) const;
 
   MyChannel* pMyChannel = nullptr;
   MySbt* pSoFar = nullptr;
