@@ -1,6 +1,7 @@
 #!/usr/bin/python3
-"""Makes engine/analysis/WorldVoices.cpp: what voiced sounds of all voices look like, as 64 centres found by k-means over
-the envelopes of talker_material.WORLD. The envelope is that of engine/analysis/VoiceEnvelope.h."""
+"""Makes engine/analysis/WorldVoices.cpp: what voiced sounds of all voices look like, as centres found by k-means over the
+envelopes of talker_material.WORLD: 64 of them, and 256 with more voices. The envelope is that of
+engine/analysis/VoiceEnvelope.h."""
 
 import argparse
 import sys
@@ -10,23 +11,29 @@ from scipy.cluster.vq import kmeans2
 
 import talker_material
 
-FRAME, HOP, BINS, BANDS, COEFFICIENTS, CENTRES = 256, 128, 128, 20, 14, 64
+FRAME, HOP, BINS, BANDS, COEFFICIENTS = 256, 128, 128, 20, 14
+COARSE, FINE = 64, 256
 LOWEST, HIGHEST = 100.0, 3800.0     # Hz
 FLOOR = 1e-3                        # of the strongest band
 UNIT = 8                            # the table is in eighths of a deviation
 FRAMES_PER_TALKER = 1000
 
-HEAD = """// Made by bench/voice_world.py from {talkers} talkers that are not among those the engine is judged on: 64 centres
-// (k-means) of the envelopes of their voiced frames, in eighths of the deviation below.
+MORE = [("en+Andy", "m", "en", "en+Andy"), ("en+Annie", "f", "en", "en+Annie"), ("de+anika", "f", "de", "de+anika"),
+        ("de+steph", "f", "de", "de+steph"), ("es+Mario", "m", "es", "es+Mario"), ("es+linda", "f", "es", "es+linda"),
+        ("pl+edward", "m", "pl", "pl+edward"), ("pl+Alicia", "f", "pl", "pl+Alicia"), ("fr+Hugo", "m", "fr", "fr+Hugo"),
+        ("fr+belinda", "f", "fr", "fr+belinda"), ("en+m4", "m", "en", "en+m4"), ("en+m8", "m", "en", "en+m8"),
+        ("de+f1", "f", "de", "de+f1")]
+
+HEAD = """// Made by bench/voice_world.py from talkers that are not among those the engine is judged on: centres (k-means) of
+// the envelopes of their voiced frames, in eighths of the deviation below.
 #include "engine/analysis/WorldVoices.h"
 
 // Root mean square distance of a coefficient from its nearest centre.
-const std::array<float, kEnvelopeCoefficients> kEnvelopeDeviation{{
-    {deviations}}};
+const std::array<float, kEnvelopeCoefficients> kEnvelopeDeviation{{{deviations}}};
 
 // clang-format off
-const std::array<sPackedEnvelope, kWorldVoices> kWorldEnvelopes{{{{
 """
+TABLE = "const std::array<sPackedEnvelope, {count}> {name}{{{{ // {talkers} talkers"
 
 
 def mel(frequency):
@@ -67,20 +74,32 @@ def envelopes(samples):
     return bands @ cosines.T
 
 
+def everything(talkers):
+    return np.concatenate([envelopes(talker.samples)[voiced(talker.samples)][:FRAMES_PER_TALKER] for talker in talkers])
+
+
+def print_table(name, count, talkers, centres):
+    print(TABLE.format(name=name, count=count, talkers=len(talkers)))
+    packed = np.clip(np.round(centres * UNIT), -127, 127).astype(int)
+    for row in packed[np.argsort(packed[:, 0])]:
+        print("    {{" + ", ".join(f"{value:4d}" for value in row) + "}},")
+    print("}};")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--keep", default="build/bench/voice-material", help="where talkers are kept")
-    talkers = talker_material.load(parser.parse_args().keep, talker_material.WORLD)
-    everything = np.concatenate([envelopes(talker.samples)[voiced(talker.samples)][:FRAMES_PER_TALKER]
-                                 for talker in talkers])
-    centres, nearest = kmeans2(everything, CENTRES, minit="++", seed=1, iter=20)
-    deviation = np.sqrt(((everything - centres[nearest]) ** 2).mean(0))
-    packed = np.clip(np.round(centres / deviation * UNIT), -127, 127).astype(int)
-    text = ", ".join(f"{value:.4f}F" for value in deviation)
-    print(HEAD.format(talkers=len(talkers), deviations=text), end="")
-    for row in packed[np.argsort(packed[:, 0])]:
-        print("    {{" + ", ".join(f"{value:4d}" for value in row) + "}},")
-    print("}};\n// clang-format on")
+    keep = parser.parse_args().keep
+    talkers = talker_material.load(keep, talker_material.WORLD)
+    sounds = everything(talkers)
+    centres, nearest = kmeans2(sounds, COARSE, minit="++", seed=1, iter=20)
+    deviation = np.sqrt(((sounds - centres[nearest]) ** 2).mean(0))
+    print(HEAD.format(deviations=", ".join(f"{value:.4f}F" for value in deviation)), end="")
+    print_table("kWorldEnvelopes", "kWorldVoices", talkers, centres / deviation)
+    talkers += talker_material.load(keep, MORE)
+    fine, _ = kmeans2(everything(talkers) / deviation, FINE, minit="++", seed=1, iter=20)
+    print_table("kFineWorldEnvelopes", "kFineWorldVoices", talkers, fine)
+    print("// clang-format on")
     return 0
 
 

@@ -180,7 +180,8 @@ int KestrovaComboNRAECProcessFrame(uint16_t channel, const void* in, int32_t inB
 int KestrovaGetLastDTMFBuffer(uint16_t channel, char* text, int32_t capacity);
 
 /* Ends a registration. 1 when nothing usable was learned; else *size is the size in bytes of the speaker
- * record. */
+ * record. With a null size the voice is not wanted and none is made, which saves most of the time; 1 then
+ * tells that what was heard would not have done anyway. */
 int KestrovaCompleteRegistration(uint16_t channel, uint32_t* size);
 /* Writes the speaker record into a buffer of that size. 1 without a completed registration. */
 int KestrovaCopySpeakerInformationAfterRegistration(uint16_t channel, sAPISpeaker* speaker);
@@ -190,6 +191,8 @@ int KestrovaGetRegistrationOutcome(uint16_t channel, int32_t* outcome);
 #define KESTROVA_REGISTRATION_TOO_SHORT 1 /* too little voiced speech */
 #define KESTROVA_REGISTRATION_WEAK 2      /* too soft, or hardly above the background */
 #define KESTROVA_REGISTRATION_MIXED 3     /* more than one talker */
+/* The same in words, for a log. */
+const char* KestrovaGetRegistrationOutcomeText(int32_t outcome);
 /* Whether `size` bytes are a whole speaker record that KestrovaIpsavoxInit takes: 0, or 2. Reads no byte
  * beyond them. KestrovaIpsavoxInit cannot know how long the buffer is that it is given; it refuses a record
  * of another version and one that was altered, by sums over its fixed part and its patterns. */

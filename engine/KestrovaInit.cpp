@@ -148,11 +148,13 @@ int KestrovaAECInit(uint16_t channel, const sKestrovaInit* init) {
 }
 
 int KestrovaCompleteRegistration(uint16_t channel, uint32_t* size) {
-  if (!isChannel(channel) || size == nullptr) return kBadChannelOrProcessing;
+  if (!isChannel(channel)) return kBadChannelOrProcessing;
   MyChannel& noise = api::noiseChannel(channel);
   if (!noise.isInitialized() || !noise.pRegistration) return kBadChannelOrProcessing;
   return guarded(kBadChannelOrProcessing, [&] {
     const std::unique_ptr<Registration> ending = std::move(noise.pRegistration);
+    if (size == nullptr)
+      return ending->discard() == Registration::Outcome::kLearned ? kSuccess : kBadChannelOrProcessing;
     noise.registrationOutcome = ending->stop(false);
     if (!noise.bRegistrationCompleted) return kBadChannelOrProcessing;
     *size = profileBytes(noise.pSourceSeparation->patternRecords());
@@ -172,6 +174,19 @@ int KestrovaGetRegistrationOutcome(uint16_t channel, int32_t* outcome) {
   if (!isChannel(channel) || outcome == nullptr) return kBadChannelOrProcessing;
   *outcome = static_cast<std::int32_t>(api::noiseChannel(channel).registrationOutcome);
   return kSuccess;
+}
+
+const char* KestrovaGetRegistrationOutcomeText(int32_t outcome) {
+  switch (outcome) {
+    case KESTROVA_REGISTRATION_LEARNED:
+      return "a voice was learned";
+    case KESTROVA_REGISTRATION_WEAK:
+      return "the voice is too weak or too near the background";
+    case KESTROVA_REGISTRATION_MIXED:
+      return "more than one talker was heard";
+    default:
+      return "too little speech was heard";
+  }
 }
 
 int KestrovaCheckSpeakerInformation(const sAPISpeaker* speaker, uint32_t size) {

@@ -67,18 +67,25 @@ bool loadProfile(MyChannel& channel, const std::uint8_t* puProfile) {
   std::memcpy(&voice, puSeparation, sizeof voice);
   if (voice.uPatternSum == patternSum(puProfile, *records) &&
       channel.pSourceSeparation->copySpeakerDataToDynamicInfo(puSeparation) == 0) {
+    channel.psSpeakerData->takePeriods(voice.uPeriods);
     return true;
   }
   channel.psSpeakerData->clear();
   return false;
 }
 
+void setSumOfFixedPart(std::uint8_t* puProfile) {
+  const std::uint32_t uFixed = fixedSum(puProfile);
+  std::memcpy(puProfile + kSumOffset, &uFixed, sizeof uFixed);
+}
+
 void storeProfile(const MyChannel& channel, std::uint8_t* puProfile) {
   channel.psSpeakerData->store(puProfile);
   std::uint8_t* puSeparation = puProfile + sSpeakerData::kTableBytes;
   channel.pSourceSeparation->copySpeakerDataFromDynamicInfo(puSeparation);
+  const sSpeakerData::PackedPeriods uPeriods = channel.psSpeakerData->packedPeriods();
+  std::memcpy(puSeparation + offsetof(sLearnedVoice, uPeriods), uPeriods.data(), uPeriods.size());
   const std::uint32_t uPatterns = patternSum(puProfile, channel.pSourceSeparation->patternRecords());
   std::memcpy(puSeparation + offsetof(sLearnedVoice, uPatternSum), &uPatterns, sizeof uPatterns);
-  const std::uint32_t uFixed = fixedSum(puProfile);
-  std::memcpy(puProfile + kSumOffset, &uFixed, sizeof uFixed);
+  setSumOfFixedPart(puProfile);
 }

@@ -17,5 +17,7 @@ class MyChannel;
 // Takes a profile into a channel that is initialised for it. False, and nothing is learned, when it is not
 // usable.
 [[nodiscard]] bool loadProfile(MyChannel& channel, const std::uint8_t* puProfile);
+// Sets the sum over the fixed part, whatever it holds.
+void setSumOfFixedPart(std::uint8_t* puProfile);
 // Writes profileBytes(...) bytes of what the channel has learned.
 void storeProfile(const MyChannel& channel, std::uint8_t* puProfile);

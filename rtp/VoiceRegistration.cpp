@@ -103,20 +103,14 @@ bool copyToWave(std::FILE* raw, std::FILE* wave, int sampleRate) {
   return std::ferror(raw) == 0 && std::fflush(wave) == 0 && std::ferror(wave) == 0;
 }
 
-const char* refusalText(std::uint16_t channel) {
-  std::int32_t outcome = 0;
-  if (KestrovaGetRegistrationOutcome(channel, &outcome) != 0) return "no registration was running";
-  if (outcome == KESTROVA_REGISTRATION_WEAK) return "the voice is too weak or too near the background";
-  return outcome == KESTROVA_REGISTRATION_MIXED ? "more than one talker was heard"
-                                                : "too little speech was heard";
-}
-
 // Takes the learned voice from the engine into the data file. False, logged, when that fails.
 bool saveProfile(std::uint16_t channel, std::FILE* data) {
   std::uint32_t bytes = 0;
   if (KestrovaCompleteRegistration(channel, &bytes) != 0) {
     Log::warning(kStopFunction, "unable to complete registration\n");
-    Log::warning(kStopFunction, "no voice was learned, %s\n", refusalText(channel));
+    std::int32_t outcome = 0;
+    (void)KestrovaGetRegistrationOutcome(channel, &outcome);
+    Log::warning(kStopFunction, "no voice was learned, %s\n", KestrovaGetRegistrationOutcomeText(outcome));
     return false;
   }
   VoiceProfile profile;
@@ -198,8 +192,7 @@ void MyRtp::doAbortRegistration(int side, int pair) {
     return;
   }
   record.bRegistering[side] = false;
-  std::uint32_t bytes = 0;
-  if (KestrovaCompleteRegistration(static_cast<std::uint16_t>(2 * pair + side), &bytes) != 0) {
+  if (KestrovaCompleteRegistration(static_cast<std::uint16_t>(2 * pair + side), nullptr) != 0) {
     Log::warning(kFunction, "unable to complete registration\n");
   }
   closeFiles(record, side);

@@ -19,20 +19,16 @@ File opened(const std::string& sName, const char* pcMode) {
   return pFile;
 }
 
-const char* refusal(std::uint16_t uChannel) {
-  std::int32_t iOutcome = 0;
-  if (KestrovaGetRegistrationOutcome(uChannel, &iOutcome) != 0) return "the engine failed";
-  if (iOutcome == KESTROVA_REGISTRATION_WEAK) return "the voice is too weak or too near the background";
-  return iOutcome == KESTROVA_REGISTRATION_MIXED ? "more than one talker was heard"
-                                                 : "too little speech was heard";
-}
-
 }  // namespace
 
 void writeVoice(std::uint16_t uChannel, const std::string& sName) {
   std::uint32_t uBytes = 0;
-  if (KestrovaCompleteRegistration(uChannel, &uBytes) != 0)
-    throw std::runtime_error(std::string("no voice was learned, ") + refusal(uChannel));
+  if (KestrovaCompleteRegistration(uChannel, &uBytes) != 0) {
+    std::int32_t iOutcome = 0;
+    (void)KestrovaGetRegistrationOutcome(uChannel, &iOutcome);
+    throw std::runtime_error(std::string("no voice was learned, ") +
+                             KestrovaGetRegistrationOutcomeText(iOutcome));
+  }
   VoiceProfile profile;
   if (!profile.allocate(uBytes) ||
       KestrovaCopySpeakerInformationAfterRegistration(uChannel, profile.speaker()) != 0) {

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 #include "engine/analysis/WorldVoices.h"
 
 namespace {
 
 constexpr int kMinPatterns = 120;       // 2 s of voiced sound
+constexpr int kEnoughRecords = 500;     // for a voice without clusters
 constexpr int kPatternsPerCluster = 6;  // fewer would learn single frames
 constexpr int kMinClusters = 16;
 constexpr int kMostClusters = 192;  // more tell hardly more apart
@@ -15,18 +17,23 @@ constexpr int kRounds = 6;
 // Patterns that clusters are made of; more than half a minute of voice adds nothing and takes its time.
 constexpr int kMaxForClusters = 2000;
 
-// The threshold as part of what the talker's own unknown sounds score: where the two kinds of error meet over
-// the talkers it was tuned on. The bounds keep a short or poor sample from closing or opening the gate.
-constexpr float kThresholdOfOwnScore = 0.35F;
-constexpr float kLowestThreshold = 0.5F;
-constexpr float kHighestThreshold = 2.0F;
+// The bounds keep a short or poor sample from closing or opening the gate.
+constexpr float kLowestThreshold = 0;
+constexpr float kHighestThreshold = 3;
 
-const std::vector<sEnvelope>& worldEnvelopes() {
-  static const std::vector<sEnvelope> all = [] {
-    std::vector<sEnvelope> list;
-    for (const sPackedEnvelope& each : kWorldEnvelopes) list.push_back(unpacked(each));
-    return list;
-  }();
+EnvelopeSet unpackedSet(std::span<const sPackedEnvelope> all) {
+  std::vector<sEnvelope> list;
+  std::transform(all.begin(), all.end(), std::back_inserter(list), unpacked);
+  return EnvelopeSet(list);
+}
+
+const EnvelopeSet& worldEnvelopes() {
+  static const EnvelopeSet all = unpackedSet(kWorldEnvelopes);
+  return all;
+}
+
+const EnvelopeSet& fineWorldEnvelopes() {
+  static const EnvelopeSet all = unpackedSet(kFineWorldEnvelopes);
   return all;
 }
 
@@ -38,8 +45,9 @@ std::vector<sEnvelope> centresOf(std::span<const sEnvelope> all, int iWanted) {
   for (int iRound = 0; iRound < kRounds; ++iRound) {
     std::vector<sEnvelope> sums(uWanted, sEnvelope{});
     std::vector<int> counts(uWanted, 0);
+    const EnvelopeSet set(centres);
     for (const sEnvelope& each : all) {
-      const auto u = static_cast<std::size_t>(nearest(each, centres).iIndex);
+      const auto u = static_cast<std::size_t>(set.nearest(each).iIndex);
       ++counts[u];
       for (std::size_t i = 0; i < each.size(); ++i) sums[u][i] += each[i];
     }
@@ -75,10 +83,15 @@ std::vector<sEnvelope> clustersOf(std::span<const sEnvelope> all) {
 
 void prepareWorldVoices() {
   (void)worldEnvelopes();
+  (void)fineWorldEnvelopes();
 }
 
-float scoreAgainst(const sEnvelope& envelope, std::span<const sEnvelope> own) {
-  return (nearest(envelope, worldEnvelopes()).fDistance - nearest(envelope, own).fDistance) / 2;
+float scoreAgainst(const sEnvelope& envelope, const EnvelopeSet& own) {
+  return (fineWorldEnvelopes().nearest(envelope).fDistance - own.nearest(envelope).fDistance) / 2;
+}
+
+float coarseScoreAgainst(const sEnvelope& envelope, const EnvelopeSet& own) {
+  return (worldEnvelopes().nearest(envelope).fDistance - own.nearest(envelope).fDistance) / 2;
 }
 
 namespace {
@@ -87,7 +100,7 @@ namespace {
 float ownScoreOf(std::span<const sEnvelope> all) {
   const std::size_t uKnown = all.size() * 2 / 3;
   const auto known = all.first(uKnown);
-  const std::vector<sEnvelope> centres = clustersOf(known);
+  const EnvelopeSet centres(clustersOf(known));
   float fSum = 0;
   for (const sEnvelope& each : all.subspan(uKnown)) fSum += scoreAgainst(each, centres);
   return fSum / static_cast<float>(all.size() - uKnown);
@@ -97,28 +110,44 @@ float ownScoreOf(std::span<const sEnvelope> all) {
 
 bool sLearnedVoice::isConsistent() const {
   const bool bFinite = std::isfinite(fOwnScore) && std::isfinite(fThreshold) && std::isfinite(fMeanPower);
-  return uMagic == kMagic && iPatterns >= 0 && (bLearned == 0 || bLearned == 1) && iClusters >= bLearned &&
-         iClusters <= kMaxClusters && bFinite && std::abs(fThreshold) <= kHighestThreshold;
+  const bool bEnough = iClusters > 0 || iPatterns >= kEnoughRecords;
+  return uMagic == kMagic && iPatterns >= 0 && (bLearned == 0 || (bLearned == 1 && bEnough)) &&
+         uRules <= kRules && iClusters >= 0 && iClusters <= kMaxClusters && bFinite && fMeanPower >= 0 &&
+         std::abs(fThreshold) <= kHighestThreshold;
+}
+
+sSourceSeparationStatistics statisticsOf(std::span<const sVoicePattern> patterns) {
+  sSourceSeparationStatistics statistics;
+  double dPower = 0;
+  statistics.iRecords = static_cast<int>(patterns.size());
+  for (const sVoicePattern& pattern : patterns) {
+    if ((pattern.uFlags & sVoicePattern::kValid) == 0) continue;
+    ++statistics.iValid;
+    dPower += pattern.fPower;
+  }
+  statistics.fMeanPower = static_cast<float>(dPower / std::max(1, statistics.iValid));
+  return statistics;
 }
 
 bool buildLearnedVoice(std::span<sVoicePattern> patterns, sLearnedVoice& voice) {
-  const std::vector<sEnvelope> all = validEnvelopes(patterns);
+  const sSourceSeparationStatistics statistics = statisticsOf(patterns);
+  voice.uRules = sLearnedVoice::kRules;
   voice.iClusters = 0;
-  if (all.size() < kMinPatterns) return false;
+  voice.fMeanPower = statistics.fMeanPower;
+  voice.fOwnScore = 0;
+  voice.fThreshold = kLowestThreshold;
+  if (statistics.iValid < kMinPatterns) return statistics.iRecords >= kEnoughRecords;
+  const std::vector<sEnvelope> all = validEnvelopes(patterns);
   const std::vector<sEnvelope> centres = clustersOf(all);
   voice.iClusters = static_cast<int>(centres.size());
   for (std::size_t u = 0; u < centres.size(); ++u) voice.asCluster[u] = {packed(centres[u]), 0};
-  double dPower = 0;
-  int numValid = 0;
+  const EnvelopeSet set(centres);
   for (sVoicePattern& pattern : patterns) {
     if ((pattern.uFlags & sVoicePattern::kValid) == 0) continue;
-    ++numValid;
-    pattern.iCluster = nearest(pattern.envelope, centres).iIndex;
+    pattern.iCluster = set.nearest(pattern.envelope).iIndex;
     auto& cluster = voice.asCluster[static_cast<std::size_t>(pattern.iCluster)];
     if (cluster.uPatterns < 0xffff) ++cluster.uPatterns;
-    dPower += pattern.fPower;
   }
-  voice.fMeanPower = static_cast<float>(dPower / static_cast<double>(numValid));
   voice.fOwnScore = ownScoreOf(all);
   voice.fThreshold = std::clamp(kThresholdOfOwnScore * voice.fOwnScore, kLowestThreshold, kHighestThreshold);
   return true;

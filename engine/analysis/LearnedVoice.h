@@ -40,7 +40,9 @@ static_assert(sizeof(sVoicePattern) == kPatternBytes, "voice profiles hold patte
 
 struct sLearnedVoice {
   static constexpr int kMaxClusters = 650;
-  static constexpr std::uint32_t kMagic = 0x31565051;  // "QPV1": the rules below; others cannot be compared
+  static constexpr std::uint32_t kMagic = 0x31565051;  // "QPV1": the records below; others cannot be read
+  // What clusters and threshold were derived by. What was derived by older rules is derived anew.
+  static constexpr std::uint8_t kRules = 1;
 
   struct sCluster {
     sPackedEnvelope envelope{};
@@ -53,10 +55,12 @@ struct sLearnedVoice {
   std::int32_t iPatterns = 0;     // records that follow
   std::int32_t bLearned = 0;
   std::int32_t iClusters = 0;
-  float fOwnScore = 0;   // mean score of his sounds against clusters made of others of his
-  float fThreshold = 0;  // scores above are his
-  float fMeanPower = 0;
-  std::array<std::uint8_t, 124> uReserved{};
+  float fOwnScore = 0;                     // mean score of his sounds against clusters made of others of his
+  float fThreshold = 0;                    // scores above are his
+  float fMeanPower = 0;                    // of his valid records
+  sSpeakerData::PackedPeriods uPeriods{};  // set where the profile is written
+  std::uint8_t uRules = 0;
+  std::array<std::uint8_t, 22> uReserved{};
   std::array<sCluster, kMaxClusters> asCluster{};
 
   // Whether its own figures can be: nothing in it leads outside.
@@ -64,11 +68,23 @@ struct sLearnedVoice {
 };
 static_assert(sizeof(sLearnedVoice) == kSeparationBytes);
 
-// Clusters and figures from the valid patterns. False when they are too few.
+// What a registration has brought.
+struct sSourceSeparationStatistics {
+  int iRecords = 0;
+  int iValid = 0;
+  float fMeanPower = 0;  // of the valid ones
+};
+[[nodiscard]] sSourceSeparationStatistics statisticsOf(std::span<const sVoicePattern> patterns);
+// Clusters and figures from the valid patterns. False when neither they nor all records are enough to know a
+// voice by. Many records with too few valid ones make a voice without clusters: no single sound is told then.
 [[nodiscard]] bool buildLearnedVoice(std::span<sVoicePattern> patterns, sLearnedVoice& voice);
 // Unpacks the voices of the world that sounds are compared with. Otherwise the first comparison does it.
 void prepareWorldVoices();
 // Centres of some envelopes, as many as tell a voice apart without learning single frames.
 [[nodiscard]] std::vector<sEnvelope> clustersOf(std::span<const sEnvelope> all);
-// Half of how much nearer (by squared distance) an envelope is to one of `own` than to the voices in general.
-[[nodiscard]] float scoreAgainst(const sEnvelope& envelope, std::span<const sEnvelope> own);
+// What a talker's own sounds score on average, times this, is what others do not reach for long.
+inline constexpr float kThresholdOfOwnScore = 0.45F;
+// Half of how much nearer (by squared distance) an envelope is to one of `own` than to the voices in general,
+// of which there are few or many (see WorldVoices.h).
+[[nodiscard]] float coarseScoreAgainst(const sEnvelope& envelope, const EnvelopeSet& own);
+[[nodiscard]] float scoreAgainst(const sEnvelope& envelope, const EnvelopeSet& own);

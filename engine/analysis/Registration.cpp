@@ -53,15 +53,19 @@ class PeriodHistogram {
     }
     return std::sqrt(dSum / std::max(1, entries()));
   }
-  // Takes one entry off the outer bin that lies farther from the mean; of both when they are equally far.
-  void removeOutlier() {
+  // Empties the outer bin that lies farther from the mean; both when they are equally far. False when
+  // nothing would be left.
+  bool removeOutlier() {
     const auto occupied = [](int iCount) { return iCount > 0; };
     const auto low = std::find_if(piCount.begin(), piCount.end(), occupied);
     const auto high = std::find_if(piCount.rbegin(), piCount.rend(), occupied);
     const double dBelow = mean() - static_cast<double>(low - piCount.begin());
     const double dAbove = static_cast<double>(piCount.rend() - high - 1) - mean();
-    if (dBelow >= dAbove) --*low;
-    if (dAbove >= dBelow && *high > 0) --*high;
+    const int iRemoved = (dBelow >= dAbove ? *low : 0) + (dAbove >= dBelow ? *high : 0);
+    if (iRemoved >= entries()) return false;
+    if (dBelow >= dAbove) *low = 0;
+    if (dAbove >= dBelow) *high = 0;
+    return true;
   }
 
   std::array<int, kPitchBins> piCount{};
@@ -192,10 +196,21 @@ void Registration::stopSegmentDuringRegistration(sSegment& segment) {
 
 // ---- The end
 
-Registration::Outcome Registration::stop(bool bFresh) {
+void Registration::end() {
   if (bPending) learnPending();
   while (channel.pFirstScan->closedSegments() > 0) channel.pFirstScan->shiftOneSegment();
   channel.bRegistrationRunning = channel.bRegistrationCompleted = false;
+}
+
+Registration::Outcome Registration::discard() {
+  end();
+  const VoiceOrNothing atTheEnd{channel};
+  if (isWeak()) return Outcome::kWeak;
+  return learnPitch(true) ? Outcome::kLearned : Outcome::kTooShort;
+}
+
+Registration::Outcome Registration::stop(bool bFresh) {
+  end();
   const VoiceOrNothing atTheEnd{channel};
   const Outcome outcome = derive(bFresh);
   channel.bRegistrationCompleted = outcome == Outcome::kLearned;
@@ -240,7 +255,7 @@ bool Registration::learnPitch(bool bFresh) {
     const double dMean = first.mean();
     if (first.deviation() < kOneVoiceDeviation || dMean <= kShortestPeriod || dMean > kLongestPeriod - 1)
       break;
-    first.removeOutlier();
+    if (!first.removeOutlier()) break;
   }
   sSpeakerData& speaker = *channel.psSpeakerData;
   if (bFresh) {

@@ -33,6 +33,8 @@ class Registration {
   // Derives the talker's data; afresh, or added to what was learned before. What was learned is cleared when
   // it is not usable.
   Outcome stop(bool bFresh);
+  // Ends it for good without deriving anything: what was learned is cleared. Says what its verbs alone tell.
+  Outcome discard();
 
   [[nodiscard]] int segments() const { return iSegments; }
   [[nodiscard]] bool hasOverflowed() const { return bOverflow; }
@@ -44,6 +46,7 @@ class Registration {
   [[nodiscard]] sSegment* findSelfVerb(int iIdentity);
   void stopSegmentDuringRegistration(sSegment& segment);
   void learnPending();
+  void end();
   [[nodiscard]] Outcome derive(bool bFresh);
   [[nodiscard]] bool learnPitch(bool bFresh);
   void learnHistograms();

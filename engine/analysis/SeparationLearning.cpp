@@ -41,6 +41,11 @@ void SourceSeparation::initDynamicInfo() {
   bBreakOpen = false;
 }
 
+void SourceSeparation::terminateDynamicInfo() {
+  voice[0] = sLearnedVoice{};
+  psPatterns = ZeroedArray<sVoicePattern>();
+}
+
 int SourceSeparation::referenceAmp() const {
   const FirstScan& scan = *pMyChannel->pFirstScan;
   const bool bConfident = pMyChannel->pMySubState->isHavingConfidence();
@@ -155,12 +160,14 @@ int SourceSeparation::copySpeakerDataToDynamicInfo(const std::uint8_t* puProfile
   }
   try {
     initDynamicInfo();
+    const std::span all(psPatterns.data(), static_cast<std::size_t>(own.iPatterns));
+    std::memcpy(all.data(), puProfile + kSeparationBytes, all.size_bytes());
+    if (own.uRules != sLearnedVoice::kRules && own.bLearned != 0)
+      own.bLearned = buildLearnedVoice(all, own) ? 1 : 0;
   } catch (const std::bad_alloc&) {
     clean();
     return kRefused;
   }
-  std::memcpy(psPatterns.data(), puProfile + kSeparationBytes,
-              static_cast<std::size_t>(own.iPatterns) * kPatternBytes);
   scorer.learn(own, patterns());
   gains.learn();
   cleanHistory();

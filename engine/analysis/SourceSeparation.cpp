@@ -7,9 +7,6 @@
 
 namespace {
 
-// Frames weaker than a twentieth of the good verbs are not judged.
-constexpr int kWeakest = 20;
-
 // The evidence between which the sound goes over from the other's to the learned talker's.
 constexpr float kOthers = -0.5F;
 constexpr float kOwn = 0.3F;
@@ -27,15 +24,14 @@ constexpr float kLeastWeight = 0.1F;
 constexpr float kCertain = 1.2F;
 
 // Both may be talking while some of the voiced frames of the last second are the learned talker's: from a
-// twentieth on, and surely from a fifth on. Then the evidence may be this much against him before the sound
-// closes.
-constexpr float kOwnFrame = 1.0F;  // score
+// twentieth on, and surely from a tenth on. Then the evidence may be against him as far as it goes.
+constexpr float kOwnFrame = 1.4F;  // score
 constexpr float kOwnStep = 1.0F / 60;
-constexpr float kNoOwnPart = 0.05F;
-constexpr float kOwnPart = 0.2F;
+constexpr float kNoOwnPart = SourceSeparation::piThresholds[0] / 1024.0F;
+constexpr float kOwnPart = SourceSeparation::piThresholds[1] / 1024.0F;
 constexpr float kMostOwnPart = 0.35F;  // that is remembered: another may begin
-constexpr float kOthersOfBoth = -1.5F;
-constexpr float kOwnOfBoth = -0.5F;
+constexpr float kOthersOfBoth = -3.2F;
+constexpr float kOwnOfBoth = -2.5F;
 // And each frame passes as its own score says. Of frames of two talkers at 0 and 6 dB, a quarter of the sound
 // was the learned talker's at the lowest scores, nine tenths at the highest.
 constexpr float kLowestScore = -3;
@@ -45,8 +41,9 @@ constexpr float kMostGate = 1;
 constexpr float kClosedUpTo = -2;  // while the evidence is against him
 constexpr float kOpenFrom = 2;
 constexpr float kMostWhenClosed = 0.9F;
+constexpr float kLeastOfBoth = 0.3F;
 constexpr float kNoScoreWeight = 0.3F;
-// A verb of both scores less than one of his alone.
+// A sound of both scores less than one of his alone.
 constexpr float kBothLeniency = 1;
 
 constexpr float kDefaultStep = 0.01F;
@@ -72,7 +69,7 @@ void SourceSeparation::init(MyChannel* pChannel) {
 }
 
 void SourceSeparation::clean() {
-  voice[0] = sLearnedVoice{};
+  terminateDynamicInfo();
   scorer.learn(voice[0], {});
   iLastLearned = -1;
   iLastPeriod = 0;
@@ -89,7 +86,7 @@ void SourceSeparation::cleanHistory() {
 }
 
 bool SourceSeparation::isActive() const {
-  return voice[0].bLearned != 0 && !pMyChannel->bRegistrationRunning;
+  return voice[0].bLearned != 0 && scorer.knowsVoice() && !pMyChannel->bRegistrationRunning;
 }
 
 // ---- Analysis
@@ -121,14 +118,31 @@ float SourceSeparation::weightOf(const sVoiceFrame& frame) const {
   return std::clamp(fRelative * fRelative, kLeastWeight, 1.0F);
 }
 
+bool SourceSeparation::canBeJudged(const sVoiceFrame& frame) const {
+  std::array<float, kFirstScanPoints> fPoint;
+  const auto fAmp = static_cast<float>(frame.iAmp);
+  fPoint[kRepetition] = frame.iPeriod > 0 ? frame.fAlpha : 0;
+  fPoint[kLevel] = fAmp / static_cast<float>(std::max(1, pMyChannel->iMinAmplitudeForPotentialSegment));
+  fPoint[kLevelOfTalker] = fAmp / static_cast<float>(std::max(1, referenceAmp()));
+  return std::all_of(psFirstScanStaticTestDefinition.begin(), psFirstScanStaticTestDefinition.end(),
+                     [&](const auto& test) { return fPoint[test.point] >= test.fLeast; });
+}
+
+// The frame's power as part of what is usual with the talker; above it the ratio of amplitudes.
+float SourceSeparation::powerRatio(const sVoiceFrame& frame) const {
+  constexpr float kLeast = 0.05F;
+  constexpr float kMost = 1.3F;
+  const float fRatio = frame.fPower / std::max(1.0F, voice[0].fMeanPower);
+  return fRatio < 1 ? std::max(fRatio, kLeast) : std::min(std::sqrt(fRatio), kMost);
+}
+
 void SourceSeparation::analyseFrame(cHandle last) {
   iNewest = (iNewest + 1) % kHistory;
   sEntry& entry = entries[static_cast<std::size_t>(iNewest)];
   sVoiceFrame frame;
   analyseVoiceFrame(*pMyChannel, last, frame);
   entry.iEndTime = frame.iEndTime;
-  entry.bVoiced = frame.bVoiced && frame.iAmp * kWeakest >= referenceAmp() &&
-                  frame.iAmp >= pMyChannel->iMinAmplitudeForPotentialSegment;
+  entry.bVoiced = canBeJudged(frame);
   entry.fScore = entry.bVoiced ? scorer.score(frame.envelope, frame.iPeriod) : 0;
   entry.fWeight = weightOf(frame);
   if (entry.bVoiced) {
@@ -158,7 +172,7 @@ float SourceSeparation::scoreAround(const sEntry& entry) const {
 // may talk at once: then only frames, and bins of them, that fit his voice pass.
 void SourceSeparation::calcCoefficients(const sVoiceFrame& frame, sEntry& entry) {
   const float fValue = heard.value();
-  const float fScore = scoreAround(entry);
+  const float fScore = scoreAround(entry) + kBothLeniency;
   if (entry.bVoiced) {
     fOwnPart += kOwnStep * ((fScore > kOwnFrame ? 1.0F : 0.0F) - fOwnPart);
     fOwnPart = std::min(fOwnPart, kMostOwnPart);
@@ -171,16 +185,17 @@ void SourceSeparation::calcCoefficients(const sVoiceFrame& frame, sEntry& entry)
   entry.bMatched = fValue >= kOwn;
   std::array<float, kEnvelopeBins> fShare;
   fShare.fill(1);
-  if (entry.bVoiced && fDoubt > 0) gains.shareOfVoice(frame, fShare);
+  if (entry.bVoiced && fDoubt > 0) gains.shareOfVoice(frame, pMyChannel->psSpeakerData->iPitchCentre, fShare);
   // A frame that is surely his passes whole, whatever lies in its bins.
   const float fSure = ramp(fScore, kLowestScore, kHighestScore);
   const float fGate = std::lerp(kLeastGate, kMostGate, fSure);
-  const float fLeast =
-      std::max(kLeftOfOthers, fBoth * kMostWhenClosed * ramp(fScore, kClosedUpTo, kOpenFrom));
+  const float fPower = powerRatio(frame);
+  const float fWhenClosed = std::max(kLeastOfBoth, kMostWhenClosed * ramp(fScore, kClosedUpTo, kOpenFrom));
+  const float fLeast = std::max(kLeftOfOthers, fBoth * fWhenClosed);
   for (std::size_t k = 0; k < fShare.size(); ++k) {
     const float fOwnShare = 1 + fDoubt * (fGate * std::lerp(fShare[k], 1.0F, fSure) - 1);
     entry.fCoefficient[k] = std::max(fLeast, fOpen * fOwnShare);
-    fDefault[k] += kDefaultStep * (entry.fCoefficient[k] - fDefault[k]);
+    fDefault[k] += kDefaultStep * fPower * (entry.fCoefficient[k] - fDefault[k]);
   }
 }
 
@@ -195,7 +210,7 @@ const SourceSeparation::sEntry* SourceSeparation::entryOf(int iTime) const {
 
 // The gain that makes up for what the learned talker's own sounds lose on average.
 void SourceSeparation::followReference(const sEntry& entry) {
-  if (!entry.bMatched || !entry.bVoiced) return;
+  if (!entry.bMatched || !entry.bVoiced || !isSelfVerbSegment(entry.iEndTime)) return;
   float fSum = 0;
   for (const float f : entry.fCoefficient) fSum += f;
   const float fReference = std::max(fSum / kEnvelopeBins, 1 / kMostGain);
@@ -223,6 +238,11 @@ void SourceSeparation::separate(std::span<double> dSpectrum, int iLength, int /*
 }
 
 // ---- Verdicts
+
+bool SourceSeparation::isSelfVerbSegment(int iTime) const {
+  const cHandle cycle = pMyChannel->pCycleInformation->cycleOf(iTime);
+  return cycle >= 0 && pMyChannel->pCycleInformation->at(cycle).bInSelfVerb;
+}
 
 float SourceSeparation::scoreOf(const sSegment& segment) const {
   float fSum = kBeforeFrames * heard.value();

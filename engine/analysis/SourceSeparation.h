@@ -34,9 +34,23 @@ class SourceSeparation {
   // frame, and so on.
   static constexpr int kMaxPatterns = KESTROVA_MAX_PATTERNS;
 
+  // ---- Test tables
+  // Shares of voiced frames, 1/1024: of them are the bounds between which both talkers are presumed.
+  static constexpr std::array<int, 9> piThresholds{51, 102, 204, 307, 409, 512, 614, 716, 819};
+  // What a frame must reach to be judged.
+  enum FirstScanPoint { kRepetition, kLevel, kLevelOfTalker, kFirstScanPoints };
+  struct sFirstScanTestDefinition {
+    FirstScanPoint point;
+    float fLeast;
+  };
+  static constexpr std::array<sFirstScanTestDefinition, kFirstScanPoints> psFirstScanStaticTestDefinition{
+      {{kRepetition, 0.6F},        // it repeats this well
+       {kLevel, 1},                // of the level from which on the detector looks for speech
+       {kLevelOfTalker, 0.05F}}};  // of the good verbs
+
   SourceSeparation();  // throws std::bad_alloc
   void init(MyChannel* pChannel);
-  // Forgets everything, or only what was heard since the stream began.
+  // Forgets everything and gives the records' memory back, or only what was heard since the stream began.
   void clean();
   void cleanHistory();
 
@@ -44,6 +58,8 @@ class SourceSeparation {
   // Takes the memory for the pattern records: before the first one is learned or loaded. Throws
   // std::bad_alloc.
   void initDynamicInfo();
+  // Forgets the voice and gives that memory back.
+  void terminateDynamicInfo();
   // Adds a pattern for every frame of a voiced stretch that begins at `from` or, where its level allows,
   // earlier.
   void learnAndPopulateDynamicInfoDuringRegistration(cHandle from, cHandle to);
@@ -63,6 +79,8 @@ class SourceSeparation {
   // MyFilters.h), at the channel's rate. iFirst and iLast are the frame's sample times.
   void separate(std::span<double> dSpectrum, int iLength, int iFirst, int iLast);
 
+  // Whether the detector has found the cycle with that sample time to be part of a self verb.
+  [[nodiscard]] bool isSelfVerbSegment(int iTime) const;
   // Whether a self verb is the learned talker's, as far as its spectra tell.
   [[nodiscard]] Verdict verdictOn(const sSegment& segment) const;
   // What the verdict rests on: above 0 rather the learned talker. For measurements.
@@ -93,7 +111,9 @@ class SourceSeparation {
   [[nodiscard]] int referenceAmp() const;
   void analyseUpTo(int iTime);
   void analyseFrame(cHandle last);
+  [[nodiscard]] bool canBeJudged(const sVoiceFrame& frame) const;
   [[nodiscard]] float weightOf(const sVoiceFrame& frame) const;
+  [[nodiscard]] float powerRatio(const sVoiceFrame& frame) const;
   [[nodiscard]] float scoreAround(const sEntry& entry) const;
   void calcCoefficients(const sVoiceFrame& frame, sEntry& entry);
   [[nodiscard]] const sEntry* entryOf(int iTime) const;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <numeric>
 
 namespace {
 
@@ -53,4 +54,16 @@ void sSpeakerData::store(std::uint8_t* puProfile) const {
   std::memcpy(puProfile, &head, sizeof head);
   std::memcpy(puProfile + sizeof head, histograms.data(), kHistogramBytes);
   std::memcpy(puProfile + sizeof head + kHistogramBytes, templates.data(), kTemplateBytes);
+}
+
+sSpeakerData::PackedPeriods sSpeakerData::packedPeriods() const {
+  PackedPeriods uPeriods;
+  std::transform(piPitchHistogram.begin(), piPitchHistogram.end(), uPeriods.begin(),
+                 [](int iCount) { return static_cast<std::uint8_t>(std::clamp(iCount, 0, 255)); });
+  return uPeriods;
+}
+
+void sSpeakerData::takePeriods(const PackedPeriods& uPeriods) {
+  std::copy(uPeriods.begin(), uPeriods.end(), piPitchHistogram.begin());
+  iPitchEntries = std::accumulate(piPitchHistogram.begin(), piPitchHistogram.end(), 0);
 }

@@ -72,6 +72,10 @@ struct sSpeakerData : sSpeakerHead {
   void load(const std::uint8_t* puProfile);
   // Writes kTableBytes bytes.
   void store(std::uint8_t* puProfile) const;
+  // The pitch histogram, which a profile keeps in a byte per period: counts above 255 are cut.
+  using PackedPeriods = std::array<std::uint8_t, kPitchBins>;
+  [[nodiscard]] PackedPeriods packedPeriods() const;
+  void takePeriods(const PackedPeriods& uPeriods);
 
   [[nodiscard]] int shortestPeriod() const;  // centre - 4 x spread, at least 12 samples
   // Whether a period range lies within centre +- 2 x spread.

@@ -118,10 +118,10 @@ std::vector<sEnvelope> groupOf(const std::vector<sBlock>& blocks, bool bSecond) 
 }
 
 float meanScore(const std::vector<sEnvelope>& sounds, const std::vector<sEnvelope>& known) {
-  const std::vector<sEnvelope> centres = clustersOf(known);
+  const EnvelopeSet centres(clustersOf(known));
   float fSum = 0;
   for (const sEnvelope& each : sounds)
-    fSum += std::clamp(scoreAgainst(each, centres), VoiceScorer::kLowest, VoiceScorer::kHighest);
+    fSum += std::clamp(coarseScoreAgainst(each, centres), VoiceScorer::kLowest, VoiceScorer::kHighest);
   return fSum / static_cast<float>(sounds.size());
 }
 

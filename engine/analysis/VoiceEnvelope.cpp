@@ -91,11 +91,28 @@ sEnvelope unpacked(const sPackedEnvelope& packed) {
   return envelope;
 }
 
-sNearest nearest(const sEnvelope& envelope, std::span<const sEnvelope> all) {
+EnvelopeSet::Row EnvelopeSet::padded(const sEnvelope& envelope) {
+  Row row{};
+  std::copy(envelope.begin(), envelope.end(), row.begin());
+  return row;
+}
+
+void EnvelopeSet::assign(std::span<const sEnvelope> all) {
+  rows.clear();
+  for (const sEnvelope& each : all) rows.push_back(padded(each));
+}
+
+sNearest EnvelopeSet::nearest(const sEnvelope& envelope) const {
+  const Row own = padded(envelope);
   sNearest best;
-  for (std::size_t i = 0; i < all.size(); ++i) {
-    const float fDistance = distance(envelope, all[i]);
-    if (fDistance < best.fDistance) best = {fDistance, static_cast<int>(i)};
+  for (std::size_t u = 0; u < rows.size(); ++u) {
+    const Row& row = rows[u];
+    std::array<float, 4> fSum{};
+    for (std::size_t i = 0; i < own.size(); i += 4) {
+      for (std::size_t k = 0; k < 4; ++k) fSum[k] += (own[i + k] - row[i + k]) * (own[i + k] - row[i + k]);
+    }
+    const float fDistance = (fSum[0] + fSum[1]) + (fSum[2] + fSum[3]);
+    if (fDistance < best.fDistance) best = {fDistance, static_cast<int>(u)};
   }
   return best;
 }

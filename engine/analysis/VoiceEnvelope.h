@@ -10,6 +10,7 @@
 #include <array>
 #include <cstdint>
 #include <span>
+#include <vector>
 
 inline constexpr int kEnvelopeSamples = 256;  // 32 ms at 8 kHz
 inline constexpr int kEnvelopeBins = kEnvelopeSamples / 2;
@@ -35,7 +36,24 @@ struct sNearest {
   float fDistance = 1e9F;
   int iIndex = -1;
 };
-[[nodiscard]] sNearest nearest(const sEnvelope& envelope, std::span<const sEnvelope> all);
+
+// Envelopes that others are compared with, padded so that vector instructions find whole rows of four.
+class EnvelopeSet {
+ public:
+  EnvelopeSet() = default;
+  explicit EnvelopeSet(std::span<const sEnvelope> all) { assign(all); }
+  void reserve(std::size_t uEnvelopes) { rows.reserve(uEnvelopes); }
+  // Takes memory beyond what was reserved. Throws std::bad_alloc.
+  void assign(std::span<const sEnvelope> all);
+  [[nodiscard]] sNearest nearest(const sEnvelope& envelope) const;
+  [[nodiscard]] bool isEmpty() const { return rows.empty(); }
+
+ private:
+  using Row = std::array<float, (kEnvelopeCoefficients + 3) / 4 * 4>;
+  static Row padded(const sEnvelope& envelope);
+
+  std::vector<Row> rows;
+};
 
 // Mean power per band of 128 powers.
 void bandPower(std::span<const float> fPower, BandPower& bands);

@@ -21,14 +21,36 @@ float misfit(const BandPower& heard, const BandPower& shape, float fLevel) {
   return fSum;
 }
 
-void keepHarmonics(int iPeriod, std::span<float> fShare) {
-  if (iPeriod <= 0) return;
-  for (int i = 1; i <= kMostHarmonics; ++i) {
-    const int k = std::max(2, (2 * i * kEnvelopeSamples + iPeriod) / (2 * iPeriod));
-    if (k + 2 >= kEnvelopeBins) return;
-    const auto around = fShare.subspan(static_cast<std::size_t>(k) - 2, 5);
-    const float fBest = *std::max_element(around.begin(), around.end());
-    for (std::size_t u = 1; u <= 3; ++u) around[u] = fBest;
+// The bin nearest to a harmonic of a period in samples.
+int binOfHarmonic(int i, int iPeriod) {
+  return (2 * i * kEnvelopeSamples + iPeriod) / (2 * iPeriod);
+}
+
+// A bin and its two neighbours take over the best share of the five around them.
+void keepAround(int k, std::span<float> fShare) {
+  const auto iLast = static_cast<int>(fShare.size()) - 1;
+  const auto at = [&](int i) { return fShare.begin() + std::clamp(i, 0, iLast); };
+  const float fBest = *std::max_element(at(k - 2), at(k + 2) + 1);
+  std::fill(at(k - 1), at(k + 1) + 1, fBest);
+}
+
+void keepHarmonicsOfTalker(int iUsualPeriod, std::span<float> fShare) {
+  for (int i = 1; i <= kMostHarmonics && iUsualPeriod > 0; ++i) {
+    const int k = binOfHarmonic(i, iUsualPeriod);
+    if (k >= kEnvelopeBins) return;
+    keepAround(k, fShare);
+  }
+}
+
+// The period is known to two samples only: at the higher harmonics the strongest bin near by is the one.
+void keepHarmonicsOfFrame(const sVoiceFrame& frame, std::span<float> fShare) {
+  constexpr int kNear = 2;
+  for (int i = 1; frame.iPeriod > 0; ++i) {
+    const int k = binOfHarmonic(i, frame.iPeriod);
+    if (k >= kEnvelopeBins) return;
+    const auto first = frame.fBinPower.begin() + std::max(0, k - kNear);
+    const auto last = frame.fBinPower.begin() + std::min(k + kNear, kEnvelopeBins - 1);
+    keepAround(static_cast<int>(std::max_element(first, last + 1) - frame.fBinPower.begin()), fShare);
   }
 }
 
@@ -53,7 +75,7 @@ VoiceGains::sFit VoiceGains::bestFit(const BandPower& heard) const {
   return best;
 }
 
-void VoiceGains::shareOfVoice(const sVoiceFrame& frame, std::span<float> fShare) const {
+void VoiceGains::shareOfVoice(const sVoiceFrame& frame, int iUsualPeriod, std::span<float> fShare) const {
   BandPower heard;
   bandPower(frame.fBinPower, heard);
   for (float& fBand : heard) fBand = std::log(fBand + 1);
@@ -69,5 +91,6 @@ void VoiceGains::shareOfVoice(const sVoiceFrame& frame, std::span<float> fShare)
     // Half the logarithm of power is that of amplitude.
     fShare[k] = std::clamp(std::exp(-fExcess / 2), kLeastShare, 1.0F);
   }
-  keepHarmonics(frame.iPeriod, fShare);
+  keepHarmonicsOfTalker(iUsualPeriod, fShare);
+  keepHarmonicsOfFrame(frame, fShare);
 }

@@ -27,12 +27,14 @@ float worldDensity(float fPeriod) {
 
 VoiceScorer::VoiceScorer() {
   ownVoices.reserve(sLearnedVoice::kMaxClusters);
+  ownSet.reserve(sLearnedVoice::kMaxClusters);
 }
 
 void VoiceScorer::learn(const sLearnedVoice& voice, std::span<const sVoicePattern> patterns) {
   ownVoices.clear();
   for (std::size_t u = 0; u < static_cast<std::size_t>(voice.iClusters); ++u)
     ownVoices.push_back(unpacked(voice.asCluster[u].envelope));
+  ownSet.assign(ownVoices);
   fThreshold = voice.fThreshold;
   learnPeriods(patterns);
 }
@@ -51,6 +53,7 @@ void VoiceScorer::learnPeriods(std::span<const sVoicePattern> patterns) {
     ++fCount[static_cast<std::size_t>(pattern.iPeriod)];
     ++fAll;
   }
+  float fUsual = 0;
   for (int i = PitchComparator::kMinPeriod; i < kPeriods; ++i) {
     const auto fPeriod = static_cast<float>(i);
     float fOwn = 0;
@@ -58,12 +61,14 @@ void VoiceScorer::learnPeriods(std::span<const sVoicePattern> patterns) {
       const float fHeard = fCount[static_cast<std::size_t>(k)];
       if (fHeard > 0) fOwn += fHeard * normal(fPeriod, static_cast<float>(k), kWidening) / fAll;
     }
-    fPeriodScore[static_cast<std::size_t>(i)] = kWeight * std::log(fOwn / worldDensity(fPeriod) + kUnheard);
+    float& fScore = fPeriodScore[static_cast<std::size_t>(i)];
+    fScore = kWeight * std::log(fOwn / worldDensity(fPeriod) + kUnheard);
+    fUsual += fScore * fCount[static_cast<std::size_t>(i)] / fAll;
   }
+  fThreshold += kThresholdOfOwnScore * fUsual;
 }
 
 float VoiceScorer::score(const sEnvelope& envelope, int iPeriod) const {
   const auto uPeriod = static_cast<std::size_t>(std::clamp(iPeriod, 0, kPeriods - 1));
-  return std::clamp(scoreAgainst(envelope, ownVoices) + fPeriodScore[uPeriod] - fThreshold, kLowest,
-                    kHighest);
+  return std::clamp(scoreAgainst(envelope, ownSet) + fPeriodScore[uPeriod] - fThreshold, kLowest, kHighest);
 }

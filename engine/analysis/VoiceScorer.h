@@ -17,8 +17,9 @@ class VoiceScorer {
   [[nodiscard]] float score(const sEnvelope& envelope, int iPeriod) const;
   static constexpr float kLowest = -3;
   static constexpr float kHighest = 4;
-  // The clusters' envelopes.
+  // The clusters' envelopes. Without any, nothing can be said of a sound.
   [[nodiscard]] std::span<const sEnvelope> own() const { return ownVoices; }
+  [[nodiscard]] bool knowsVoice() const { return !ownVoices.empty(); }
 
  private:
   static constexpr int kPeriods = 145;  // samples
@@ -26,6 +27,7 @@ class VoiceScorer {
   void learnPeriods(std::span<const sVoicePattern> patterns);
 
   std::vector<sEnvelope> ownVoices;  // room for all is taken at once
+  EnvelopeSet ownSet;                // the same
   std::array<float, kPeriods> fPeriodScore{};
   float fThreshold = 0;
 };

@@ -1,9 +1,11 @@
 // Learning a talker's voice, its profile, and what is kept of him and of others afterwards.
 #include <cstring>
+#include <utility>
 
 #include "engine/MyChannel.h"
 #include "engine/VoiceProfileImage.h"
 #include "tests/engine/EngineFixture.h"
+#include "tests/support/AllocationCount.h"
 
 namespace {
 
@@ -85,6 +87,7 @@ TEST_F(LearnedVoiceTest, AProfileIsAWholeImageOfWhatWasLearned) {
   EXPECT_GE(channel.psSpeakerData->iPitchSpread, 5);
   EXPECT_LE(channel.psSpeakerData->iPitchSpread, 7);
   EXPECT_GT(channel.psSpeakerData->iTemplates, 20);
+  EXPECT_GT(channel.psSpeakerData->iPitchEntries, 10);
   EXPECT_EQ(KestrovaCheckSpeakerInformation(speaker(profile), static_cast<std::uint32_t>(profile.size())), 0);
   EXPECT_EQ(KestrovaCopySpeakerInformationAfterRegistration(3, nullptr), 1);
 }
@@ -144,6 +147,60 @@ TEST_F(LearnedVoiceTest, AProfileWithFiguresThatCannotBeIsRefusedThoughItsSumsAr
     EXPECT_EQ(initVoice(speaker(profile)), 2) << &change - pChanges;
     EXPECT_EQ(KestrovaCheckSpeakerInformation(speaker(profile), static_cast<std::uint32_t>(profile.size())),
               2);
+  }
+}
+
+// Before its reserved bytes held anything, a profile's threshold was made by other rules.
+TEST_F(LearnedVoiceTest, AnOlderProfileIsDerivedAnewFromItsRecords) {
+  constexpr std::size_t kSeparation = 32 + 8400 + 636000;
+  std::vector<std::uint8_t> old = deepProfile();
+  ASSERT_EQ(initVoice(speaker(old), false, 3), 0);
+  MyChannel& channel = KestrovapMyChannels[3];
+  sLearnedVoice voice;
+  std::memcpy(&voice, old.data() + kSeparation, sizeof voice);
+  const float fThreshold = std::exchange(voice.fThreshold, 0.6F);
+  voice.uPeriods.fill(0);
+  voice.uRules = 0;
+  std::memcpy(old.data() + kSeparation, &voice, sizeof voice);
+  setSumOfFixedPart(old.data());
+  channel.psSpeakerData->clear();
+  ASSERT_EQ(initVoice(speaker(old), false, 3), 0);
+  EXPECT_EQ(channel.psSpeakerData->iPitchEntries, 0);
+  channel.pSourceSeparation->copySpeakerDataFromDynamicInfo(old.data() + kSeparation);
+  std::memcpy(&voice, old.data() + kSeparation, sizeof voice);
+  EXPECT_EQ(voice.fThreshold, fThreshold);
+  EXPECT_EQ(voice.uRules, sLearnedVoice::kRules);
+}
+
+TEST_F(LearnedVoiceTest, ManyRecordsAreEnoughWithoutClustersAndSayNothingOfASound) {
+  sLearnedVoice voice;
+  std::vector<sVoicePattern> patterns(500);
+  EXPECT_TRUE(buildLearnedVoice(patterns, voice));
+  EXPECT_EQ(voice.iClusters, 0);
+  EXPECT_FALSE(buildLearnedVoice(std::span(patterns).first(499), voice));
+  VoiceScorer scorer;
+  scorer.learn(voice, patterns);
+  EXPECT_FALSE(scorer.knowsVoice());
+  for (sVoicePattern& pattern : std::span(patterns).first(120)) pattern.uFlags = sVoicePattern::kValid;
+  EXPECT_TRUE(buildLearnedVoice(std::span(patterns).first(120), voice));
+}
+
+TEST_F(LearnedVoiceTest, NoFrameTakesMemoryWhileAVoiceIsLearnedOrUsed) {
+  const Samples heard = talk(6, kDeep, kDeepThroat, 17);
+  for (const bool bLearn : {true, false}) {
+    ASSERT_EQ(initVoice(bLearn ? nullptr : speaker(deepProfile()), bLearn), 0);
+    Samples frame(32);
+    sKestrovaFrameResult result{};
+    const AllocationCount count;
+    for (std::size_t i = 0; i + frame.size() <= heard.size(); i += frame.size()) {
+      std::copy_n(heard.data() + i, frame.size(), frame.data());
+      (void)KestrovaProcessFrame(0, frame.data(), 64, frame.data(), &result);
+    }
+    EXPECT_EQ(count.taken(), 0) << bLearn;
+    if (!bLearn) continue;
+    EXPECT_GT(KestrovapMyChannels[0].pSourceSeparation->patternRecords(), 50);
+    EXPECT_EQ(KestrovaCompleteRegistration(0, nullptr), 0) << "it is not wanted, but would have done";
+    EXPECT_FALSE(KestrovapMyChannels[0].usesLearnedVoice());
   }
 }
 

@@ -127,7 +127,7 @@ int KestrovaGetLastDTMFBuffer(std::uint16_t channel, char* text, std::int32_t ca
 
 int KestrovaCompleteRegistration(std::uint16_t channel, std::uint32_t* size) {
   if (!exists(channel) || engine.failCompletion) return 1;
-  *size = engine.speakerBytes;
+  if (size != nullptr) *size = engine.speakerBytes;
   return 0;
 }
 
@@ -139,6 +139,10 @@ int KestrovaCopySpeakerInformationAfterRegistration(std::uint16_t /*channel*/, s
 int KestrovaGetRegistrationOutcome(std::uint16_t /*channel*/, std::int32_t* outcome) {
   *outcome = engine.registrationOutcome;
   return 0;
+}
+
+const char* KestrovaGetRegistrationOutcomeText(std::int32_t outcome) {
+  return outcome == KESTROVA_REGISTRATION_WEAK ? "the voice is too weak or too near the background" : "?";
 }
 
 int KestrovaCheckSpeakerInformation(const sAPISpeaker* speaker, std::uint32_t size) {
