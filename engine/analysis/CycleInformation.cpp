@@ -60,7 +60,8 @@ void CycleInformation::clean() {
 bool CycleInformation::isValid(cHandle c) const {
   if (c < 0 || c >= kRingCycles) return false;
   if (!bWrapped) return c < iWrite;
-  return (c - iWrite + kRingCycles) % kRingCycles >= kGuardCycles;
+  const int iAhead = c - iWrite;
+  return (iAhead < 0 ? iAhead + kRingCycles : iAhead) >= kGuardCycles;
 }
 
 cHandle CycleInformation::newest() const {

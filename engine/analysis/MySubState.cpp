@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <span>
 
 #include "engine/Glob.h"
 #include "engine/MyChannel.h"
@@ -47,7 +48,12 @@ class PeriodSpectrum {
  public:
   PeriodSpectrum(const InputData& input, int iLast, int iPeriod) : iBins(iPeriod * 3 / 2) {
     const int iLength = kSpectrumPeriods * iPeriod;
-    for (int k = 1; k <= iBins; ++k) pfMagnitude[static_cast<std::size_t>(k)] = bin(input, iLast, iLength, k);
+    std::array<float, kMaxLength> pfSamples;
+    for (int i = 0; i < iLength; ++i) {
+      pfSamples[static_cast<std::size_t>(i)] = static_cast<float>(input.at(iLast - iLength + 1 + i));
+    }
+    for (int k = 1; k <= iBins; k += kTogether)
+      bins(std::span(pfSamples).first(static_cast<std::size_t>(iLength)), k);
   }
 
   [[nodiscard]] bool looksHarmonic() const {
@@ -56,20 +62,31 @@ class PeriodSpectrum {
   }
 
  private:
-  static constexpr int kMaxBins = PitchComparator::kMaxPeriod * 3 / 2 + 4;
+  static constexpr int kTogether = 8;  // bins whose recurrences run side by side
+  static constexpr int kMaxLength = PitchComparator::kMaxPeriod * kSpectrumPeriods;
+  static constexpr int kMaxBins = PitchComparator::kMaxPeriod * 3 / 2 + 1 + kTogether;
 
-  // Goertzel's recurrence at bin k of a transform of iLength samples.
-  static float bin(const InputData& input, int iLast, int iLength, int k) {
-    const float fCoefficient =
-        2 * std::cos(2 * std::numbers::pi_v<float> * static_cast<float>(k) / static_cast<float>(iLength));
-    float s1 = 0;
-    float s2 = 0;
-    for (int t = iLast - iLength + 1; t <= iLast; ++t) {
-      const float s = fCoefficient * s1 - s2 + static_cast<float>(input.at(t));
-      s2 = s1;
-      s1 = s;
+  // Goertzel's recurrence at the bins from iFirst on.
+  void bins(std::span<const float> samples, int iFirst) {
+    std::array<float, kTogether> fCoefficient;
+    std::array<float, kTogether> s1{};
+    std::array<float, kTogether> s2{};
+    for (int k = 0; k < kTogether; ++k) {
+      fCoefficient[static_cast<std::size_t>(k)] =
+          2 * std::cos(2 * std::numbers::pi_v<float> * static_cast<float>(iFirst + k) /
+                       static_cast<float>(samples.size()));
     }
-    return std::sqrt(std::max(0.0F, s1 * s1 + s2 * s2 - fCoefficient * s1 * s2));
+    for (const float fSample : samples) {
+      for (std::size_t k = 0; k < kTogether; ++k) {
+        const float s = fCoefficient[k] * s1[k] - s2[k] + fSample;
+        s2[k] = s1[k];
+        s1[k] = s;
+      }
+    }
+    for (std::size_t k = 0; k < kTogether; ++k) {
+      const float fPower = s1[k] * s1[k] + s2[k] * s2[k] - fCoefficient[k] * s1[k] * s2[k];
+      pfMagnitude[static_cast<std::size_t>(iFirst) + k] = std::sqrt(std::max(0.0F, fPower));
+    }
   }
 
   [[nodiscard]] float at(int k) const { return pfMagnitude[static_cast<std::size_t>(k)]; }

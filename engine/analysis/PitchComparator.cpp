@@ -32,15 +32,6 @@ std::array<float, kTaps> designLowPass() {
   return pfTap;
 }
 
-// Four running sums let the compiler use vector registers without reordering a single sum.
-float dot(const float* pfA, const float* pfB, int iCount) {
-  std::array<float, 4> pfSum{};
-  for (int i = 0; i < iCount; i += 4) {
-    for (int k = 0; k < 4; ++k) pfSum[static_cast<std::size_t>(k)] += pfA[i + k] * pfB[i + k];
-  }
-  return (pfSum[0] + pfSum[1]) + (pfSum[2] + pfSum[3]);
-}
-
 }  // namespace
 
 void PitchComparator::push(std::span<const std::int16_t> samples) {
@@ -57,37 +48,62 @@ void PitchComparator::push(std::span<const std::int16_t> samples) {
   }
 }
 
+// By index j: the sum of v[i] v[i - (kLags - j)] over the cycle's values. The inner loop runs over the
+// distances, whose sums do not depend on one another.
+const PitchComparator::Products& PitchComparator::productsOf(int iFirst, const float* pfCycle) const {
+  sKeptProducts& kept = asKept[static_cast<std::size_t>(iFirst / kCycleValues) % kKeptCycles];
+  if (kept.iFirst == iFirst) return kept.fProducts;
+  kept.iFirst = iFirst;
+  kept.fProducts.fill(0);
+  for (int i = 0; i < kCycleValues; ++i) {
+    const float* pfBefore = pfCycle + i - sScores::kLags;
+    for (int j = 0; j < sScores::kLags; ++j) {
+      kept.fProducts[static_cast<std::size_t>(j)] += pfCycle[i] * pfBefore[j];
+    }
+  }
+  return kept.fProducts;
+}
+
 void PitchComparator::compare(int iStart, sScores& scores) const {
   constexpr int kLags = sScores::kLags;
+  constexpr int kElementCycleCount = kElementValues / kCycleValues;
   constexpr int kSpan = 2 * kElementValues;
   // A straight copy of the span and what lies before it, so that the inner loops know no wrap.
   std::array<float, kSpan + kLags> pfLine;
-  const int iFirst = iStart / kDecimation - kElementValues - kLags;
-  for (int i = 0; i < kSpan + kLags; ++i) pfLine[static_cast<std::size_t>(i)] = at(iFirst + i);
-  const float* pfEarly = pfLine.data() + kLags;
-  const float* pfLate = pfEarly + kElementValues;
+  const int iSpanStart = iStart / kDecimation - kElementValues;
+  for (int i = 0; i < kSpan + kLags; ++i) pfLine[static_cast<std::size_t>(i)] = at(iSpanStart - kLags + i);
   // Energies of all stretches are differences of one running sum.
   std::array<double, kSpan + kLags + 1> dEnergyBefore;
   dEnergyBefore[0] = 0;
   for (std::size_t i = 0; i < pfLine.size(); ++i) {
     dEnergyBefore[i + 1] = dEnergyBefore[i] + double{pfLine[i]} * pfLine[i];
   }
-  const auto energy = [&](const float* pfFrom) {
-    const auto* pdFrom = dEnergyBefore.data() + (pfFrom - pfLine.data());
+  const auto energy = [&](int iFrom) {
+    const double* pdFrom = dEnergyBefore.data() + iFrom;
     return static_cast<float>(pdFrom[kElementValues] - pdFrom[0]);
   };
-  const float fEarly = energy(pfEarly);
-  const float fLate = energy(pfLate);
-  for (int iLag = 2; iLag < kLags; ++iLag) {
-    const float fEarlyLag = energy(pfEarly - iLag);
-    const float fLateLag = energy(pfLate - iLag);
-    const float fEarlyDot = dot(pfEarly, pfEarly - iLag, kElementValues);
-    const float fLateDot = dot(pfLate, pfLate - iLag, kElementValues);
+  Products fEarlyDot{};
+  Products fLateDot{};
+  for (int n = 0; n < kElementCycleCount; ++n) {
+    const auto add = [&](int iCycle, Products& fSum) {
+      const int iOffset = iCycle * kCycleValues;
+      const Products& fCycle = productsOf(iSpanStart + iOffset, pfLine.data() + kLags + iOffset);
+      for (std::size_t j = 0; j < fSum.size(); ++j) fSum[j] += fCycle[j];
+    };
+    add(n, fEarlyDot);
+    add(n + kElementCycleCount, fLateDot);
+  }
+  const float fEarly = energy(kLags);
+  const float fLate = energy(kLags + kElementValues);
+  for (int j = 1; j <= kLags - 2; ++j) {
+    const auto u = static_cast<std::size_t>(j);
+    const auto uLag = static_cast<std::size_t>(kLags - j);
+    const float fEarlyLag = energy(j);
+    const float fLateLag = energy(j + kElementValues);
     const auto score = [](float fDot, float fA, float fB) {
       return fDot / std::sqrt((fA + kSilenceEnergy) * (fB + kSilenceEnergy));
     };
-    scores.fShort[static_cast<std::size_t>(iLag)] = score(fLateDot, fLate, fLateLag);
-    scores.fLong[static_cast<std::size_t>(iLag)] =
-        score(fEarlyDot + fLateDot, fEarly + fLate, fEarlyLag + fLateLag);
+    scores.fShort[uLag] = score(fLateDot[u], fLate, fLateLag);
+    scores.fLong[uLag] = score(fEarlyDot[u] + fLateDot[u], fEarly + fLate, fEarlyLag + fLateLag);
   }
 }

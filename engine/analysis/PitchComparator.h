@@ -26,7 +26,7 @@ class PitchComparator {
   // Takes one cycle; cycles come in order.
   void push(std::span<const std::int16_t> samples);
   // Scores of the element of four cycles that starts at sample time iStart, which must have been pushed
-  // less than 180 ms ago.
+  // less than 180 ms ago. Comparing cycle after cycle costs an eighth of a comparison alone.
   void compare(int iStart, sScores& scores) const;
 
  private:
@@ -35,6 +35,16 @@ class PitchComparator {
   static constexpr int kRingValues = 1024;  // a power of two, 256 ms: an element and what lies before it
   static constexpr int kTaps = 17;
   static constexpr int kHistory = kTaps - 1;
+
+  // Products of one cycle with what lies before it, the farthest distance first. They never change.
+  using Products = std::array<float, sScores::kLags>;
+  struct sKeptProducts {
+    int iFirst = -1;  // index of the cycle's first value
+    Products fProducts{};
+  };
+  static constexpr int kKeptCycles = 16;  // a power of two; an element and its neighbours need 8
+
+  [[nodiscard]] const Products& productsOf(int iFirst, const float* pfCycle) const;
 
   [[nodiscard]] float at(int iIndex) const {
     return pfRing[static_cast<std::size_t>(iIndex & (kRingValues - 1))];
@@ -45,4 +55,5 @@ class PitchComparator {
   float fLastLow = 0;
   float fLastHigh = 0;
   int iWrite = 0;
+  mutable std::array<sKeptProducts, kKeptCycles> asKept{};
 };
