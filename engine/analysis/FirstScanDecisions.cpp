@@ -62,9 +62,13 @@ void FirstScan::startSegment(int iTime) {
 
 // ---- Self verbs
 
-// Periods that stay together, in a stretch that stands out from the background, with few matches in doubt.
+// Periods that stay together, in a stretch that stands out from the background in level and in spectrum, with
+// few matches in doubt.
 bool FirstScan::isStable(const sSegment& segment) const {
   if (segment.iAmp * 16 < floor.floor() * kVerbAboveFloorQ4) return false;
+  // Rumble repeats as well as a voice does, but nothing stands out from it.
+  const int iCycles = (segment.iEndTime + 1 - segment.iStartTime) / kCycleSamples;
+  if (highestRise(iCycles) < SpectralRise::kQuiet) return false;
   int iSum = 0;
   int iDoubled = 0;
   int iResized = 0;
@@ -161,7 +165,8 @@ void FirstScan::followLoudness() {
   if (iTime < 0) return;
   const int iSpread = cycles.calcAmp(cycles.newest(), kElementCycles);
   const bool bLoud = iSpread >= pMyChannel->iMinAmplitudeForPotentialSegment && floor.floor() > 0 &&
-                     iSpread * 16 >= floor.floor() * kLoudQ4;
+                     iSpread * 16 >= floor.floor() * kLoudQ4 &&
+                     highestRise(kElementCycles) >= SpectralRise::kQuiet;
   if (!bLoud || (bExamining && bAccepted)) {
     iLoudCycles = 0;
     endOtherVerb();

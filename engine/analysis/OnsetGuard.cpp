@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "engine/analysis/SpectralRise.h"
+
 namespace {
 
 // All lengths in cycles of 4 ms.
@@ -22,7 +24,9 @@ constexpr int kLeastSpread = 100;
 
 bool OnsetGuard::presume(const sCycle& cycle) {
   if (cycle.iSpread < kLeastSpread) return false;
-  if (cycle.fRise >= kRisen || cycle.bRepeating) iLatch = kLatchCycles;
+  // Rumble begins to repeat in every tenth of a second.
+  if (cycle.fRise >= kRisen || (cycle.bRepeating && cycle.fRise >= SpectralRise::kQuiet))
+    iLatch = kLatchCycles;
   return iLatch-- > 0;
 }
 
