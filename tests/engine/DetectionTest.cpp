@@ -160,9 +160,9 @@ TEST(OnsetGuardTest, PresumesForThirtyCyclesAndThenAsksForQuiet) {
   EXPECT_EQ(count(10, risen), 10);
   const OnsetGuard::sCycle verb{.bInSegment = true, .iSpread = 2000, .fRise = 3};
   EXPECT_EQ(count(50, verb), 50);
-  EXPECT_EQ(count(100, quiet), 30) << "held after a verb";
+  EXPECT_EQ(count(100, quiet), 60) << "held after a verb";
   EXPECT_EQ(count(50, verb), 50);
-  EXPECT_EQ(count(500, risen), 30 + 60 + 30) << "held, tail, presumed";
+  EXPECT_EQ(count(500, risen), 60 + 30 + 30) << "held, tail, presumed";
 }
 
 // ---- Bursts
