@@ -95,12 +95,15 @@ struct sigaction onFaultStack(int flags) {
 
 }  // namespace
 
+void ignoreFileSizeSignal() {
+  signal(SIGXFSZ, SIG_IGN);
+}
+
 void installSignalHandlers() {
   signal(SIGINT, sigIntHandle);
   signal(SIGUSR1, sigUsr1Handle);
   signal(SIGUSR2, sigUsr2Handle);
   for (const int number : kIgnoredSignals) signal(number, sigIgnoreHandle);
-  signal(SIGXFSZ, SIG_IGN);  // a file at the limit of its size is an error of the write, not the end
 
   static const FaultStack mainThreadStack;
   struct sigaction segmentation = onFaultStack(0);

@@ -12,5 +12,7 @@
 // They run on the main thread; media threads block all signals but those of faults.
 #pragma once
 
+// A file at the limit of its size is from now on an error of the write, not the end of the process.
+void ignoreFileSizeSignal();
 // Installs all handlers. Main thread, once, when the SIP engine can count its calls.
 void installSignalHandlers();

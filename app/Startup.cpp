@@ -141,6 +141,7 @@ bool chooseConfiguration(std::span<char* const> arguments, ConfigurationPath& pa
 }
 
 int quorvelMain(std::span<char* const> arguments) {
+  ignoreFileSizeSignal();  // the log is written before the other signals are taken care of
   try {
     return run(arguments);
   } catch (...) {

@@ -8,6 +8,14 @@ constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 constexpr std::int64_t kFollowSystem = -1;
 
 std::atomic<std::int64_t> frozenMicroseconds{kFollowSystem};
+std::atomic<std::int64_t> dateSetByMicroseconds{0};  // since the clocks were stopped
+
+timeval timevalOf(std::int64_t microseconds) {
+  timeval result{};
+  result.tv_sec = static_cast<time_t>(microseconds / kMicrosecondsPerSecond);
+  result.tv_usec = static_cast<suseconds_t>(microseconds % kMicrosecondsPerSecond);
+  return result;
+}
 
 }  // namespace
 
@@ -18,14 +26,22 @@ std::time_t Clock::now() {
 }
 
 timeval Clock::timeOfDay() {
-  timeval result{};
   const std::int64_t frozen = frozenMicroseconds.load(std::memory_order_relaxed);
-  if (frozen == kFollowSystem) {
-    gettimeofday(&result, nullptr);
-  } else {
-    result.tv_sec = static_cast<time_t>(frozen / kMicrosecondsPerSecond);
-    result.tv_usec = static_cast<suseconds_t>(frozen % kMicrosecondsPerSecond);
-  }
+  if (frozen != kFollowSystem) return timevalOf(frozen);
+  timeval result{};
+  gettimeofday(&result, nullptr);
+  return result;
+}
+
+timeval Clock::steadyTime() {
+  const std::int64_t frozen = frozenMicroseconds.load(std::memory_order_relaxed);
+  if (frozen != kFollowSystem)
+    return timevalOf(frozen - dateSetByMicroseconds.load(std::memory_order_relaxed));
+  timespec now{};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  timeval result{};
+  result.tv_sec = now.tv_sec;
+  result.tv_usec = static_cast<suseconds_t>(now.tv_nsec / 1000);
   return result;
 }
 
@@ -36,11 +52,17 @@ std::int64_t Clock::monotonicNanoseconds() {
 }
 
 void Clock::freezeAt(std::time_t seconds, std::int32_t microseconds) {
+  dateSetByMicroseconds = 0;
   frozenMicroseconds = static_cast<std::int64_t>(seconds) * kMicrosecondsPerSecond + microseconds;
 }
 
 void Clock::advanceMicroseconds(std::int64_t difference) {
   frozenMicroseconds += difference;
+}
+
+void Clock::setDateBy(std::int64_t seconds) {
+  dateSetByMicroseconds += seconds * kMicrosecondsPerSecond;
+  frozenMicroseconds += seconds * kMicrosecondsPerSecond;
 }
 
 void Clock::followSystem() {

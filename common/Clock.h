@@ -13,12 +13,17 @@ class Clock {
   static std::time_t now();
   // Wall-clock time with microseconds, as gettimeofday gives it.
   static timeval timeOfDay();
-  // Nanoseconds on a clock that is never set, for measuring durations.
+  // For durations that a setting of the date must neither lengthen nor shorten: runs on while the machine
+  // sleeps, too. Its zero means nothing.
+  static timeval steadyTime();
+  // Nanoseconds on a clock that is never set, also for tests.
   static std::int64_t monotonicNanoseconds();
 
-  // Tests only: stop the wall clock at the given time, move it (also backwards), give it back to the system.
+  // Tests only: stop the clocks at the given time, let time pass (also backwards), set the date by so much
+  // while no time passes, give the clocks back to the system.
   static void freezeAt(std::time_t seconds, std::int32_t microseconds = 0);
   static void advanceMicroseconds(std::int64_t difference);
   static void advanceSeconds(std::int64_t difference) { advanceMicroseconds(difference * 1'000'000); }
+  static void setDateBy(std::int64_t seconds);
   static void followSystem();
 };

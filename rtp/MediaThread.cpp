@@ -101,7 +101,7 @@ bool MyRtp::runRound(int pair) {
   }
   if (record.iSelectErrors.own() != 0) record.iSelectErrors.reset();
   if (count == 0) {
-    const std::time_t now = Clock::now();
+    const std::time_t now = Clock::steadyTime().tv_sec;
     for (int side = 0; side < 2; ++side) publishInactivity(record, side, now);
     return true;
   }
@@ -149,7 +149,7 @@ void MyRtp::checkFDSet(const fd_set* ready, int pair) {
       if (!readRtcpSocket(side, pair)) return;
     }
   }
-  const std::time_t now = Clock::now();
+  const std::time_t now = Clock::steadyTime().tv_sec;
   for (int side = 0; side < 2; ++side) {
     if (heard[side]) {
       markHeard(record, side, now);

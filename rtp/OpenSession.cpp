@@ -171,7 +171,7 @@ void MyRtp::resetForCall(int pair) {
   static_cast<sPairDelay&>(record) = {};
   static_cast<sPairQueue&>(record) = {};
   record.iSelectErrors.reset();
-  const std::time_t now = Clock::now();
+  const std::time_t now = Clock::steadyTime().tv_sec;
   for (int side = 0; side < 2; ++side) {
     record.iInactiveSeconds[side].reset();
     record.tLastPacket[side] = now;

@@ -89,7 +89,7 @@ int MyRtp::parseAndSendRtpMsg(int side, int pair, char* msg, int len) {
   if (startsNewStream(side, pair, header)) {
     resynchronise(side, pair, header);
   } else {
-    measureDelay(record, side, header.timestamp(), Clock::timeOfDay(),
+    measureDelay(record, side, header.timestamp(), Clock::steadyTime(),
                  psCodecTiming[record.psCodecs[side][0].eCodec].iTimestampUnitsPerMs);
   }
   calcJitterStatistics(seq, side, pair);
@@ -128,7 +128,7 @@ bool MyRtp::startsNewStream(int side, int pair, const RtpHeader& header) const {
 
 void MyRtp::resynchronise(int side, int pair, const RtpHeader& header) {
   sRtpSessionPair& record = psPairs[pair];
-  setDelayReference(record, side, header.timestamp(), Clock::timeOfDay());
+  setDelayReference(record, side, header.timestamp(), Clock::steadyTime());
   record.uSsrc[side] = header.ssrc();
   while (record.iJitterCount[side] > 0) processJitterBuffer(true, side, pair);
   record.iLastSeq[side] = header.sequence() - 1;

@@ -137,7 +137,7 @@ struct sPairJitterBuffer {
 struct sPairDelay {
   PerSide<std::uint32_t> uRefTimestamp{};
   PerSide<std::uint32_t> uSsrc{};
-  PerSide<timeval> sRefArrival{};
+  PerSide<timeval> sRefArrival{};     // of Clock::steadyTime
   PerSide<Relaxed<int>> iMaxDelay{};  // milliseconds
   PerSide<int> iDelayCount{};         // since the last reference packet
   PerSide<Relaxed<std::int64_t>> iDelaySum{};
@@ -169,7 +169,7 @@ struct sPairQueue {
 struct sPairThread {
   PublishedCounter iSelectErrors;              // consecutive failures
   PerSide<PublishedCounter> iInactiveSeconds;  // since the last datagram of the side
-  PerSide<std::time_t> tLastPacket{};
+  PerSide<std::time_t> tLastPacket{};          // of Clock::steadyTime
   Relaxed<bool> bStopRequested{false};
   Relaxed<bool> bThreadRunning{false};  // created and not ended
   pthread_t tThread{};

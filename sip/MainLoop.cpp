@@ -1,6 +1,7 @@
 // The main loop and its one-second maintenance tick, reload and shutdown.
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <span>
 #include <sys/select.h>
@@ -20,6 +21,7 @@ namespace {
 constexpr int kPassMilliseconds = 1000;
 constexpr double kTickSeconds = 1.0;
 constexpr double kClockMovedBackSeconds = -30.0;
+constexpr std::int64_t kClockRoundingSeconds = 1;  // between the whole seconds of two clocks
 constexpr double kShutdownSeconds = 2.0;
 constexpr double kRegistrationRetrySeconds = 5.0;  // until every identity is active
 constexpr double kReleaseSeconds = 60.0;
@@ -107,8 +109,53 @@ bool MySip::receiveMessage() {
   return true;
 }
 
+// When the date is set, all stamps from which time is counted are set with it: no call, registration or
+// binding ends or lasts for that reason.
+void MySip::followDate(std::time_t now) {
+  const std::int64_t offset = now - Clock::steadyTime().tv_sec;
+  const std::int64_t moved = offset - iDateOffset.value_or(offset);
+  if (iDateOffset && std::abs(moved) <= kClockRoundingSeconds) return;
+  iDateOffset = offset;
+  if (moved == 0) return;
+  Log::info("MySip::mainLoop", "The date of the server was set by %lld seconds\n",
+            static_cast<long long>(moved));
+  moveStamps(moved);
+  // Further back, the tick finds it out itself and begins anew.
+  if (moved < 0 && static_cast<double>(moved) >= kClockMovedBackSeconds) {
+    for (std::time_t* timer : {&sTimeLastTick, &sTimeLastRegistrationCheck, &sTimeLastStatistics})
+      *timer += moved;
+  }
+}
+
+void MySip::moveStamps(std::int64_t seconds) {
+  // A stamp that a binding file brought may be any number: without a sign it may wrap round.
+  const auto move = [seconds](std::int64_t& stamp) {
+    if (stamp != 0)
+      stamp =
+          static_cast<std::int64_t>(static_cast<std::uint64_t>(stamp) + static_cast<std::uint64_t>(seconds));
+  };
+  move(sTrunk.sTimeLastRegistration);
+  for (int slot = 0; slot < iNumSlots; ++slot) {
+    sPhone& leg = phone(slot);
+    move(leg.sTimeCallStart);
+    move(leg.sTimeTerminationStart);
+    move(leg.sTimeLastRegistration);
+  }
+  for (int binding = 0; binding < iNumBindings; ++binding) {
+    sBinding& record = bindingAt(binding);
+    move(record.tConfirmedExpiry);
+    move(record.tRequestedExpiry);
+    for (int entry = 0; entry < record.iNumSubscriptions; ++entry) {
+      move(record.subscription(entry).tConfirmedExpiry);
+      move(record.subscription(entry).tRequestedExpiry);
+    }
+    bindingChanged(binding);
+  }
+}
+
 bool MySip::maintainTimers() {
   const std::time_t now = Clock::now();
+  if (now < sTimeLastTick || difftime(now, sTimeLastTick) >= kTickSeconds) followDate(now);
   const double sinceTick = difftime(now, sTimeLastTick);
   if (sinceTick >= kTickSeconds) {
     sTimeLastTick = now;

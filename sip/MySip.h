@@ -35,6 +35,7 @@
 #include <ctime>
 #include <memory>
 #include <netinet/in.h>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <sys/types.h>
@@ -494,7 +495,9 @@ class MySip {
   bool shutdownIsOver() const;
   bool receiveMessage();
   void waitForMessage(int milliseconds);
-  bool maintainTimers();   // false: leave the main loop
+  bool maintainTimers();  // false: leave the main loop
+  void followDate(std::time_t now);
+  void moveStamps(std::int64_t seconds);
   bool maintenanceTick();  // false: leave the main loop
   void checkReadiness();
   void sweepReleases();
@@ -564,7 +567,8 @@ class MySip {
   void handChallengeToPartner(int slot, std::string_view challenge, const sockaddr_in& from,
                               const char* method);
 
-  std::int64_t iShutdownStarted = 0;  // monotonic nanoseconds; 0: no shutdown yet
+  std::optional<std::int64_t> iDateOffset;  // seconds from the steady clock to the date, as last seen
+  std::int64_t iShutdownStarted = 0;        // monotonic nanoseconds; 0: no shutdown yet
 
   // Room for one datagram and the NUL that ends it.
   std::array<char, kMaxMessageLength + 1> pcReceiveBuffer{};

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "tests/calls/support/Process.h"
@@ -35,8 +36,8 @@ class ProgramTest : public ::testing::Test {
     EXPECT_EQ(start({configuration, suffix})->wait(Seconds(10)), 1);
     EXPECT_EQ(occurrences(errorLog(suffix), " ERROR in quorvel_main, " + message), 1) << errorLog(suffix);
   }
-  std::string writeConfiguration(const std::string& name) const {
-    const std::string sip = std::to_string(LoopbackPeer::freePortPair());
+  std::string writeConfiguration(const std::string& name, int sipPort = LoopbackPeer::freePortPair()) const {
+    const std::string sip = std::to_string(sipPort);
     const std::string path = (bin() / name).string();
     writeFile(path,
               "ConfigVersion=2\nIPVersion=4\nSipProxyIP=127.0.0.1\nSipProxyPort=20999\nSipUAIP=127.0.0.1\n"
@@ -61,6 +62,21 @@ TEST_F(ProgramTest, FailedStartsEndWithOneAndSayWhy) {
   const std::string log = errorLog(suffix);
   EXPECT_LT(log.find(" INFO in quorvel_main, Loading Quorvel version 1.6.56\n"),
             log.find(" INFO in quorvel_main, The number of channels was set to 3\n"));
+
+  std::filesystem::remove(lock);
+  const LoopbackPeer thief;
+  expectFailedStart(writeConfiguration("taken.conf", thief.port()), "Could not prepare sip connection\n");
+}
+
+TEST_F(ProgramTest, StartOnAFullDiskEndsWithOne) {
+  const std::string configuration = writeConfiguration("quorvel.conf");
+  rlimit usual{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &usual), 0);
+  const rlimit none{0, usual.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);  // inherited
+  const auto program = start({configuration, suffix});
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &usual), 0);
+  EXPECT_EQ(program->wait(Seconds(10)), 1) << "without its lock it must not run";
 }
 
 // In a network of its own a process sees the loopback device only.

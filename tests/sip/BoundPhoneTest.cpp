@@ -452,4 +452,32 @@ TEST_F(BoundPhoneTest, BindingsAndTheirSubscriptionsSurviveARestart) {
   EXPECT_EQ(header(atPbx(), "Call-ID"), header(relayed, "Call-ID"));
 }
 
+// Stamps go with the date, and what is due falls due when it would have.
+TEST_F(BoundPhoneTest, SettingTheDateEndsNoBindingSubscriptionOrCall) {
+  startAsProxy();
+  passSeconds(1);
+  registerPhone();
+  subscribePhone();
+  ring();
+  for (const int days : {1, -2, 1}) {
+    Clock::setDateBy(days * 86'400);
+    passSeconds(10);
+    EXPECT_EQ(sip->iNumBindings, 1);
+    EXPECT_EQ(phone().iNumSubscriptions, 1);
+    EXPECT_EQ(sip->numActiveCalls(), 1);
+  }
+  Clock::setDateBy(-20);
+  passSeconds(1);
+  EXPECT_EQ(sip->sTimeLastTick, Clock::now()) << "no pause of twenty seconds";
+  EXPECT_EQ(sip->phone(0).sTimeLastRegistration, kStart - 20);
+  passSeconds(28);
+  EXPECT_EQ(sip->numActiveCalls(), 1);
+  passSeconds(1);
+  EXPECT_EQ(sip->numActiveCalls(), 0) << "nobody answered for 60 s";
+  passSeconds(540);
+  EXPECT_EQ(phone().iNumSubscriptions, 1);
+  passSeconds(1);
+  EXPECT_EQ(phone().iNumSubscriptions, 0) << "601 s of 600";
+}
+
 }  // namespace

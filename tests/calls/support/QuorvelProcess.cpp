@@ -31,6 +31,14 @@ std::string QuorvelProcess::program() {
   return other != nullptr ? other : QUORVEL_PROGRAM;
 }
 
+bool QuorvelProcess::isSanitized() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return true;
+#else
+  return program() != QUORVEL_PROGRAM;
+#endif
+}
+
 Settings QuorvelProcess::workingConfiguration(const PortBlock& ports) {
   return {{"ConfigVersion", "2"},
           {"IPVersion", "4"},

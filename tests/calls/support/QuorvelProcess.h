@@ -22,6 +22,8 @@ class QuorvelProcess {
   ~QuorvelProcess();
 
   static std::string program();  // path of the executable
+  // May the executable have a sanitizer, which reserves and keeps memory as it likes?
+  static bool isSanitized();
   static Settings workingConfiguration(const PortBlock& ports);
 
   // Answers SIP? Asked with OPTIONS until it does or the time is over.
