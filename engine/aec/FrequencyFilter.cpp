@@ -136,7 +136,7 @@ void FrequencyFilter::recentre(int iDelay) {
   const int iFrom = std::clamp(std::max(iWanted, leastBulk()), span.startSamples(), latestBulk());
   if (iFrom == iBulk) return;  // there is no better place
   fd_resetFreqDomainAnalysisParams(iFrom, std::min(iFrom + kMaxTaps, span.endSamples()) - 1);
-  fd_invalidate_fda(false);
+  fd_invalidate_fda(bHadEcho);
 }
 
 // ---- One block
@@ -596,7 +596,8 @@ void FrequencyFilter::fd_considerBlockRemoval() {
   if ((iHeadToDrop < 0 && iTailToDrop < 0) || iActiveBlocks < kLongActive) return;
   if (fRatio[kUsedLasting] > 0.3F) return;
   const int iFrom = iBulk + std::max(iHeadToDrop, 0) * kBlock;
-  const int iTo = endDelay() - std::max(iTailToDrop, 0) * kBlock - 1;
+  const int iEnd = iHeadToDrop > 0 ? std::min(iFrom + kMaxTaps, span.endSamples()) : endDelay();
+  const int iTo = iEnd - std::max(iTailToDrop, 0) * kBlock - 1;
   iActiveBlocks = 0;
   fd_resetFreqDomainAnalysisParams(iFrom, iTo);
 }

@@ -200,6 +200,15 @@ void MyAEC::considerRecentring() {
   constexpr int kDistance = 2000;
   constexpr int kTail = 4 * FrequencyFilter::kBlock;
   if (now.iEchoDelay < 0 || now.iLast - iLastRecentring < kDistance) return;
+  // A first estimate may have been late: the range then lacks the echo's beginning, and what it has is kept.
+  constexpr int kBefore = 8 * FrequencyFilter::kBlock;
+  const int iBulk = frequencyFilter.bulkDelay();
+  if (now.iEchoDelay < iBulk && now.iEchoDelay >= iBulk - kBefore && frequencyFilter.matches() &&
+      frequencyFilter.peakDelay() < iBulk + kBefore && !now.bTalkOverPath) {
+    iLastRecentring = now.iLast;
+    frequencyFilter.recentre(now.iEchoDelay);
+    return;
+  }
   const bool bOutside = !frequencyFilter.covers(now.iEchoDelay) ||
                         !frequencyFilter.covers(std::min(now.iEchoDelay + kTail, echoSpan.endSamples() - 1));
   const bool bLost = frequencyFilter.ratio(kUsedLasting) > 1.1F;

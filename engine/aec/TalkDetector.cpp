@@ -199,7 +199,8 @@ void TalkDetector::checkFrequencyDomainTalk(sAecCycle& now, const ResidualModel&
   now.iFdScore = scoreOf(now, residual, bFarSilent);
   now.bFdNearEndTalk = now.iFdScore > 0;
   if (now.bPathLost) now.iFdHoldEnd = std::min(now.iFdHoldEnd, now.iFirst - 1);
-  if (now.iFdScore >= 50 && !bFarSilent) {
+  const int iHeldFrom = residual.isLearning() ? score::kAboveEcho : 50;
+  if (now.iFdScore >= iHeldFrom && !bFarSilent) {
     const int iHold = now.iFdScore >= score::kAboveEcho ? iTalkHold : iTalkHold / 2;
     now.iFdHoldEnd = std::max(now.iFdHoldEnd, now.iFirst + iHold);
     now.iFdHoldAmp = std::max(now.iFdHoldAmp, now.iMicAmp1);
