@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr float kFirstStep = 0.2F;
-constexpr float kBetaSum = 0.9F;
 constexpr float kLeastPower = 10.0F;   // of a smoothed bin
 constexpr float kNoSpeaker = 100.0F;   // largest smoothed bin below which nothing is learnt
 constexpr float kSpeakerTalks = 3000;  // mean square of a loudspeaker block that excites the path
@@ -19,13 +17,9 @@ constexpr float kPowerNew = 0.01999998F;
 // Per block the path is expected to move by this part of its power. Tuned: with 2e-3 two clocks that differ
 // by 100 ppm leave 9 dB more echo; with 1e-2 the filter follows the background and converges less deep.
 constexpr float kPathDrift = 7e-3F;
-// Power of the coupling that is thought possible before anything is known: an echo as loud as its source.
-constexpr float kFirstUncertainty = 1.0F;
 
-// A missed block weighs as much as this many others; beyond so many, 0.4 s of missed blocks or more of one
-// in five, the loudspeaker's stream is late for good.
+// A missed block weighs as much as so many others.
 constexpr int kMissedWeight = 5;
-constexpr int kMostMissed = 500;
 
 float energy(const float* pfValues, std::size_t uCount) {
   float fSum = 0;
@@ -68,75 +62,12 @@ bool FrequencyFilter::supportsRate() const {
   return (uLength & (uLength - 1)) == 0 && uLength <= lanes::kMaxLength;
 }
 
-void FrequencyFilter::resetBetas() {
-  fBeta.fill(0);
-  std::fill_n(fBeta.begin(), iPartitions, kBetaSum / static_cast<float>(iPartitions));
-}
-
 // There is no estimate of this block; unless the weights still hold, there is no result either.
 void FrequencyFilter::fd_invalidate_fda(bool bKeep) {
   fUsed.fill(0);
   if (bKeep) return;
   bReady = false;
   fRatio.fill(1.0F);
-}
-
-// Moves the lanes by whole blocks: what was the weight of a delay stays the weight of that delay.
-void FrequencyFilter::shiftPartitions(Spectra& spectra, int iBlocks) const {
-  const auto move = [&](lanes::Lanes<kVectors>& values) {
-    lanes::Lanes<kVectors> fresh{};
-    for (int p = std::max(0, -iBlocks); p < iPartitions && p + iBlocks < kMaxPartitions; ++p) {
-      const auto uFrom = static_cast<std::size_t>(p + iBlocks);
-      lanes::setLane(fresh, static_cast<std::size_t>(p), lanes::lane(values, uFrom));
-    }
-    values = fresh;
-  };
-  for (std::size_t k = 0; k < uBins; ++k) {
-    move(spectra.re[k]);
-    move(spectra.im[k]);
-  }
-}
-
-void FrequencyFilter::moveWeights(int iOldBulk, bool bKeep) {
-  for (Spectra& weights : W) {
-    if (bKeep) {
-      shiftPartitions(weights, (iBulk - iOldBulk) / kBlock);
-    } else {
-      weights = Spectra{};
-    }
-  }
-}
-
-// Places the range on the delays iFrom..iTo; weights of delays that stay inside are kept when the peak is
-// among them and the range has moved by whole blocks.
-void FrequencyFilter::fd_resetFreqDomainAnalysisParams(int iFrom, int iTo) {
-  const int iOldBulk = iBulk;
-  iBulk = std::max(0, iFrom);
-  iPartitions = std::clamp((iTo - iBulk + 1) / kBlock, kMinPartitions, kMaxPartitions);
-  const bool bKeep = bHadEcho && covers(iPeakDelay) && (iBulk - iOldBulk) % kBlock == 0;
-  moveWeights(iOldBulk, bKeep);
-  resetBetas();
-  for (int k = 0; k < iPartitions; ++k) fd_setSpkrFftData(iBlockEnd, k);
-  iHeadToDrop = iTailToDrop = -1;
-  iSteadySamples.fill(0);
-  if (bKeep) return;
-  bHadEcho = false;
-  fStep.fill(kFirstStep);
-  fUncertainty.fill(kFirstUncertainty);
-  present = brief = lasting = sEnergies{};
-  iActiveBlocks = iPoorBlocks = iSinceRaise = 0;
-  iPeakDelay = iBulk;
-  iEarlierPeaks.fill(iBulk);
-  fd_invalidate_fda(false);
-}
-
-void FrequencyFilter::recentre(int iDelay) {
-  constexpr int kBlocksBefore = 2;
-  const int iWanted = std::max(0, iDelay / kBlock - kBlocksBefore) * kBlock;
-  const int iFrom = std::clamp(std::max(iWanted, leastBulk()), span.startSamples(), latestBulk());
-  if (iFrom == iBulk) return;  // there is no better place
-  fd_resetFreqDomainAnalysisParams(iFrom, std::min(iFrom + kMaxTaps, span.endSamples()) - 1);
-  fd_invalidate_fda(bHadEcho);
 }
 
 // ---- One block
@@ -167,36 +98,6 @@ bool FrequencyFilter::run(const sAecCycle& cycle, float fTimeDomain) {
   updateWeights();
   fd_considerBlockRemoval();
   return true;
-}
-
-// The loudspeaker stream may lag behind the microphone's by a packet or more. What has not arrived cannot be
-// in the microphone either, so the range begins beyond the largest lag of late. What was so for longer than
-// two windows is over: a gap in the microphone's stream has changed which of them is ahead.
-void FrequencyFilter::noteLag(int iLag) {
-  constexpr int kWindowBlocks = 250;  // 1 s
-  const int iBlocks = (std::max(iLag, 0) + kBlock - 1) / kBlock * kBlock;
-  iLags[0] = std::max(iLags[0], iBlocks);
-  if (++iLagBlocks < kWindowBlocks) return;
-  iLags = {iBlocks, iLags[0]};
-  iLagBlocks = 0;
-}
-
-int FrequencyFilter::leastBulk() const {
-  return std::min(std::max(iLags[0], iLags[1]), latestBulk());
-}
-
-int FrequencyFilter::latestBulk() const {
-  return std::max(span.startSamples(), span.endSamples() - kMinPartitions * kBlock);
-}
-
-void FrequencyFilter::makeRoomForLag(int iLag) {
-  noteLag(iLag);
-  const int iFrom = leastBulk();
-  if (iFrom <= iBulk) return;
-  // What has been learnt of an earlier echo is worth waiting for a packet that is late.
-  if (bHadEcho && iPeakDelay < iFrom && iMissed < kMostMissed) return;
-  iMissed = 0;
-  fd_resetFreqDomainAnalysisParams(iFrom, std::min(iFrom + kMaxTaps, span.endSamples()) - 1);
 }
 
 // Transforms the 64 samples that end k blocks before the bulk delay into partition k; a range that is not in
@@ -518,86 +419,4 @@ void FrequencyFilter::updateWeights() {
       W[kAdapted].im[k][v] += gradient.im[k][v];
     }
   }
-}
-
-// ---- Partitions
-
-// The stronger a partition, the larger its share of the step; with bTrack false only the peak is followed.
-void FrequencyFilter::fd_updateBetaValuesFreqDomain(bool bTrack) {
-  std::array<float, kMaxPartitions> fEnergy{};
-  lanes::Lanes<kVectors> sum{};
-  for (std::size_t k = 0; k < uBins; ++k) {
-    for (std::size_t v = 0; v < kVectors; ++v) {
-      const lanes::Vector re = W[kAdapted].re[k][v];
-      const lanes::Vector im = W[kAdapted].im[k][v];
-      const lanes::Vector square = re * re + im * im;
-      for (std::size_t l = 0; l < lanes::kPerVector; ++l) sum[v][l] += std::sqrt(square[l]);
-    }
-  }
-  for (std::size_t p = 0; p < fEnergy.size(); ++p) fEnergy[p] = lanes::lane(sum, p);
-  const auto pLast = fEnergy.begin() + iPartitions;
-  const auto iStrongest = static_cast<int>(std::max_element(fEnergy.begin(), pLast) - fEnergy.begin());
-  trackPeak(iStrongest);
-  if (!bTrack) return;
-  findWeakPartitions(fEnergy, iStrongest);
-  const float fStrongest = fEnergy[static_cast<std::size_t>(iStrongest)];
-  // A hundredth of the strongest, spread over the partitions, is the least.
-  const auto fCount = static_cast<float>(iPartitions);
-  const float fFloor = fStrongest > 0 ? 0.01F * fStrongest / fCount : 0.01F / fCount;
-  std::array<float, kMaxPartitions + 2> fRaised{};
-  for (int p = 0; p < iPartitions; ++p) {
-    fRaised[static_cast<std::size_t>(p) + 1] = std::max(fEnergy[static_cast<std::size_t>(p)], fFloor);
-  }
-  // Neighbours share: the path may move a little.
-  float fSum = 0;
-  for (std::size_t p = 0; p < static_cast<std::size_t>(iPartitions); ++p) {
-    const bool bEdge = p == 0;
-    fBeta[p] = bEdge ? fRaised[1] + fRaised[2] / 4 : fRaised[p + 1] + (fRaised[p] + fRaised[p + 2]) / 8;
-    fSum += fBeta[p];
-  }
-  float fSquares = 0;
-  for (float& fBetaOfPartition : fBeta) {
-    fBetaOfPartition *= kBetaSum / fSum;
-    fSquares += fBetaOfPartition * fBetaOfPartition;
-  }
-  fEffective = kBetaSum * kBetaSum / fSquares;
-}
-
-void FrequencyFilter::trackPeak(int iStrongest) {
-  const int iPeak = iBulk + iStrongest * kBlock;
-  for (std::size_t i = 0; i < iEarlierPeaks.size(); ++i) {
-    const bool bSteady = std::abs(iPeak - iEarlierPeaks[i]) <= kBlock;
-    iSteadySamples[i] = bSteady ? iSteadySamples[i] + kBlock : 0;
-  }
-  iEarlierPeaks = {iPeak, iEarlierPeaks[0]};
-  iPeakDelay = iPeak;
-}
-
-// With a steady peak, partitions at the ends that hold next to nothing only slow the others down.
-void FrequencyFilter::findWeakPartitions(const std::array<float, kMaxPartitions>& fEnergy, int iStrongest) {
-  constexpr int kLeastToTrim = 10;
-  constexpr int kMostAtOnce = 2;
-  constexpr float kWeak = 1.0F / 40;
-  iHeadToDrop = iTailToDrop = -1;
-  constexpr int kSteady = 800;  // samples
-  if (iPartitions <= kLeastToTrim || std::min(iSteadySamples[0], iSteadySamples[1]) < kSteady) return;
-  const float fLimit = kWeak * fEnergy[static_cast<std::size_t>(iStrongest)];
-  const auto weak = [&](int p) { return fEnergy[static_cast<std::size_t>(p)] < fLimit; };
-  const int iSpare = std::min(kMostAtOnce, iPartitions - kLeastToTrim);
-  for (int n = 0; n < iSpare && iPartitions - 1 - n > iStrongest + 3 && weak(iPartitions - 1 - n); ++n) {
-    iTailToDrop = n + 1;
-  }
-  for (int n = 0; n < iSpare && n < iStrongest - 2 && weak(n); ++n) iHeadToDrop = n + 1;
-}
-
-// Trims only a filter that has long been good: what is cut off is not learnt again before the next move.
-void FrequencyFilter::fd_considerBlockRemoval() {
-  constexpr int kLongActive = 1000;  // blocks, 4 s of loudspeaker sound
-  if ((iHeadToDrop < 0 && iTailToDrop < 0) || iActiveBlocks < kLongActive) return;
-  if (fRatio[kUsedLasting] > 0.3F) return;
-  const int iFrom = iBulk + std::max(iHeadToDrop, 0) * kBlock;
-  const int iEnd = iHeadToDrop > 0 ? std::min(iFrom + kMaxTaps, span.endSamples()) : endDelay();
-  const int iTo = iEnd - std::max(iTailToDrop, 0) * kBlock - 1;
-  iActiveBlocks = 0;
-  fd_resetFreqDomainAnalysisParams(iFrom, iTo);
 }

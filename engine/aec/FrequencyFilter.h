@@ -13,6 +13,10 @@
 // error and N the power of everything in the microphone that is not echo, the best step is M |X|^2 / (M |X|^2
 // + 2 N), the gain of a Kalman filter (Enzner and Vary, 2006). So a cold filter adapts at full speed, a
 // converged one hardly moves, and near-end talk stops it by itself.
+//
+// Contents
+//   FrequencyFilter.cpp  a block: estimates, errors, the two sets, adaptation
+//   FrequencyRange.cpp   where the range lies, and how its partitions share the step
 #pragma once
 
 #include <array>
@@ -79,6 +83,7 @@ class FrequencyFilter {
  private:
   static constexpr std::size_t kVectors = kMaxPartitions / lanes::kPerVector;
   static constexpr std::size_t kMaxSamples = kBlock * kMaxRateFactor;
+  static constexpr float kBetaSum = 0.9F;  // share of the step that the partitions have together
   using Spectra = lanes::Spectrum<kVectors>;
   using Bins = std::array<float, lanes::kMaxBins>;
 
