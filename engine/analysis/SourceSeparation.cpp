@@ -41,10 +41,10 @@ constexpr float kMostGate = 1;
 constexpr float kClosedUpTo = -2;  // while the evidence is against him
 constexpr float kOpenFrom = 2;
 constexpr float kMostWhenClosed = 0.9F;
-constexpr float kLeastOfBoth = 0.3F;
 constexpr float kNoScoreWeight = 0.3F;
-// A sound of both scores less than one of his alone.
+// A sound of both scores less than one of his alone. A verb of both is left to the gains of its frames.
 constexpr float kBothLeniency = 1;
+constexpr float kVerbLeniency = 3;
 
 constexpr float kDefaultStep = 0.01F;
 constexpr float kReferenceStep = 0.01F;
@@ -190,7 +190,7 @@ void SourceSeparation::calcCoefficients(const sVoiceFrame& frame, sEntry& entry)
   const float fSure = ramp(fScore, kLowestScore, kHighestScore);
   const float fGate = std::lerp(kLeastGate, kMostGate, fSure);
   const float fPower = powerRatio(frame);
-  const float fWhenClosed = std::max(kLeastOfBoth, kMostWhenClosed * ramp(fScore, kClosedUpTo, kOpenFrom));
+  const float fWhenClosed = kMostWhenClosed * ramp(fScore, kClosedUpTo, kOpenFrom);
   const float fLeast = std::max(kLeftOfOthers, fBoth * fWhenClosed);
   for (std::size_t k = 0; k < fShare.size(); ++k) {
     const float fOwnShare = 1 + fDoubt * (fGate * std::lerp(fShare[k], 1.0F, fSure) - 1);
@@ -257,6 +257,6 @@ float SourceSeparation::scoreOf(const sSegment& segment) const {
 
 SourceSeparation::Verdict SourceSeparation::verdictOn(const sSegment& segment) const {
   if (!isActive() || heard.frames() < 1) return Verdict::kUnknown;
-  return scoreOf(segment) > -kBothLeniency * ramp(fOwnPart, kNoOwnPart, kOwnPart) ? Verdict::kLearnedVoice
+  return scoreOf(segment) > -kVerbLeniency * ramp(fOwnPart, kNoOwnPart, kOwnPart) ? Verdict::kLearnedVoice
                                                                                   : Verdict::kOtherSound;
 }
