@@ -109,6 +109,7 @@ void MyChannel::terminate() {
   psSpeakerData.reset();
   bRegistrationRunning = false;
   bRegistrationCompleted = false;
+  registrationOutcome = Registration::Outcome::kTooShort;
 }
 
 // ---- Settings

@@ -43,6 +43,7 @@ std::vector<std::uint8_t> wholeProfile() {
   sLearnedVoice learned;
   learned.iPatterns = kNumPatterns;
   learned.bLearned = 1;
+  learned.uRules = sLearnedVoice::kRules;
   learned.iClusters = 2;
   learned.fOwnScore = learned.fMeanPower = 1;
   putAt(profile, kTables, learned);

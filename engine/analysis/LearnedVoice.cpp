@@ -112,8 +112,8 @@ bool sLearnedVoice::isConsistent() const {
   const bool bFinite = std::isfinite(fOwnScore) && std::isfinite(fThreshold) && std::isfinite(fMeanPower);
   const bool bEnough = iClusters > 0 || iPatterns >= kEnoughRecords;
   return uMagic == kMagic && iPatterns >= 0 && (bLearned == 0 || (bLearned == 1 && bEnough)) &&
-         uRules <= kRules && iClusters >= 0 && iClusters <= kMaxClusters && bFinite && fMeanPower >= 0 &&
-         std::abs(fThreshold) <= kHighestThreshold;
+         (bLearned == 0 || uRules == kRules) && iClusters >= 0 && iClusters <= kMaxClusters && bFinite &&
+         fMeanPower >= 0 && std::abs(fThreshold) <= kHighestThreshold;
 }
 
 sSourceSeparationStatistics statisticsOf(std::span<const sVoicePattern> patterns) {

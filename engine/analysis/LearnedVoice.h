@@ -24,7 +24,7 @@ struct sVoicePattern {
   std::uint32_t uFlags = 0;
   std::int32_t iEndTime = 0;     // sample time of the last sample since the registration began
   std::int32_t iPeriod = 0;      // samples
-  std::int32_t iPeriodMove = 0;  // against the frame before, samples; 0 at a break
+  std::int32_t iPeriodMove = 0;  // against the record before, samples; 0 at a break
   std::int32_t iCluster = -1;
   float fPower = 0;  // mean square
   float fAlpha = 0;  // how well it repeats, at most 1
@@ -41,7 +41,7 @@ static_assert(sizeof(sVoicePattern) == kPatternBytes, "voice profiles hold patte
 struct sLearnedVoice {
   static constexpr int kMaxClusters = 650;
   static constexpr std::uint32_t kMagic = 0x31565051;  // "QPV1": the records below; others cannot be read
-  // What clusters and threshold were derived by. What was derived by older rules is derived anew.
+  // What clusters and threshold were derived by. What was derived by others cannot be used.
   static constexpr std::uint8_t kRules = 1;
 
   struct sCluster {

@@ -64,6 +64,12 @@ const PitchComparator::Products& PitchComparator::productsOf(int iFirst, const f
   return kept.fProducts;
 }
 
+bool PitchComparator::holds(int iStart) const {
+  const int iElement = iStart / kDecimation;
+  return iElement + kElementValues <= iWrite &&
+         iElement - kElementValues - sScores::kLags >= iWrite - kRingValues;
+}
+
 void PitchComparator::compare(int iStart, sScores& scores) const {
   constexpr int kLags = sScores::kLags;
   constexpr int kElementCycleCount = kElementValues / kCycleValues;

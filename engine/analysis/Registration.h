@@ -33,7 +33,7 @@ class Registration {
   // Derives the talker's data; afresh, or added to what was learned before. What was learned is cleared when
   // it is not usable.
   Outcome stop(bool bFresh);
-  // Ends it for good without deriving anything: what was learned is cleared. Says what its verbs alone tell.
+  // Ends it for good: what was learned is cleared. Says what its verbs alone tell; no voice is derived.
   Outcome discard();
 
   [[nodiscard]] int segments() const { return iSegments; }

@@ -12,7 +12,7 @@ namespace {
 constexpr int kWeakest = 5;          // stretches below a fifth of the good verbs' level are not learned
 constexpr int kExtendAbove = 3;      // a stretch reaches back while its level is a third of the largest
 constexpr int kMostExtension = 250;  // cycles, one second
-constexpr int kUnsettledRecords = 2;
+constexpr int kUnsettledSamples = 2 * kVoiceHopCycles * kCycleSamples;
 
 // The strongest bins that stand above their neighbours, strongest first.
 void takePeaks(sVoicePattern& pattern) {
@@ -110,16 +110,18 @@ void SourceSeparation::addPattern(const sVoiceFrame& frame, bool bBreak) {
 }
 
 // A long registration is represented evenly: when the records are full, half of them make room, and from then
-// on half as many frames are taken.
+// on half as many frames are taken. A break stays between the records that it was between.
 void SourceSeparation::keepEverySecondPattern() {
   sLearnedVoice& own = voice[0];
   const auto uKept = static_cast<std::size_t>(own.iPatterns / 2);
+  std::uint32_t uBreakOfDropped = 0;
   for (std::size_t i = 0; i < uKept; ++i) {
     const std::uint32_t uBreak =
-        (psPatterns[2 * i].uFlags | psPatterns[2 * i + 1].uFlags) & sVoicePattern::kBreak;
+        std::exchange(uBreakOfDropped, psPatterns[2 * i + 1].uFlags & sVoicePattern::kBreak);
     psPatterns[i] = psPatterns[2 * i];
     psPatterns[i].uFlags |= uBreak;
   }
+  bBreakOpen |= uBreakOfDropped != 0;
   own.iPatterns = static_cast<std::int32_t>(uKept);
   uTakeEvery *= 2;
 }
@@ -129,15 +131,16 @@ bool SourceSeparation::stopRegistration() {
   sLearnedVoice& own = voice[0];
   own.bLearned = 0;
   const std::span all(psPatterns.data(), static_cast<std::size_t>(own.iPatterns));
-  for (std::size_t i = 0; i <= all.size(); ++i) {
+  for (std::size_t i = 1; i <= all.size(); ++i) {
     if (i < all.size() && (all[i].uFlags & sVoicePattern::kBreak) == 0) continue;
-    for (std::size_t back = 1; back <= kUnsettledRecords && back <= i; ++back)
-      all[i - back].uFlags &= ~static_cast<std::uint32_t>(sVoicePattern::kValid);
+    const int iSettled = all[i - 1].iEndTime - kUnsettledSamples;
+    for (std::size_t back = i; back-- > 0 && all[back].iEndTime > iSettled;)
+      all[back].uFlags &= ~static_cast<std::uint32_t>(sVoicePattern::kValid);
   }
   if (!buildLearnedVoice(all, own)) return false;
-  own.bLearned = 1;
   scorer.learn(own, patterns());
   gains.learn();
+  own.bLearned = 1;
   return true;
 }
 
@@ -162,8 +165,6 @@ int SourceSeparation::copySpeakerDataToDynamicInfo(const std::uint8_t* puProfile
     initDynamicInfo();
     const std::span all(psPatterns.data(), static_cast<std::size_t>(own.iPatterns));
     std::memcpy(all.data(), puProfile + kSeparationBytes, all.size_bytes());
-    if (own.uRules != sLearnedVoice::kRules && own.bLearned != 0)
-      own.bLearned = buildLearnedVoice(all, own) ? 1 : 0;
   } catch (const std::bad_alloc&) {
     clean();
     return kRefused;

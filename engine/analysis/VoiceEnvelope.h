@@ -46,7 +46,6 @@ class EnvelopeSet {
   // Takes memory beyond what was reserved. Throws std::bad_alloc.
   void assign(std::span<const sEnvelope> all);
   [[nodiscard]] sNearest nearest(const sEnvelope& envelope) const;
-  [[nodiscard]] bool isEmpty() const { return rows.empty(); }
 
  private:
   using Row = std::array<float, (kEnvelopeCoefficients + 3) / 4 * 4>;

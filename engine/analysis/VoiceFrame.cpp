@@ -62,6 +62,25 @@ void takeBackground(const MyChannel& channel, sVoiceFrame& frame) {
     frame.fBackground[k] = kPowerOfMeanMagnitude * fMagnitude[k] * fMagnitude[k];
 }
 
+// The detector's comparator holds what is recent; a verb that is learned may be older.
+void comparePitch(const MyChannel& channel, cHandle last, PitchComparator::sScores& scores) {
+  constexpr int kElement = 4;  // cycles
+  constexpr int kReach = 24;   // the element, what lies before it, and the filters' settling
+  const CycleInformation& cycles = *channel.pCycleInformation;
+  const PitchComparator& ofDetector = channel.pFirstScan->pitchComparator();
+  const int iStart = cycles.at(last).EndIndex + 1 - kElement * kCycleSamples;
+  if (ofDetector.holds(iStart)) return ofDetector.compare(iStart, scores);
+  constexpr std::array<std::int16_t, kCycleSamples> kNothing{};
+  PitchComparator again;
+  for (int i = kReach - 1; i >= 0; --i) {
+    const cHandle c = CycleInformation::before(last, i);
+    const bool bThere = cycles.isValid(c) && cycles.at(c).StartIndex <= cycles.at(last).StartIndex;
+    again.push(bThere ? std::span(channel.pInputData->cycleSamples(cycles.at(c).StartIndex), kCycleSamples)
+                      : std::span<const std::int16_t>(kNothing));
+  }
+  again.compare((kReach - kElement) * kCycleSamples, scores);
+}
+
 }  // namespace
 
 void analyseVoiceFrame(const MyChannel& channel, cHandle last, sVoiceFrame& frame) {
@@ -70,7 +89,7 @@ void analyseVoiceFrame(const MyChannel& channel, cHandle last, sVoiceFrame& fram
   frame.iAmp = cycles.calcAmp(last, kVoiceFrameCycles);
   frame.iPeriod = 0;
   PitchComparator::sScores scores;
-  channel.pFirstScan->pitchComparator().compare(frame.iEndTime + 1 - 4 * kCycleSamples, scores);
+  comparePitch(channel, last, scores);
   findPeriod(scores, frame);
   transform(*channel.pInputData, frame);
   takeBackground(channel, frame);

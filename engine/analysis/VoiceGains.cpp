@@ -26,31 +26,35 @@ int binOfHarmonic(int i, int iPeriod) {
   return (2 * i * kEnvelopeSamples + iPeriod) / (2 * iPeriod);
 }
 
-// A bin and its two neighbours take over the best share of the five around them.
-void keepAround(int k, std::span<float> fShare) {
-  const auto iLast = static_cast<int>(fShare.size()) - 1;
-  const auto at = [&](int i) { return fShare.begin() + std::clamp(i, 0, iLast); };
-  const float fBest = *std::max_element(at(k - 2), at(k + 2) + 1);
-  std::fill(at(k - 1), at(k + 1) + 1, fBest);
+using Shares = std::array<float, kEnvelopeBins>;
+
+// A bin and its two neighbours take over the best share that the five around them had.
+void keepAround(int k, const Shares& fHad, std::span<float> fShare) {
+  const auto index = [&](int i) { return std::clamp(i, 0, kEnvelopeBins - 1); };
+  const float fBest = *std::max_element(fHad.begin() + index(k - 2), fHad.begin() + index(k + 2) + 1);
+  for (int i = index(k - 1); i <= index(k + 1); ++i) {
+    float& fKept = fShare[static_cast<std::size_t>(i)];
+    fKept = std::max(fKept, fBest);
+  }
 }
 
-void keepHarmonicsOfTalker(int iUsualPeriod, std::span<float> fShare) {
+void keepHarmonicsOfTalker(int iUsualPeriod, const Shares& fHad, std::span<float> fShare) {
   for (int i = 1; i <= kMostHarmonics && iUsualPeriod > 0; ++i) {
     const int k = binOfHarmonic(i, iUsualPeriod);
     if (k >= kEnvelopeBins) return;
-    keepAround(k, fShare);
+    keepAround(k, fHad, fShare);
   }
 }
 
 // The period is known to two samples only: at the higher harmonics the strongest bin near by is the one.
-void keepHarmonicsOfFrame(const sVoiceFrame& frame, std::span<float> fShare) {
+void keepHarmonicsOfFrame(const sVoiceFrame& frame, const Shares& fHad, std::span<float> fShare) {
   constexpr int kNear = 2;
   for (int i = 1; frame.iPeriod > 0; ++i) {
     const int k = binOfHarmonic(i, frame.iPeriod);
     if (k >= kEnvelopeBins) return;
     const auto first = frame.fBinPower.begin() + std::max(0, k - kNear);
     const auto last = frame.fBinPower.begin() + std::min(k + kNear, kEnvelopeBins - 1);
-    keepAround(static_cast<int>(std::max_element(first, last + 1) - frame.fBinPower.begin()), fShare);
+    keepAround(static_cast<int>(std::max_element(first, last + 1) - frame.fBinPower.begin()), fHad, fShare);
   }
 }
 
@@ -91,6 +95,8 @@ void VoiceGains::shareOfVoice(const sVoiceFrame& frame, int iUsualPeriod, std::s
     // Half the logarithm of power is that of amplitude.
     fShare[k] = std::clamp(std::exp(-fExcess / 2), kLeastShare, 1.0F);
   }
-  keepHarmonicsOfTalker(iUsualPeriod, fShare);
-  keepHarmonicsOfFrame(frame, fShare);
+  Shares fHad;
+  std::copy(fShare.begin(), fShare.end(), fHad.begin());
+  keepHarmonicsOfTalker(iUsualPeriod, fHad, fShare);
+  keepHarmonicsOfFrame(frame, fHad, fShare);
 }
