@@ -75,6 +75,8 @@ void AlgorithmChoice::chooseBestAecAlgorithm(const sAecCycle& now, const Frequen
     forceTimeDomain();
     return;
   }
+  // While the loudspeaker is silent the ratios stand still, and the present figures say nothing of a filter.
+  if (active.iSpeakerLevel < kSpeakerAudible) return;
   const bool bBad = isBad(now, filter);
   const bool bWins = !bBad && frequencyDomainWins(filter, active);
   if (iSelectedAlgorithm != kFrequencyDomain) {

@@ -19,6 +19,8 @@ class AlgorithmChoice {
   };
   void chooseBestAecAlgorithm(const sAecCycle& now, const FrequencyFilter& filter, const sAecCoefSet& active,
                               std::int64_t lTrackedMicPower, sProofs proofs);
+  // A block without figures to vote by.
+  void countMissedBlock() { ++iCyclesSinceSwitch; }
   // The frequency-domain result cannot be used any more.
   void forceTimeDomain();
 

@@ -34,7 +34,7 @@ bool BreathingDetector::isLow(std::size_t uLane) const {
 void BreathingDetector::checkBreathingVoiceInSpeaker(sAecCycle& now, const SpeakerHistory& speaker, int iFrom,
                                                      int iTo) {
   now.bBreathing = now.iFirst < iHoldEnd;
-  if (now.iFirst < iNextCheck || iTo - iFrom + 1 > kLongestRange) return;
+  if (now.iFirst < iNextCheck || iTo < iFrom || iTo - iFrom + 1 > kLongestRange) return;
   iNextCheck = now.iFirst + kCheckSamples;
   std::array<float, kChunk> fSamples;
   bool bLow = true;

@@ -51,6 +51,9 @@ struct sAecCoefSet {
     return iAdaptations >= 101 && r[0] <= 799 && r[1] <= 899 && r[2] <= 699 && r[3] <= 799;
   }
 
+  // The same by the lasting figures alone, which stand still while the loudspeaker is silent.
+  [[nodiscard]] bool isLastinglyGood() const { return iAdaptations >= 101 && r[1] <= 899 && r[3] <= 799; }
+
   // Good enough to measure the coupling by.
   [[nodiscard]] bool isGoodForCoupling() const {
     return isGood() && r[0] <= 719 && r[1] <= 719 && r[2] <= 599 && r[3] < 600;

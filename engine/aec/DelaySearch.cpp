@@ -90,7 +90,6 @@ void CoarseFilter::findPeak(bool bBelieve) {
   constexpr int kSame = 3;               // taps: 1.5 ms
   constexpr float kSpkActive = 900;      // mean square at the quarter rate
   if (dPower < static_cast<double>(kSpkActive) * 200) return;
-  ++iActive;
   const auto uTaps = static_cast<std::size_t>(iTaps);
   std::array<lanes::Vector, 2> sums{};
   std::array<lanes::Vector, 2> most{};

@@ -20,15 +20,13 @@ class CoarseFilter {
   void clean(sEchoSpan span);
   // One cycle of both signals at 8 kHz, the loudspeaker's at the least delay of the span.
   // bBelieve: what it finds may become the estimate. bCalm: the echo is being cancelled, so that a quarter of
-  // the cycles is enough to notice a reflection that moves.
+  // the cycles is enough to notice a reflection that moves; each time below is four times as long then.
   void push(const std::array<float, kCycleSamples>& fSpk, const std::array<float, kCycleSamples>& fMic,
             bool bBelieve, bool bCalm);
   // The path seems lost: learns it anew, and keeps the old estimate until there is a better one.
   void relearn();
   // Delay of the strongest reflection in samples, -1 while there is none that stands out.
   [[nodiscard]] int delay() const { return iDelay; }
-  // Cycles with loudspeaker sound since the start.
-  [[nodiscard]] int activeCycles() const { return iActive; }
 
  private:
   static constexpr int kDecimation = 4;
@@ -49,12 +47,11 @@ class CoarseFilter {
   std::array<float, kMaxTaps> fTaps{};
   double dPower = 0;
   float fSpkMemory = 0, fSpkLast = 0, fMicMemory = 0, fMicLast = 0;
-  float fMicEnergy = 1, fErrorEnergy = 1;  // of the latest 200 ms
+  float fMicEnergy = 1, fErrorEnergy = 1;  // of the latest 150 ms
   std::array<int, kRecent> iPeaks{};
   int iPeak = 0;
   int iDelay = -1;
   int iUnconfirmed = 0;  // cycles with loudspeaker sound since the estimate was last found again
-  int iActive = 0;
   int iCycle = 0;
 };
 

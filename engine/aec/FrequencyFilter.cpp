@@ -51,8 +51,13 @@ void FrequencyFilter::clean(const MyChannel* pMicChannel, SpeakerHistory* pSpeak
   iLagBlocks = iMissed = 0;
   bHadEcho = false;  // nothing of an earlier stream is kept
   fEchoGain = 0;
-  iPathLost = 0;
+  iPathLost = iSinceLoss = 0;
   bMayBeLost = false;
+  fMatch = fLongMatch = 0;
+  fEstimate = fLongEstimate = 1;
+  fEffective = kMaxPartitions;
+  fSpkPower = fResidualPower = fEchoPower = fMicPower = 0;
+  fAdapted.fill(0);
   X = Spectra{};
   const int iStart = span.startSamples();
   fd_resetFreqDomainAnalysisParams(iStart, std::min(iStart + kMaxTaps, span.endSamples()) - 1);

@@ -19,6 +19,7 @@
 //   FrequencyRange.cpp   where the range lies, and how its partitions share the step
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <span>
@@ -50,6 +51,9 @@ class FrequencyFilter {
 
   // Moves the range so that the delay (samples) lies two blocks behind its start.
   void recentre(int iDelay);
+  // Whether partitions have been cut off at the range's end, and what takes them back.
+  [[nodiscard]] bool isTrimmed() const { return endDelay() < fullEnd(iBulk); }
+  void widen();
   // Whether the result may be used.
   [[nodiscard]] bool isReady() const { return bReady; }
   [[nodiscard]] float ratio(Ratio which) const { return fRatio[which]; }
@@ -92,6 +96,7 @@ class FrequencyFilter {
   void noteLag(int iLag);
   [[nodiscard]] int leastBulk() const;
   [[nodiscard]] int latestBulk() const;
+  [[nodiscard]] int fullEnd(int iFrom) const { return std::min(iFrom + kMaxTaps, span.endSamples()); }
   bool fd_setSpkrFftData(int iCycleEnd, int k);
   void calcFFTShortToFloat(std::span<const float> samples);
   void calcIFFTFloatToFloat();

@@ -77,9 +77,13 @@ void FrequencyFilter::recentre(int iDelay) {
   constexpr int kBlocksBefore = 2;
   const int iWanted = std::max(0, iDelay / kBlock - kBlocksBefore) * kBlock;
   const int iFrom = std::clamp(std::max(iWanted, leastBulk()), span.startSamples(), latestBulk());
-  if (iFrom == iBulk) return;  // there is no better place
-  fd_resetFreqDomainAnalysisParams(iFrom, std::min(iFrom + kMaxTaps, span.endSamples()) - 1);
+  if (iFrom == iBulk && !isTrimmed()) return;  // there is no better place
+  fd_resetFreqDomainAnalysisParams(iFrom, fullEnd(iFrom) - 1);
   fd_invalidate_fda(bHadEcho);
+}
+
+void FrequencyFilter::widen() {
+  fd_resetFreqDomainAnalysisParams(iBulk, fullEnd(iBulk) - 1);
 }
 
 // The loudspeaker stream may lag behind the microphone's by a packet or more. What has not arrived cannot be
@@ -109,7 +113,7 @@ void FrequencyFilter::makeRoomForLag(int iLag) {
   // What has been learnt of an earlier echo is worth waiting for a packet that is late.
   if (bHadEcho && iPeakDelay < iFrom && iMissed < kMostMissed) return;
   iMissed = 0;
-  fd_resetFreqDomainAnalysisParams(iFrom, std::min(iFrom + kMaxTaps, span.endSamples()) - 1);
+  fd_resetFreqDomainAnalysisParams(iFrom, fullEnd(iFrom) - 1);
 }
 
 // ---- Partitions
@@ -182,13 +186,21 @@ void FrequencyFilter::findWeakPartitions(const std::array<float, kMaxPartitions>
   for (int n = 0; n < iSpare && n < iStrongest - 2 && weak(n); ++n) iHeadToDrop = n + 1;
 }
 
-// Trims only a filter that has long been good: what is cut off is not learnt again before the next move.
+// Trims only a filter that has long been good. What was cut off is taken back when all that the rest
+// estimates has long been found in the microphone and yet most of the microphone is not explained.
 void FrequencyFilter::fd_considerBlockRemoval() {
-  constexpr int kLongActive = 1000;  // blocks, 4 s of loudspeaker sound
+  constexpr int kLongActive = 1000;   // blocks, 4 s of loudspeaker sound
+  constexpr float kRight = 0.9F;      // of the estimate, found in the microphone lately
+  constexpr float kLongRight = 0.8F;  // the same over 0.8 s
+  const bool bRight = fMatch > kRight * fEstimate && fLongMatch > kLongRight * fLongEstimate;
+  if (isTrimmed() && bRight && fRatio[kUsedLasting] > 0.7F && !isTalkOverKnownPath()) {
+    widen();
+    return;
+  }
   if ((iHeadToDrop < 0 && iTailToDrop < 0) || iActiveBlocks < kLongActive) return;
   if (fRatio[kUsedLasting] > 0.3F) return;
   const int iFrom = iBulk + std::max(iHeadToDrop, 0) * kBlock;
-  const int iEnd = iHeadToDrop > 0 ? std::min(iFrom + kMaxTaps, span.endSamples()) : endDelay();
+  const int iEnd = iHeadToDrop > 0 ? fullEnd(iFrom) : endDelay();
   const int iTo = iEnd - std::max(iTailToDrop, 0) * kBlock - 1;
   iActiveBlocks = 0;
   fd_resetFreqDomainAnalysisParams(iFrom, iTo);

@@ -126,7 +126,7 @@ void MyAEC::noteStrongEcho() {
 
 void MyAEC::checkHowling() {
   const sAecCoefSet& active = timeFilter.set(TimeDomainFilter::kActive);
-  const bool bSure = now.bStablePath && active.isGood();
+  const bool bSure = now.bStablePath && active.isLastinglyGood();
   // Of the ten latest cycles that have come in: the loudspeaker's packets may be behind.
   const int iSpkNow = std::min(now.iLast, (now.iSpkLast + 1) / kCycleSamples * kCycleSamples - 1);
   howling.checkHowlingConditions(now, speaker.calcSpkrAmp(iSpkNow, 10 * kCycleSamples - 1), bSure);
@@ -189,6 +189,10 @@ void MyAEC::performFrequencyDomainAnalysis() {
                              !bSilent);
   }
   talk.checkFrequencyDomainTalk(now, frequencyResidual, bSilent);
+  if (!bRan && frequencyFilter.isReady()) {
+    choice.countMissedBlock();
+    return;
+  }
   choice.chooseBestAecAlgorithm(
       now, frequencyFilter, active, levels.trackedPower(),
       {frequencyResidual.hasSeenEcho(), timeResidual.hasSeenEcho() && !timeResidual.isLearning()});

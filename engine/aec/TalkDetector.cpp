@@ -116,7 +116,7 @@ void TalkDetector::checkNearEndTalk(sAecCycle& now, const ResidualModel& residua
   const int iRatio = static_cast<int>(std::min<std::int64_t>(
       std::int64_t{now.iMicAmp} * kUnityCoupling / std::max(1, now.iSpkReachAmp), 1 << 30));
   now.bMicAboveEcho = iRatio > std::max(8 * iCoupling, 2048);
-  updateStrongHold(now, active.isGood());
+  updateStrongHold(now, active.isLastinglyGood());
   updateTalkHold(now);
   shortenHolds(now);
   iLastScores[0] = iLastScores[1];

@@ -11,8 +11,8 @@ namespace {
 constexpr int kMatureTest = 800;  // samples after which set 7 is also held against the active set
 constexpr int kMatureStepTest = 8800;
 constexpr int kMoreWithPower = 640;   // with processor power to spare
-constexpr int kLeastStepTest = 4000;  // the same while set 7 steps through the delay range
 constexpr int kLeastTest = 320;       // samples a test set needs to show what it can
+constexpr int kLeastStepTest = 4000;  // the same while set 7 steps through the delay range
 constexpr int kStableWithin = 29;     // samples
 constexpr int kPeakDistance = 8000;
 constexpr int kSpeakerHeard = 1000;  // level of the loudspeaker at which a filter must show what it can
@@ -118,7 +118,7 @@ void TimeDomainFilter::stepAlternative(const sAecCycle& now) {
 // Since when the estimate of the delay has been the same.
 void TimeDomainFilter::followEstimate(const sAecCycle& now) {
   const int iNow = pSearch->coupledDelay() >= 0 ? pSearch->coupledDelay() : pSearch->votedDelay();
-  if (std::abs(iNow - iEstimate) <= kStableWithin) return;
+  if ((iNow < 0) == (iEstimate < 0) && std::abs(iNow - iEstimate) <= kStableWithin) return;
   iEstimate = iNow;
   iEstimateSince = now.iLast;
 }
@@ -148,20 +148,22 @@ void TimeDomainFilter::updateDelayNLengthUsingEchoDelay(sAecCycle& now, bool bAl
   constexpr int kMargin = 64;
   const int iDelay = pSearch->coupledDelay() >= 0 ? pSearch->coupledDelay() : pSearch->votedDelay();
   if (iDelay < 0) return;
-  const auto covers = [&](int i) { return iDelay >= set(i).iStart && iDelay + kMargin <= set(i).end(); };
+  const int iLast = std::min(iDelay + kMargin, span.endSamples() - 1);
+  const auto covers = [&](int i) { return iDelay >= set(i).iStart && iLast <= set(i).end(); };
   if (covers(kTest) && covers(kActive)) return;
   const auto place = [&](int i) {
-    if (covers(i)) return false;
+    if (covers(i) || !set(i).updateCoefsToLatestEchoDelay(placementFor(iDelay), fullLength())) return false;
     iLastMove = now.iLast;
-    return set(i).updateCoefsToLatestEchoDelay(placementFor(iDelay), fullLength());
+    return true;
   };
   if (place(kAlternative)) iTestStart = now.iLast;
   if (bAlternativeOnly) return;
-  // The votes have been followed.
-  if (place(kTest)) pSearch->initDelaynLengthCoeffCounters();
-  if (place(kActive)) pSearch->initDelaynLengthCoeffCounters();
-  iTest6Start = now.iLast;
   bSearching = false;
+  const bool bTestMoved = place(kTest);
+  if (!place(kActive) && !bTestMoved) return;
+  // The votes have been followed.
+  pSearch->initDelaynLengthCoeffCounters();
+  iTest6Start = now.iLast;
 }
 
 // ---- What is remembered

@@ -210,6 +210,28 @@ TEST_F(EchoTest, ALateLoudspeakerNeitherEndsTheFrequencyDomainFilterNorKeepsItFr
   }
 }
 
+TEST_F(EchoTest, ALoopHowlsHoweverFarAheadTheMicrophoneIs) {
+  const Samples far = tone(4000, 1300, 8000);
+  for (const int iLead : {0, 480}) {
+    (void)cancel(far, far, echoInit(7), iLead);
+    EXPECT_TRUE(aec().cycle().bHowling) << iLead;
+  }
+}
+
+TEST_F(EchoTest, PartitionsThatWereCutOffAreTakenBackForALongerRoom) {
+  const Samples far = syllables(92000, 2500, 17);
+  Samples echo = echoOf(far, 300, 0.3);
+  start(echoInit(7));
+  (void)feed(far, echo, 0, 56000);
+  EXPECT_TRUE(aec().frequencyDomain().isTrimmed());
+  const auto uLate = static_cast<std::size_t>(aec().frequencyDomain().endDelay() + 10);
+  const Samples fainter = echoOf(far, 300, 0.15);
+  for (std::size_t i = 56000; i < far.size(); ++i)
+    echo[i] = static_cast<std::int16_t>(fainter[i] + far[i - uLate] / 3);
+  (void)feed(far, echo, 56000, far.size());
+  EXPECT_LT(aec().frequencyDomain().ratio(FrequencyFilter::kUsedLasting), 0.3);
+}
+
 TEST_F(EchoTest, AMutedPhoneDoesNotBuryTheVotesOfItsDelay) {
   const Samples far = syllables(144000, 2500, 16);
   Samples micSamples = echoOf(far, 300, 0.5);
