@@ -25,8 +25,8 @@ class PitchComparator {
   void clean() { *this = PitchComparator{}; }
   // Takes one cycle; cycles come in order.
   void push(std::span<const std::int16_t> samples);
-  // Scores of the element of four cycles that starts at sample time iStart, counted from the first push, which
-  // must be held still. Comparing cycle after cycle costs an eighth of a comparison alone.
+  // Scores of the element of four cycles that starts at sample time iStart, counted from the first push,
+  // which must be held still. Comparing cycle after cycle costs an eighth of a comparison alone.
   void compare(int iStart, sScores& scores) const;
   // Whether that element has been pushed, and less than 180 ms ago.
   [[nodiscard]] bool holds(int iStart) const;
