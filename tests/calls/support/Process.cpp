@@ -35,6 +35,7 @@ std::vector<std::string> environmentWith(const Process::Environment& additions) 
 // Between fork and exec only calls that are safe in a signal handler.
 [[noreturn]] void becomeProgram(const char* path, char** arguments, char** environment, const char* output) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  setpgid(0, 0);
   const int in = open("/dev/null", O_RDONLY);
   const int out = open(output, O_WRONLY | O_CREAT | O_APPEND, 0644);
   if (in < 0 || out < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(out, 2) < 0) _exit(127);
@@ -80,6 +81,7 @@ void Process::signal(int number) const {
 
 void Process::kill() {
   signal(SIGKILL);
+  if (!status.has_value()) ::kill(-id, SIGKILL);  // and what it has started, which would keep its ports
   wait(Seconds(5));
 }
 
