@@ -12,13 +12,10 @@
 #include "common/Clock.h"
 #include "engine/Glob.h"
 #include "fuzz/MemoryFile.h"
+#include "fuzz/Require.h"
 #include "sip/MySip.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // An engine of which only the bindings are in use.
 MySip& table() {

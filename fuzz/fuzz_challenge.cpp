@@ -4,20 +4,16 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
 
 #include "app/config/Settings.h"
 #include "engine/Glob.h"
+#include "fuzz/Require.h"
 #include "sip/MySip.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 std::string lastSent;
 

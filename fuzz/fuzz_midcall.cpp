@@ -24,14 +24,11 @@
 #include "app/config/Settings.h"
 #include "common/Clock.h"
 #include "engine/Glob.h"
+#include "fuzz/Require.h"
 #include "rtp/MyRtp.h"
 #include "sip/MySip.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 std::string lastSent;
 

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <string>
 
+#include "app/config/Settings.h"
 #include "tools/quorvelctl/Context.h"
 
 namespace {
@@ -33,8 +34,12 @@ struct Instance {
         << "SipUAPort=5070\nRtpUAPortInitVal=20000\nSeparator=##\nDefaultCmd=*##0\nNumPhonesToAllocate=4\n"
         << "RegisterOrigPhones=0\nRegisterPairPhones=0\nNeedToCheckDTMF=0\nCPUPower=5\n"
         << "DetectAggressiveLevel=2\nCleanAggressiveLevel=8\nAECAlgorithm=basic\n"
-        << "StatisticsFile=" << file.string() << "\nRealTimeAverageStatisticsFile=" << file.string() << "\n";
+        << "StatisticsFile=../log/errLog-fuzz\nRealTimeAverageStatisticsFile=../log/errLog-fuzz\n";
     if (!adoptContext(context) || !loadConfiguration(context)) std::abort();
+    std::error_code different;
+    std::ofstream(file).put('\n');
+    for (const char* key : {pcStatisticsFile.c_str(), pcRealTimeAverageStatisticsFile.c_str()})
+      if (!fs::equivalent(key, file, different)) std::abort();  // read nothing of the input
   }
   ~Instance() { fs::remove_all(folder); }
 

@@ -7,21 +7,17 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <span>
 
 #include "app/config/Settings.h"
+#include "fuzz/Require.h"
 #include "rtp/MyRtp.h"
 #include "tests/rtp/FakeEngine.h"
 
 namespace {
 
 constexpr int kLocalPort = 22900;
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // Settings and tables, once. A name learned is never written: there is no sequence that starts a
 // registration.

@@ -1,18 +1,14 @@
 // Any message's SDP, read on one leg and offered on the other. The first byte chooses the settings.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string_view>
 
 #include "app/config/Settings.h"
+#include "fuzz/Require.h"
 #include "sip/MySip.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 MySip& twoLegs() {
   static MySip sip;

@@ -4,18 +4,14 @@
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "app/config/Settings.h"
+#include "fuzz/Require.h"
 #include "sip/MySip.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 std::string lowerCase(std::string_view text) {
   std::string lower(text);

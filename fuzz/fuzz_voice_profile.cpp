@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -15,13 +14,10 @@
 #include "engine/analysis/LearnedVoice.h"
 #include "engine/Kestrova.h"
 #include "fuzz/MemoryFile.h"
+#include "fuzz/Require.h"
 #include "rtp/VoiceProfile.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 constexpr std::size_t kTables = sSpeakerData::kTableBytes;
 constexpr std::size_t kPatterns = kTables + kSeparationBytes;

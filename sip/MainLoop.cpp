@@ -97,7 +97,7 @@ bool MySip::receiveMessage() {
     Log::warning("MySip::mainLoop", "unable to read socket %s\n", std::strerror(errno));
     return false;
   }
-  if (length > static_cast<ssize_t>(kMaxMessageLength)) {
+  if (length > kMaxMessageLength) {
     Log::warning("MySip::mainLoop", "message of %zd bytes cut to %d\n", length, kMaxMessageLength);
     length = kMaxMessageLength;
   }

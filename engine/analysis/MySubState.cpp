@@ -10,10 +10,10 @@
 
 namespace {
 
-// Where the last good end stands when a burst begins: just farther back than a closing consonant may end.
 // A pause ends no burst, but one so long is the other party's turn: what comes behind it is as loud as it is
 // itself, and one loud word does not set the gain of all that follow.
 constexpr int kTurnSamples = 5 * kAnalysisRate;
+// Where the last good end stands when a burst begins: just farther back than a closing consonant may end.
 constexpr int kNoGoodEnd = -Glob::iMaxDistanceBetweenVerbEndToPostVconstEnd * 1001 / 1000;
 
 // What a verb needs to be checked: matches, the share of them that may be revoked, and whether it must differ

@@ -8,8 +8,8 @@
 
 namespace {
 
-constexpr std::size_t kBlock =
-    20;  // a third of a second of voiced sound, 1.3 s in the longest registrations: shorter than a turn
+// A third of a second of voiced sound, 1.3 s in the longest registrations: shorter than a turn.
+constexpr std::size_t kBlock = 20;
 constexpr std::size_t kMostBlocks = 100;
 constexpr std::size_t kSmallestPart = 5;  // a group has a fifth of all at least: a cough is no second talker
 constexpr float kPitchWeight =

@@ -47,7 +47,10 @@ std::string textOf(const sState& state) {
 int showOne(const sContext& context) {
   const sState state = stateOf(context);
   const bool isWell = state.process && state.calls;
-  if (context.bJson) return std::printf("{%s}\n", jsonOf(state).c_str()), isWell ? kYes : kNo;
+  if (context.bJson) {
+    std::printf("{%s}\n", jsonOf(state).c_str());
+    return isWell ? kYes : kNo;
+  }
   if (!state.process) return noProcess(context);
   std::puts(textOf(state).c_str());
   return isWell ? kYes : fail("%s", silence());
