@@ -326,6 +326,8 @@ TEST_F(ControlTest, ExplainSaysWhatBecomesOfACall) {
                                         {{"KESTROVA_BIN", quorvel->bin().string() + "/"}});
   EXPECT_NE(unnamed.text.find("no phone counts as registered; each instance has its own"), std::string::npos)
       << unnamed.text;
+  const std::string other = control({"explain", "100", "555", "200@127.0.0.1##7##Ann"}).text;
+  EXPECT_TRUE(other.starts_with("not answered: invalid cleaning type (7)")) << other;
   EXPECT_EQ(control({"stop"}).status, 0);
 }
 

@@ -104,8 +104,8 @@ sExplanation refusal(bool barred) {
     return {.status = "503 Service Unavailable",
             .reason = "DOSExpressions bars the caller and no AOSExpressions excepts it"};
   const std::string reason = firstReason();
-  return {.status = "",
-          .reason = pcDefaultCmd.empty() ? "no rule matches and there is no DefaultCmd" : reason};
+  const bool hasNoRule = reason.starts_with("there is no default");
+  return {.status = "", .reason = hasNoRule ? "no rule matches and there is no DefaultCmd" : reason};
 }
 
 sExplanation explain(const sInvite& invite, const std::string& caller, const std::string& name) {
