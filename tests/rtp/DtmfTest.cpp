@@ -18,14 +18,7 @@ std::string event(int code, bool end, int duration = 400) {
 class DtmfTest : public RtpTest {
  protected:
   DtmfTest() {
-    EXPECT_TRUE(pcDTMFRegisterPrefix.assign("*1"));
-    EXPECT_TRUE(pcDTMFActivatePrefix.assign("*2"));
-    EXPECT_TRUE(pcDTMFSuffix.assign("#"));
-    EXPECT_TRUE(pcDTMFDisable.assign("*9"));
-    EXPECT_TRUE(pcRegistrationLibrary.assign((installation.bin() / "voice-").string()));
-    EXPECT_TRUE(pcDTMFOKToneFile.assign(installation.write("ok", std::string(400, '\x10'))));
-    EXPECT_TRUE(pcDTMFFailToneFile.assign(installation.write("fail", std::string(800, '\x20'))));
-    EXPECT_EQ(myRtp.init(), 0);
+    initWithKeys();
     call.request.iCleaningType = 3;
     EXPECT_EQ(call.open(), 0);
   }

@@ -111,6 +111,17 @@ RtpTest::~RtpTest() {
   Clock::followSystem();
 }
 
+void RtpTest::initWithKeys() {
+  EXPECT_TRUE(pcDTMFRegisterPrefix.assign("*1"));
+  EXPECT_TRUE(pcDTMFActivatePrefix.assign("*2"));
+  EXPECT_TRUE(pcDTMFSuffix.assign("#"));
+  EXPECT_TRUE(pcDTMFDisable.assign("*9"));
+  EXPECT_TRUE(pcRegistrationLibrary.assign((installation.bin() / "voice-").string()));
+  EXPECT_TRUE(pcDTMFOKToneFile.assign(installation.write("ok", std::string(400, '\x10'))));
+  EXPECT_TRUE(pcDTMFFailToneFile.assign(installation.write("fail", std::string(800, '\x20'))));
+  EXPECT_EQ(myRtp.init(), 0);
+}
+
 bool RtpTest::eventually(const std::function<bool()>& done) {
   for (int i = 0; i < 400; ++i) {
     if (done()) return true;

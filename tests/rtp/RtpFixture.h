@@ -67,6 +67,10 @@ class RtpTest : public ::testing::Test {
   RtpTest();
   ~RtpTest() override;
 
+  // A relay with key sequences: *1 name # learns a voice, *2 name # uses it, *9 ends that; tones of 400 and
+  // 800 bytes, voices as bin/voice-*.
+  void initWithKeys();
+
   // Waits, at most two seconds, until the media thread has done something.
   static bool eventually(const std::function<bool()>& done);
 
