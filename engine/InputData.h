@@ -24,7 +24,6 @@ class InputData {
   void init(MyChannel* pChannel);
   // Empties the stage for a new stream at the channel's present rate.
   void openSynchronized();
-  // Follows a change of the channel's rate: the stage starts empty, since the old samples have another rate.
 
   // Takes the constant off that the cycle analysis has found, and appends iBytes bytes of samples in the
   // given format: 16-bit linear in the machine's byte order, or 8-bit with 128 as zero. Samples are kept

@@ -25,8 +25,8 @@
  * written with the background taken off its spectrum; everything else is lowered to the comfort-noise level.
  * The output is late by sMaxNumCyclesInDelayBuffer x 4 ms: the first frames give no output, from then on each
  * gives as many bytes as it takes, never more. The result does not depend on how the stream is cut into
- * frames nor on what other channels do. A DTMF digit and the five seconds after it pass untouched but for the
- * gain.
+ * frames (but for a constant on the line, which is followed frame by frame) nor on what other channels do. A
+ * DTMF digit and the five seconds after it pass untouched but for the gain.
  *
  * Echo channels: feed what the loudspeaker plays with KestrovaAECProcessSpkFrame and what the microphone
  * hears with KestrovaAECProcessMicFrame, the loudspeaker frame of a period before its microphone frame. The
@@ -82,7 +82,7 @@ typedef struct sKestrovaInit {
   uint8_t bStartBypassed; /* the channel starts with processing bypassed */
   uint8_t bBypassVAD;
   uint8_t bDoAGC;
-  int32_t iAGCLevel;                       /* target level, linear amplitude */
+  int32_t iAGCLevel;                       /* target level, largest - smallest sample */
   int32_t iAGCMinPercent;                  /* negative is taken as 0 */
   int32_t iAGCMaxPercent;                  /* raised to at least iAGCMinPercent */
   int32_t iGroupType;                      /* voice group 0..3 */
@@ -114,7 +114,8 @@ typedef struct sKestrovaFrameResult {
   int32_t iOutBytes;       /* bytes written to the output */
   int32_t iSpeech;         /* 1: speech was written */
   int32_t iConfidentVoice; /* 1: speech of a talk spurt whose voice is certain */
-  int32_t iDtmf;           /* 1: a DTMF digit was written; fetch the text with KestrovaGetLastDTMFBuffer */
+  int32_t iDtmf;           /* 1: a DTMF digit was written, now or in the last five seconds; its text:
+                            * KestrovaGetLastDTMFBuffer */
   int32_t iNoiseLevel;   /* the background: largest - smallest sample of its last stretch; 0 until measured */
   int32_t iSpeakerMatch; /* the speaker's level, largest - smallest sample; 0 before any speech */
   int32_t iGainPercent;  /* gain of the automatic gain control */

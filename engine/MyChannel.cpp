@@ -90,6 +90,11 @@ bool MyChannel::needsMySbt() const {
   return !bIsAecChannel && Glob::iCPUPower != 0 && !bBypassVAD;
 }
 
+bool MyChannel::hearsAnotherTalker() const {
+  constexpr float kOwn = 0.3F;  // evidence from which on the learned talker is taken to talk
+  return pSourceSeparation && pSourceSeparation->isActive() && pSourceSeparation->evidence().value() < kOwn;
+}
+
 void MyChannel::terminate() {
   bInitialized = false;
   pFftSchema.reset();
@@ -205,6 +210,7 @@ void MyChannel::storeAecSettings(const sKestrovaInit& init) {
 
 void MyChannel::updateRealFrequency() {
   iSamplesPerFrameAtRate = rateFactor() * iFrameSize;
+  if (pOutputData) pOutputData->updateRealFrequency();
   if (!pInputData || pInputData->rateFactor() == rateFactor()) return;
   // Everything that holds sample times starts over with the input stage.
   pInputData->openSynchronized();

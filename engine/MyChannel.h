@@ -60,7 +60,7 @@ class MyChannel {
   [[nodiscard]] int doInternalKestrovaInit(const sKestrovaInit& init);
   // Takes the echo settings, clamped to their ranges.
   void storeAecSettings(const sKestrovaInit& init);
-  // The pitch pair of a voice group: 1 low, 2 high, 3 very high voices; any other value accepts every voice.
+  // The pitch pair of a voice group: 1 deep, 2 middle, 3 high voices; any other value accepts every voice.
   void presetVoiceGroup(int iGroupType);
 
   // Follows a change of rate or frame size.
@@ -75,6 +75,9 @@ class MyChannel {
   [[nodiscard]] bool usesLearnedVoice() const {
     return bRegistrationRunning || (psSpeakerData && psSpeakerData->bTemplatesPresent != 0);
   }
+
+  // Whether a voice has been learned, and another was heard last.
+  [[nodiscard]] bool hearsAnotherTalker() const;
 
   // Whether this is the entry of an echo channel whose output is cleaned.
   [[nodiscard]] bool isEchoMicrophone() const { return bIsAecChannel && pSpkChannel != nullptr; }
@@ -127,7 +130,7 @@ class MyChannel {
   std::uint8_t bStartBypassed = 0;
   std::uint8_t bBypassVAD = 0;
   std::uint8_t bDoAGC = 0;
-  int iAGCLevel = 0;          // linear amplitude, peak to peak
+  int iAGCLevel = 0;          // largest - smallest sample
   int iAGCMin = kUnityQ7;     // Q7
   int iAGCMax = kUnityQ7;     // Q7
   float fVerbDriftLimit = 6;  // largest average drift of a spectral template that still matches

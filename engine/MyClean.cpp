@@ -1,5 +1,6 @@
 #include "engine/MyClean.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
@@ -50,7 +51,7 @@ int MyClean::cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* p
   for (pMyChannel->pFirstScan->handleNextFrame(&bMore); bMore;
        pMyChannel->pFirstScan->handleNextFrame(&bMore)) {
     if (!pMyChannel->pFirstScan->isActive()) continue;
-    if (iError == 0) iError = outputResults();
+    iError = std::max(iError, outputResults());
     if (iError == 0 && pMyChannel->psSbt[0]) pMyChannel->psSbt[0]->afterFrameProcessed();
   }
   *piOutBytes = pMyChannel->pOutputData->take(pOut, iInBytes / (bIs16Bit ? 2 : 1), pMyChannel->b16Bit);
@@ -60,19 +61,21 @@ int MyClean::cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* p
 void MyClean::afterCleaning(std::FILE* pFile) const {
   FirstScan& scan = *pMyChannel->pFirstScan;
   for (int i = 0; i < scan.closedSegments(); ++i) FirstScan::printSegment(pFile, scan.closedSegment(i));
+  pMyChannel->pMySubState->print(pFile);
 }
 
 int MyClean::outputResults() {
   const CycleInformation& cycles = *pMyChannel->pCycleInformation;
   const int iReleasedEnd = cycles.at(pMyChannel->pFirstScan->released()).EndIndex;
+  int iLargest = 0;
   while (iLastOutput < iReleasedEnd) {
     const cHandle cycle = cycles.cycleOf(iLastOutput + 1);
-    if (const int iError = writeCycle(cycle); iError != 0) return iError;
+    iLargest = std::max(iLargest, writeCycle(cycle));
     iLastOutput = cycles.at(cycle).EndIndex;
   }
   FirstScan& scan = *pMyChannel->pFirstScan;
   while (scan.closedSegments() > kKeptSegments && !pMyChannel->bRegistrationRunning) scan.shiftOneSegment();
-  return 0;
+  return iLargest;
 }
 
 int MyClean::writeCycle(cHandle cycle) {

@@ -20,7 +20,7 @@ class MyClean {
   // then as much as came in. 0, or 1 when a stage failed.
   [[nodiscard]] int cleanOneFrame(const void* pIn, int iInBytes, bool bIs16Bit, void* pOut, int* piOutBytes);
 
-  // Reports the segments that are kept, for people who look for a fault.
+  // Reports the segments that are kept and the burst they belong to, for people who look for a fault.
   void afterCleaning(std::FILE* pFile) const;
 
   // Sample times are 32-bit. A stream of 37 hours starts over, long before they run out; the two streams of
@@ -28,7 +28,8 @@ class MyClean {
   [[nodiscard]] bool isStreamWorn() const;
   void restartStream();
 
-  // Writes every cycle that the analysis has released. 0, or the first failure of the output stage.
+  // Writes every cycle that the analysis has released. 0, or the largest result of the output stage: a cycle
+  // that fails keeps back none of the others.
   [[nodiscard]] int outputResults();
 
  private:

@@ -222,6 +222,7 @@ void MyFilters::initializeSpectralNoise(sSpectralNoiseType& noise) {
   noise.dPreviousGain.fill(0.5);
   noise.dPower.fill(0);
   noise.iSubtractFactor = 0;
+  noise.iLastBin = -1;
   noise.iLastNoisePosition = sSpectralNoiseType::kNoEstimate;
   noise.iNoiseLevel = 0;
   noise.bNoisy = false;
@@ -263,7 +264,7 @@ void MyFilters::computeGains(std::span<const double> dMagnitude, sSpectralNoiseT
   for (std::size_t k = 0; k < dMagnitude.size(); ++k) {
     const double dGain = std::max(0.0, 1 - dFactor * noise.dNoise[k] / std::max(1.0, dMagnitude[k]));
     pdGain[k] = (dGain + noise.dPreviousGain[k]) / 2;
-    noise.dPreviousGain[k] = pdGain[k];
+    noise.dPreviousGain[k] = dGain;
   }
 }
 

@@ -26,6 +26,7 @@ struct sSpectralNoiseType {
   std::array<double, kMaxNoiseBins> dPreviousGain;
   std::array<double, kMaxNoiseBins> dPower;  // of the signal, smoothed over frames and neighbouring bins
   int iSubtractFactor;                       // Q7: part of the noise that is taken off
+  int iLastBin;                              // of the estimate; -1 before any
   int iLastNoisePosition;  // sample time of the latest stretch of noise; kNoEstimate before any
   int iNoiseLevel;         // its spread
   bool bNoisy;             // the background is far below the speaker: nothing needs taking off

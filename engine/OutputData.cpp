@@ -7,7 +7,7 @@
 
 namespace {
 
-// Speech gain per cycle: up over 85 ms, down over 43 ms.
+// Speech gain per cycle: up over 88 ms, down over 44 ms.
 constexpr int kSpeechRise = 6;
 constexpr int kSpeechFall = 12;
 constexpr int kCngStepSamples = 4003;  // half a second between steps of the comfort noise
@@ -36,8 +36,7 @@ void OutputData::clean() {
   bFirstSilence = bFirstSpeech = true;
   iCngLevel = iCngLastStep = 0;
   iSpeechCoef = iAgcCoef = kUnityQ7;
-  bSpectralAllowed =
-      pMyChannel->bRemoveNonSelfFrequencies != 0 && pMyChannel->iRealFrequency % kAnalysisRate == 0;
+  updateRealFrequency();
   overlap.restart();
   protection = {};
   bCertain = false;
@@ -48,6 +47,11 @@ void OutputData::clean() {
   echo = sEcho{};
 }
 
+void OutputData::updateRealFrequency() {
+  bSpectralAllowed =
+      pMyChannel->bRemoveNonSelfFrequencies != 0 && pMyChannel->iRealFrequency % kAnalysisRate == 0;
+}
+
 int OutputData::closeOutput() const {
   // Samples that do not fill a cycle yet were not analysed.
   const int iPending = pMyChannel->pCycleInformation->lastSampleTime() - iLastWritten;
@@ -55,8 +59,11 @@ int OutputData::closeOutput() const {
 }
 
 void OutputData::setBlocks(int iCycles) {
+  const int iBefore = iBlocks;
   iBlocks = iCycles >= 8 ? 8 : std::clamp(iCycles, 2, 4);
   overlap.restart();
+  // The bins of another frame length lie elsewhere.
+  if (iBlocks != iBefore) MyFilters::initializeSpectralNoise(psNoise[0]);
 }
 
 // ---- One cycle
@@ -186,11 +193,16 @@ int OutputData::voiceCoef() const {
   return std::max(iSpeaker * kUnityQ7 / iNow, pMyChannel->psNoiseShaping[kBurstEndLowerValue]);
 }
 
-// Speech that is only presumed comes before the verb that will make it confident, and a bypassed decision
-// makes nothing confident.
+// Speech that is only presumed comes before the verb that will make it confident, unless another talks: his
+// verbs are not good. A bypassed decision makes nothing confident.
 int OutputData::postGoodVerbCoef() {
   constexpr int kHoldSamples = kAnalysisRate;  // as long as the gain stands after confident speech
-  if (pMyChannel->pCycleInformation->at(current).bPresumed) iPresumedUntil = iTime + kHoldSamples;
+  const sSegment* pSegment = pMyChannel->pFirstScan->findSegment(iTime);
+  if (pSegment != nullptr && pMyChannel->pMySubState->isRejected(*pSegment)) {
+    iPresumedUntil = -1;
+  } else if (pMyChannel->pCycleInformation->at(current).bPresumed && !pMyChannel->hearsAnotherTalker()) {
+    iPresumedUntil = iTime + kHoldSamples;
+  }
   if (pMyChannel->bBypassVAD || iTime <= iPresumedUntil) return kUnityQ7;
   return pMyChannel->pMySubState->calculatePostGoodVerbCoef128(iTime);
 }

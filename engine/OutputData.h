@@ -46,6 +46,8 @@ class OutputData {
 
   // Frame length of the transform in cycles (2, 3, 4 or 8), from the channel's delay.
   void setBlocks(int iCycles);
+  // Follows the channel's rate: a spectrum is taken apart at multiples of the analysis rate only.
+  void updateRealFrequency();
   // Largest part of the noise that is taken off, Q7.
   void setCleanStrength(int iStrength) { iCleanStrength = iStrength; }
 

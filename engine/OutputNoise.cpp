@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr int kFactorStep = 6;       // Q7 per cycle: the subtraction comes and goes within 70 ms
+constexpr int kFactorStep = 6;       // Q7 per cycle: the subtraction comes and goes within 88 ms
 constexpr int kRatioScale = 1024;    // noise to speaker ratios are held in 1/1024
 constexpr int kStaysQuietBelow = 3;  // a background this far below the speaker needs no cleaning
 constexpr int kBecomesQuietBelow = 2;
@@ -109,15 +109,14 @@ void OutputData::takeNoiseSpectrum(int iFirst, int iAmp) {
   MyFilters& filters = *pMyChannel->pMyFilters;
   const int iFrame = kCycleSamples * iBlocks;
   std::array<double, kMaxNoiseBins> dSpectrum{};
-  int iBins = 0;
   for (int i = 0; i < kNoiseFrames; ++i) {
     const int iFrom = iFirst + i * iFrame / 2;
     const int iLength = filters.calcFFTWithHanning(filters.buildInput(true, iFrom, iFrom + iFrame - 1));
     filters.addMagnitudes(iLength, dSpectrum);
-    iBins = iLength / 2;
+    noise.iLastBin = iLength / 2 - 1;
   }
   const bool bFirst = !noise.hasEstimate();
-  for (std::size_t k = 0; k < static_cast<std::size_t>(iBins); ++k) {
+  for (std::size_t k = 0; k <= static_cast<std::size_t>(noise.iLastBin); ++k) {
     const double dMean = dSpectrum[k] / kNoiseFrames;
     noise.dNoise[k] = bFirst ? dMean : (noise.dNoise[k] + dMean) / 2;
     noise.iBelow[k] = 0;

@@ -32,23 +32,6 @@ void keepSwings(const sElementPoints& finer, int iThreshold, sElementPoints& coa
   if (iDirection != 0) coarser.add(iDirection > 0 ? *pHigh : *pLow);
 }
 
-// Which of the points at the border of two cycles stay: the last one of the first cycle, the first one of the
-// second.
-struct sBorder {
-  bool bKeepsLast = false;
-  bool bKeepsFirst = false;
-};
-
-sBorder borderOf(const sFluctuationInformation& a, const sFluctuationInformation& b) {
-  sBorder border;
-  for (const auto& point : MyMath::analyzeConnectionBetweenTwoCycles(a, b).asPoint) {
-    if (point.iIndex < 0) continue;
-    border.bKeepsFirst |= point.bOfSecond && point.iIndex == 0;
-    border.bKeepsLast |= !point.bOfSecond;
-  }
-  return border;
-}
-
 // The point of `passive` that the active one meets when it is moved back: of its kind, behind the point met
 // before, within the drift; the nearest of them, or null.
 const sElementPoint* partnerOf(const sElementPoint& active, int iDistance, int iDrift, int iAfter,
@@ -103,7 +86,7 @@ bool edgesAgree(const sComparisonElement& active, const InputData& input, int iD
 }  // namespace
 
 void sComparisonElement::prepare(const CycleInformation& cycles, bool bIsFirst, int iTime, int iMinLevel,
-                                 int iMostPoints) {
+                                 int iShortestPeriod) {
   const cHandle last = cycles.cycleOf(iTime + kElementSamples - 1);
   const sRange range = cycles.calcMinMax(last, kElementCycles);
   CycleIndex = cycles.cycleOf(iTime);
@@ -121,7 +104,8 @@ void sComparisonElement::prepare(const CycleInformation& cycles, bool bIsFirst, 
   for (int n = 0; n < kElementCycles; ++n) {
     const cHandle c = cycles.cycleOf(iTime + n * kCycleSamples);
     const sFluctuationInformation* pLevels = c >= 0 ? cycles.at(c).fluctuations : nullptr;
-    bTooManyPoints |= pLevels != nullptr && pLevels[0].nsegments > (n + 1) * iMostPoints;
+    bTooManyPoints |=
+        pLevels != nullptr && pLevels[0].nsegments > (n + 1) * kFluctuationSpan / iShortestPeriod;
   }
 }
 
@@ -135,17 +119,17 @@ void sComparisonElement::joinCycles(const CycleInformation& cycles) {
     const cHandle c = cycles.cycleOf(iStartTime + n * kCycleSamples);
     const sFluctuationInformation* pNow = c >= 0 ? cycles.at(c).fluctuations : nullptr;
     if (pNow == nullptr || pNow->nsegments == 0) continue;
-    sBorder border{true, true};
+    bool bKeepsFirst = true;
     if (pBefore != nullptr) {
-      border = borderOf(*pBefore, *pNow);
+      const auto piStays = MyMath::analyzeConnectionBetweenTwoCycles1(*pBefore, *pNow);
       const int iFirstLevel = levelOf(*this, pNow->points[0].lval);
       const bool bSameKind = open.bPeak != pNow->startingup;
       const bool bFurther = open.bPeak ? open.iLevel > iFirstLevel : open.iLevel < iFirstLevel;
-      if (!border.bKeepsLast && points.iCount > 0) --points.iCount;
+      if (piStays[0] < 0 && points.iCount > 0) --points.iCount;
       if (!bSameKind || bFurther) points.add(open);
-      border.bKeepsFirst &= !(bSameKind && bFurther);
+      bKeepsFirst = piStays[1] >= 0 && !(bSameKind && bFurther);
     }
-    for (int k = border.bKeepsFirst ? 0 : 1; k < pNow->nsegments; ++k) {
+    for (int k = bKeepsFirst ? 0 : 1; k < pNow->nsegments; ++k) {
       const sTurningPoint& point = pNow->points[static_cast<std::size_t>(k)];
       points.add({.iTime = point.toidx,
                   .iLevel = levelOf(*this, point.lval),

@@ -17,6 +17,7 @@ class InputData;
 
 inline constexpr int kElementCycles = 4;
 inline constexpr int kElementSamples = kElementCycles * kCycleSamples;
+inline constexpr int kFluctuationSpan = 320;
 
 struct sElementPoint {
   int iTime = 0;   // sample time
@@ -48,9 +49,9 @@ struct sComparisonElement {
   std::array<sElementPoints, kFluctuationLevels - kFirstAnalysedLevel> asLevel;
 
   // Takes the four cycles from sample time iTime on, levels from iMinLevel up. The cycles' turning points
-  // must still be kept; a cycle without any adds none. iMostPoints: points at the lowest level that a cycle
-  // of a voice may have, times its position.
-  void prepare(const CycleInformation& cycles, bool bIsFirst, int iTime, int iMinLevel, int iMostPoints);
+  // must still be kept; a cycle without any adds none. The k-th cycle of a voice may have k x 320 /
+  // iShortestPeriod points at the lowest level: 320 samples are ten cycles.
+  void prepare(const CycleInformation& cycles, bool bIsFirst, int iTime, int iMinLevel, int iShortestPeriod);
   [[nodiscard]] const sElementPoints& level(int iLevel) const {
     return asLevel[static_cast<std::size_t>(iLevel - kFirstAnalysedLevel)];
   }

@@ -58,8 +58,7 @@ void CycleInformation::clean() {
 // ---- The ring
 
 bool CycleInformation::isValid(cHandle c) const {
-  if (c < 0 || c >= kRingCycles) return false;
-  if (!bWrapped) return c < iWrite;
+  if (c < 0 || c >= kRingCycles || (!bWrapped && c >= iWrite)) return false;
   const int iAhead = c - iWrite;
   return (iAhead < 0 ? iAhead + kRingCycles : iAhead) >= kGuardCycles;
 }
@@ -152,10 +151,8 @@ bool CycleInformation::calculateCyclesInformation() {
   cycle.StartIndex = iLastSampleTime + 1;
   cycle.EndIndex = iEnd;
   storeLevels(cycle, psSamples);
-  if (!pMyChannel->bIsAecChannel) {
-    iLargestAmp = std::max(iLargestAmp, cycle.Amp);
-    analyseFluctuations(cycle, psSamples);
-  }
+  if (!pMyChannel->isEchoMicrophone()) iLargestAmp = std::max(iLargestAmp, cycle.Amp);
+  if (!pMyChannel->bIsAecChannel) analyseFluctuations(cycle, psSamples);
   if (pMyChannel->iEchoGain < kUnityQ7) pMyChannel->iLastEchoPosition = cycle.EndIndex;
   detectTone(cycle, psSamples);
   const std::span samples(psSamples, kCycleSamples);

@@ -24,6 +24,16 @@ class CycleInformation {
   static constexpr std::array<int, kFluctuationLevels> piThresholdPercent{5,  10, 20, 30, 40,
                                                                           50, 60, 70, 80, 90};
 
+  // The immediate trackers, see LevelTrackers.h.
+  static constexpr std::array<sImmediateParam, LevelTrackers::kRows> psImmediateParam{{{0, 125, false},
+                                                                                       {0, 25, false},
+                                                                                       {12, 18, true},
+                                                                                       {0, 6, true},
+                                                                                       {12, 125, true},
+                                                                                       {0, 6, false},
+                                                                                       {0, 62, true},
+                                                                                       {62, 125, true}}};
+
   CycleInformation();  // throws std::bad_alloc
   // A copy of the whole state. Assignment allocates nothing.
   CycleInformation(const CycleInformation& other);

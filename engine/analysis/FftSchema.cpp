@@ -66,27 +66,29 @@ int FftSchema::internalBins() const {
 // A bin of a transform of n samples at rate r is r / n wide. At a multiple of 8 kHz that is not a power of
 // two the padding makes the channel's bins narrower than the internal ones. A frame of f times as many
 // samples has f times the magnitude.
-void FftSchema::copyAndAdjustToInternalFrequency(Spectrum* pTo, std::span<const double> dFrom) const {
+void FftSchema::adjustToInternalFrequency(Spectrum* pSpectrum) const {
+  const Spectrum fFrom = *pSpectrum;
   const int iFactor = pMyChannel->rateFactor();
   const int iTo = internalLength() * iFactor;
   const int iFrom = channelLength();
-  pTo->fill(0);
+  pSpectrum->fill(0);
   for (int k = 0; k < internalLength() / 2; ++k) {
     // The channel's bins j with k - 1/2 <= j x iTo / iFrom < k + 1/2, in whole numbers.
     const int iLow = std::max(0, ((2 * k - 1) * iFrom + 2 * iTo - 1) / (2 * iTo));
     const int iHigh = std::max(iLow + 1, ((2 * k + 1) * iFrom + 2 * iTo - 1) / (2 * iTo));
     double dSum = 0;
-    for (int j = iLow; j < iHigh && j < static_cast<int>(dFrom.size()); ++j) {
-      dSum += dFrom[static_cast<std::size_t>(j)];
+    for (int j = iLow; j < iHigh && j < static_cast<int>(fFrom.size()); ++j) {
+      dSum += fFrom[static_cast<std::size_t>(j)];
     }
-    (*pTo)[static_cast<std::size_t>(k)] = static_cast<float>(dSum / (iHigh - iLow) / iFactor);
+    (*pSpectrum)[static_cast<std::size_t>(k)] = static_cast<float>(dSum / (iHigh - iLow) / iFactor);
   }
 }
 
-void FftSchema::adjustToInternalFrequency(Spectrum* pSpectrum) const {
-  std::array<double, kMaxNoiseBins> dFrom;
-  std::copy(pSpectrum->begin(), pSpectrum->end(), dFrom.begin());
-  copyAndAdjustToInternalFrequency(pSpectrum, dFrom);
+void FftSchema::copyAndAdjustToInternalFrequency(Spectrum* pTo, std::span<const double> dFrom) const {
+  std::transform(dFrom.begin(), dFrom.end(), pTo->begin(),
+                 [](double dValue) { return static_cast<float>(dValue); });
+  std::fill(pTo->begin() + static_cast<std::ptrdiff_t>(dFrom.size()), pTo->end(), 0.0F);
+  adjustToInternalFrequency(pTo);
 }
 
 // ---- Making templates

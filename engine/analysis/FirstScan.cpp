@@ -35,7 +35,7 @@ void FirstScan::init(MyChannel* pChannel) {
 void FirstScan::clean() {
   iOldest = iClosed = iIdentities = 0;
   bExamining = bAccepted = bGoingDown = false;
-  iReferenceSpread = iArtificial = 0;
+  iReferenceSpread = iSpreadAtTurn = iArtificial = 0;
   segmentWindows.iCount = 0;
   iNextTime = 0;
   for (sCachedWindows& cached : asCache) cached.iTime = -1;
@@ -147,7 +147,8 @@ void FirstScan::releaseCycle() {
   CycleInformation& cycles = *pMyChannel->pCycleInformation;
   const int iDelay = pMyChannel->iMaxNumCyclesInDelayBuffer * kCycleSamples;
   const int iTime = cycles.lastSampleTime() + 1 - kCycleSamples - iDelay;
-  if (iTime < 0) return;
+  // A delay that has grown releases nothing twice.
+  if (iTime <= iReleasedTime) return;
   iReleasedTime = iTime;
   iReleased = cycles.cycleOf(iTime);
   sCycleInformation& cycle = cycles.at(iReleased);

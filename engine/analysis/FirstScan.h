@@ -77,6 +77,9 @@ class FirstScan {
   static constexpr int iMaxIndexForArtificialMatch = 4;
   static constexpr int iMaxArtificialMatchesAllowedToBeAdded = 1;
 
+  // Of the largest spread of the last half second, percent: a level that has fallen below it is no jump.
+  static constexpr int iMinAmplitudeFromImmediateAmp = 25;
+
   FirstScan();  // throws std::bad_alloc
 
   void init(MyChannel* pChannel);
@@ -160,7 +163,6 @@ class FirstScan {
   [[nodiscard]] int requiredMatches(int iTime) const;
   [[nodiscard]] bool cycleParametersMatchSegment(int iTime, int iSpread, int iRequired, sSegment* pSegment);
   [[nodiscard]] bool cycleFluctuationsMatchSegment(int iTime, int iRequired, sSegment* pSegment);
-  [[nodiscard]] int mostFluctuations() const;
   [[nodiscard]] bool tooManyFluctuations(int iTime) const;
   [[nodiscard]] const sWindows& windowsOf(int iTime);
   void prepareComparisonElement(bool bFirst, int iTime, int iMinLevel);
@@ -185,7 +187,7 @@ class FirstScan {
   void learnFrom(sSegment& segment);
   [[nodiscard]] bool isStable(const sSegment& segment) const;
   void markVerb(const sSegment& segment, bool bSelf);
-  void startOtherVerb(int iTime);
+  void startOtherVerb(int iFrom, int iTime);
   void growOtherVerb(int iTime);
   void endOtherVerb();
 
@@ -207,7 +209,8 @@ class FirstScan {
   bool bExamining = false;
   bool bAccepted = false;
   bool bGoingDown = false;   // its level has begun to fall
-  int iReferenceSpread = 0;  // largest spread while rising, spread at the turn while falling
+  int iReferenceSpread = 0;  // largest spread while rising
+  int iSpreadAtTurn = 0;     // from which on it has fallen
   int iArtificial = 0;
   sWindows segmentWindows;
   int iNextTime = 0;  // sample time of the next comparison cycle

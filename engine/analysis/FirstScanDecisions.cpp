@@ -43,7 +43,7 @@ void FirstScan::startSegment(int iTime) {
   bExamining = true;
   bAccepted = false;
   bGoingDown = false;
-  iReferenceSpread = 0;
+  iReferenceSpread = iSpreadAtTurn = 0;
   iArtificial = 0;
   segmentWindows.iCount = 0;
   sSegment& segment = examined();
@@ -172,18 +172,20 @@ void FirstScan::followLoudness() {
     endOtherVerb();
     return;
   }
-  if (++iLoudCycles < iMinNumMatchesInNonSelfVerbSegment) return;
+  const bool bBurst = pMyChannel->pMySubState->isHavingConfidence();
+  const int iNeeded =
+      bBurst ? iMinNumMatchesInNonSelfVerbSegmentDuringBurst : iMinNumMatchesInNonSelfVerbSegment;
+  if (++iLoudCycles < iNeeded) return;
   if (bOtherVerb) {
     growOtherVerb(iTime);
-  } else if (pMyChannel->pMySubState->isHavingConfidence() || !guard.mayPresume()) {
-    startOtherVerb(iTime);
+  } else if (bBurst || !guard.mayPresume()) {
+    startOtherVerb(iTime - (iNeeded - 1) * kCycleSamples, iTime);
   }
 }
 
-void FirstScan::startOtherVerb(int iTime) {
+void FirstScan::startOtherVerb(int iFrom, int iTime) {
   bOtherVerb = true;
-  otherVerb.iStartTime = std::max(iTime - (iMinNumMatchesInNonSelfVerbSegment - 1) * kCycleSamples,
-                                  iReleasedTime + kCycleSamples);
+  otherVerb.iStartTime = std::max(iFrom, iReleasedTime + kCycleSamples);
   otherVerb.first = pMyChannel->pCycleInformation->cycleOf(otherVerb.iStartTime);
   otherVerb.iNumMatches = 0;
   otherVerb.iAmp = 0;

@@ -28,11 +28,7 @@ constexpr int kSameDistance = 5;   // samples between bounds that mean the same
 constexpr int kMergeDistance = 8;  // samples between windows that belong together
 constexpr int kLagBounds = 1;      // a score at 4 kHz stands for its distance and the samples beside it
 
-constexpr int kLongestSearchSamples = 129;  // from here on the search takes four cycles
 constexpr int kMaxSizeRatio = 3;
-
-// Points a cycle of a voice may have, over its shortest period: 320 samples are ten cycles.
-constexpr int kFluctuationSpan = 320;
 
 void markCandidates(const std::array<float, PitchComparator::sScores::kLags>& fScores, float fThreshold,
                     std::array<bool, PitchComparator::kMaxPeriod + 3>& candidates) {
@@ -81,26 +77,23 @@ int FirstScan::requiredMatches(int iTime) const {
   return iRequired;
 }
 
-int FirstScan::mostFluctuations() const {
-  return kFluctuationSpan / pMyChannel->psSpeakerData->shortestPeriod();
-}
-
 bool FirstScan::tooManyFluctuations(int iTime) const {
   const CycleInformation& cycles = *pMyChannel->pCycleInformation;
   const sCycleInformation& cycle = cycles.at(cycles.cycleOf(iTime));
   constexpr int kLevel = iIndexOfA2Fluctuation - kFirstAnalysedLevel;
-  return cycle.fluctuations != nullptr && cycle.fluctuations[kLevel].nsegments > mostFluctuations();
+  return cycle.fluctuations != nullptr && cycle.fluctuations[kLevel].nsegments >
+                                              kFluctuationSpan / pMyChannel->psSpeakerData->shortestPeriod();
 }
 
 bool FirstScan::cycleParametersMatchSegment(int iTime, int iSpread, int iRequired, sSegment* pSegment) {
   if (pSegment->iNumMatches >= kMaxMatches) return false;
   if (bGoingDown) {
-    if (iSpread * 100 > iReferenceSpread * 116) return false;
+    if (iSpread * 100 > iSpreadAtTurn * 116) return false;
   } else if (pSegment->iNumMatches > 0) {
     if (iSpread > 2 * iReferenceSpread) return false;
     if (iSpread < iReferenceSpread - iSpread * 16 / 100) {
       bGoingDown = true;
-      iReferenceSpread = iSpread;
+      iSpreadAtTurn = iSpread;
     }
   }
   if (cycleFluctuationsMatchSegment(iTime, iRequired, pSegment)) {
@@ -129,6 +122,7 @@ bool FirstScan::cycleFluctuationsMatchSegment(int iTime, int iRequired, sSegment
     });
   }
   updateNewMatchParameters(pChosen->iNear, pChosen->iFar, false, iTime, pSegment);
+  pSegment->lastMatch().bDoubled |= pChosen->bDoubling;
   return true;
 }
 
@@ -155,7 +149,7 @@ const sWindows& FirstScan::windowsOf(int iTime) {
 
 void FirstScan::prepareComparisonElement(bool bFirst, int iTime, int iMinLevel) {
   asElement[bFirst ? 0 : 1].prepare(*pMyChannel->pCycleInformation, bFirst, iTime, iMinLevel,
-                                    mostFluctuations());
+                                    pMyChannel->psSpeakerData->shortestPeriod());
 }
 
 // The comparison finds the distances in the band of the voice's fundamental; the waveform itself must bear
@@ -214,8 +208,10 @@ sWindows FirstScan::findWindows(const Candidates& candidates) {
 
 void FirstScan::removeWindowsThatDoNotMatchSegment(sWindows* pWindows) const {
   if (segmentWindows.iCount == 0) return;
+  const sMatch& last = examined().lastMatch();
   sWindows kept;
   for (const sWindow& window : *pWindows) {
+    if (window.iNear > last.iFar + last.iDrift || window.iFar < last.iNear - last.iDrift) continue;
     for (const sWindow& known : segmentWindows) {
       if (const auto shared = intersection(window, known)) {
         kept.add(*shared);
@@ -234,11 +230,6 @@ void FirstScan::updateNewMatchParameters(int iNear, int iFar, bool bArtificial, 
   const int iPercent = piMaxDriftInNumSamplesInCycle[bGoingDown ? 1 : 0];
   sMatch match{.cycle = cycles.cycleOf(iTime), .iNear = iNear, .iFar = iFar, .bArtificial = bArtificial};
   match.iDrift = iFar * iPercent >= 400 ? iFar * iPercent / 100 : iMinDrift;
-  match.iCyclesBack = (iFar + kCycleSamples - 1) / kCycleSamples;
-  match.iCyclesForward = iFar + match.iDrift >= kLongestSearchSamples
-                             ? kElementCycles
-                             : (iFar + match.iDrift + kCycleSamples - 1) / kCycleSamples;
-  if (bGoingDown) std::swap(match.iCyclesBack, match.iCyclesForward);
   match.iAmp = spreadFrom(iTime, kElementCycles);
   match.iReferenceAmp = spreadFrom(std::max(0, iTime - kElementCycles * kCycleSamples), kElementCycles);
   match.bResized =

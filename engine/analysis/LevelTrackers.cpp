@@ -2,21 +2,11 @@
 
 #include <algorithm>
 
+#include "engine/analysis/CycleInformation.h"
+
 namespace {
 
-struct sRow {
-  int iFrom;
-  int iTo;
-  bool bAverage;
-};
-constexpr std::array<sRow, LevelTrackers::kRows> psImmediateParam{{{0, 125, false},
-                                                                   {0, 25, false},
-                                                                   {12, 18, true},
-                                                                   {0, 6, true},
-                                                                   {12, 125, true},
-                                                                   {0, 6, false},
-                                                                   {0, 62, true},
-                                                                   {62, 125, true}}};
+constexpr const auto& psImmediateParam = CycleInformation::psImmediateParam;
 
 sRange joined(const sRange& a, const sRange& b) {
   return {std::min(a.iLow, b.iLow), std::max(a.iHigh, b.iHigh)};
@@ -59,7 +49,7 @@ void LevelTrackers::updateRange(int iRow) {
 
 // Sums are kept exactly, so that the averages do not drift with rounding over a long call.
 void LevelTrackers::updateAverage(int iRow) {
-  const sRow& row = psImmediateParam[static_cast<std::size_t>(iRow)];
+  const sImmediateParam& row = psImmediateParam[static_cast<std::size_t>(iRow)];
   sSums& sums = asSums[static_cast<std::size_t>(iRow)];
   sums.lMin += back(row.iFrom).sMin - back(row.iTo + 1).sMin;
   sums.lMax += back(row.iFrom).sMax - back(row.iTo + 1).sMax;

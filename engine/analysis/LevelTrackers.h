@@ -26,6 +26,13 @@ struct sRange {
   [[nodiscard]] int spread() const { return iHigh - iLow; }
 };
 
+// The cycles that an immediate tracker covers, counted back from the newest.
+struct sImmediateParam {
+  int iFrom;
+  int iTo;
+  bool bAverage;  // of the extremes; otherwise the range
+};
+
 class LevelTrackers {
  public:
   static constexpr int kRows = 8;

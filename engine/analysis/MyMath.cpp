@@ -202,3 +202,13 @@ MyMath::sConnection MyMath::analyzeConnectionBetweenTwoCycles(const sFluctuation
   if (b.nsegments > 1) *pOut = {1, !b.startingup, sConnection::kFromSecond, true};
   return connection;
 }
+
+std::array<int, 3> MyMath::analyzeConnectionBetweenTwoCycles1(const sFluctuationInformation& a,
+                                                              const sFluctuationInformation& b) {
+  std::array<int, 3> piIndex{-1, -1, -1};
+  for (const auto& point : analyzeConnectionBetweenTwoCycles(a, b).asPoint) {
+    if (point.iIndex < 0) continue;
+    piIndex[point.bOfSecond ? 1 + static_cast<std::size_t>(point.iIndex) : 0] = point.iIndex;
+  }
+  return piIndex;
+}

@@ -45,6 +45,10 @@ class MyMath {
                                                                      const sFluctuationInformation& b,
                                                                      int iMinSwing = 0);
 
+  // Only the indexes: of a's last point, and of b's first and second; -1 for those that do not stay.
+  [[nodiscard]] static std::array<int, 3> analyzeConnectionBetweenTwoCycles1(
+      const sFluctuationInformation& a, const sFluctuationInformation& b);
+
  private:
   WorkPoints work;
 };

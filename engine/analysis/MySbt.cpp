@@ -12,7 +12,6 @@ namespace {
 constexpr int kFirstSamples = 4000;  // of a stream without tests
 constexpr int kJumpPercent = 150;    // of the level before
 constexpr int kRetries = 2;
-constexpr int kOfHalfSecondPercent = 25;  // the level must still be a quarter of the half second's
 
 // Of the spectrum within the stretch: below it is the background that jumps, and in enough tries some verb is
 // found in it.
@@ -105,7 +104,7 @@ bool MySbt::shouldWeProceedWithTheJump() const {
   const FirstScan& now = *pMyChannel->pFirstScan;
   const bool bConfident = pMyChannel->pMySubState->isHavingConfidence();
   const int iReference = std::max(now.previousBurstsAmplitude(), bConfident ? now.burstAmplitude() : 0);
-  const int iNeeded = std::max(levels.immediate(0).spread() * kOfHalfSecondPercent / 100,
+  const int iNeeded = std::max(levels.immediate(0).spread() * FirstScan::iMinAmplitudeFromImmediateAmp / 100,
                                iReference * now.detectionSettings().iJumpTestPercent / 100);
   return levels.immediate(5).spread() >= iNeeded;
 }

@@ -5,6 +5,7 @@
 #include <numbers>
 #include <span>
 
+#include "engine/analysis/ComparisonElement.h"
 #include "engine/Glob.h"
 #include "engine/MyChannel.h"
 
@@ -38,6 +39,8 @@ constexpr int kMaxBadWhenConfident = 9;
 constexpr int kMaxBadWhenRunning = 5;
 
 constexpr int kMinGoodEntries = 4;
+// A verb that was not good is checked again as it grows: three more cycles make a new picture of it.
+constexpr int kMatchesBetweenTests = 3;
 
 // Noise test: spreads that differ by no more than this factor are the same background.
 constexpr int kSameLevelPercent = 120;
@@ -175,14 +178,21 @@ void MySubState::updateNewSelfVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment
   }
 }
 
-// A verb that was not good may become so as it grows. Three more cycles make a new picture of it.
 void MySubState::updateExistingSelfVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment* pSegment,
                                               int iRevoked) {
-  constexpr int kMatchesBetweenTests = 3;
   *pType = kSelfVerb;
   const int iSince = pSegment->iNumMatches - checkOf(*pMyChannel).iMinMatches;
   if (!pSegment->bGood && iSince % kMatchesBetweenTests != 0) return;
   settleSelfVerb(pSegment, iRevoked);
+}
+
+bool MySubState::isRejected(const sSegment& segment) const {
+  const sSpeakerData& speaker = *pMyChannel->psSpeakerData;
+  if (speaker.iTemplates == 0 &&
+      speaker.mayHavePeriod(PitchComparator::kMinPeriod, PitchComparator::kMaxPeriod))
+    return false;
+  const int iSecondTest = checkOf(*pMyChannel).iMinMatches + kMatchesBetweenTests;
+  return segment.type == kSelfVerb && !segment.bGood && segment.iNumMatches >= iSecondTest;
 }
 
 void MySubState::settleSelfVerb(sSegment* pSegment, int iRevoked) {
@@ -255,6 +265,11 @@ void MySubState::updateGood(int iTime, int iEnd, int iAmp, int iLength, int iVal
   iAvgGoodValue /= iGoodEntries;
 }
 
+void MySubState::print(std::FILE* pFile) const {
+  std::fprintf(pFile, "Burst: state=%d good=%d bad=%d other=%d length=%d value=%d\n", burstState, iGood, iBad,
+               iOther, iAvgGoodLength, iAvgGoodValue);
+}
+
 // ---- Other verbs
 
 void MySubState::updateNewOtherVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment* pSegment) {
@@ -284,7 +299,7 @@ bool MySubState::differentFromNoise(int iPeriod, const sSegment* pSegment) const
   const long lNow = trackers.immediate(3).spread();
   const long lBefore = trackers.immediate(4).spread();
   if (std::max(lNow, lBefore) * 100 <= std::min(lNow, lBefore) * kSameLevelPercent) return false;
-  const int iLast = pSegment->iEndTime;
+  const int iLast = pSegment->iEndTime - kElementSamples;  // before the last match
   if (iLast < kSpectrumPeriods * iPeriod) return false;
   return PeriodSpectrum(*pMyChannel->pInputData, iLast,
                         std::clamp(iPeriod, PitchComparator::kMinPeriod, PitchComparator::kMaxPeriod))

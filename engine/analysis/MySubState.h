@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <cstdio>
 
 #include "engine/analysis/Segment.h"
 
@@ -24,6 +25,9 @@ class MySubState {
   // The same for an other verb.
   void updateNewOtherVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment* pSegment);
   void updateExistingOtherVerbLength(POTENTIAL_SEGMENT_TYPE* pType, sSegment* pSegment);
+  // Whether a self verb has been checked twice and found to be another voice than the channel is to keep. A
+  // channel that keeps every voice rejects none.
+  [[nodiscard]] bool isRejected(const sSegment& segment) const;
 
   // A good verb from iTime to iEnd with spread iAmp. iLength and iValue enter the good history when iLength
   // is above 0.
@@ -36,6 +40,9 @@ class MySubState {
   [[nodiscard]] int calculatePostGoodVerbCoef128(int iTime) const;
   // Whether a verb with this period stands out from the background by level and by its harmonics.
   [[nodiscard]] bool differentFromNoise(int iPeriod, const sSegment* pSegment) const;
+
+  // For people who look for a fault.
+  void print(std::FILE* pFile) const;
 
   [[nodiscard]] int badCount() const { return iBad; }
   [[nodiscard]] int lastGoodEnd() const { return iLastGoodEnd; }

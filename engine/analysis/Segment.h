@@ -40,13 +40,11 @@ struct sMatch {
   cHandle cycle = 0;
   int iNear = 0;  // bounds of the period, samples
   int iFar = 0;
-  int iDrift = 0;       // how far the next period may differ, samples
-  int iCyclesBack = 0;  // the cycles the period was searched in
-  int iCyclesForward = 0;
+  int iDrift = 0;         // how far the next period may differ, samples
   int iAmp = 0;           // spread of the matched cycles
   int iReferenceAmp = 0;  // spread of the cycles they repeat
   bool bArtificial = false;
-  bool bDoubled = false;  // revocable: about twice the segment's period
+  bool bDoubled = false;  // revocable: about twice or half the segment's first period
   bool bResized = false;  // revocable: the two amplitudes have little in common
 
   [[nodiscard]] int period() const { return (iNear + iFar) / 2; }
@@ -77,5 +75,6 @@ struct sSegment {
   int iSchemas = 0;
 
   [[nodiscard]] const sMatch& lastMatch() const { return asMatch[static_cast<std::size_t>(iNumMatches - 1)]; }
+  [[nodiscard]] sMatch& lastMatch() { return asMatch[static_cast<std::size_t>(iNumMatches - 1)]; }
   [[nodiscard]] bool contains(int iTime) const { return iTime >= iStartTime && iTime <= iEndTime; }
 };

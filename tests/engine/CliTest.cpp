@@ -20,15 +20,8 @@ class CliTest : public EngineTest {
     EXPECT_EQ(KestrovaInit(0, &init), 0);
   }
   ~CliTest() override { KestrovapMyChannels[0].iMinAmplitudeForPotentialSegment = 500; }
-  static std::string printed(const char* pcText) {
-    char* pcBuffer = nullptr;
-    std::size_t uSize = 0;
-    std::FILE* pFile = open_memstream(&pcBuffer, &uSize);
-    KestrovaCli.printParam(pFile, pcText);
-    std::fclose(pFile);
-    std::string text(pcBuffer, uSize);
-    std::free(pcBuffer);
-    return text;
+  static std::string printedParam(const char* pcText) {
+    return printed([=](std::FILE* pFile) { KestrovaCli.printParam(pFile, pcText); });
   }
 };
 
@@ -60,7 +53,7 @@ TEST_F(CliTest, ValuesAreClampedAndPrintedInTheirUnits) {
   };
   for (const auto& row : pCases) {
     KestrovaCli.setParam(row.pcName, row.pcValue);
-    EXPECT_EQ(printed(row.pcName), row.pcPrinted) << row.pcName << " " << row.pcValue;
+    EXPECT_EQ(printedParam(row.pcName), row.pcPrinted) << row.pcName << " " << row.pcValue;
   }
 }
 
@@ -86,9 +79,20 @@ TEST_F(CliTest, ARunningChannelOutlivesAChangeOfDelayAndRate) {
   EXPECT_EQ(process(0, silence(32 * 50)).size(), 32U * (50 - 2)) << "the stream starts over";
 }
 
+// Both have the factor 1, but only one is a multiple of the analysis rate.
+TEST_F(CliTest, ASpectrumIsTakenApartAtMultiplesOfTheAnalysisRateOnly) {
+  const auto heard = [](const char* pcRate) {
+    KestrovaCli.setParam("Frequency", pcRate);
+    const Samples out = process(0, gaussianNoise(32000, 130, 1));
+    return rms(out, out.size() - 8000, out.size()) / 130;
+  };
+  const double dGated = heard("12000");
+  EXPECT_LT(decibels(heard("8000") / dGated), -10);
+}
+
 TEST_F(CliTest, OnlyTheFirstWordNamesTheParameter) {
   KestrovaCli.setParam("Frequency", "8000");
-  EXPECT_EQ(printed("  Frequency and more"), "8000 ");
+  EXPECT_EQ(printedParam("  Frequency and more"), "8000 ");
 }
 
 TEST_F(CliTest, ReadsLinesFromAPipeThatEveryoneMayWrite) {

@@ -52,25 +52,20 @@ TEST_F(CycleTest, TheRingForgetsTheOldestAndNeverReadsTheGuardZone) {
   // Four cycles back from the oldest but one meet the guard zone after two.
   EXPECT_EQ(cycles().calcMinMax(9, 4).iHigh, 19);
   EXPECT_EQ(cycles().calcAmp(725, 4), 10 + 725);
+  EXPECT_EQ(cycles().calcMeanCrossing(9, 4), cycles().at(9).NMeanCross + cycles().at(8).NMeanCross);
+  EXPECT_EQ(cycles().getLastValidCycleInFrameThatContainsCycle(724), 724) << "a frame is a cycle";
+  channel.iFrameSize = 4 * kCycleSamples;
+  EXPECT_EQ(cycles().getLastValidCycleInFrameThatContainsCycle(721), 723);
+  EXPECT_EQ(cycles().getLastValidCycleInFrameThatContainsCycle(724), 725) << "the frame is not complete";
   EXPECT_EQ(cycles().cycleOf(31), -1);
   EXPECT_EQ(cycles().cycleOf(725 * 32 + 5), 725);
-  char* pcText = nullptr;
-  std::size_t uSize = 0;
-  std::FILE* pFile = open_memstream(&pcText, &uSize);
-  cycles().print(pFile);
-  std::fclose(pFile);
-  EXPECT_EQ(std::string(pcText).substr(0, 25), "There are 726 cycles\nStar");
-  std::free(pcText);
+  const std::string text = printed([&](std::FILE* pFile) { cycles().print(pFile); });
+  EXPECT_EQ(text.substr(0, 25), "There are 726 cycles\nStar");
 }
 
 // Against a plain recomputation over the history, through ageing and the wrap of the history rings.
 TEST(LevelTrackersTest, RowsAgreeWithThePlainComputation) {
-  struct sRow {
-    int iFrom, iTo;
-    bool bAverage;
-  };
-  const sRow pRows[] = {{0, 125, false}, {0, 25, false}, {12, 18, true}, {0, 6, true},
-                        {12, 125, true}, {0, 6, false},  {0, 62, true},  {62, 125, true}};
+  const auto& pRows = CycleInformation::psImmediateParam;
   LevelTrackers trackers;
   std::mt19937 random(3);
   std::vector<std::pair<int, int>> history(300, {0, 0});
@@ -80,13 +75,14 @@ TEST(LevelTrackersTest, RowsAgreeWithThePlainComputation) {
     trackers.push(iMin, iMax, 100);
     history.insert(history.begin(), {iMin, iMax});
     for (int iRow = 0; iRow < 8; ++iRow) {
+      const sImmediateParam& row = pRows[static_cast<std::size_t>(iRow)];
       long lLow = 0, lHigh = 0;
-      for (int k = pRows[iRow].iFrom; k <= pRows[iRow].iTo; ++k) {
+      for (int k = row.iFrom; k <= row.iTo; ++k) {
         const auto [l, h] = history[static_cast<std::size_t>(k)];
-        lLow = pRows[iRow].bAverage ? lLow + l : std::min<long>(lLow, l);
-        lHigh = pRows[iRow].bAverage ? lHigh + h : std::max<long>(lHigh, h);
+        lLow = row.bAverage ? lLow + l : std::min<long>(lLow, l);
+        lHigh = row.bAverage ? lHigh + h : std::max<long>(lHigh, h);
       }
-      const int n = pRows[iRow].bAverage ? pRows[iRow].iTo + 1 - pRows[iRow].iFrom : 1;
+      const int n = row.bAverage ? row.iTo + 1 - row.iFrom : 1;
       ASSERT_EQ(trackers.immediate(iRow).iLow, lLow / n) << i << " row " << iRow;
       ASSERT_EQ(trackers.immediate(iRow).iHigh, std::max(lHigh / n, lLow / n + 1)) << i << " row " << iRow;
     }

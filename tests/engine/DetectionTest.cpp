@@ -131,8 +131,8 @@ TEST_F(DetectionTest, ThePointsOfAVoiceRepeatAtItsPeriod) {
   const int iTime = 4096 - kElementSamples;
   auto first = std::make_unique<sComparisonElement>();
   auto active = std::make_unique<sComparisonElement>();
-  first->prepare(*channel.pCycleInformation, true, iTime - kElementSamples, 6, 26);
-  active->prepare(*channel.pCycleInformation, false, iTime, 6, 26);
+  first->prepare(*channel.pCycleInformation, true, iTime - kElementSamples, 6, 12);
+  active->prepare(*channel.pCycleInformation, false, iTime, 6, 12);
   EXPECT_FALSE(active->bTooManyPoints);
   for (int iLevel = 7; iLevel < 10; ++iLevel) {
     EXPECT_LE(active->level(iLevel).iCount, active->level(iLevel - 1).iCount) << "coarser";

@@ -3,8 +3,11 @@
 
 #include <array>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "engine/Kestrova.h"
@@ -113,6 +116,19 @@ inline double rms(const Samples& samples, std::size_t uFrom, std::size_t uTo) {
 }
 inline double decibels(double dRatio) {
   return 20 * std::log10(dRatio + 1e-9);
+}
+
+// What a function prints to the file it is given.
+template <typename Print>
+std::string printed(Print print) {
+  char* pcBuffer = nullptr;
+  std::size_t uSize = 0;
+  std::FILE* pFile = open_memstream(&pcBuffer, &uSize);
+  print(pFile);
+  std::fclose(pFile);
+  std::string text(pcBuffer, uSize);
+  std::free(pcBuffer);
+  return text;
 }
 
 class EngineTest : public ::testing::Test {

@@ -71,6 +71,32 @@ TEST_F(PipelineTest, CleanSpeechPassesUnchanged) {
                            out.begin() + static_cast<long>(uWord)))
         << w;
   }
+  const MyChannel& channel = KestrovapMyChannels[0];
+  EXPECT_NEAR(static_cast<double>(channel.pOutputData->confidentSamples()), 4 * 8000, 4000);
+  EXPECT_LT(channel.pOutputData->speechSamples(), 2000) << "until the first verb";
+  const std::string report = printed([&](std::FILE* pFile) { channel.pMyClean->afterCleaning(pFile); });
+  EXPECT_EQ(report.find("Segment "), 0U);
+  EXPECT_NE(report.find("Burst: state=2 "), report.npos) << report;
+}
+
+// The console may change the delay, and with it the frame length, in the middle of a stream.
+TEST_F(PipelineTest, AChangedDelayMeasuresTheBackgroundAnewAndReleasesNothingTwice) {
+  open(defaultInit());
+  MyChannel& channel = KestrovapMyChannels[0];
+  const Samples noise = gaussianNoise(3 * kSecond, 130, 1);
+  process(0, noise);
+  for (const int iCycles : {2, 6}) {
+    ASSERT_TRUE(channel.pOutputData->noise().hasEstimate());
+    channel.setMaxNumCyclesInDelayBuffer(iCycles);
+    EXPECT_FALSE(channel.pOutputData->noise().hasEstimate());
+    int iReleased = 0;
+    const Samples out = process(0, noise, 32, [&](const sKestrovaFrameResult&) {
+      const int iTime = channel.pCycleInformation->at(channel.pFirstScan->released()).StartIndex;
+      EXPECT_GE(iTime, iReleased);
+      iReleased = iTime;
+    });
+    EXPECT_LT(decibels(rms(out, out.size() - kSecond, out.size()) / 130), -20) << iCycles;
+  }
 }
 
 TEST_F(PipelineTest, OutputDependsNeitherOnFramesNorOnOtherChannels) {
@@ -119,9 +145,10 @@ TEST_F(PipelineTest, AStreamShorterThanTheDelayGivesNothing) {
   EXPECT_EQ(process(0, silence(32)).size(), 32U);
 }
 
-// Bits that do not fill frames or cycles: never more out than in.
+// Bits that do not fill frames or cycles: never more out than in, and all of it but the delay's.
 TEST_F(PipelineTest, OddFrameLengthsKeepTheStreamWhole) {
   open(defaultInit());
+  const OutputData& output = *KestrovapMyChannels[0].pOutputData;
   std::mt19937 random(5);
   std::size_t uIn = 0;
   std::size_t uOut = 0;
@@ -133,6 +160,7 @@ TEST_F(PipelineTest, OddFrameLengthsKeepTheStreamWhole) {
     ASSERT_LE(result.iOutBytes, static_cast<int>(frame.size() * 2));
     uIn += frame.size();
     uOut += static_cast<std::size_t>(result.iOutBytes / 2);
+    ASSERT_EQ(output.closeOutput(), 0);
   }
   EXPECT_LE(uIn - uOut, 6U * 32 + 256);
 }
