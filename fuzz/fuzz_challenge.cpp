@@ -1,6 +1,7 @@
 // A challenge to a REGISTER or an INVITE of our own, with header lines of any content. The first byte chooses
 // request, status and arrangement; the rest stands between CSeq and the end of the challenge. What is sent
 // must be the same request again, with the next number and one line of credentials.
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -52,6 +53,7 @@ std::size_t count(std::string_view text, std::string_view what) {
 std::string request(MySip& sip, bool isInvite) {
   sPhone& identity = sip.phone(kPairSlot);
   for (sLastMsgData& stored : identity.psLastMsgs) stored = sLastMsgData{};
+  identity.pcRemoteTag.clear();  // the last input's
   identity.iCSeq = identity.iRegistrationCSeq = 16;
   if (!isInvite) {
     require(sip.sendRegistration(identity, 60) > 0);
@@ -90,8 +92,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       (data[0] & 2) != 0 ? "SIP/2.0 401 Unauthorized" : "SIP/2.0 407 Proxy Authentication Required";
   challenge += "\r\nCall-ID: " + callId + "\r\nCSeq: 17 " + (isInvite ? "INVITE" : "REGISTER") + "\r\n" +
                std::string(lines) + "\r\n\r\n";
-  sip.analyzeSipMessage(std::string_view(challenge).substr(0, kMaxMessageLength),
-                        MySip::addressOf("127.0.0.1", 5060));
+  challenge.resize(std::min<std::size_t>(challenge.size(), kMaxMessageLength));
+  MySip::unfoldHeaders(challenge);
+  sip.analyzeSipMessage(challenge, MySip::addressOf("127.0.0.1", 5060));
   if (iSipProxyArchitecture == 0) checkAnswer(first, isInvite);
   return 0;
 }

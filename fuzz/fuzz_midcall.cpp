@@ -31,6 +31,15 @@
 namespace {
 
 std::string lastSent;
+// Has a message held a CR or LF that is not part of a line end? Headers that a message lacks are looked for
+// in its body as well, which is left as it came.
+bool bLoneBreaks = false;
+
+bool hasLoneBreaks(std::string_view text) {
+  for (std::size_t at = 0; (at = text.find_first_of("\r\n", at)) != std::string_view::npos; at += 2)
+    if (text.substr(at, 2) != "\r\n") return true;
+  return false;
+}
 
 }  // namespace
 
@@ -40,6 +49,8 @@ extern "C" ssize_t sendto(int, const void* text, std::size_t length, int, const 
   lastSent.assign(static_cast<const char*>(text), length);
   require(length > 20 && length < sizeof(MessageText));
   require(lastSent.find('\0') == std::string::npos && lastSent.find("\r\n") != std::string::npos);
+  const std::string_view sent = lastSent;
+  require(bLoneBreaks || !hasLoneBreaks(sent.substr(0, sent.find("\r\n\r\n"))));
   return static_cast<ssize_t>(length);
 }
 
@@ -132,6 +143,7 @@ class Engine {
     sip.cleanupExpiredBindingsAndSubscriptions();
     std::string datagram(text);
     MySip::unfoldHeaders(datagram);
+    bLoneBreaks |= hasLoneBreaks(datagram);
     sip.analyzeSipMessage(datagram, source(who % 3 == 0 ? kCaller : who % 3 == 1 ? kPbx : kPhone));
     check();
   }
@@ -229,6 +241,7 @@ std::string expanded(Engine& engine, std::string_view text) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Engine engine;
   if (size == 0) return 0;
+  bLoneBreaks = false;
   engine.begin(data[0]);
   std::string_view rest(reinterpret_cast<const char*>(data) + 1, size - 1);
   for (int messages = 0; !rest.empty() && messages < 20; ++messages) {

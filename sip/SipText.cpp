@@ -20,6 +20,13 @@ constexpr std::size_t kMaxSearchLength = 9999;
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr int kMaxPort = 65535;
 
+constexpr bool isBlank(char character) {
+  return character == ' ' || character == '\t';
+}
+constexpr bool isLineBreak(char character) {
+  return character == '\r' || character == '\n';
+}
+
 // ---- Letters without regard to case ----
 
 constexpr bool isUpperCase(unsigned char character) {
@@ -232,14 +239,14 @@ void MySip::takeVia(std::string_view message, FixedText<1000>& out) {
 
 void MySip::unfoldHeaders(std::span<char> text) {
   const std::string_view view(text.data(), text.size());
-  for (std::size_t at = view.find(kLineEnd); at != kNotFound; at = view.find(kLineEnd, at)) {
-    std::size_t next = at + kLineEnd.size();
-    if (next >= view.size() || view[next] == '\r') return;
-    if (view[next] == ' ' || view[next] == '\t') {
-      text[at] = text[at + 1] = ' ';
-      for (; next < view.size() && (view[next] == ' ' || view[next] == '\t'); ++next) text[next] = ' ';
-    }
-    at = next;
+  std::size_t line = 0;
+  for (std::size_t end = view.find(kLineEnd); end != kNotFound; end = view.find(kLineEnd, line)) {
+    std::ranges::replace_if(text.subspan(line, end - line), isLineBreak, ' ');
+    line = end + kLineEnd.size();
+    if (view.substr(line).starts_with(kLineEnd)) return;
+    if (line == view.size() || !isBlank(view[line])) continue;
+    text[end] = text[end + 1] = ' ';
+    for (std::size_t at = line; at < view.size() && isBlank(view[at]); ++at) text[at] = ' ';
   }
 }
 

@@ -272,7 +272,7 @@ TEST_F(TextTest, EveryViaIsTakenWhateverStandsBetween) {
   EXPECT_TRUE(logged("ERROR in MySip::takeVia, Via: is too long 1000"));
 }
 
-TEST_F(TextTest, FoldedHeaderLinesAreJoined) {
+TEST_F(TextTest, FoldedHeaderLinesAreJoinedAndLoneLineBreaksAreBlanks) {
   const auto unfolded = [](std::string text) {
     MySip::unfoldHeaders(text);
     return text;
@@ -281,6 +281,9 @@ TEST_F(TextTest, FoldedHeaderLinesAreJoined) {
             "A x\r\nTo: a    b   c\r\nY: 1\r\n\r\nv=0\r\n s\r\n");
   for (const char* text : {"", "\r\n", " \r\n", "A\r\nB", "A\r\n\r\n b"}) EXPECT_EQ(unfolded(text), text);
   EXPECT_EQ(unfolded("A\r\n "), "A   ");
+  EXPECT_EQ(unfolded("A\nx\r\nTo: a\rb\nX: c\r\n\nd\r\r\n\r\nv\n\r"),
+            "A x\r\nTo: a b X: c\r\n d \r\n\r\nv\n\r");
+  EXPECT_EQ(unfolded("no\nline\r"), "no\nline\r") << "not one header line";
 }
 
 TEST_F(TextTest, RportLeavesTheVia) {
