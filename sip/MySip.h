@@ -26,8 +26,8 @@
 // clang-format on
 //
 // A received message is a std::string_view that ends before the first NUL byte; folded header lines have been
-// joined and lone CRs and LFs in headers made blanks, nothing else is changed. "The partner" of slot s is the other leg of its call. Status results: 0
-// (false) is success; failures are logged where they are found.
+// joined and lone CRs and LFs in headers made blanks, nothing else is changed. "The partner" of slot s is the
+// other leg of its call. Status results: 0 (false) is success; failures are logged where they are found.
 #pragma once
 
 #include <array>
@@ -153,9 +153,9 @@ class MySip {
   // Every Via value of the message in order, whatever stands between its lines (RFC 3261 8.2.6.2), as one
   // value of several lines. Empty, and logged, when there is none or they do not fit.
   static void takeVia(std::string_view message, FixedText<1000>& out);
-  // Joins header lines that continue on the next line (RFC 3261 7.3.1): the line end becomes blanks. So does a
-  // CR or LF within a line: some parsers take it for the end of one, and what a stranger wrote must not become
-  // a header of its own behind us.
+  // Joins header lines that continue on the next line (RFC 3261 7.3.1): the line end becomes blanks. So does
+  // a CR or LF within a line: some parsers take it for the end of one, and what a stranger wrote must not
+  // become a header of its own behind us.
   static void unfoldHeaders(std::span<char> text);
   // Writes compact header names out. False, and `message` unchanged, when the result would exceed 2,999
   // characters.
