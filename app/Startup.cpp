@@ -79,6 +79,7 @@ void closeOpenMedia() {
     const FixedText<100> second = call.pcCallID[1];
     if (myRtp.closeSessionPair(first.c_str(), second.c_str()) != 0) --pair;
   }
+  myRtp.finishEndings();
 }
 
 int run(std::span<char* const> arguments) {

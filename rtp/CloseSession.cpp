@@ -46,10 +46,13 @@ int MyRtp::closeSessionPair(const char* callId1, const char* callId2) {
       if (slot.pcMsg != nullptr) returnMsgToPool(slot.pcMsg, pair);
       slot = {};
     }
-    for (int side = 0; side < 2; ++side) closeSide(side, pair);
-    freeSlot(pair);
+    for (int side = 0; side < 2; ++side) closeSockets(side, pair);
     static_cast<sPairRecordings&>(record) = {};
     writeClosingLine(pair);
+    leaveTable(pair);
+    if (isLearning(pair) && endInBackground(pair)) return pair;
+    endPair(pair);
+    pairIndex.release(pair);
     return pair;
   } catch (...) {
     Log::error("MyRtp::closeSessionPair", "exception caught");
@@ -73,23 +76,8 @@ void MyRtp::closeSockets(int side, int pair) {
   closeSocket(psPairs[pair].iRtcpSocket[side]);
 }
 
-void MyRtp::closeSide(int side, int pair) {
-  constexpr const char* kFunction = "MyRtp::closeSessionPair";
-  sRtpSessionPair& record = psPairs[pair];
-  const auto channel = static_cast<std::uint16_t>(2 * pair + side);
-  closeSockets(side, pair);
-  if (record.bRegistering[side]) doStopRegistration(side, pair);
-  if (record.bNoiseReduction[side] && KestrovaTerminate(channel) != 0) {
-    Log::warning(kFunction, "unable to terminate kestrova channel %d\n", channel);
-  }
-  if (record.bAecMic[side] && KestrovaAECTerminate(channel) != 0) {
-    Log::warning(kFunction, "unable to terminate kestrova aec channel %d\n", channel);
-  }
-  record.bNoiseReduction[side] = record.bAecMic[side] = record.bAecSpk[side] = false;
-}
-
-void MyRtp::freeSlot(int pair) {
+void MyRtp::leaveTable(int pair) {
   psPairs[pair].bInUse = false;
-  pairIndex.release(pair);
+  pairIndex.retire(pair);
   while (iMaxPairIndex >= 0 && !psPairs[iMaxPairIndex].bInUse) --iMaxPairIndex;
 }

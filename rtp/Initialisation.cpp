@@ -94,6 +94,7 @@ int MyRtp::init() {
 }
 
 bool MyRtp::allocatePairs(int numPairs) {
+  finishEndings();
   iMaxPairIndex = -1;
   psPairs.reset(new (std::nothrow) sRtpSessionPair[static_cast<std::size_t>(numPairs)]);
   if (!psPairs || !pairIndex.allocate(numPairs)) return false;

@@ -3,7 +3,8 @@
 // encoded in the other leg's codec and sent on.
 //
 //  1  Initialisation        rtp/Initialisation.cpp
-//  2  Opening and closing   rtp/OpenSession.cpp, rtp/CloseSession.cpp, rtp/PairSockets.cpp
+//  2  Opening and closing   rtp/OpenSession.cpp, rtp/CloseSession.cpp, rtp/EndingPairs.cpp,
+//                           rtp/PairSockets.cpp
 //  3  Recordings            rtp/Recordings.cpp
 //  4  Engine channels       rtp/EngineChannels.cpp
 //  5  Media thread          rtp/MediaThread.cpp
@@ -15,8 +16,9 @@
 // 11  Call quality          rtp/CallQuality.cpp
 //
 // Threads: sections 1 to 4 and calcMOS run on the SIP thread, sections 5 to 10 and calcJitterStatistics on
-// the media thread of the pair they name; a registration that is still running when its call ends is stopped
-// on the SIP thread, after the media thread was joined. "Side" is 0 or 1, "pair" an index of psPairs.
+// the media thread of the pair they name. A registration that is still running when its call ends is stopped
+// on a thread of its own, after the media thread was joined, since deriving a voice and storing it would hold
+// up all calls. "Side" is 0 or 1, "pair" an index of psPairs.
 #pragma once
 
 #include <array>
@@ -30,6 +32,7 @@
 #include "engine/Kestrova.h"
 #include "rtp/Codec.h"
 #include "rtp/PairIndex.h"
+#include "rtp/ProfileWrites.h"
 #include "rtp/sRtpSessionPair.h"
 
 class RtpHeader;
@@ -121,8 +124,11 @@ class MyRtp {
   // with what was opened so far; closeSessionPair releases it.
   int openSessionPair(const sSessionPairRequest& request);
   // Stops and releases the open pair that carries either Call-ID on either side. Its index, or -1 (silently)
-  // when there is none. Does not wait for the media thread's time-out.
+  // when there is none. Does not wait for the media thread's time-out, nor for the end of a registration: the
+  // slot is free again when that has ended.
   int closeSessionPair(const char* callId1, const char* callId2);
+  // Waits until the registrations of all closed pairs have ended.
+  void finishEndings();
   // Index of the open pair that carries either Call-ID on either side, lowest first; -1, logged, when none.
   int findRtpIndex(const char* callId1, const char* callId2);
   // Refills the descriptor set from the pair's four sockets.
@@ -235,8 +241,14 @@ class MyRtp {
   int findOpenPair(const char* callId1, const char* callId2) const;
   void stopThread(int pair);
   void closeSockets(int side, int pair);
-  void closeSide(int side, int pair);
-  void freeSlot(int pair);
+  void leaveTable(int pair);
+  bool isLearning(int pair) const;
+  bool createThread(int pair, void* (*body)(void*));
+  bool endInBackground(int pair);
+  static void* endingThread(void* arg);
+  void endPair(int pair);
+  void endSide(int side, int pair);
+  void freeEnded(bool bWait);
   // 3
   void openRecordings(int pair, std::time_t callStart);
   void writeOpenLine(int pair);
@@ -267,9 +279,11 @@ class MyRtp {
   bool restartNoiseChannel(int side, int pair, const sAPISpeaker* speaker, bool bypassed);
   bool restartEchoChannel(int side, int pair, bool bypassed);
   // 10
+  std::string_view registeredProfile(int side, int pair) const;
   bool loadProfile(int side, int pair, std::string_view name, VoiceProfile& profile);
 
   PairIndex pairIndex;
+  ProfileWrites profileWrites;
 };
 
 inline MyRtp myRtp;

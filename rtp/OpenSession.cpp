@@ -102,8 +102,15 @@ int MyRtp::openSessionPair(const sSessionPairRequest& request) {
   }
 }
 
+// Slots of ended calls that a registration still holds are waited for only when no other will do: those
+// behind them may be beyond the engine's channels.
 int MyRtp::takeFreeSlot(const sSessionPairRequest& request) {
-  const int pair = pairIndex.firstFree();
+  freeEnded(false);
+  int pair = pairIndex.firstFree();
+  if (pair < 0 || (request.iCleaningType != 0 && 2 * pair + 1 > KESTROVA_MAX_CHANNEL)) {
+    finishEndings();
+    pair = pairIndex.firstFree();
+  }
   if (pair < 0) {
     Log::error(kFunction, "too many RTP sessions %d", iNumCallsToFilter);
     return -1;
@@ -178,11 +185,16 @@ void MyRtp::resetForCall(int pair) {
   }
 }
 
+bool MyRtp::createThread(int pair, void* (*body)(void*)) {
+  sRtpSessionPair& record = psPairs[pair];
+  return pthread_create(&record.tThread, threadAttributes(), body, &record.iPairIndex) == 0;
+}
+
 bool MyRtp::startThread(int pair) {
   sRtpSessionPair& record = psPairs[pair];
   record.bStopRequested = false;
   record.bThreadRunning = true;  // before the thread, which clears it when it ends
-  if (pthread_create(&record.tThread, threadAttributes(), mediaThread, &record.iPairIndex) != 0) {
+  if (!createThread(pair, mediaThread)) {
     record.bThreadRunning = false;
     Log::error(kFunction, "unable to create thread for pair %d\n", pair);
     return false;

@@ -21,13 +21,14 @@ class PairIndex {
     return psRows != nullptr;
   }
 
-  // FNV-1a, 64 bits. Never 0, which marks a free slot.
+  // FNV-1a, 64 bits. Always odd: 0 marks a free slot.
   static Key keyOf(std::string_view callId) {
     Key key = 0xcbf29ce484222325U;
     for (const char character : callId) key = (key ^ static_cast<unsigned char>(character)) * 0x100000001b3U;
     return key | 1U;
   }
 
+  [[nodiscard]] int size() const { return iNumPairs; }
   // Lowest free slot, or -1.
   [[nodiscard]] int firstFree() const {
     for (int i = 0; i < iNumPairs; ++i)
@@ -38,6 +39,8 @@ class PairIndex {
     psRows[pair] = {keyOf(callId0), keyOf(callId1)};
   }
   void release(int pair) { psRows[pair] = {}; }
+  // No Call-ID leads to the slot any more, and it is not free yet.
+  void retire(int pair) { psRows[pair] = {kRetired, kRetired}; }
 
   // Lowest slot from `first` to `last` in which one of the two keys stands, or -1.
   [[nodiscard]] int find(Key key1, Key key2, int first, int last) const {
@@ -50,6 +53,7 @@ class PairIndex {
 
  private:
   using Row = std::array<Key, 2>;
+  static constexpr Key kRetired = 2;  // no Call-ID has an even key
   std::unique_ptr<Row[]> psRows;
   int iNumPairs = 0;
 };

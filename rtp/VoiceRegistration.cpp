@@ -17,6 +17,8 @@ constexpr const char* kStartFunction = "MyRtp::doRegistration";
 constexpr const char* kStopFunction = "MyRtp::doStopRegistration";
 constexpr const char* kNoNoiseReduction = "how did we start registration if ther is no noise cleaning ?\n";
 
+constexpr std::string_view kRawEnding = ".raw";
+
 // The library (299), a name (as many digits as a command holds) and an ending.
 using ProfilePath = FixedText<299 + kMaxDtmfDigits + 4 + 1>;
 
@@ -29,7 +31,7 @@ ProfilePath profilePath(std::string_view name) {
 // The files of one registration. Their names are made once: a reload may change the library meanwhile.
 struct sRegistrationFiles {
   explicit sRegistrationFiles(std::string_view name) : pcData(profilePath(name)) {
-    (void)(pcRaw.assign(pcData) && pcRaw.append(".raw"));
+    (void)(pcRaw.assign(pcData) && pcRaw.append(kRawEnding));
     (void)(pcWave.assign(pcData) && pcWave.append(".wav"));
   }
   ProfilePath pcData;
@@ -165,6 +167,12 @@ void MyRtp::doRegistration(int side, int pair, std::string_view name) {
   playOKTone(1 - side, pair);
 }
 
+std::string_view MyRtp::registeredProfile(int side, int pair) const {
+  std::string_view path = psPairs[pair].pcRegistrationRawPath[side].view();
+  path.remove_suffix(std::min(path.size(), kRawEnding.size()));
+  return path;
+}
+
 void MyRtp::doStopRegistration(int side, int pair) {
   sRtpSessionPair& record = psPairs[pair];
   if (!record.bNoiseReduction[side]) {
@@ -203,6 +211,7 @@ bool MyRtp::loadProfile(int side, int pair, std::string_view name, VoiceProfile&
   constexpr const char* kFunction = "MyRtp::doActivation";
   const ProfilePath path = profilePath(name);
   psPairs[pair].pcRegistrationName[side].assignCut(name);
+  profileWrites.wait(path, psPairs[pair].bStopRequested);
   const File file = openFile(path.c_str(), "rbe");
   if (!file) {
     Log::warning(kFunction, "unable to open file %s\n", path.c_str());

@@ -7,7 +7,8 @@
 //
 // Threads: the SIP thread writes everything before the pair's media thread exists and after it was joined. In
 // between the record belongs to the media thread; the SIP thread reads what opening wrote and the Relaxed and
-// PublishedCounter fields, and it writes bStopRequested.
+// PublishedCounter fields, and it writes bStopRequested. A call that ends while a voice is being registered
+// leaves its record to the ending thread, until that one was joined.
 #pragma once
 
 #include <array>
@@ -173,8 +174,9 @@ struct sPairThread {
   Relaxed<bool> bStopRequested{false};
   Relaxed<bool> bThreadRunning{false};  // created and not ended
   pthread_t tThread{};
-  bool bThreadToJoin =
-      false;  // created and not joined; a thread that failed has ended and waits to be joined
+  bool bThreadToJoin = false;   // created and not joined, though it may have ended
+  bool bEnding = false;         // the call is over; tThread ends its registrations
+  Relaxed<bool> bEnded{false};  // and has done so
   fd_set sReadSet;
   int iMaxFd = -1;
 };

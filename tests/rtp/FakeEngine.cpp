@@ -126,6 +126,7 @@ int KestrovaGetLastDTMFBuffer(std::uint16_t channel, char* text, std::int32_t ca
 }
 
 int KestrovaCompleteRegistration(std::uint16_t channel, std::uint32_t* size) {
+  if (engine.onCompletion) engine.onCompletion();
   if (!exists(channel) || engine.failCompletion) return 1;
   if (size != nullptr) *size = engine.speakerBytes;
   return 0;

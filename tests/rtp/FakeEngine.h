@@ -29,9 +29,10 @@ struct FakeEngine {
   bool failCompletion = false;
   std::int32_t registrationOutcome = KESTROVA_REGISTRATION_WEAK;
   std::uint32_t speakerBytes = 654'992 + 2 * 4'740;
-  std::string digits;             // not empty: every frame raises the DTMF flag
-  std::function<void()> onFrame;  // runs first in every frame
-  int outputSamplesMissing = 0;   // the output of a frame is that much shorter
+  std::string digits;                  // not empty: every frame raises the DTMF flag
+  std::function<void()> onFrame;       // runs first in every frame
+  std::function<void()> onCompletion;  // and in the end of a registration
+  int outputSamplesMissing = 0;        // the output of a frame is that much shorter
 
   static FakeEngine& get();
   static void reset() { get() = FakeEngine(); }

@@ -1,5 +1,6 @@
 // Learning a voice during a call, and what the files of a voice must look like to be used.
 #include <filesystem>
+#include <future>
 
 #include "app/config/Settings.h"
 #include "rtp/VoiceProfile.h"
@@ -31,6 +32,10 @@ class RegistrationTest : public RtpTest {
     while (!call.silent(1)) {
     }
   }
+  void end() {
+    ASSERT_EQ(call.close(), 0);
+    myRtp.finishEndings();
+  }
   std::string path(const std::string& ending) const {
     return (installation.bin() / "voice-").string() + ending;
   }
@@ -57,7 +62,7 @@ TEST_F(RegistrationTest, LeavesAProfileAndAWavCopyWhenTheCallEnds) {
   EXPECT_EQ(FakeEngine::get().noise[0].iFrames, 0);
   talk(3);
   EXPECT_EQ(FakeEngine::get().noise[0].iFrames, 11);
-  ASSERT_EQ(call.close(), 0);
+  end();
   EXPECT_EQ(TestInstallation::read(path("123")), profile());
   EXPECT_FALSE(std::filesystem::exists(path("123.raw")));
   const std::string wave = TestInstallation::read(path("123.wav"));
@@ -68,6 +73,30 @@ TEST_F(RegistrationTest, LeavesAProfileAndAWavCopyWhenTheCallEnds) {
   ASSERT_EQ(wave.size(), 44 + kBytes);
   // What was recorded is the talker, before the engine.
   EXPECT_EQ(wave.substr(44, 2), std::string("\x7C\x7D", 2));
+}
+
+// Deriving and storing the voice holds up no other call, and the caller's next call waits for his voice.
+TEST_F(RegistrationTest, EndsBesideTheSipThreadWhenTheCallDoes) {
+  ASSERT_EQ(call.open(), 0);
+  command("*15#");
+  talk(101);
+  std::promise<void> mayEnd;
+  FakeEngine::get().onCompletion = [wait = mayEnd.get_future().share()] { wait.wait(); };
+  ASSERT_EQ(call.close(), 0);
+  EXPECT_EQ(call.close(), -1) << "it is no call any more";
+  EXPECT_TRUE(FakeEngine::get().noise[0].bRunning);
+  Call next({eCodecPCMU}, {eCodecPCMU}, "next");
+  next.request.iCleaningType = 1;
+  ASSERT_EQ(next.open(), 1) << "the engine's channel is still taken";
+  std::string digits = "*25#";
+  auto activation =
+      std::async(std::launch::async, [&] { myRtp.checkAndHandleDTMFCommands(0, 1, digits.data()); });
+  mayEnd.set_value();
+  activation.get();
+  EXPECT_EQ(next.record().iToneRemaining[1], 200) << "OK";
+  myRtp.finishEndings();
+  EXPECT_FALSE(FakeEngine::get().noise[0].bRunning);
+  EXPECT_EQ(call.open(), 0) << "free again";
 }
 
 TEST_F(RegistrationTest, EndsByItselfAfter300SecondsAndActivatesTheVoice) {
@@ -122,7 +151,7 @@ TEST_F(RegistrationTest, RecordingStaysWhenItsCopyCannotBeWritten) {
   ASSERT_EQ(call.open(), 0);
   command("*16#");
   talk(101);
-  call.close();
+  end();
   EXPECT_EQ(TestInstallation::read(path("6")), profile());
   EXPECT_EQ(std::filesystem::file_size(path("6.raw")), 6 * 64U);
   EXPECT_EQ(installation.logCount(" WARNING in MyRtp::doStopRegistration, unable to copy " + path("6.raw")),
@@ -143,7 +172,7 @@ TEST_F(RegistrationTest, CommandDuringARegistrationAbortsItAndTheNameStaysTaken)
   command("*13#");
   EXPECT_TRUE(call.record().bRegistering[0]);
   EXPECT_EQ(call.record().pcRegistrationName[0], "3");
-  ASSERT_EQ(call.close(), 0);
+  end();
   EXPECT_EQ(std::filesystem::file_size(path("2")), 0U);
   EXPECT_EQ(TestInstallation::read(path("3")), profile());
 }
@@ -194,7 +223,7 @@ TEST_F(RegistrationTest, NothingUsableLearnedLeavesAnEmptyProfile) {
   command("*18#");
   talk(101);
   FakeEngine::get().failCompletion = true;
-  call.close();
+  end();
   EXPECT_EQ(installation.logCount(" WARNING in MyRtp::doStopRegistration, unable to complete registration\n"),
             1);
   EXPECT_EQ(installation.logCount("no voice was learned, the voice is too weak or too near the background\n"),

@@ -108,6 +108,7 @@ RtpTest::~RtpTest() {
     const std::string callId(myRtp.psPairs[pair].pcCallID[0].view());
     myRtp.closeSessionPair(callId.c_str(), callId.c_str());
   }
+  myRtp.finishEndings();
   Clock::followSystem();
 }
 
