@@ -49,6 +49,8 @@ void MySbt::store() {
   cycles = *pMyChannel->pCycleInformation;
   scan = *pMyChannel->pFirstScan;
   burst = *pMyChannel->pMySubState;
+  dtmf = *pMyChannel->pMyDtmf;
+  driver = *pMyChannel->pMyClean;
   noise[0] = pMyChannel->pOutputData->noise();
   iStoredTime = cycles.lastSampleTime();
   bStored = true;
@@ -58,6 +60,8 @@ void MySbt::restore() const {
   *pMyChannel->pCycleInformation = cycles;
   *pMyChannel->pFirstScan = scan;
   *pMyChannel->pMySubState = burst;
+  *pMyChannel->pMyDtmf = dtmf;
+  *pMyChannel->pMyClean = driver;
 }
 
 void MySbt::putInput(const Stretch& input) const {
@@ -241,13 +245,16 @@ int MySbt::run(const sCandidate& candidate, int iToBeat) {
   return getVerbDetectionScore(kDepthCycles);
 }
 
-// The run's segments and marks stay; levels, tones and the background are those of what was received.
+// The run's segments and marks stay; levels, tones and the background are those of what was received. A tone
+// that only a run has found would let five seconds pass as they came in.
 void MySbt::keepRun() {
   std::array<sCycleInformation, kDepthCycles + 1> asMarked;
   CycleInformation& now = *pMyChannel->pCycleInformation;
   for (int i = 0; i <= kDepthCycles; ++i)
     asMarked[static_cast<std::size_t>(i)] = now.at(CycleInformation::before(now.newest(), i));
   now = pSoFar->cycles;
+  *pMyChannel->pMyDtmf = pSoFar->dtmf;
+  *pMyChannel->pMyClean = pSoFar->driver;
   for (int i = 0; i <= kDepthCycles; ++i) {
     const sCycleInformation& marked = asMarked[static_cast<std::size_t>(i)];
     sCycleInformation& cycle = now.at(CycleInformation::before(now.newest(), i));
@@ -264,8 +271,6 @@ void MySbt::runTests() {
   if (iBefore > kSelfVerbScore || pMyChannel->pFirstScan->highestRise(kDepthCycles) < kLeastRise) return;
   ++iTested;
   bTesting = true;
-  const std::uint8_t bTones = pMyChannel->bCheckDTMF;
-  pMyChannel->bCheckDTMF = 0;  // the detector has heard the stretch
   pSoFar->store();
   storeOriginalInputData();
   prepareTestCandidates();
@@ -289,6 +294,5 @@ void MySbt::runTests() {
   } else {
     pSoFar->restore();
   }
-  pMyChannel->bCheckDTMF = bTones;
   bTesting = false;
 }

@@ -21,6 +21,8 @@
 #include "engine/analysis/CycleInformation.h"
 #include "engine/analysis/FirstScan.h"
 #include "engine/analysis/MySubState.h"
+#include "engine/MyClean.h"
+#include "engine/MyDtmf.h"
 #include "engine/MyFilters.h"
 #include "engine/OutputData.h"
 
@@ -92,6 +94,8 @@ class MySbt {
   CycleInformation cycles;
   FirstScan scan;
   MySubState burst;
+  MyDtmf dtmf;
+  MyClean driver;
   ZeroedArray<sSpectralNoiseType> noise;  // the estimate then, and one to work with
 
   // The test

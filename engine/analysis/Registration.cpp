@@ -130,6 +130,7 @@ bool Registration::validEntry() const {
 // ---- While the talker speaks
 
 void Registration::insertNewSegment(const sSegment& segment) {
+  if (!validEntry()) return;
   if (iSegments >= kMaxSegments) {
     bOverflow = true;
     return;

@@ -240,6 +240,9 @@ TEST_F(LearnedVoiceTest, ThreeSureVerbsAreNeededAndAThousandAreKept) {
   verb.bGood = true;
   verb.iAmp = 9000;
   verb.iNumMatches = 7;
+  registration.insertNewSegment(verb);
+  EXPECT_EQ(registration.segments(), 0) << "nothing is known of the background yet";
+  process(0, silence(4000));
   for (int i = 0; i < Registration::kMaxSegments; ++i) registration.insertNewSegment(verb);
   EXPECT_FALSE(registration.hasOverflowed());
   registration.insertNewSegment(verb);
