@@ -25,7 +25,7 @@ constexpr float kCertain = 1.2F;
 
 // Both may be talking while some of the voiced frames of the last second are the learned talker's: from a
 // twentieth on, and surely from a tenth on. Then the evidence may be against him as far as it goes.
-constexpr float kOwnFrame = 1.4F;  // score
+constexpr float kOwnFrame = 2;  // score
 constexpr float kOwnStep = 1.0F / 60;
 constexpr float kNoOwnPart = SourceSeparation::piThresholds[0] / 1024.0F;
 constexpr float kOwnPart = SourceSeparation::piThresholds[1] / 1024.0F;
@@ -81,6 +81,7 @@ void SourceSeparation::cleanHistory() {
   iNewest = 0;
   heard = TalkerEvidence{};
   fDefault.fill(1);
+  gains.pause();
   fOpen = fGain = 1;
   fOwnPart = kOwnPart;
 }
@@ -183,17 +184,20 @@ void SourceSeparation::calcCoefficients(const sVoiceFrame& frame, sEntry& entry)
   fOpen += (fTarget - fOpen) * (fTarget > fOpen ? kOpening : kClosing);
   const float fDoubt = 1 - ramp(fValue, kOthers, kCertain);
   entry.bMatched = fValue >= kOwn;
+  // A frame without voice goes by what its neighbour scored.
+  const float fGate = std::lerp(kLeastGate, kMostGate, ramp(fScore, kLowestScore, kHighestScore));
   std::array<float, kEnvelopeBins> fShare;
-  fShare.fill(1);
-  if (entry.bVoiced && fDoubt > 0) gains.shareOfVoice(frame, pMyChannel->psSpeakerData->iPitchCentre, fShare);
-  // A frame that is surely his passes whole, whatever lies in its bins.
-  const float fSure = ramp(fScore, kLowestScore, kHighestScore);
-  const float fGate = std::lerp(kLeastGate, kMostGate, fSure);
+  fShare.fill(fGate);
+  if (!entry.bVoiced || fDoubt == 0) {
+    gains.pause();
+  } else {
+    gains.shareOfVoice(frame, fScore, pMyChannel->psSpeakerData->iPitchCentre, fShare);
+  }
   const float fPower = powerRatio(frame);
   const float fWhenClosed = kMostWhenClosed * ramp(fScore, kClosedUpTo, kOpenFrom);
   const float fLeast = std::max(kLeftOfOthers, fBoth * fWhenClosed);
   for (std::size_t k = 0; k < fShare.size(); ++k) {
-    const float fOwnShare = 1 + fDoubt * (fGate * std::lerp(fShare[k], 1.0F, fSure) - 1);
+    const float fOwnShare = 1 + fDoubt * (fShare[k] - 1);
     entry.fCoefficient[k] = std::max(fLeast, fOpen * fOwnShare);
     fDefault[k] += kDefaultStep * fPower * (entry.fCoefficient[k] - fDefault[k]);
   }

@@ -68,7 +68,10 @@ void VoiceScorer::learnPeriods(std::span<const sVoicePattern> patterns) {
   fThreshold += kThresholdOfOwnScore * fUsual;
 }
 
+float VoiceScorer::periodScore(int iPeriod) const {
+  return fPeriodScore[static_cast<std::size_t>(std::clamp(iPeriod, 0, kPeriods - 1))];
+}
+
 float VoiceScorer::score(const sEnvelope& envelope, int iPeriod) const {
-  const auto uPeriod = static_cast<std::size_t>(std::clamp(iPeriod, 0, kPeriods - 1));
-  return std::clamp(scoreAgainst(envelope, ownSet) + fPeriodScore[uPeriod] - fThreshold, kLowest, kHighest);
+  return std::clamp(scoreAgainst(envelope, ownSet) + periodScore(iPeriod) - fThreshold, kLowest, kHighest);
 }

@@ -15,6 +15,8 @@ class VoiceScorer {
   // the period is with him, less his threshold. Above 0: rather his. Kept within bounds, since a single frame
   // can be quite wrong.
   [[nodiscard]] float score(const sEnvelope& envelope, int iPeriod) const;
+  // Its part for the period alone.
+  [[nodiscard]] float periodScore(int iPeriod) const;
   static constexpr float kLowest = -3;
   static constexpr float kHighest = 4;
   // The clusters' envelopes. Without any, nothing can be said of a sound.
