@@ -94,7 +94,14 @@ void setSettings() {
   pcOrigPhonesNamePrefix.assignCut("o");
   pcPairPhonesNamePrefix.assignCut("p");
   pcPSHExpressions[0].assignCut("X-A:");
-  iNumberOfPSHExpressions = 1;
+  pcDOSExpressions[0].assignCut("3??@h");
+  pcAOSExpressions[0].assignCut("4??@h");
+  iNumberOfPSHExpressions = iNumberOfDOSExpressions = iNumberOfAOSExpressions = 1;
+  sSipRoutingRow& row = psSipRoutingRows[0];
+  row.pcIP.assignCut("127.0.0.2");
+  row.iPort = 5080;
+  row.pcExpressions[0].assignCut("5??@h");
+  row.iNumExpressions = iNumSipRoutingRecords = 1;
   iSipProxyPort = kPbx;
   iSipUAPort = 5070;
   iRtpUAPortInitVal = 20000;
@@ -129,6 +136,7 @@ class Engine {
     sip.cleanupExpiredBindingsAndSubscriptions();
     require(sip.iNumBindings == 0 && sip.numActiveCalls() == 0);
     iSipProxyArchitecture = 1;
+    iInviteShouldMatchPairPhoneName = iPairPhoneShouldImpersonateTheOriginator = 0;
     iCopyCodecListFromInitialInvite = settings >> 1 & 1;
     iUseContactHeaderForFarEndAddressDuringRegistation = settings >> 2 & 1;
     iUseOriginalRURI = settings >> 3 & 1;
@@ -136,6 +144,8 @@ class Engine {
     bindPhone();
     if ((settings >> 4 & 1) == 0) setUpCall((settings >> 5 & 1) == 0);
     iSipProxyArchitecture = settings & 1;
+    iInviteShouldMatchPairPhoneName = settings >> 6 & 1;
+    iPairPhoneShouldImpersonateTheOriginator = settings >> 7 & 1;
   }
 
   void handle(std::uint8_t who, std::string_view text) {

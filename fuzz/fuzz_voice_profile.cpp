@@ -1,7 +1,8 @@
 // A voice profile in its file: a small whole one into which the input is written piecewise. The first byte
 // says whether the sums are then made right again, so that it is the figures that are judged, and whether the
-// voice is put to use; then each piece: part (head, separation, patterns, anywhere), offset (three bytes),
-// length, bytes. What is taken for a profile must be one that a channel can work with.
+// voice is put to use; its bit 3 that four bytes with the length word and three with the file's length
+// follow; then each piece: part (head, separation, patterns, anywhere), offset (three bytes), length, bytes.
+// What is taken for a profile must be one that a channel can work with.
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -135,20 +136,27 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   require(prepared);
   if (size == 0) return 0;
   std::vector<std::uint8_t> profile = whole;
-  patch(profile, data + 1, size - 1);
-  if ((data[0] & 1) == 0) makeSumsRight(profile);
+  const std::uint8_t choice = *data++;
+  --size;
+  const bool isLengthGiven = (choice & 8) != 0;
+  const auto right = static_cast<std::uint32_t>(profile.size());
+  const std::uint32_t length = isLengthGiven ? takeNumber(data, size, 4) : right;
+  const std::uint32_t kept = isLengthGiven ? takeNumber(data, size, 3) : right + sizeof length;
+  patch(profile, data, size);
+  if ((choice & 1) == 0) makeSumsRight(profile);
 
-  const auto length = static_cast<std::uint32_t>(profile.size());
   std::vector<std::uint8_t> bytes(sizeof length + profile.size());
   putAt(bytes, 0, length);
   std::copy(profile.begin(), profile.end(), bytes.begin() + sizeof length);
+  bytes.resize(std::min<std::size_t>(kept, bytes.size()));
   const MemoryFile memory(bytes.data(), bytes.size());
   const File file = openFile(memory.path().c_str(), "rbe");
   VoiceProfile voice;
   if (voice.readFrom(file.get()) != VoiceProfile::Read::eDone) return 0;
+  require(length <= right && kept >= length + sizeof length);
   const sKestrovaInit init = initOf(voice);
   require(KestrovaIpsavoxInit(0, &init) == 0);
-  if ((data[0] & 6) == 0) talk();
+  if ((choice & 6) == 0) talk();
   require(KestrovaTerminate(0) == 0);
   return 0;
 }
