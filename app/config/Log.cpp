@@ -3,9 +3,11 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <mutex>
+#include <string_view>
 #include <unistd.h>
 
 #include "app/config/LogRecorder.h"
@@ -54,6 +56,21 @@ CtimeText currentTimeText() {
   if (Glob::bTimeMutexExists) lock.lock();
   if (ctime_r(&now, text.data()) == nullptr) text = {"time unknown\n"};
   return text;
+}
+
+bool isHeadBehindBlank(std::string_view line) {
+  for (const Log::Level level : {Log::Level::eInfo, Log::Level::eWarning, Log::Level::eError}) {
+    const std::string_view word = levelWord(level);
+    if (line.starts_with(word) && line.substr(word.size()).starts_with(" in ")) return true;
+  }
+  return false;
+}
+
+// What a stranger sends may hold a line that looks like the head of a record, and would be one to whoever
+// reads the log.
+void markFalseHeads(char* message) {
+  for (char* line = std::strchr(message, '\n'); line != nullptr; line = std::strchr(line + 1, '\n'))
+    if (line[1] == ' ' && isHeadBehindBlank(line + 2)) line[1] = '>';
 }
 
 // Anyone may put a symbolic link or a FIFO into /tmp: neither is used.
@@ -168,6 +185,7 @@ void Log::write(Level level, const char* function, const char* format, va_list a
   message[0] = '\0';
   std::vsnprintf(message.data(), message.size(), format, arguments);
   if (pLogRecorder != nullptr) return pLogRecorder(level, function, message.data());
+  markFalseHeads(message.data());
   const Path path = logPath();
 
   std::unique_lock<std::mutex> lock(Glob::errMutex, std::defer_lock);

@@ -5,7 +5,9 @@
 // A record is
 //     Sun Nov 22 22:10:19 2026        the local time as ctime gives it, with its line feed
 //      ERROR in MySip::sendSipMsg, <message>
-// and, since nearly every message ends with a line feed of its own, an empty line.
+// and, since nearly every message ends with a line feed of its own, an empty line. Messages may hold what
+// strangers sent, whole lines included; only a head begins with a blank, a level and " in ", though: a line
+// of a message that does is written with ">" in place of the blank.
 #pragma once
 
 #include <cstdarg>

@@ -142,6 +142,12 @@ TEST_F(ControlTest, EveryMetricMovesAndDashboardAndAlertsKnowNoOther) {
   readInto(seen, control({"metrics"}).text);
   ASSERT_EQ(quorvel->stop(), 0);
   readInto(seen, control({"metrics"}).text);
+  const std::filesystem::path link = scratch.path() / "full", file = scratch.path() / "quorvel.prom";
+  std::filesystem::create_symlink("/dev/full", link);
+  EXPECT_EQ(control({"metrics", link}).status, 1);
+  EXPECT_TRUE(std::filesystem::is_character_file(link)) << "a device is written, not replaced";
+  EXPECT_EQ(control({"metrics", file}).status, 0);
+  EXPECT_EQ(readFile(file), control({"metrics"}).text);
 
   std::string written;
   for (const auto& [sample, values] : seen) {
@@ -168,6 +174,16 @@ TEST_F(ControlTest, CallsAreSeenTracedDrainedAndStopped) {
   const Answer explained = control({"explain", "100", "200"});
   EXPECT_TRUE(explained.text.starts_with("rule         DefaultCmd\ndestination  200@127.0.0.1\n"));
   const Call call = setUp(2);
+  // A stranger who sends records of the log drains nothing, and ends no drain.
+  int forged = 0;
+  const auto forge = [&](const std::string& record) {
+    toQuorvel(caller,
+              sip_text::replaced(sip_text::build({.method = "OPTIONS", .viaPort = caller.port()}), "CSeq: 1 ",
+                                 "CSeq: x\nMon Nov 23 12:00:00 2026\n INFO in " + record + "\n\n"));
+    ++forged;
+    EXPECT_TRUE(eventually([&] { return quorvel->logCount("unable to read CSeq") == forged; }, Seconds(5)));
+  };
+  forge("sigUsr2Handle, Got shutdown request");
 
   const char* const state = "\"calls\": 1, \"calls_allowed\": 4, \"draining\": false}";
   EXPECT_NE(control({"--json", "status"}).text.find(state), std::string::npos);
@@ -198,6 +214,7 @@ TEST_F(ControlTest, CallsAreSeenTracedDrainedAndStopped) {
   EXPECT_EQ(control({"trace", "no-such-call"}).status, 1);
 
   EXPECT_EQ(control({"drain", "1"}).status, 1) << "a call is still up";
+  forge("quorvel_main, Loading Quorvel version 1.6.56");
   EXPECT_NE(control({"status"}).text.find("draining"), std::string::npos);
   toQuorvel(caller, invite(3));
   EXPECT_TRUE(expect(caller, "SIP/2.0 503").starts_with("SIP/2.0 503"));

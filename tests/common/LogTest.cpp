@@ -36,6 +36,13 @@ TEST_F(LogTest, MessageIsCutTo1999Characters) {
   EXPECT_EQ(installation.logCount(", " + std::string(1999, 'b') + "\n"), 1);
 }
 
+TEST_F(LogTest, NoLineOfAMessageLooksLikeTheHeadOfARecord) {
+  Log::info("f", "a\n INFO in g, b\n WARNING in g\n ERROR in \n INFO  in g\n  INFO in g\n INFORM in g\n ");
+  EXPECT_EQ(installation.logCount(" INFO in f, a\n>INFO in g, b\n>WARNING in g\n>ERROR in \n INFO  in g\n  "
+                                  "INFO in g\n INFORM in g\n \n"),
+            1);
+}
+
 TEST_F(LogTest, LogThatCannotBeOpenedLosesTheRecordAndNothingElse) {
   const std::filesystem::path log = installation.root() / "log";
   std::filesystem::remove_all(log);

@@ -190,13 +190,22 @@ void addLog(MetricsText& out, const sContext& context) {
     out.sample("log_records_total", {"level", kLevels[level]}, static_cast<double>(counts[level]));
 }
 
-// A reader must never see half of it.
-bool writeWhole(const std::string& path, const std::string& text) {
-  const std::string draft = path + ".tmp";
-  std::FILE* file = std::fopen(draft.c_str(), "we");
+bool writeTo(const std::string& path, const std::string& text) {
+  std::FILE* file = std::fopen(path.c_str(), "we");
   if (file == nullptr) return false;
   const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
-  if (std::fclose(file) == 0 && written && std::rename(draft.c_str(), path.c_str()) == 0) return true;
+  return std::fclose(file) == 0 && written;
+}
+
+// A reader must never see half of a file. A device or a pipe is written as it is: nothing may take its place.
+bool writeWhole(const std::string& path, const std::string& text) {
+  namespace fs = std::filesystem;
+  std::error_code ignored;
+  const fs::file_status there = fs::status(path, ignored);
+  if (fs::exists(there) && !fs::is_regular_file(there)) return writeTo(path, text);
+  const fs::path place = fs::weakly_canonical(path, ignored);  // where links lead to
+  const std::string file = place.empty() ? path : place.string(), draft = file + ".tmp";
+  if (writeTo(draft, text) && std::rename(draft.c_str(), file.c_str()) == 0) return true;
   std::remove(draft.c_str());
   return false;
 }

@@ -82,12 +82,13 @@ int showAll(const sContext& context) {
 
 }  // namespace
 
-// Drain mode has no end but the process's own, so its log line since the last start tells.
+// Drain mode has no end but the process's own, so its log record since the last start tells. Heads of records
+// stand in no message (Log.h), so nobody else can write one.
 bool isDraining(const sContext& context) {
   std::vector<std::string> logs = logPaths(context);
   for (; !logs.empty(); logs.pop_back()) {
-    const auto drained = occursLast(logs.back(), "INFO in sigUsr2Handle, Got shutdown request",
-                                    "INFO in quorvel_main, Loading Quorvel version");
+    const auto drained = occursLast(logs.back(), "\n INFO in sigUsr2Handle, Got shutdown request\n",
+                                    "\n INFO in quorvel_main, Loading Quorvel version ");
     if (drained) return *drained;
   }
   return false;
