@@ -109,14 +109,21 @@ int MyConfiguration::analyzeCommand(std::string_view command, RuleText& destinat
   return 0;
 }
 
-int MyConfiguration::analyzeCommandKeys() {
+int MyConfiguration::analyzeCommandKey(std::string_view key) {
   const bool valid =
-      analyzeDefaultCommand() &&
-      analyzeRules({"CmdBasedOnCallerID", pcCmdBasedOnCallerID, iNumCmdBasedOnCallerID,
-                    ppcCmdBasedOnCallerIDFilter, ppcCmdBasedOnCallerIDDestination,
-                    piCmdBasedOnCallerIDFilteringType}) &&
-      analyzeRules({"CmdBasedOnDestination", pcCmdBasedOnDestination, iNumCmdBasedOnDestination,
-                    ppcCmdBasedOnDestinationFilter, ppcCmdBasedOnDestinationDestination,
-                    piCmdBasedOnDestinationFilteringType});
+      key == kDefaultCommandKey ? analyzeDefaultCommand()
+      : key == kCallerRulesKey
+          ? analyzeRules({kCallerRulesKey, pcCmdBasedOnCallerID, iNumCmdBasedOnCallerID,
+                          ppcCmdBasedOnCallerIDFilter, ppcCmdBasedOnCallerIDDestination,
+                          piCmdBasedOnCallerIDFilteringType})
+          : analyzeRules({kDestinationRulesKey, pcCmdBasedOnDestination, iNumCmdBasedOnDestination,
+                          ppcCmdBasedOnDestinationFilter, ppcCmdBasedOnDestinationDestination,
+                          piCmdBasedOnDestinationFilteringType});
   return valid ? 0 : kFailure;
+}
+
+int MyConfiguration::analyzeCommandKeys() {
+  for (const char* const key : kCommandKeys)
+    if (analyzeCommandKey(key) != 0) return kFailure;
+  return 0;
 }

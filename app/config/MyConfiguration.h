@@ -12,10 +12,16 @@
 // Status results: 0 (false) is success; every failure has been logged where it was found.
 #pragma once
 
+#include <array>
 #include <string_view>
 
 #include "app/config/Settings.h"
 #include "common/FixedText.h"
+
+inline constexpr const char* kDefaultCommandKey = "DefaultCmd";
+inline constexpr const char* kCallerRulesKey = "CmdBasedOnCallerID";
+inline constexpr const char* kDestinationRulesKey = "CmdBasedOnDestination";
+inline constexpr std::array kCommandKeys = {kDefaultCommandKey, kCallerRulesKey, kDestinationRulesKey};
 
 class MyConfiguration {
  public:
@@ -63,13 +69,17 @@ class MyConfiguration {
 
   // Splits "destination<Separator>type". 0, or 2 when it is no valid command.
   int analyzeCommand(std::string_view command, RuleText& destination, int& type);
-  // Fills the rule tables from DefaultCmd, CmdBasedOnCallerID and CmdBasedOnDestination. 0 or 2.
+  // Fills the tables of one of kCommandKeys from its text. 0 or 2.
+  int analyzeCommandKey(std::string_view key);
+  // Of all of them, as far as the first that is wrong. 0 or 2.
   int analyzeCommandKeys();
 
   // ---- 6 SIP routing file ----
 
   // Fills the routing table. 0, or 1 on the first bad line (the rows before it stay).
   int readSipRoutingFile(const char* path);
+  // One line of such a file into the next row. 1, and the number of rows as it was, when it is bad.
+  int readSipRoutingLine(std::string_view line);
 };
 
 inline MyConfiguration myConfiguration;

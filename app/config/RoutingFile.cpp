@@ -60,18 +60,6 @@ bool readExpressions(std::string_view line, int lineNumber, sSipRoutingRow& row)
   return true;
 }
 
-bool readRow(std::string_view line) {
-  if (iNumSipRoutingRecords == kMaxSipRoutingRows) {
-    Log::error(kFunction, "too many lines in sip routing file. Maximum is %d\n", kMaxSipRoutingRows);
-    return false;
-  }
-  sSipRoutingRow& row = psSipRoutingRows[static_cast<std::size_t>(iNumSipRoutingRecords)];
-  const int lineNumber = iNumSipRoutingRecords + 1;
-  if (!readNextHop(line, lineNumber, row) || !readExpressions(line, lineNumber, row)) return false;
-  ++iNumSipRoutingRecords;
-  return true;
-}
-
 int readRows(const char* path) {
   iNumSipRoutingRecords = 0;
   const File file = openForReading(path);
@@ -81,13 +69,25 @@ int readRows(const char* path) {
   }
   LineReader lines(file.get());
   while (lines.next())
-    if (!readRow(lines.text())) return kFailure;
+    if (myConfiguration.readSipRoutingLine(lines.text()) != 0) return kFailure;
   if (!lines.failed()) return 0;
   Log::error(kFunction, "unable to read file\n");
   return kFailure;
 }
 
 }  // namespace
+
+int MyConfiguration::readSipRoutingLine(std::string_view line) {
+  if (iNumSipRoutingRecords == kMaxSipRoutingRows) {
+    Log::error(kFunction, "too many lines in sip routing file. Maximum is %d\n", kMaxSipRoutingRows);
+    return kFailure;
+  }
+  sSipRoutingRow& row = psSipRoutingRows[static_cast<std::size_t>(iNumSipRoutingRecords)];
+  const int lineNumber = iNumSipRoutingRecords + 1;
+  if (!readNextHop(line, lineNumber, row) || !readExpressions(line, lineNumber, row)) return kFailure;
+  ++iNumSipRoutingRecords;
+  return 0;
+}
 
 int MyConfiguration::readSipRoutingFile(const char* path) {
   try {

@@ -142,12 +142,12 @@ TEST_F(ControlTest, EveryMetricMovesAndDashboardAndAlertsKnowNoOther) {
   readInto(seen, control({"metrics"}).text);
   ASSERT_EQ(quorvel->stop(), 0);
   readInto(seen, control({"metrics"}).text);
-  const std::filesystem::path link = scratch.path() / "full", file = scratch.path() / "quorvel.prom";
+  const std::filesystem::path link = scratch.path() / "full", textfile = scratch.path() / "quorvel.prom";
   std::filesystem::create_symlink("/dev/full", link);
   EXPECT_EQ(control({"metrics", link}).status, 1);
   EXPECT_TRUE(std::filesystem::is_character_file(link)) << "a device is written, not replaced";
-  EXPECT_EQ(control({"metrics", file}).status, 0);
-  EXPECT_EQ(readFile(file), control({"metrics"}).text);
+  EXPECT_EQ(control({"metrics", textfile}).status, 0);
+  EXPECT_EQ(readFile(textfile), control({"metrics"}).text);
 
   std::string written;
   for (const auto& [sample, values] : seen) {
@@ -296,7 +296,9 @@ TEST_F(ControlTest, ExplainSaysWhatBecomesOfACall) {
   writeFile(scratch.path() / "routing.conf",
             "127.0.0.1::" + std::to_string(routed.port()) + "::4??@127.0.0.1;\n");
   start({{"CmdBasedOnCallerID", "7??@127.0.0.1=*##2;500@127.0.0.1=*##3"},
-         {"CmdBasedOnDestination", "2??@127.0.0.1=301@127.0.0.1##1"},
+         {"CmdBasedOnDestination", "2??@127.0.0.1=301@127.0.0.1##1;24?@192.0.2.5=*##2"},
+         {"SipUAIP", "192.0.2.5"},
+         {"SipUAIPForBinding", "127.0.0.1"},
          {"DOSExpressions", "66?@127.0.0.1"},
          {"SipRoutingFile", "../routing.conf"},
          {"NumPhonesToAllocate", "16"},
@@ -316,6 +318,8 @@ TEST_F(ControlTest, ExplainSaysWhatBecomesOfACall) {
        {Kind{"100", "555", "not answered: no rule matches and there is no DefaultCmd"},
         {"700", "555", "CmdBasedOnCallerID, rule 1"},
         {"100", "200", "CmdBasedOnDestination, rule 1 (2??@127.0.0.1)"},
+        {"100", "200", "and 200@192.0.2.5 in To: (quorvelctl trace shows them)\nnot answered: no rule"},
+        {"100", "240@192.0.2.5", "CmdBasedOnDestination, rule 2 (24?@192.0.2.5)"},
         {"700", "450", "the routing file names that destination"},
         {"700", "500", "a phone of that name is registered"},
         {"500", "500", "the phone of that name is passed over"},
@@ -325,10 +329,13 @@ TEST_F(ControlTest, ExplainSaysWhatBecomesOfACall) {
     LoopbackPeer& from = std::string_view(by) == "500" ? bound : caller;
     const std::string message =
         sip_text::replaced(invite(++number), "sip:100@", std::string("sip:") + by + "@");
-    from.sendTo(ports.sip(), sip_text::replaced(message, "sip:200@", std::string("sip:") + dialled + "@"));
+    const bool isWhole = std::string_view(dialled).find('@') != std::string_view::npos;
+    from.sendTo(ports.sip(), sip_text::replaced(message, isWhole ? "sip:200@127.0.0.1" : "sip:200@",
+                                                std::string("sip:") + dialled + (isWhole ? "" : "@")));
+    const std::string likeliest = explained.substr(0, explained.find("\nbut with "));
     std::smatch hop;
     const std::regex where("destination  (\\S+)\n[^\n]*\nnext hop     127.0.0.1:(\\d+):");
-    if (std::regex_search(explained, hop, where)) {
+    if (std::regex_search(likeliest, hop, where)) {
       expect(*peers.at(std::stoi(hop[2])), "INVITE sip:" + hop[1].str() + " ");
     } else if (explained.starts_with("refused with 503")) {
       expect(from, "SIP/2.0 503");
@@ -375,9 +382,40 @@ TEST_F(ControlTest, ConfigurationsAreCheckedExplainedAndReloaded) {
         ": error: SipUAPort: is no port", "SipDebug: value of SipDebug is not 0 or 1",
         "quorvel.conf:6: warning: DTMFDisable: repeats a digit",
         "NumCallsToFilter: the voice engine has room for 3 calls"}},
+      {1,
+       {{"CmdBasedOnCallerID", "1??@127.0.0.1"},
+        {"CmdBasedOnDestination", "2??@127.0.0.1=*##4"},
+        {"DefaultCmd", "*"},
+        {"OrigPhonesName", "a;b;"}},
+       {"conf:5: error: CmdBasedOnCallerID: pcCmdBasedOnCallerID containes a command",
+        "conf:6: error: CmdBasedOnDestination: invalid cleaning type (4)",
+        "conf:8: error: DefaultCmd: unable to find destination in *",
+        "error: OrigPhonesName: not enough names"}},
       {0,
        {{"CPUPower", "abc"}, {"ThresholdToHighlightMOS", "3,6"}},
        {"CPUPower: is no number", "ThresholdToHighlightMOS: is read only up to"}},
+      {0,
+       {{"AOSExpressions", "66?"},
+        {"CmdBasedOnCallerID", "1??@127.0.0.1=*##1;12?@127.0.0.1=*##2"},
+        {"DTMFActivatePrefix", "*5x"},
+        {"DTMFRegistraterPrefix", "*1*"},
+        {"NeedToDoNoiseCancellation", "0"},
+        {"RTPTimeoutInSeconds", "0"},
+        {"RegisterPairPhones", "1"},
+        {"RegisterTrunk", "1"},
+        {"SipRoutingFile", "routing.conf"},
+        {"StartWithFilterActivated", "0"}},
+       {"the pattern 66? has no @", "has no effect: DOSExpressions bars nobody",
+        "the pattern 12?@127.0.0.1 decides nothing: 1??@127.0.0.1 before it",
+        "DTMFActivatePrefix: cannot be dialled", "DTMFRegistraterPrefix: has no effect, since DTMFSuffix",
+        "whatever the type, nothing is processed", "RTPTimeoutInSeconds: ends every such call at once",
+        "RegisterPairPhones: no Secret is set", "RegisterTrunk: registers nothing",
+        "routing.conf:1: warning: has no ; behind its last expression, which is",
+        "routing.conf:2: warning: has no expression", "StartWithFilterActivated: is 0, and",
+        "SipRoutingFile: the pattern 2?? has no @"}},
+      {1,
+       {{"SipRoutingFile", "bad.conf"}},
+       {"bad.conf:1: error: unable to read IP", "bad.conf:3: error: unable to read valid port"}},
       {0,
        {{"DTMFActivatePrefix", "12"}, {"DTMFDisable", "3124"}, {"DTMFSuffix", "4"}},
        {"DTMFActivatePrefix: is part of DTMFDisable", "DTMFSuffix: is part of DTMFDisable"}},
@@ -409,6 +447,8 @@ TEST_F(ControlTest, ConfigurationsAreCheckedExplainedAndReloaded) {
       {0,
        {{"SipUAIPForBinding", "0.0.0.0"}, {"StatisticsFile", "../log/../bin/statistics"}},
        {"SipUAPort: is shared with " + other, "StatisticsFile: is shared with " + other}}};
+  writeFile(quorvel->bin() / "routing.conf", "127.0.0.1::1::2??;x\n127.0.0.1::2::\n");
+  writeFile(quorvel->bin() / "bad.conf", "127.0.0.1\n127.0.0.1::1::2;\n127.0.0.1::x::\n");
   quorvel->writeConfiguration({{"StatisticsFile", "statistics"}});
   std::filesystem::copy(quorvel->configuration(), other);
   for (const Case& each : cases) {
@@ -418,7 +458,8 @@ TEST_F(ControlTest, ConfigurationsAreCheckedExplainedAndReloaded) {
     for (const std::string& found : each.found)
       EXPECT_NE(checked.text.find(found), std::string::npos) << found << " is not in\n" << checked.text;
   }
-  writeFile(other, "CPUPower=11\n");
+  writeFile(other, "CPUPower=11\nSipDebug 1\nSecret=\nSipUAPort=" + std::to_string(callee.port()) +
+                       "\nSipUAIPForBinding=127.0.0.1\n");
   quorvel->writeConfiguration({{"CPUPower", "12"}});
   const Answer bad = control({"--json", "check", other});
   EXPECT_NE(
@@ -426,6 +467,12 @@ TEST_F(ControlTest, ConfigurationsAreCheckedExplainedAndReloaded) {
       std::string::npos)
       << bad.text;
   EXPECT_NE(bad.text.find("quorvel.conf\", \"line\": 3, \"key\": \"CPUPower\""), std::string::npos);
+  const Answer slips =
+      controlAsGiven({"-c", other, "check"}, {{"KESTROVA_BIN", quorvel->bin().string() + "/"}});
+  for (const char* found :
+       {":2: warning: has no = sign and is ignored: SipDebug 1", ":3: warning: Secret: has no value",
+        ":4: error: SipUAPort: is in use on this host"})
+    EXPECT_NE(slips.text.find(found), std::string::npos) << slips.text;
   EXPECT_EQ(control({"reload"}).status, 1);
   EXPECT_EQ(quorvel->logCount("Going to reload configuration file"), 1);
 }

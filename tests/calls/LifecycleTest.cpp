@@ -83,6 +83,7 @@ struct BadStart {
   Settings settings;
   int status;
   const char* logged;
+  const char* checked;  // what quorvelctl finds before the start
 };
 
 void PrintTo(const BadStart& bad, std::ostream* out) {
@@ -113,37 +114,45 @@ TEST_P(BadStartTest, EndsWithItsStatusAndSaysWhy) {
   const std::string logs =
       readFile("/tmp/KestrovaTmpLog" + suffix) + readFile(scratch.path() / "log" / ("errLog" + suffix));
   EXPECT_NE(logs.find(bad.logged), std::string::npos) << logs;
+  Process check(QUORVELCTL, {"-c", (bin / "quorvel.conf").string(), "-i", suffix, "check"},
+                scratch.path() / "check", {{"KESTROVA_BIN", installation}});
+  EXPECT_EQ(check.wait(Seconds(10)), 1);
+  EXPECT_NE(check.output().find(bad.checked), std::string::npos) << check.output();
   for (const char* file : {"/tmp/KestrovaTmpLog", "/tmp/KestrovaQuorvel"}) unlink((file + suffix).c_str());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Starts, BadStartTest,
-    ::testing::Values(
-        BadStart{"NoSlash",
-                 "/tmp",
-                 {},
-                 1,
-                 "KESTROVA_BIN should end with slash (for Linux) or back-slash (for Windows)\n"},
-        BadStart{"OddSlots",
-                 "@BIN@",
-                 {{"NumPhonesToAllocate", "7"}},
-                 1,
-                 "value of NumPhonesToAllocate is not even\n"},
-        BadStart{"ForeignAddress",
-                 "@BIN@",
-                 {{"SipUAIPForBinding", "203.0.113.9"}},
-                 1,
-                 "Could not prepare sip connection\n"},
-        BadStart{"TooManyCalls",
-                 "KESTROVA_BIN=@BIN@",
-                 {{"NumCallsToFilter", "128"}},
-                 100,
-                 "Not enough file descriptors to support so many calls 1024 < 1032"},
-        BadStart{"ShortNameList",
-                 "@BIN@",
-                 {{"OrigPhonesName", "a;b;"}},
-                 1,
-                 "not enough names in pcOrigPhonesName\n"}),
+    ::testing::Values(BadStart{"NoSlash",
+                               "/tmp",
+                               {},
+                               1,
+                               "KESTROVA_BIN should end with slash (for Linux) or back-slash (for Windows)\n",
+                               "KESTROVA_BIN must name the installation directory"},
+                      BadStart{"OddSlots",
+                               "@BIN@",
+                               {{"NumPhonesToAllocate", "7"}},
+                               1,
+                               "value of NumPhonesToAllocate is not even\n",
+                               "error: NumPhonesToAllocate: value of NumPhonesToAllocate is not even"},
+                      BadStart{"ForeignAddress",
+                               "@BIN@",
+                               {{"SipUAIPForBinding", "203.0.113.9"}},
+                               1,
+                               "Could not prepare sip connection\n",
+                               "error: SipUAIPForBinding: 203.0.113.9 is no address that this host can use"},
+                      BadStart{"TooManyCalls",
+                               "KESTROVA_BIN=@BIN@",
+                               {{"NumCallsToFilter", "128"}},
+                               100,
+                               "Not enough file descriptors to support so many calls 1024 < 1032",
+                               "error: NumCallsToFilter: is more than the media relay can carry"},
+                      BadStart{"ShortNameList",
+                               "@BIN@",
+                               {{"OrigPhonesName", "a;b;"}},
+                               1,
+                               "not enough names in pcOrigPhonesName\n",
+                               "error: OrigPhonesName: not enough names in pcOrigPhonesName"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace

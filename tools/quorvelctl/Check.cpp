@@ -102,10 +102,10 @@ void compareWithOthers(Findings& findings, const sContext& context) {
     sContext other = context;
     other.configuration = path;
     Findings theirs;
-    (void)checkLines(theirs, path);
+    if (checkLines(theirs, path)) checkStart(theirs);
     for (sFinding finding : theirs.inOrder()) {
       if (finding.weight != sFinding::Weight::eError) continue;
-      finding.file = path;
+      if (finding.file.empty()) finding.file = path;
       findings.add(std::move(finding));
     }
     if (theirs.hasError()) continue;
@@ -167,8 +167,9 @@ int checkConfiguration(const sContext& context) {
   takeRecords();
 
   if (checkLines(findings, context.configuration)) {
-    for (const auto check : {checkPorts, checkSizes, checkDigits, checkThresholds, checkCommands})
+    for (const auto check : {checkStart, checkDigits, checkThresholds, checkCommands, checkCalls})
       check(findings);
+    checkPortIsFree(findings, context);
     checkPaths(findings, context);
     checkName(findings, context);
   }

@@ -46,13 +46,21 @@ class Findings {
 // Reads the file as the program does, line by line and to its end. False: it cannot be read. (CheckLines.cpp)
 bool checkLines(Findings& findings, const std::string& path);
 
+// ---- What ends a start, by the settings ----
+
+// All but a port that is taken. (CheckStart.cpp)
+void checkStart(Findings& findings);
+// While no process of the instance has it, its SIP port must be free.
+void checkPortIsFree(Findings& findings, const sContext& context);
+
 // ---- What is taken but cannot work, by the settings ----
 
 void checkPorts(Findings& findings);  // CheckValues.cpp
 void checkSizes(Findings& findings);
 void checkDigits(Findings& findings);
 void checkThresholds(Findings& findings);
-void checkCommands(Findings& findings);
+void checkCommands(Findings& findings);  // CheckCalls.cpp: rules and patterns
+void checkCalls(Findings& findings);     // settings without which a call is not what was meant
 std::int64_t lastRtpPort();
 
 // A file or directory that the settings name.

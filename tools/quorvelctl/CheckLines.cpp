@@ -9,11 +9,14 @@
 #include "app/config/MyConfiguration.h"
 #include "app/config/Scan.h"
 #include "app/config/TextFile.h"
+#include "engine/Glob.h"
 #include "tools/quorvelctl/Check.h"
 
 namespace {
 
 using Weight = sFinding::Weight;
+
+constexpr std::string_view kFieldEnd = "::";  // of a line of the routing file
 
 // The collected records as findings: errors where the program would not start, otherwise worth knowing.
 void takeRecordsAs(bool isError, Findings& findings, int line, std::string_view key) {
@@ -43,6 +46,12 @@ void judgeNumber(Findings& findings, const sKey& key, std::string_view value, in
     findings.add({Weight::eWarning, line, name, "is read only up to what is no digit: " + std::string(word)});
 }
 
+std::string_view trimmed(std::string_view text) {
+  constexpr const char* kBlanks = " \t\r\n";
+  text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+  return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+}
+
 class FileCheck {
  public:
   explicit FileCheck(Findings& out) : findings(out) {}
@@ -59,15 +68,14 @@ class FileCheck {
     for (int line = 1; lines.next(); ++line) checkLine(lines.text(), line);
     if (lines.failed()) findings.add({Weight::eError, 0, "", "cannot be read to its end"});
     checkDefaults();
-    const bool refused = myConfiguration.analyzeCommandKeys() != 0;
-    takeRecordsAs(refused, findings, 0, "");
+    checkCommandKeys();
     return true;
   }
 
  private:
   void checkLine(std::string_view text, int line) {
     const sAssignment assignment = readAssignment(text);
-    if (assignment.value.empty()) return;
+    if (assignment.value.empty()) return checkUnused(text, line);
     const int index = findKey(assignment.key);
     const std::string name(assignment.key);
     if (index < 0)
@@ -82,8 +90,47 @@ class FileCheck {
                     "is put behind the installation directory although it begins with a slash"});
     const KeyOutcome outcome = storeKeyValue(key, assignment.value);
     takeRecordsAs(outcome == KeyOutcome::eRefused, findings, line, name);
+    if (key.sCheck.kind == sKeyCheck::Kind::eRoutingFile) checkRoutingFile(scanWord(assignment.value));
     if (outcome == KeyOutcome::eNotGiven)
       findings.add({Weight::eWarning, line, name, "has no value that can be read"});
+  }
+
+  // Every line, where the program stops at the first that is bad; and what it passes over without a word.
+  void checkRoutingFile(std::string_view name) {
+    const std::string path = Glob::pcKestrovaBin.c_str() + std::string(name);
+    const File file = openForReading(path.c_str());
+    if (!file) return;  // said of the key
+    const auto add = [&](Weight weight, int line, std::string text) {
+      findings.add({weight, line, "", std::move(text), path});
+    };
+    iNumSipRoutingRecords = 0;
+    LineReader lines(file.get());
+    for (int line = 1; line <= kMaxSipRoutingRows && lines.next(); ++line) {
+      const bool isBad = myConfiguration.readSipRoutingLine(lines.text()) != 0;
+      for (const sRecord& record : takeRecords())
+        add(isBad ? Weight::eError : Weight::eWarning, line, record.text);
+      iNumSipRoutingRecords = line;  // the program counts rows, not lines
+      if (isBad) continue;
+      const std::string_view rest =
+          trimmed(lines.text().substr(lines.text().rfind(kFieldEnd) + kFieldEnd.size()));
+      if (rest.empty())
+        add(Weight::eWarning, line, "has no expression, so it matches no call");
+      else if (!rest.ends_with(';'))
+        add(Weight::eWarning, line,
+            "has no ; behind its last expression, which is ignored: " + std::string(rest));
+    }
+  }
+
+  // A line that assigns nothing: meant so, or with a slip.
+  void checkUnused(std::string_view text, int line) {
+    const std::string_view words = trimmed(text);
+    if (words.empty() || words.starts_with(';')) return;
+    const std::size_t equals = words.find('=');
+    if (equals == std::string_view::npos)
+      return findings.add(
+          {Weight::eWarning, line, "", "has no = sign and is ignored: " + std::string(words)});
+    findings.add({Weight::eWarning, line, std::string(trimmed(words.substr(0, equals))),
+                  "has no value and counts as not given"});
   }
 
   void checkDefaults() {
@@ -91,6 +138,14 @@ class FileCheck {
       if (findings.lineOf(key.pcName) > 0) continue;
       const bool missing = !storeKeyDefault(key);
       takeRecordsAs(missing, findings, 0, key.pcName);
+    }
+  }
+
+  void checkCommandKeys() {
+    if (findings.isRefused("Separator")) return;
+    for (const char* const key : kCommandKeys) {
+      const bool refused = !findings.isRefused(key) && myConfiguration.analyzeCommandKey(key) != 0;
+      takeRecordsAs(refused, findings, findings.lineOf(key), key);
     }
   }
 

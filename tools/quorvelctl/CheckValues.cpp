@@ -23,9 +23,16 @@ struct sDigits {
   std::string text;
 };
 
-// What cannot be dialled was switched off on purpose.
+constexpr const char* kKeysOfPhones = "0123456789*#ABCD";
+
+// What cannot be dialled was switched off on purpose, as the default is; unless it has a key of a phone in
+// it.
 bool isDialable(const std::string& digits) {
-  return !digits.empty() && digits.find_first_not_of("0123456789*#ABCD") == std::string::npos;
+  return !digits.empty() && digits.find_first_not_of(kKeysOfPhones) == std::string::npos;
+}
+
+bool isSlip(const std::string& digits) {
+  return !isDialable(digits) && digits.find_first_of(kKeysOfPhones) != std::string::npos;
 }
 
 struct sThreshold {
@@ -43,31 +50,6 @@ constexpr double kHighestGainPercent = 500;
 constexpr double kHighestLossPercent = 100;
 // 5 less the codec's impairment, and less 1.04, 1.22 and 1.46 for the worst loss, delay and jitter.
 constexpr double kBestMos = 5 - 0.3, kWorstMos = 5 - 0.59 - 1.04 - 1.22 - 1.46;
-
-// Is it an address, as far as it has no wildcards? Names may stand for an address that we do not know.
-bool isDotted(std::string_view host) {
-  return host.find_first_not_of("0123456789.?") == std::string_view::npos;
-}
-
-bool matches(std::string_view pattern, std::string_view host) {
-  return std::equal(pattern.begin(), pattern.end(), host.begin(), host.end(),
-                    [](char wanted, char character) { return wanted == '?' || wanted == character; });
-}
-
-// A pattern covers the whole name, user@host, and names of phones end in the PBX's address or in ours.
-void checkPatterns(Findings& findings, const char* key, std::span<const RuleText> patterns) {
-  for (const RuleText& pattern : patterns) {
-    const std::string_view whole = pattern;
-    const std::size_t at = whole.find('@');
-    const std::string_view host = at == std::string_view::npos ? "" : whole.substr(at + 1);
-    if (host.empty())
-      findings.warn(key, "the pattern " + text(whole) + " has no @ and host, so it matches no phone");
-    else if (isDotted(host) && !matches(host, pcSipProxyIP) && !matches(host, pcSipProxyDomain) &&
-             !matches(host, pcSipUAIP) && !matches(host, pcSipUAIPForBinding))
-      findings.warn(key, "the pattern " + text(whole) + " matches only names at " + text(host) +
-                             ", which is neither the PBX (" + text(pcSipProxyIP) + ") nor this host");
-  }
-}
 
 }  // namespace
 
@@ -117,7 +99,11 @@ void checkDigits(Findings& findings) {
   const sDigits& activate = keys[1];
   const sDigits& suffix = keys[3];
   for (const sDigits& key : keys) {
+    if (isSlip(key.text)) findings.warn(key.pcKey, "cannot be dialled: phones have 0 to 9, *, #, A to D");
     if (!isDialable(key.text)) continue;
+    if ((&key == &keys[0] || &key == &activate) && !isDialable(suffix.text))
+      findings.warn(key.pcKey,
+                    "has no effect, since DTMFSuffix, which ends such a command, cannot be dialled");
     if (std::adjacent_find(key.text.begin(), key.text.end()) != key.text.end())
       findings.warn(
           key.pcKey,
@@ -131,6 +117,10 @@ void checkDigits(Findings& findings) {
                                                     : ", so one sequence fires both"));
     }
   }
+  if (iStartWithFilterActivated == 0 && !(isDialable(activate.text) && isDialable(suffix.text)))
+    findings.warn("StartWithFilterActivated",
+                  "is 0, and with DTMFActivatePrefix and DTMFSuffix as they are no key "
+                  "sequence activates processing: no call is processed");
   if (isDialable(activate.text) && isDialable(suffix.text) && activate.text.back() == suffix.text.front())
     findings.warn(activate.pcKey,
                   "ends with the digit that DTMFSuffix begins with, and a digit that repeats is not taken: "
@@ -156,15 +146,4 @@ void checkThresholds(Findings& findings) {
     findings.warn("ThresholdToHighlightMOS", "always triggers: no call is better");
   if (fThresholdToHighlightMOS < kWorstMos)
     findings.warn("ThresholdToHighlightMOS", "never triggers: no call is worse than 0.69");
-}
-
-void checkCommands(Findings& findings) {
-  const auto first = [](const auto& patterns, int count) {
-    return std::span<const RuleText>(patterns).first(static_cast<std::size_t>(count));
-  };
-  checkPatterns(findings, "CmdBasedOnCallerID", first(ppcCmdBasedOnCallerIDFilter, iNumCmdBasedOnCallerID));
-  checkPatterns(findings, "CmdBasedOnDestination",
-                first(ppcCmdBasedOnDestinationFilter, iNumCmdBasedOnDestination));
-  if (pcDefaultCmd.empty())
-    findings.warn("DefaultCmd", "is not set: a call that no rule matches gets no answer at all");
 }

@@ -1,8 +1,10 @@
 // What becomes of a call before it is made: the same code decides as in a running process, with the bindings
 // that are on disk.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <unistd.h>
+#include <vector>
 
 #include "app/config/Settings.h"
 #include "sip/MySip.h"
@@ -55,9 +57,16 @@ const char* whyOf(Hop::Kind kind) {
   return "";
 }
 
-// Caller and destination as the headers of an INVITE would give them; a name without a host is at the PBX.
-std::string withHost(const std::string& name) {
-  return name.find('@') == std::string::npos ? name + "@" + pcSipProxyIP.c_str() : name;
+// What a name without a host stands for in the headers of an INVITE, the likeliest first: a PBX puts its own
+// address behind it, or ours, when it has us as a trunk; phones put what they know as their server.
+std::vector<std::string> withHosts(const std::string& name) {
+  if (name.find('@') != std::string::npos) return {name};
+  std::vector<std::string> names;
+  for (const char* const host : {pcSipProxyIP.c_str(), pcSipUAIP.c_str(), pcSipProxyDomain.c_str()})
+    if (const std::string whole = name + "@" + host;
+        std::find(names.begin(), names.end(), whole) == names.end())
+      names.push_back(whole);
+  return names;
 }
 
 bool isExplicit(const std::string& displayName) {
@@ -90,6 +99,14 @@ struct sExplanation {
   std::string reason{};  // of a call that does not go on
   std::string rule{}, destination{}, hop{}, why{};
   int iType = 0;
+  std::string caller{}, dialled{};  // the names that the answer is for
+
+  // The same becomes of the call; the destination may be at the host that was dialled.
+  bool agreesWith(const sExplanation& other) const {
+    const auto user = [](const std::string& name) { return name.substr(0, name.find('@')); };
+    return status == other.status && reason.empty() == other.reason.empty() && iType == other.iType &&
+           hop == other.hop && user(destination) == user(other.destination);
+  }
 };
 
 // The message of the first record.
@@ -109,6 +126,8 @@ sExplanation refusal(bool barred) {
 }
 
 sExplanation explain(const sInvite& invite, const std::string& caller, const std::string& name) {
+  // As at a start: what was explained before has taken a slot.
+  if (mySip.init(MySip::BindingFiles::eOfAnother) != 0) return {.reason = takeReasons()};
   const sockaddr_in source = sourceOf(caller);
   takeRecords();
   const int slot = mySip.chooseOrigSlot(invite.text, source);
@@ -153,29 +172,34 @@ std::string doubtAboutBindings(const sContext& context) {
 std::vector<std::string> doubts(const sContext& context) {
   std::vector<std::string> found;
   if (std::string text = doubtAboutBindings(context); !text.empty()) found.push_back(std::move(text));
-  if (findProcess(context) && isDraining(context))
+  const auto process = findProcess(context);
+  if (process && isDraining(context))
     found.emplace_back("the process is draining: now it refuses every new call with 503");
+  const auto calls = process ? askActiveCalls(context, *process) : std::nullopt;
+  if (calls && *calls >= callsAllowed())
+    found.push_back(std::to_string(*calls) + " of " + std::to_string(callsAllowed()) +
+                    " calls are up: now it refuses every new call with 486");
+  if (iNeedToDoNoiseCancellation == 0 && iNeedToDoAEC == 0)
+    found.emplace_back(
+        "NeedToDoNoiseCancellation and NeedToDoAEC are 0: whatever the type, nothing is processed");
   return found;
 }
 
-int print(const sContext& context, const sExplanation& found) {
-  std::string warnings;
-  for (const std::string& doubt : doubts(context)) {
-    warnings += (warnings.empty() ? "" : ", ") + jsonText(doubt);
-    if (!context.bJson) std::fprintf(stderr, "warning: %s\n", doubt.c_str());
-  }
-  const bool isAccepted = found.reason.empty();
-  if (context.bJson && isAccepted)
-    std::printf(
-        "{\"accepted\": true, \"rule\": %s, \"destination\": %s, \"type\": %d, \"next_hop\": %s, "
-        "\"why\": %s, \"warnings\": [%s]}\n",
-        jsonText(found.rule).c_str(), jsonText(found.destination).c_str(), found.iType,
-        jsonText(found.hop).c_str(), jsonText(found.why).c_str(), warnings.c_str());
-  else if (context.bJson)
-    std::printf("{\"accepted\": false, \"status\": %s, \"why\": %s, \"warnings\": [%s]}\n",
-                found.status.empty() ? "null" : jsonText(found.status).c_str(),
-                jsonText(found.reason).c_str(), warnings.c_str());
-  else if (isAccepted)
+std::string jsonOf(const sExplanation& found) {
+  const std::string names =
+      "\"caller\": " + jsonText(found.caller) + ", \"dialled\": " + jsonText(found.dialled) + ", ";
+  if (found.reason.empty())
+    return names + "\"accepted\": true, \"rule\": " + jsonText(found.rule) +
+           ", \"destination\": " + jsonText(found.destination) +
+           ", \"type\": " + std::to_string(found.iType) + ", \"next_hop\": " + jsonText(found.hop) +
+           ", \"why\": " + jsonText(found.why);
+  return names +
+         "\"accepted\": false, \"status\": " + (found.status.empty() ? "null" : jsonText(found.status)) +
+         ", \"why\": " + jsonText(found.reason);
+}
+
+void printText(const sExplanation& found) {
+  if (found.reason.empty())
     std::printf("rule         %s\ndestination  %s\nprocessed    %s (type %d)\nnext hop     %s: %s\n",
                 found.rule.c_str(), found.destination.c_str(), sidesOf(found.iType), found.iType,
                 found.hop.c_str(), found.why.c_str());
@@ -183,7 +207,42 @@ int print(const sContext& context, const sExplanation& found) {
     std::printf("not answered: %s\n", found.reason.c_str());
   else
     std::printf("refused with %s: %s\n", found.status.c_str(), found.reason.c_str());
-  return isAccepted ? kYes : kNo;
+}
+
+// The first is the likeliest; the others differ from it.
+int print(const sContext& context, const std::vector<sExplanation>& found) {
+  std::string warnings, others;
+  for (const std::string& doubt : doubts(context)) {
+    warnings += (warnings.empty() ? "" : ", ") + jsonText(doubt);
+    if (!context.bJson) std::fprintf(stderr, "warning: %s\n", doubt.c_str());
+  }
+  if (!context.bJson) printText(found.front());
+  for (std::size_t i = 1; i < found.size(); ++i) {
+    others += (i == 1 ? "{" : ", {") + jsonOf(found[i]) + "}";
+    if (context.bJson) continue;
+    std::printf("\nbut with %s in From: and %s in To: (quorvelctl trace shows them)\n",
+                found[i].caller.c_str(), found[i].dialled.c_str());
+    printText(found[i]);
+  }
+  if (context.bJson)
+    std::printf("{%s, \"warnings\": [%s], \"but\": [%s]}\n", jsonOf(found.front()).c_str(), warnings.c_str(),
+                others.c_str());
+  return found.front().reason.empty() ? kYes : kNo;
+}
+
+// Of each reading of the two names, those that agree with none before.
+std::vector<sExplanation> explainAll(const sContext& context) {
+  const std::string name = context.words.size() > 2 ? context.words[2] : "";
+  std::vector<sExplanation> all;
+  for (const std::string& caller : withHosts(context.words[0]))
+    for (const std::string& dialled : withHosts(context.words[1])) {
+      sExplanation one = explain(sInvite(caller, dialled, name), caller, name);
+      one.caller = caller;
+      one.dialled = dialled;
+      if (std::none_of(all.begin(), all.end(), [&](const auto& other) { return one.agreesWith(other); }))
+        all.push_back(std::move(one));
+    }
+  return all;
 }
 
 }  // namespace
@@ -191,8 +250,5 @@ int print(const sContext& context, const sExplanation& found) {
 int explainCall(const sContext& context) {
   if (!loadConfiguration(context)) return fail("%s", loadFailure(context).c_str());
   if (mySip.init(MySip::BindingFiles::eOfAnother) != 0) return fail("%s", takeReasons().c_str());
-  takeRecords();
-  const std::string caller = withHost(context.words[0]);
-  const std::string name = context.words.size() > 2 ? context.words[2] : "";
-  return print(context, explain(sInvite(caller, withHost(context.words[1]), name), caller, name));
+  return print(context, explainAll(context));
 }

@@ -9,6 +9,7 @@
 
 #include "app/config/Settings.h"
 #include "tools/quorvelctl/CallPage.h"
+#include "tools/quorvelctl/Check.h"
 #include "tools/quorvelctl/LogFile.h"
 
 namespace {
@@ -219,8 +220,10 @@ int writeMetrics(const sContext& context) {
   addProcess(out, context, findProcess(context));
   const bool isLoaded = loadConfiguration(context);
   takeRecords();
-  out.add("configuration_valid", "gauge", "1 while the configuration file would be accepted.",
-          isLoaded ? 1 : 0);
+  Findings findings;
+  if (isLoaded) checkStart(findings);
+  out.add("configuration_valid", "gauge", "1 while a start with the configuration file would succeed.",
+          isLoaded && !findings.hasError() ? 1 : 0);
   if (isLoaded) {
     out.add("calls_allowed", "gauge", "Calls that can be up at once, by the configuration file.",
             callsAllowed());
