@@ -297,14 +297,14 @@ void MyFilters::followPower(std::span<const double> dMagnitude, sSpectralNoiseTy
 // What the subtraction makes of a frame is right on average and for pauses. In speech it takes too much: the
 // average over 15 bins lowers a voice's harmonics with what lies between them, and the mean of two frames
 // lowers every beginning. So in speech each bin keeps at least the part of its power that the background does
-// not explain (Wiener's rule on the smoothed power), and never less than a certain part.
+// not explain (Wiener's rule on the smoothed power).
 void MyFilters::protectSpeech(int iBins, const sProtection& protection, const sSpectralNoiseType& noise) {
   const std::span dNoise(noise.dNoise.data(), static_cast<std::size_t>(iBins));
   slidingMean(dNoise, pdGain, [](double dValue) { return kPowerOfMagnitude * dValue * dValue; });
   const double dFactor = protection.dOversubtraction * noise.iSubtractFactor / kUnityQ7;
   for (std::size_t k = 0; k < dNoise.size(); ++k) {
     const double dSpeech = 1 - dFactor * pdGain[k] / std::max(1.0, noise.dPower[k]);
-    pdSmoothGain[k] = std::max({pdSmoothGain[k], dSpeech, protection.dLeastGain});
+    pdSmoothGain[k] = std::max(pdSmoothGain[k], dSpeech);
   }
 }
 
@@ -313,11 +313,12 @@ void MyFilters::subtractNoise(std::span<const double> dMagnitude, int iBlocks, c
   const int iBins = static_cast<int>(dMagnitude.size());
   computeGains(dMagnitude, noise);
   smoothGains(iBins, iBlocks);
-  if (protection.dLeastGain > 0) protectSpeech(iBins, protection, noise);
-  pdWork[0] *= pdSmoothGain[0];
+  if (protection.dOversubtraction > 0) protectSpeech(iBins, protection, noise);
+  pdWork[0] *= std::max(pdSmoothGain[0], protection.dLeastGain);
   for (std::size_t k = 1; k < dMagnitude.size(); ++k) {
-    pdWork[2 * k] *= pdSmoothGain[k];
-    pdWork[2 * k + 1] *= pdSmoothGain[k];
+    const double dGain = std::max(pdSmoothGain[k], protection.dLeastGain);
+    pdWork[2 * k] *= dGain;
+    pdWork[2 * k + 1] *= dGain;
   }
 }
 

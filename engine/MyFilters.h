@@ -35,11 +35,12 @@ struct sSpectralNoiseType {
   [[nodiscard]] bool hasEstimate() const { return iLastNoisePosition != kNoEstimate; }
 };
 
-// How a frame's speech is kept from the subtraction.
+// What is kept from the subtraction in a frame.
 struct sProtection {
-  double dLeastGain = 0;  // of any bin; 0 outside speech, where nothing is protected
-  // How much of the background's power counts as explained by it, times the part that is taken off.
-  double dOversubtraction = 1;
+  double dLeastGain = 0;  // of any bin
+  // In speech: how much of the background's power counts as explained by it, times the part that is taken
+  // off. 0 outside speech, where no bin has a share of speech.
+  double dOversubtraction = 0;
 };
 
 class MyFilters {
@@ -66,8 +67,8 @@ class MyFilters {
   int calcFFTWithHanning(int n);
 
   // Transforms the windowed frame of kCycleSamples x iBlocks x rate factor samples that starts at a sample
-  // time and takes the background off; returns the transform's length. In speech no bin is lowered further
-  // than its share of speech allows, and none below dLeastGain; 0 outside speech.
+  // time and takes the background off; returns the transform's length. No bin is lowered below dLeastGain,
+  // nor, in speech, further than its share of speech allows.
   int calcCleanFFTSubstractingNoise(int iFirst, int iBlocks, const sProtection& protection,
                                     sSpectralNoiseType& noise);
   // The first n samples of what a transform of that length has become, to be overlapped by half with the

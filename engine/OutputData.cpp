@@ -146,7 +146,7 @@ int OutputData::writeSilence(cHandle cycle) {
   bFirstSpeech = true;
   iSpeechCycles = 0;
   bCertain = false;
-  protection = {};
+  protection = protectionOfPauses();
   const int iLevel = pMyChannel->bStartBypassed ? kUnityQ7 : iCngLevel;
   if (iLevel < 1) {
     std::fill_n(psCycle.begin(), iSamples, sSilenceValue);

@@ -101,6 +101,8 @@ class OutputData {
   void estimateNoise(int iLevel);
   [[nodiscard]] bool isNoise(cHandle last, int iCycles, int iLevel, int iAmp, bool bRecent) const;
   void takeNoiseSpectrum(int iFirst, int iAmp);
+  [[nodiscard]] double leastGain(double dDecibels) const;
+  [[nodiscard]] sProtection protectionOfPauses() const;
   [[nodiscard]] sProtection protectionOfSpeech();
   void removeNoise();
   void calcFrame(sOverlap& run, int iFrom, sSpectralNoiseType& estimate);

@@ -19,10 +19,14 @@ constexpr int kBypassedRecentSamples = 16000;
 constexpr int kMinEstimateDistance = 160;   // samples
 constexpr int kMaxNoiseOfSpeaker = 38;      // Q7, 30 %
 constexpr int kMaxNoiseOfNeighbours = 141;  // Q7, 110 %
-// How far a bin is lowered in speech at most, at full strength, and in its beginning.
+// How far a bin is lowered at most, at full strength: in speech, in its beginning, while there is doubt, and
+// in pauses. Deeper there, and what is left swings by 4 dB from moment to moment, though the comfort-noise
+// level takes it 16 dB further down.
 constexpr double kLeastInSpeechDb = -6;
 constexpr double kLeastAtOnsetDb = -1.5;
 constexpr double kLeastWhenDoubtfulDb = -20;
+constexpr double kLeastInPausesDb = -8;
+constexpr int kProtectedUpTo = 10;  // the stronger levels of cleaning spare nothing
 constexpr double kOversubtraction = 0.75;
 constexpr double kOversubtractionWhenDoubtful = 1.8;
 constexpr float kCertainRise = 0.2F;  // steady noise does not reach it
@@ -127,17 +131,25 @@ void OutputData::takeNoiseSpectrum(int iFirst, int iAmp) {
 
 // ---- Removal
 
+// A gain in dB at full strength, as a factor at the channel's.
+double OutputData::leastGain(double dDecibels) const {
+  return std::pow(10.0, dDecibels / 20 * iCleanStrength / kUnityQ7);
+}
+
+sProtection OutputData::protectionOfPauses() const {
+  if (pMyChannel->sCleanAggressiveLevel > kProtectedUpTo) return {};
+  return {.dLeastGain = leastGain(kLeastInPausesDb)};
+}
+
 // What is only presumed to be speech may be the background as well, which is to stay down then. The beginning
 // of an utterance carries its first consonant, which the smoothed power does not show yet.
 sProtection OutputData::protectionOfSpeech() {
-  constexpr int kProtectedUpTo = 10;  // stronger cleaning takes from speech what it takes from pauses
   if (pMyChannel->sCleanAggressiveLevel > kProtectedUpTo) return {};
   const sCycleInformation& cycle = pMyChannel->pCycleInformation->at(current);
   bCertain |= cycle.bInSelfVerb || cycle.fRise >= kCertainRise;
   const bool bOnset = iSpeechCycles < kOnsetCycles;
   const double dDecibels = !bCertain ? kLeastWhenDoubtfulDb : bOnset ? kLeastAtOnsetDb : kLeastInSpeechDb;
-  const double dStrength = static_cast<double>(iCleanStrength) / kUnityQ7;
-  return {.dLeastGain = std::pow(10.0, dStrength * dDecibels / 20),
+  return {.dLeastGain = leastGain(dDecibels),
           .dOversubtraction = bCertain ? kOversubtraction : kOversubtractionWhenDoubtful};
 }
 

@@ -163,6 +163,7 @@ void FirstScan::releaseCycle() {
       .bInSegment = cycle.bInVerb && !bOther,
       .bRepeating = bExamining && examined().iNumMatches >= 2 && iTime >= examined().iStartTime,
       .iSpread = spreadFrom(iTime, kElementCycles),
+      .bUnknownBackground = iTime < SpectralRise::kUnknownSamples,
       .fRise = cycle.fRise};
   const OnsetGuard::Verdict verdict = guard.judge(judged);
   if (isOf(kOtherVerb)) return;

@@ -27,8 +27,8 @@ constexpr int kLeastSpread = 100;
 bool OnsetGuard::presume(const sCycle& cycle) {
   if (cycle.iSpread < kLeastSpread) return false;
   // Rumble begins to repeat in every tenth of a second.
-  if (cycle.fRise >= kRisen || (cycle.bRepeating && cycle.fRise >= SpectralRise::kQuiet))
-    iLatch = kLatchCycles;
+  const bool bMayRepeat = cycle.bUnknownBackground || cycle.fRise >= SpectralRise::kQuiet;
+  if (cycle.fRise >= kRisen || (cycle.bRepeating && bMayRepeat)) iLatch = kLatchCycles;
   return iLatch-- > 0;
 }
 

@@ -16,10 +16,11 @@
 class OnsetGuard {
  public:
   struct sCycle {
-    bool bInSegment = false;  // written as speech anyway
-    bool bRepeating = false;  // an examined stretch covers it and has begun to repeat
-    int iSpread = 0;          // four cycles from this one on
-    float fRise = 0;          // SpectralRise score from this cycle on, as far as the delay lets it see
+    bool bInSegment = false;          // written as speech anyway
+    bool bRepeating = false;          // an examined stretch covers it and has begun to repeat
+    int iSpread = 0;                  // four cycles from this one on
+    bool bUnknownBackground = false;  // the stream has just begun, perhaps in the middle of a word
+    float fRise = 0;  // SpectralRise score from this cycle on, as far as the delay lets it see
   };
   enum class Verdict { kSilence, kPresumed, kKept };
 

@@ -20,6 +20,10 @@ class SpectralRise {
   // Hardly any speech on top of the background.
   static constexpr float kQuiet = 0.10F;
 
+  // From the beginning of a stream: what is heard first is taken for the background, though it may be a
+  // voice, and only when it changes does the background fall below it.
+  static constexpr int kUnknownSamples = 1280;  // 160 ms
+
   void clean() { *this = SpectralRise{}; }
   // Takes the newest 128 samples, once per cycle, and returns the score of the latest four spans; 0 until the
   // background is known.

@@ -106,6 +106,45 @@ TEST_F(DetectionTest, AConsonantAfterAPauseIsKept) {
   }
 }
 
+// After a transfer, or when a key switches the processing on: what comes first is a voice, not the
+// background.
+TEST_F(DetectionTest, AStreamMayBeginInTheMiddleOfAWord) {
+  for (const double dPitch : {90.0, 130.0, 220.0}) {
+    for (const double dNoise : {0.0, 200.0}) {
+      open();
+      Samples in;
+      for (int i = 0; i < 5; ++i) {
+        in += voice(1600, 8000, dPitch, 8000, {650, 1200, 2600});
+        in += voice(1600, 8000, dPitch, 8000, {320, 2100, 2900});
+      }
+      const sSeen seen = see(mixed(in, gaussianNoise(in.size(), dNoise + 1, 5)));
+      EXPECT_LE(seen.iFirstSpeech, 8) << dPitch << " " << dNoise;
+      EXPECT_GE(seen.iSpeech, 500 - 60) << dPitch << " " << dNoise;
+    }
+  }
+}
+
+// A phrase of a voice that the channel is not to keep begins with the benefit of the doubt, which ends when
+// the voice is known.
+TEST_F(DetectionTest, AVoiceOfAnotherGroupIsLoweredAsSoonAsItIsKnown) {
+  for (const auto& [iGroup, dLowest, dHighest] : {std::tuple{1, -0.5, 0.1}, {3, -15.0, -12.0}}) {
+    sKestrovaInit init = defaultInit();
+    init.iGroupType = iGroup;
+    ASSERT_EQ(KestrovaGroupInit(0, &init), 0);
+    Samples in = silence(16000);
+    for (int i = 0; i < 3; ++i) {
+      in += voice(4000, 8000, 110, 8000);
+      in += silence(8000);
+    }
+    const Samples out = process(0, in);
+    for (std::size_t u = 16000; u < in.size(); u += 12000) {
+      const double dLeft = decibels(rms(out, u + 2000, u + 4000) / rms(in, u + 2000, u + 4000));
+      EXPECT_GE(dLeft, dLowest) << iGroup;
+      EXPECT_LE(dLeft, dHighest) << iGroup;
+    }
+  }
+}
+
 // Word gaps and a final consonant stay with the word.
 TEST_F(DetectionTest, TheTailOfAWordIsKept) {
   open();
