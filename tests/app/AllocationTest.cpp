@@ -1,4 +1,6 @@
 // Memory that is taken for a packet or a message while calls come and go: none.
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <map>
 
@@ -21,6 +23,7 @@ struct Lane {
   const char* name;
   SUPPORTED_CODECS_IN_QUORVEL from, to;
   int processing;
+  const char* command = "";  // of the caller's keys, at the start
 };
 
 void PrintTo(const Lane& lane, std::ostream* out) {
@@ -36,7 +39,9 @@ class PacketAllocationTest : public ::testing::TestWithParam<Lane> {
     iNeedToDoNoiseCancellation = iNeedToDoAEC = 1;
     iNeedToCheckDTMF = 1;
     pcSipUAIPForBinding.assignCut("127.0.0.1");
-    EXPECT_TRUE(pcAECAlgorithm.assign("advanced"));
+    EXPECT_TRUE(pcAECAlgorithm.assign("advanced") && pcDTMFRegisterPrefix.assign("*1") &&
+                pcDTMFSuffix.assign("#") &&
+                pcRegistrationLibrary.assign((installation.bin() / "voice-").string()));
     EXPECT_EQ(myRtp.init(), 0);
   }
 
@@ -66,11 +71,10 @@ class PacketAllocationTest : public ::testing::TestWithParam<Lane> {
     return myRtp.openSessionPair(request);
   }
 
-  void pass(int pair, int side, SUPPORTED_CODECS_IN_QUORVEL codec) {
-    std::array<char, kMessageBufferBytes> buffer{};
-    const unsigned stamp = 160U * static_cast<unsigned>(number);
+  void pass(int pair, int side, int payloadType, std::string_view payload) {
+    const auto stamp = 160U * static_cast<unsigned>(number);
     const unsigned header[12] = {0x80,
-                                 static_cast<unsigned>(kCodecRows[codec].iPayloadType),
+                                 static_cast<unsigned>(payloadType),
                                  static_cast<unsigned>(number) >> 8U,
                                  static_cast<unsigned>(number),
                                  stamp >> 24U,
@@ -81,9 +85,24 @@ class PacketAllocationTest : public ::testing::TestWithParam<Lane> {
                                  2,
                                  3,
                                  4};
+    std::array<char, kMessageBufferBytes> buffer{};
     for (std::size_t i = 0; i < 12; ++i) buffer[i] = static_cast<char>(header[i]);
-    for (std::size_t i = 12; i < 172; ++i) buffer[i] = static_cast<char>(std::rand());
-    myRtp.analyzeRtpMsg(side, pair, buffer.data(), 172);
+    std::copy(payload.begin(), payload.end(), buffer.begin() + 12);
+    myRtp.analyzeRtpMsg(side, pair, buffer.data(), 12 + static_cast<int>(payload.size()));
+  }
+  void talk(int pair, int side, SUPPORTED_CODECS_IN_QUORVEL codec) {
+    std::array<char, 160> noise;
+    for (char& byte : noise) byte = static_cast<char>(std::rand());
+    pass(pair, side, kCodecRows[codec].iPayloadType, {noise.data(), noise.size()});
+  }
+  void press(int pair, std::string_view keys) {
+    constexpr std::string_view kEvents = "0123456789*#";
+    for (const char key : keys)
+      pass(pair, 0, 101, std::string{static_cast<char>(kEvents.find(key)), '\x8A', '\x01', '\x90'});
+  }
+  static void report(int pair, int side) {
+    const std::array<char, 28> receiverReport{'\x81', '\xC9', 0, 6};
+    myRtp.analyzeRtcpMsg(side, pair, receiverReport.data(), static_cast<int>(receiverReport.size()));
   }
 
   TestInstallation installation;
@@ -94,15 +113,20 @@ TEST_P(PacketAllocationTest, NoPacketTakesMemory) {
   const Lane& lane = GetParam();
   const int pair = open(lane);
   ASSERT_GE(pair, 0) << installation.log();
-  const auto talk = [&](int packets) {
+  const auto converse = [&](int packets) {
     for (; packets > 0; --packets, ++number) {
-      pass(pair, 0, lane.from);
-      pass(pair, 1, lane.to);
+      talk(pair, 0, lane.from);
+      talk(pair, 1, lane.to);
+      if (number % 50 != 0) continue;
+      report(pair, 0);
+      press(pair, "5*");  // no command: one restarts channels, which takes memory as a call's start does
     }
   };
-  talk(kWarmUp);
-  EXPECT_EQ(allocationsOf([&] { talk(kCounted); }), 0);
+  press(pair, lane.command);
+  converse(kWarmUp);
+  EXPECT_EQ(allocationsOf([&] { converse(kCounted); }), 0);
   EXPECT_GT(myRtp.psPairs[pair].iPacketsReceived[0], kCounted);
+  EXPECT_EQ(myRtp.psPairs[pair].bRegistering[0], *lane.command != '\0') << installation.log();
   EXPECT_EQ(myRtp.closeSessionPair("caller", ""), pair);
 }
 
@@ -111,7 +135,8 @@ INSTANTIATE_TEST_SUITE_P(Lanes, PacketAllocationTest,
                                            Lane{"Recoded", eCodecPCMU, eCodecPCMA, 0},
                                            Lane{"Wideband", eCodecG722, eCodecPCMA, 0},
                                            Lane{"Processed", eCodecPCMU, eCodecPCMA, 3},
-                                           Lane{"ProcessedWideband", eCodecG722, eCodecG722, 3}),
+                                           Lane{"ProcessedWideband", eCodecG722, eCodecG722, 3},
+                                           Lane{"Learning", eCodecPCMU, eCodecPCMU, 1, "*15#"}),
                          [](const auto& row) { return std::string(row.param.name); });
 
 class MessageAllocationTest : public SipFixture {
@@ -185,6 +210,38 @@ TEST_F(MessageAllocationTest, CallsTakeNoMemoryOnceThereHasBeenOne) {
     if (number == 0) continue;
     for (const auto& [message, count] : taken) EXPECT_EQ(count, 0) << message << " of call " << number;
   }
+}
+
+// The PBX challenges, sends the call elsewhere, and the caller gives up.
+TEST_F(MessageAllocationTest, RefusedCallsTakeNoMemoryOnceThereHasBeenOne) {
+  start();
+  const std::string elsewhere = "Contact: <sip:300@127.0.0.1:" + std::to_string(pbx.port()) + ">\r\n";
+  for (int number = 0; number < 5; ++number) {
+    invite.callId = "refused-" + std::to_string(number);
+    invite.branch = "z9hG4bKrefused" + std::to_string(number);
+    std::map<std::string, long> taken;
+    taken["INVITE"] = handled(caller, inviteText());
+    for (const auto& [status, headers] :
+         {std::pair<std::string, std::string>{"401 Unauthorized",
+                                              "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\"\r\n"},
+          {"302 Moved Temporarily", elsewhere}}) {
+      taken[status] = handled(pbx, sip_text::respond(atPbx(), status, "pbx", headers));
+      EXPECT_TRUE(sip_text::firstLine(atPbx()).starts_with("ACK "));
+    }
+    const std::string moved = atPbx();
+    taken["180"] = handled(pbx, sip_text::respond(moved, "180 Ringing", "bob"));
+    atCaller();
+    taken["CANCEL"] = handled(caller, callerRequest("CANCEL", 1));
+    taken["200 for CANCEL"] = handled(pbx, sip_text::respond(atPbx(), "200 OK", "bob"));
+    atCaller();
+    taken["487"] = handled(pbx, sip_text::respond(moved, "487 Request Terminated", "bob"));
+    atCaller();
+    taken["ACK"] = handled(caller, callerRequest("ACK", 1));
+    atPbx();
+    for (const auto& [message, count] : taken)
+      EXPECT_TRUE(number == 0 || count == 0) << count << " for " << message << " of call " << number;
+  }
+  EXPECT_EQ(sip->numActiveCalls(), 0) << installation.log();
 }
 
 }  // namespace
