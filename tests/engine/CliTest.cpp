@@ -93,6 +93,7 @@ TEST_F(CliTest, ASpectrumIsTakenApartAtMultiplesOfTheAnalysisRateOnly) {
 TEST_F(CliTest, OnlyTheFirstWordNamesTheParameter) {
   KestrovaCli.setParam("Frequency", "8000");
   EXPECT_EQ(printedParam("  Frequency and more"), "8000 ");
+  EXPECT_EQ(printed([](std::FILE* pFile) { KestrovaCli.printObject(pFile, "myClean"); }), "");
 }
 
 TEST_F(CliTest, ReadsLinesFromAPipeThatEveryoneMayWrite) {
