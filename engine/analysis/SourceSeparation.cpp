@@ -23,8 +23,10 @@ constexpr float kLeastWeight = 0.1F;
 // Evidence from which on the learned talker is alone.
 constexpr float kCertain = 1.2F;
 
-// Both may be talking while some of the voiced frames of the last second are the learned talker's: from a
-// twentieth on, and surely from a tenth on. Then the evidence may be against him as far as it goes.
+// Both may be talking while some of the voiced frames of the last second are surely the learned talker's:
+// from a twentieth on, and plainly from a tenth on. Then the evidence may be against him as far as it goes.
+// Lower scores than these are no sign of him: another of his sex makes as many of them as he does under
+// another.
 constexpr float kOwnFrame = 2;  // score
 constexpr float kOwnStep = 1.0F / 60;
 constexpr float kNoOwnPart = SourceSeparation::piThresholds[0] / 1024.0F;
@@ -32,8 +34,9 @@ constexpr float kOwnPart = SourceSeparation::piThresholds[1] / 1024.0F;
 constexpr float kMostOwnPart = 0.35F;  // that is remembered: another may begin
 constexpr float kOthersOfBoth = -3.2F;
 constexpr float kOwnOfBoth = -2.5F;
-// And each frame passes as its own score says. Of frames of two talkers at 0 and 6 dB, a quarter of the sound
-// was the learned talker's at the lowest scores, nine tenths at the highest.
+// Then bins pass by what of them is his (VoiceGains), and a frame without voice as the sounds beside it
+// score. Of frames of two talkers at 0 and 6 dB, a quarter of the sound was the learned talker's at the
+// lowest scores, nine tenths at the highest.
 constexpr float kLowestScore = -3;
 constexpr float kHighestScore = 3;
 constexpr float kLeastGate = 0.25F;

@@ -28,7 +28,7 @@ constexpr float kMostOdds = 7;
 constexpr float kBandWeight = 1.3F;
 constexpr float kBeforeWeight = 0.7F;  // of the frame before
 constexpr float kPeriodWeight = 1.5F;
-constexpr float kScoreWeight = 0.3F;
+constexpr float kScoreWeight = 0.6F;
 // He is heard on his own line: louder than the other more often than not.
 constexpr float kFirstOdds = 0.5F;
 // Up to 2 kHz: the period is known to two samples, and harmonics above lie anywhere.

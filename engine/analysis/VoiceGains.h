@@ -4,9 +4,8 @@
 //     -> shapes of the learned voice, and of voices in general, that fit under them at some level
 //     -> every pair of one and the other, weighed by how well both together explain what is heard
 //     -> odds of the learned voice per band, then per bin
-//     -> for him at the frame's harmonics, and against him between them, when the period is his; the other
-//     way
-//        round when it is not
+//     -> where the period is his, for him at the frame's harmonics and against him between them; where it is
+//        not, the other way round
 //
 // (A spectrum of two talkers explained by pairs of shapes: Roweis, Eurospeech 2003; what of a bin belongs to
 // one of two known powers: Wiener.) Bins at the harmonics of the talker's usual period and of the frame's own

@@ -1,5 +1,7 @@
 // Learning a talker's voice, its profile, and what is kept of him and of others afterwards.
+#include <cmath>
 #include <cstring>
+#include <numeric>
 #include <utility>
 
 #include "engine/MyChannel.h"
@@ -75,6 +77,23 @@ TEST_F(LearnedVoiceTest, TheLearnedTalkerIsKeptAndOthersAreTakenAway) {
   EXPECT_NEAR(change(talk(8, kDeep, kDeepThroat, 2)), 0, 1.5);
   EXPECT_LT(change(talk(8, kHigh, kHighThroat, 3)), -12) << "other pitch, other throat";
   EXPECT_LT(change(talk(8, kDeep, kHighThroat, 4)), -12) << "other throat at the same pitch";
+}
+
+// Scale-invariant ratio of what is wanted of a sound to the rest of it.
+double wantedOverRest(const Samples& wanted, const Samples& heard) {
+  const auto product = [&](const Samples& a, const Samples& b) {
+    return std::inner_product(a.begin(), a.begin() + static_cast<std::ptrdiff_t>(heard.size()), b.begin(),
+                              0.0);
+  };
+  const double dOwn = product(wanted, heard) * product(wanted, heard) / product(wanted, wanted);
+  return 10 * std::log10(dOwn / (product(heard, heard) - dOwn));
+}
+
+TEST_F(LearnedVoiceTest, WhenBothTalkMoreOfTheLearnedTalkerIsLeft) {
+  const Samples own = talk(8, kDeep, kDeepThroat, 2);
+  const Samples both = mixed(own, talk(8, kHigh, kHighThroat, 3));
+  EXPECT_EQ(initVoice(speaker(deepProfile())), 0);
+  EXPECT_GT(wantedOverRest(own, process(0, both)), wantedOverRest(own, both) + 0.5);
 }
 
 TEST_F(LearnedVoiceTest, AProfileIsAWholeImageOfWhatWasLearned) {
