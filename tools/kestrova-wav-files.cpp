@@ -72,9 +72,10 @@ void writeWav(const std::string& sName, const Wav& wav) {
   info.samplerate = wav.iRate;
   info.channels = 1;
   info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-  const Sound pFile(sf_open(sName.c_str(), SFM_WRITE, &info));
+  Sound pFile(sf_open(sName.c_str(), SFM_WRITE, &info));
   if (!pFile) fail(sName, sf_strerror(nullptr));
   const auto lCount = static_cast<sf_count_t>(wav.samples.size());
   if (sf_write_short(pFile.get(), wav.samples.data(), lCount) != lCount)
     fail(sName, sf_strerror(pFile.get()));
+  if (const int iError = sf_close(pFile.release()); iError != 0) fail(sName, sf_error_number(iError));
 }

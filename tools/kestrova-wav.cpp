@@ -112,6 +112,8 @@ class Run {
       if (result.iOutBytes > 0) decisions.push_back(decisionOf(result));
       showProgress(uPosition + uFrame);
     }
+    if (pCsv && (std::fflush(pCsv.get()) != 0 || std::ferror(pCsv.get()) != 0))
+      throw std::runtime_error(options.sCsv + ": " + std::strerror(errno));
     if (!options.sPicture.empty()) draw(uFrame);
     if (options.bAlign) align();
     if (options.bLearn) {

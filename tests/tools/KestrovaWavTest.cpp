@@ -105,6 +105,8 @@ TEST_F(KestrovaWavTest, SaysWhatIsWrong) {
       {"--spk wide.wav good.wav o.wav", 1, "wide.wav: its rate differs from the microphone's"},
       {"good.wav none/o.wav", 1, "none/o.wav: "},
       {"good.wav o.wav --csv none/rows.csv", 1, "none/rows.csv: No such file or directory"},
+      {"good.wav o.wav --csv /dev/full", 1, "/dev/full: No space left on device"},
+      {"good.wav /dev/full", 1, "/dev/full: "},
       {"good.wav", 2, "give one input and one output file"},
       {"good.wav o.wav --agc", 2, "--agc needs a value"},
       {"good.wav o.wav --frame-units 9", 2, "--frame-units takes a number from 1 to 8, not 9"},

@@ -110,7 +110,8 @@ int showCalls(const sContext& context) {
         pcRealTimeAverageStatisticsFile.empty() ? "is not configured" : "is missing or not up to date");
   if (context.bJson) return printJson(*calls), kYes;
   for (const sShownCall& call : *calls) {
-    std::printf("%s -> %s, %d s\n", call.origin.c_str(), call.destination.c_str(), call.iSeconds);
+    std::printf("%s -> %s, %d s\n", shownText(call.origin).c_str(), shownText(call.destination).c_str(),
+                call.iSeconds);
     for (const sDirectionFigures& figures : call.figures) printDirection(figures);
   }
   if (calls->empty()) std::puts("no calls");

@@ -8,6 +8,7 @@
 #include "app/config/KeyValue.h"
 #include "app/config/MyConfiguration.h"
 #include "app/config/Scan.h"
+#include "app/config/Settings.h"
 #include "app/config/TextFile.h"
 #include "engine/Glob.h"
 #include "tools/quorvelctl/Check.h"
@@ -143,10 +144,28 @@ class FileCheck {
 
   void checkCommandKeys() {
     if (findings.isRefused("Separator")) return;
-    for (const char* const key : kCommandKeys) {
-      const bool refused = !findings.isRefused(key) && myConfiguration.analyzeCommandKey(key) != 0;
-      takeRecordsAs(refused, findings, findings.lineOf(key), key);
+    if (!findings.isRefused(kDefaultCommandKey)) (void)analyzeKey(kDefaultCommandKey);
+    checkRules(kCallerRulesKey, pcCmdBasedOnCallerID, iNumCmdBasedOnCallerID);
+    checkRules(kDestinationRulesKey, pcCmdBasedOnDestination, iNumCmdBasedOnDestination);
+  }
+
+  bool analyzeKey(const char* key) {
+    const bool refused = myConfiguration.analyzeCommandKey(key) != 0;
+    takeRecordsAs(refused, findings, findings.lineOf(key), key);
+    return !refused;
+  }
+
+  // The program stops at the first bad rule; we go on behind it.
+  template <typename Text>
+  void checkRules(const char* key, Text& rules, const int& count) {
+    if (findings.isRefused(key)) return;
+    const Text whole = rules;
+    while (!analyzeKey(key)) {
+      std::string_view rest = rules;
+      for (int rule = 0; rule <= count; ++rule) rest.remove_prefix(rest.find(';') + 1);
+      (void)rules.assign(std::string(rest));
     }
+    rules = whole;
   }
 
   Findings& findings;

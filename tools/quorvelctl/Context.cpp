@@ -226,6 +226,27 @@ std::string jsonText(std::string_view text) {
   return out + '"';
 }
 
+std::string shownText(std::string_view text) {
+  std::string out;
+  while (!text.empty()) {
+    const auto first = static_cast<unsigned char>(text.front());
+    const std::size_t length = utf8Length(text);
+    const bool isLayout = first == '\n' || first == '\t' || text.starts_with("\r\n");
+    // C2 80 to C2 9F are control characters, too.
+    const bool isSecondHalf = length == 2 && first == 0xC2 && static_cast<unsigned char>(text[1]) < 0xA0;
+    const bool isShown = length > 0 && first != 0x7F && (first >= 0x20 || isLayout) && !isSecondHalf;
+    if (isShown) {
+      out += text.substr(0, length);
+    } else {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", first);
+      out += escaped;
+    }
+    text.remove_prefix(isShown ? length : 1);
+  }
+  return out;
+}
+
 std::string jsonNumber(std::optional<int> number) {
   return number ? std::to_string(*number) : "null";
 }

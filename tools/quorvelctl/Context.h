@@ -99,6 +99,9 @@ std::string logPath(const sContext& context);
 std::vector<std::string> logPaths(const sContext& context);
 // The text in quotes, as JSON writes it; a byte that is not part of valid UTF-8 counts as Latin-1.
 std::string jsonText(std::string_view text);
+// The text for a terminal: control characters, which could steer it, and bytes that are no UTF-8 as \xNN;
+// lines and tabs stay.
+std::string shownText(std::string_view text);
 // The number, or null.
 std::string jsonNumber(std::optional<int> number);
 // Says it to standard error, or with --json as {"error": ...}, and returns kNo.

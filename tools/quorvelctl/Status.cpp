@@ -39,7 +39,8 @@ std::string jsonOf(const sState& state) {
 std::string textOf(const sState& state) {
   if (!state.process) return state.hidden;
   return "running, process " + std::to_string(*state.process) + ", " +
-         (state.calls ? std::to_string(*state.calls) : "unknown") + " calls up" +
+         (state.calls ? std::to_string(*state.calls) : "unknown") +
+         (state.calls == 1 ? " call up" : " calls up") +
          (state.allowed ? " of " + std::to_string(*state.allowed) : "") +
          (state.bDraining ? ", draining: new calls are refused" : "");
 }

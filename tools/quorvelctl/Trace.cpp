@@ -140,7 +140,7 @@ void print(const sContext& context, const sTraced& message, bool first) {
   const std::string text = masked(message.text);
   if (!context.bJson) {
     std::printf("%s %s %s\n%s\n", message.time.c_str(), message.bSent ? "->" : "<-", message.address.c_str(),
-                text.c_str());
+                shownText(text).c_str());
     return;
   }
   std::printf("%s\n  {\"time\": %s, \"sent\": %s, \"address\": %s, \"call_id\": %s, \"text\": %s}",

@@ -62,6 +62,12 @@ int usage(std::FILE* out) {
   return out == stdout ? kYes : kUsageError;
 }
 
+int wrongUsage(const sContext& context) {
+  if (!context.bJson) return usage(stderr);
+  std::puts("{\"error\": \"wrong usage: see quorvelctl --help\"}");
+  return kUsageError;
+}
+
 bool isHelp(std::string_view word) {
   return word == "--help" || word == "-h" || word == "help";
 }
@@ -82,7 +88,7 @@ bool takeOption(std::span<char*>& words, sContext& context) {
 
 int run(const sCommand& command, sContext& context) {
   if (context.words.size() < command.iFewestWords || context.words.size() > command.iMostWords)
-    return usage(stderr);
+    return wrongUsage(context);
   if (!adoptContext(context)) return fail("the instance's name, or KESTROVA_BIN, is too long");
   if (!locate(context) && command.bNeedsFiles) {
     const std::string hidden = hiddenLock();
@@ -106,8 +112,8 @@ int main(int count, char** arguments) {
     context.bInstallationGiven = true;
   }
   while (!words.empty() && words[0][0] == '-' && !isHelp(words[0]))
-    if (!takeOption(words, context)) return usage(stderr);
-  if (words.empty()) return usage(stderr);
+    if (!takeOption(words, context)) return wrongUsage(context);
+  if (words.empty()) return wrongUsage(context);
   if (isHelp(words[0]) || (words.size() > 1 && isHelp(words[1]))) return usage(stdout);
 
   for (const sCommand& command : kCommands) {
@@ -115,5 +121,5 @@ int main(int count, char** arguments) {
     context.words.assign(words.begin() + 1, words.end());
     return run(command, context);
   }
-  return usage(stderr);
+  return wrongUsage(context);
 }

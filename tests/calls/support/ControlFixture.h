@@ -1,0 +1,28 @@
+// A running Quorvel, and quorvelctl asked about it.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/calls/support/TalkFixture.h"
+
+class ControlFixture : public TalkFixture {
+ protected:
+  struct Answer {
+    int status = -1;
+    std::string text;
+  };
+
+  Answer control(std::vector<std::string> words) {
+    words.insert(words.begin(), {"-i", quorvel->instanceName(), "-c", quorvel->configuration().string()});
+    return controlAsGiven(words, {{"KESTROVA_BIN", quorvel->bin().string() + "/"}});
+  }
+
+  Answer controlAsGiven(const std::vector<std::string>& words, const Process::Environment& environment) {
+    std::filesystem::remove(scratch.path() / "quorvelctl.out");  // output is appended
+    Process process(QUORVELCTL, words, scratch.path() / "quorvelctl.out", environment);
+    const auto status = process.wait(Seconds(30));
+    return {status.value_or(-1), process.output()};
+  }
+};
