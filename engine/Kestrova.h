@@ -192,6 +192,7 @@ int KestrovaGetRegistrationOutcome(uint16_t channel, int32_t* outcome);
 #define KESTROVA_REGISTRATION_TOO_SHORT 1 /* too little voiced speech */
 #define KESTROVA_REGISTRATION_WEAK 2      /* too soft, or hardly above the background */
 #define KESTROVA_REGISTRATION_MIXED 3     /* more than one talker */
+#define KESTROVA_REGISTRATION_NO_MEMORY 4 /* the voice could not be derived */
 /* The same in words, for a log. */
 const char* KestrovaGetRegistrationOutcomeText(int32_t outcome);
 /* Whether `size` bytes are a whole speaker record that KestrovaIpsavoxInit takes: 0, or 2. Reads no byte

@@ -155,6 +155,7 @@ int KestrovaCompleteRegistration(uint16_t channel, uint32_t* size) {
     const std::unique_ptr<Registration> ending = std::move(noise.pRegistration);
     if (size == nullptr)
       return ending->discard() == Registration::Outcome::kLearned ? kSuccess : kBadChannelOrProcessing;
+    noise.registrationOutcome = Registration::Outcome::kNoMemory;  // unless it comes to its end
     noise.registrationOutcome = ending->stop(false);
     if (!noise.bRegistrationCompleted) return kBadChannelOrProcessing;
     *size = profileBytes(noise.pSourceSeparation->patternRecords());
@@ -184,6 +185,8 @@ const char* KestrovaGetRegistrationOutcomeText(int32_t outcome) {
       return "the voice is too weak or too near the background";
     case KESTROVA_REGISTRATION_MIXED:
       return "more than one talker was heard";
+    case KESTROVA_REGISTRATION_NO_MEMORY:
+      return "memory is short";
     default:
       return "too little speech was heard";
   }

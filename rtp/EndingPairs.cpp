@@ -48,18 +48,18 @@ void* MyRtp::endingThread(void* arg) {
 void MyRtp::endPair(int pair) {
   for (int side = 0; side < 2; ++side) {
     try {
-      endSide(side, pair);
+      if (psPairs[pair].bRegistering[side]) doStopRegistration(side, pair);
     } catch (...) {
       Log::error(kFunction, "exception caught");
     }
     profileWrites.end(channelOf(side, pair));
+    endChannels(side, pair);
   }
 }
 
-void MyRtp::endSide(int side, int pair) {
+void MyRtp::endChannels(int side, int pair) {
   sRtpSessionPair& record = psPairs[pair];
   const std::uint16_t channel = channelOf(side, pair);
-  if (record.bRegistering[side]) doStopRegistration(side, pair);
   if (record.bNoiseReduction[side] && KestrovaTerminate(channel) != 0) {
     Log::warning(kFunction, "unable to terminate kestrova channel %d\n", channel);
   }

@@ -124,8 +124,9 @@ class MyRtp {
   // with what was opened so far; closeSessionPair releases it.
   int openSessionPair(const sSessionPairRequest& request);
   // Stops and releases the open pair that carries either Call-ID on either side. Its index, or -1 (silently)
-  // when there is none. Does not wait for the media thread's time-out, nor for the end of a registration: the
-  // slot is free again when that has ended.
+  // when there is none. Does not wait for the media thread's time-out, nor for a registration that the call
+  // leaves running: the slot is free again when that has ended. One that ends by its own length in that very
+  // moment is waited for.
   int closeSessionPair(const char* callId1, const char* callId2);
   // Waits until the registrations of all closed pairs have ended.
   void finishEndings();
@@ -247,7 +248,7 @@ class MyRtp {
   bool endInBackground(int pair);
   static void* endingThread(void* arg);
   void endPair(int pair);
-  void endSide(int side, int pair);
+  void endChannels(int side, int pair);
   void freeEnded(bool bWait);
   // 3
   void openRecordings(int pair, std::time_t callStart);

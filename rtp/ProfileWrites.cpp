@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <chrono>
 
-void ProfileWrites::begin(std::uint16_t channel, std::string_view path) {
+void ProfileWrites::begin(std::uint16_t channel, std::string_view path) noexcept {
   const std::lock_guard lock(mutex);
   pcPath[channel].assignCut(path);
 }
 
-void ProfileWrites::end(std::uint16_t channel) {
+void ProfileWrites::end(std::uint16_t channel) noexcept {
   if (channel >= pcPath.size()) return;
   const std::lock_guard lock(mutex);
   pcPath[channel].clear();

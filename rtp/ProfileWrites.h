@@ -15,9 +15,9 @@
 class ProfileWrites {
  public:
   // Any thread.
-  void begin(std::uint16_t channel, std::string_view path);
+  void begin(std::uint16_t channel, std::string_view path) noexcept;
   // Also when nothing had begun.
-  void end(std::uint16_t channel);
+  void end(std::uint16_t channel) noexcept;
   // Waits while the path is being written, until bGiveUp is set at the latest.
   void wait(std::string_view path, const Relaxed<bool>& bGiveUp);
 

@@ -180,16 +180,20 @@ void MyRtp::doStopRegistration(int side, int pair) {
     return;
   }
   record.bRegistering[side] = false;
+  const auto channel = static_cast<std::uint16_t>(2 * pair + side);
+  const File raw = std::move(record.pfRegistrationRaw[side]);
+  const File wave = std::move(record.pfRegistrationWave[side]);
+  File data = std::move(record.pfRegistrationData[side]);
+  profileWrites.begin(channel, registeredProfile(side, pair));
+  const bool bSaved = saveProfile(channel, data.get());
+  data.reset();
+  profileWrites.end(channel);
+  if (!bSaved) return;
   const char* const rawPath = record.pcRegistrationRawPath[side].c_str();
-  if (saveProfile(static_cast<std::uint16_t>(2 * pair + side), record.pfRegistrationData[side].get())) {
-    if (copyToWave(record.pfRegistrationRaw[side].get(), record.pfRegistrationWave[side].get(),
-                   record.iSampleRate)) {
-      unlink(rawPath);
-    } else {
-      Log::warning(kStopFunction, "unable to copy %s to its WAV file, it stays\n", rawPath);
-    }
-  }
-  closeFiles(record, side);
+  if (copyToWave(raw.get(), wave.get(), record.iSampleRate))
+    unlink(rawPath);
+  else
+    Log::warning(kStopFunction, "unable to copy %s to its WAV file, it stays\n", rawPath);
 }
 
 void MyRtp::doAbortRegistration(int side, int pair) {
@@ -206,12 +210,13 @@ void MyRtp::doAbortRegistration(int side, int pair) {
   closeFiles(record, side);
 }
 
-// True with the voice in `profile`; else the reason was logged.
+// True with the voice in `profile`; else the reason was logged, but for the end of the call.
 bool MyRtp::loadProfile(int side, int pair, std::string_view name, VoiceProfile& profile) {
   constexpr const char* kFunction = "MyRtp::doActivation";
   const ProfilePath path = profilePath(name);
   psPairs[pair].pcRegistrationName[side].assignCut(name);
   profileWrites.wait(path, psPairs[pair].bStopRequested);
+  if (psPairs[pair].bStopRequested) return false;  // the call is over: nothing is wrong with the file
   const File file = openFile(path.c_str(), "rbe");
   if (!file) {
     Log::warning(kFunction, "unable to open file %s\n", path.c_str());

@@ -19,7 +19,7 @@ class Registration {
   static constexpr int kMaxSegments = 1000;
 
   // Why nothing usable was learned.
-  enum class Outcome { kLearned, kTooShort, kWeak, kMixed };
+  enum class Outcome { kLearned, kTooShort, kWeak, kMixed, kNoMemory };
 
   explicit Registration(MyChannel& owner);  // throws std::bad_alloc
 

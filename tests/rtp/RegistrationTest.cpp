@@ -91,6 +91,7 @@ TEST_F(RegistrationTest, EndsBesideTheSipThreadWhenTheCallDoes) {
   std::string digits = "*25#";
   auto activation =
       std::async(std::launch::async, [&] { myRtp.checkAndHandleDTMFCommands(0, 1, digits.data()); });
+  EXPECT_EQ(activation.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
   mayEnd.set_value();
   activation.get();
   EXPECT_EQ(next.record().iToneRemaining[1], 200) << "OK";
