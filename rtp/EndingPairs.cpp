@@ -70,6 +70,7 @@ void MyRtp::endChannels(int side, int pair) {
 }
 
 void MyRtp::freeEnded(bool bWait) {
+  if (!psPairs) return;  // an earlier initialisation found no memory
   for (int pair = 0; pair < std::min(pairIndex.size(), kPairsWithChannels); ++pair) {
     sRtpSessionPair& record = psPairs[pair];
     if (!record.bEnding || !(bWait || record.bEnded)) continue;
