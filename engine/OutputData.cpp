@@ -40,6 +40,7 @@ void OutputData::clean() {
   overlap.restart();
   protection = {};
   bCertain = false;
+  iCertainTime = 0;
   iSpeechCycles = 0;
   iPresumedUntil = -1;
   iQueueRead = iQueued = 0;

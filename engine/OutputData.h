@@ -63,7 +63,7 @@ class OutputData {
 
   // Brings pdSum of a run to start at a cycle's first sample time and to hold every frame that reaches into
   // the cycle, cleaned with that noise estimate.
-  void calcFrames(sOverlap& run, int iFrom, sSpectralNoiseType& estimate);
+  void calcFrames(sOverlap& run, int iFrom, const sProtection& spared, sSpectralNoiseType& estimate);
   [[nodiscard]] int blocks() const { return iBlocks; }
 
   // Moves the automatic gain one cycle on towards the target level; returns it.
@@ -105,7 +105,7 @@ class OutputData {
   [[nodiscard]] sProtection protectionOfPauses() const;
   [[nodiscard]] sProtection protectionOfSpeech();
   void removeNoise();
-  void calcFrame(sOverlap& run, int iFrom, sSpectralNoiseType& estimate);
+  void calcFrame(sOverlap& run, int iFrom, const sProtection& spared, sSpectralNoiseType& estimate);
 
   // Echo
   void removeEcho(const MyAEC& aec);
@@ -165,9 +165,10 @@ class OutputData {
 
   sOverlap overlap;
   sProtection protection;   // of the frames that are computed now
+  bool bCertain = false;    // that there is speech in them
+  int iCertainTime = 0;     // when it was last
   int iSpeechCycles = 0;    // written since silence
   int iPresumedUntil = -1;  // sample time up to which the speech gain waits for a verb
-  bool bCertain = false;    // that there is speech in them
   ZeroedArray<sSpectralNoiseType> psNoise;
 
   std::array<std::int16_t, kQueueSamples> psQueue{};

@@ -34,7 +34,7 @@ int OutputData::writeAEC(cHandle cycle) {
 
 void OutputData::removeEcho(const MyAEC& aec) {
   if (aec.isEchoOutputActive() && aec.isEchoBySpectrum() && bSpectralAllowed) {
-    calcFrames(overlap, iTime, psNoise[0]);
+    calcFrames(overlap, iTime, {}, psNoise[0]);
     for (int i = 0; i < iSamples; ++i) {
       psCycle[static_cast<std::size_t>(i)] =
           clampSample(static_cast<int>(overlap.pdSum[static_cast<std::size_t>(i)]));

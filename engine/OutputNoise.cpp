@@ -20,8 +20,8 @@ constexpr int kMinEstimateDistance = 160;   // samples
 constexpr int kMaxNoiseOfSpeaker = 38;      // Q7, 30 %
 constexpr int kMaxNoiseOfNeighbours = 141;  // Q7, 110 %
 // How far a bin is lowered at most, at full strength: in speech, in its beginning, while there is doubt, and
-// in pauses. Deeper there, and what is left swings by 4 dB from moment to moment, though the comfort-noise
-// level takes it 16 dB further down.
+// in pauses. Deeper there, and the level of what is left swings (worst file 4.3 instead of 2.6 dB), though
+// the comfort-noise level takes it 16 dB further down.
 constexpr double kLeastInSpeechDb = -6;
 constexpr double kLeastAtOnsetDb = -1.5;
 constexpr double kLeastWhenDoubtfulDb = -20;
@@ -31,6 +31,8 @@ constexpr double kOversubtraction = 0.75;
 constexpr double kOversubtractionWhenDoubtful = 1.8;
 constexpr float kCertainRise = 0.2F;  // steady noise does not reach it
 constexpr int kOnsetCycles = 15;      // 60 ms
+// With the decision bypassed no pause ends what is certain: as long as speech is held after a verb.
+constexpr int kBypassedCertainSamples = 1920;  // 240 ms
 constexpr int kNoMeasurement = 1;
 constexpr int kNoiseFrames = 3;
 
@@ -141,16 +143,25 @@ sProtection OutputData::protectionOfPauses() const {
   return {.dLeastGain = leastGain(kLeastInPausesDb)};
 }
 
-// What is only presumed to be speech may be the background as well, which is to stay down then. The beginning
+// What is only presumed to be speech may be the background as well, which is to stay down then, but not lower
+// than pauses are, which would be heard as holes in a high comfort-noise level. The beginning
 // of an utterance carries its first consonant, which the smoothed power does not show yet.
 sProtection OutputData::protectionOfSpeech() {
   if (pMyChannel->sCleanAggressiveLevel > kProtectedUpTo) return {};
   const sCycleInformation& cycle = pMyChannel->pCycleInformation->at(current);
-  bCertain |= cycle.bInSelfVerb || cycle.fRise >= kCertainRise;
+  if (cycle.bInSelfVerb || cycle.fRise >= kCertainRise) {
+    bCertain = true;
+    iCertainTime = iTime;
+  } else if (pMyChannel->bBypassVAD && iTime - iCertainTime > kBypassedCertainSamples) {
+    bCertain = false;
+  }
+  if (!bCertain)
+    return {.dLeastGain =
+                std::max(leastGain(kLeastWhenDoubtfulDb), leastGain(kLeastInPausesDb) * iCngLevel / kUnityQ7),
+            .dOversubtraction = kOversubtractionWhenDoubtful};
   const bool bOnset = iSpeechCycles < kOnsetCycles;
-  const double dDecibels = !bCertain ? kLeastWhenDoubtfulDb : bOnset ? kLeastAtOnsetDb : kLeastInSpeechDb;
-  return {.dLeastGain = leastGain(dDecibels),
-          .dOversubtraction = bCertain ? kOversubtraction : kOversubtractionWhenDoubtful};
+  return {.dLeastGain = leastGain(bOnset ? kLeastAtOnsetDb : kLeastInSpeechDb),
+          .dOversubtraction = kOversubtraction};
 }
 
 void OutputData::removeNoise() {
@@ -160,7 +171,7 @@ void OutputData::removeNoise() {
     copyInput();
     return;
   }
-  calcFrames(overlap, iTime, psNoise[0]);
+  calcFrames(overlap, iTime, protection, psNoise[0]);
   for (int i = 0; i < iSamples; ++i) {
     psCycle[static_cast<std::size_t>(i)] =
         clampSample(static_cast<int>(overlap.pdSum[static_cast<std::size_t>(i)]));
@@ -169,7 +180,8 @@ void OutputData::removeNoise() {
 
 // Frames follow one another by half their length; a run of cycles begins with a frame half before its first
 // cycle.
-void OutputData::calcFrames(sOverlap& run, int iFrom, sSpectralNoiseType& estimate) {
+void OutputData::calcFrames(sOverlap& run, int iFrom, const sProtection& spared,
+                            sSpectralNoiseType& estimate) {
   const int iFactor = pMyChannel->rateFactor();
   const int iFrame = kCycleSamples * iBlocks;
   const int iHeld = iFrame + kCycleSamples;  // samples that pdSum may hold, at 8 kHz
@@ -184,18 +196,19 @@ void OutputData::calcFrames(sOverlap& run, int iFrom, sSpectralNoiseType& estima
   run.iSumTime = iFrom;
   const int iEnd = static_cast<int>(std::min<long>(iFrom + kCycleSamples, run.iLastFrame + 1L));
   for (; run.iNextFrame < iEnd; run.iNextFrame += iFrame / 2) {
-    calcFrame(run, run.iNextFrame, estimate);
+    calcFrame(run, run.iNextFrame, spared, estimate);
   }
 }
 
 // One frame, added to the run; what lies before its start is dropped.
-void OutputData::calcFrame(sOverlap& run, int iFrom, sSpectralNoiseType& estimate) {
+void OutputData::calcFrame(sOverlap& run, int iFrom, const sProtection& spared,
+                           sSpectralNoiseType& estimate) {
   const int iFactor = pMyChannel->rateFactor();
   const int iLast = iFrom + kCycleSamples * iBlocks - 1;
   if (!pMyChannel->pInputData->indexExists(iLast)) return;
   MyFilters& filters = *pMyChannel->pMyFilters;
   if (pMyChannel->isEchoMicrophone()) takeEchoSpectrum(iFrom, kCycleSamples * iBlocks);
-  const int iLength = filters.calcCleanFFTSubstractingNoise(iFrom, iBlocks, protection, estimate);
+  const int iLength = filters.calcCleanFFTSubstractingNoise(iFrom, iBlocks, spared, estimate);
   const auto dFrame = filters.calcCleanIFFTSubstractingNoise(iLength, (iLast - iFrom + 1) * iFactor);
   const int iSkip = std::max(0, run.iSumTime - iFrom) * iFactor;
   const int iOffset = std::max(0, iFrom - run.iSumTime) * iFactor;

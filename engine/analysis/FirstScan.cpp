@@ -87,7 +87,7 @@ void FirstScan::handleNextFrame(bool* pbMore) {
   followBackground(cycles.calcAmp(cycles.newest(), kElementCycles));
   while (canCompare()) analyzeNextComparison();
   if (!pMyChannel->bBypassVAD) followLoudness();
-  releaseCycle();
+  releaseCycles();
   closeFrame();
 }
 
@@ -142,13 +142,21 @@ float FirstScan::highestRise(int iCycles) const {
   return fHighest;
 }
 
-// The delay has passed for one more cycle: speech, or not.
-void FirstScan::releaseCycle() {
-  CycleInformation& cycles = *pMyChannel->pCycleInformation;
+// The delay has passed for one more cycle; for more of them when it was cut short, for none when it has
+// grown.
+void FirstScan::releaseCycles() {
   const int iDelay = pMyChannel->iMaxNumCyclesInDelayBuffer * kCycleSamples;
-  const int iTime = cycles.lastSampleTime() + 1 - kCycleSamples - iDelay;
-  // A delay that has grown releases nothing twice.
-  if (iTime <= iReleasedTime) return;
+  const int iNewest = pMyChannel->pCycleInformation->lastSampleTime() + 1 - kCycleSamples - iDelay;
+  constexpr int kLongestDelay = kMaxDelayCycles * kCycleSamples;
+  for (int iTime = std::max(iReleasedTime + kCycleSamples, iNewest - kLongestDelay); iTime <= iNewest;
+       iTime += kCycleSamples) {
+    releaseCycle(iTime);
+  }
+}
+
+// Speech, or not.
+void FirstScan::releaseCycle(int iTime) {
+  CycleInformation& cycles = *pMyChannel->pCycleInformation;
   iReleasedTime = iTime;
   iReleased = cycles.cycleOf(iTime);
   sCycleInformation& cycle = cycles.at(iReleased);

@@ -149,7 +149,8 @@ class FirstScan {
   };
 
   // Frame step
-  void releaseCycle();
+  void releaseCycles();
+  void releaseCycle(int iTime);
   void closeFrame();
   void followLoudness();
   void handleEchoCycle();

@@ -155,7 +155,7 @@ void MySbt::takeCleaned(const sCleanedPart& part, sSpectralNoiseType& estimate, 
   overlap.iLastFrame = iStoredTime + 1 + part.iFrame;
   for (int i = part.iFrom; i < part.iTo; ++i) {
     const int k = (i - part.iFrom) % kCycleSamples;
-    if (k == 0) output.calcFrames(overlap, iStoredTime + 1 + i, estimate);
+    if (k == 0) output.calcFrames(overlap, iStoredTime + 1 + i, {}, estimate);
     double dSample = overlap.pdSum[static_cast<std::size_t>((k + 1) * iFactor - 1)];
     if (i >= part.iAlone) {
       const double dWindow = 0.5 * (1 - std::cos(dStep * ((i - part.iFrame + 1) * iFactor - 1)));

@@ -177,6 +177,18 @@ TEST_F(PipelineTest, WithTheVadBypassedNothingIsGated) {
   EXPECT_TRUE(std::equal(out.begin(), out.end(), in.begin()));
 }
 
+TEST_F(PipelineTest, WithTheVadBypassedTheBackgroundStaysDownAfterAWord) {
+  sKestrovaInit init = defaultInit();
+  init.bBypassVAD = 1;
+  open(init);
+  Samples in = gaussianNoise(10 * kSecond, 300, 6);
+  const Samples word = voice(kSecond, 8000, 130, 8000);
+  for (std::size_t i = 0; i < word.size(); ++i)
+    in[4 * kSecond + i] = clampSample(in[4 * kSecond + i] + word[i]);
+  const Samples out = process(0, in);
+  EXPECT_LT(rms(out, 7 * kSecond, 9 * kSecond), 1.1 * rms(out, 2 * kSecond, 4 * kSecond));
+}
+
 // ---- Gain control
 
 class GainTest : public PipelineTest {
