@@ -1,5 +1,5 @@
 // A large array of plain values that starts as zeros without being touched: the system maps its pages when
-// they are first written, so that setting up a channel costs microseconds, whatever its rings hold.
+// they are first written, so that setting up a channel does not depend on what its rings hold.
 #pragma once
 
 #include <cstddef>

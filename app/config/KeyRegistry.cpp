@@ -129,8 +129,8 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
     {"DetectAggressiveLevel", eInteger, &iDetectAggressiveLevel, required("2"), range(0, 4), kReload, eEngine,
      "How readily sounds are taken for something other than the talker's speech."},
     {"CleanAggressiveLevel", eInteger, &iCleanAggressiveLevel, required("10"), range(5, 12), kReload, eEngine,
-     "How strongly noise is removed from speech; 10 and above remove all that is recognised, 11 and 12 "
-     "without sparing speech."},
+     "How strongly noise is removed; up to 10 speech is spared and pauses keep an even level, 11 and 12 "
+     "remove all that is recognised."},
     {"CancelAcousticShock", eInteger, &iCancelAcousticShock, preset("0"), kFlag, kReload, eGain,
      "1 protects the listener from sudden loud sounds."},
     {"RegisterExpiration", eInteger, &iRegisterExpiration, preset("3600"), kPositive, kStart, eIdentities,
