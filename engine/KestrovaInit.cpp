@@ -83,6 +83,18 @@ bool loadSpeaker(MyChannel& channel, const sAPISpeaker* pSpeaker) {
   return channel.pSourceSeparation && loadProfile(channel, puProfile);
 }
 
+// What all channels share is made with the first of them, which would hold the first call for 1 ms.
+void prepareChannelTables() {
+  sKestrovaInit init{};
+  init.sBitsPerSample = 16;
+  init.iSampleRate = kAnalysisRate;
+  init.sFrameUnits = 1;
+  init.sMaxNumCyclesInDelayBuffer = kMinDelayCycles;
+  init.sCleanAggressiveLevel = 10;
+  const auto channel = std::make_unique<MyChannel>();
+  (void)channel->doInternalKestrovaInit(init);
+}
+
 // Channels come and go with calls. Given back to the system by one and taken again by the next, their memory
 // would have to be paged in each time: 1 ms for a start that is 0.1 ms without.
 void keepFreedMemory() {
@@ -120,6 +132,7 @@ int KestrovaPackageInit(const sKestrovaPackage* package) {
     keepFreedMemory();
     Glob::iCPUPower = package->iCPUPower;
     Glob::sAPIVersion = package->iAPIVersion;
+    prepareChannelTables();
     return kSuccess;
   });
 }

@@ -224,9 +224,9 @@ int FirstScan::estimatePitch(const sSegment& segment, cHandle cycle) {
 
 // ---- Levels of good verbs
 
-void FirstScan::updateMaxAmplitudeOfGoodVerbsInPrevBursts() {
+void FirstScan::updateMaxAmplitudeOfGoodVerbsInPrevBursts(int iVerbAmp) {
   iLastUpdateAmp = iBurstAmp;
-  const int iBin = std::clamp((iBurstAmp + kAmpBinWidth / 2) / kAmpBinWidth, 0, kAmpBins - 1);
+  const int iBin = std::clamp((iVerbAmp + kAmpBinWidth / 2) / kAmpBinWidth, 0, kAmpBins - 1);
   ++piAmpHistogram[static_cast<std::size_t>(iBin)];
   ++iAmpEntries;
   int iBelow = 0;

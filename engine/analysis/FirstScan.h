@@ -111,8 +111,9 @@ class FirstScan {
   // A good verb has this spread.
   void raiseGoodVerbAmplitude(int iAmp) { iBurstAmp = std::max(iBurstAmp, iAmp); }
   void startAmplitudeOfNewBurst() { iBurstAmp = 0; }
-  // Takes the burst's level into the level of the bursts so far.
-  void updateMaxAmplitudeOfGoodVerbsInPrevBursts();
+  // A good verb has ended: its amplitude counts in the level of the bursts so far, behind the loudest of this
+  // one.
+  void updateMaxAmplitudeOfGoodVerbsInPrevBursts(int iVerbAmp);
   [[nodiscard]] int burstAmplitude() const { return iBurstAmp; }               // c
   [[nodiscard]] int previousBurstsAmplitude() const { return iReferenceAmp; }  // p
   [[nodiscard]] int lastUpdateAmplitude() const { return iLastUpdateAmp; }     // q

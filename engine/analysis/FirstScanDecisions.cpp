@@ -131,7 +131,7 @@ void FirstScan::endSegment() {
   bExamining = false;
   iNextTime = std::max(iLastMatch, segment.iStartTime) + kCycleSamples;
   if (!bVerb) return;
-  if (segment.bGood) updateMaxAmplitudeOfGoodVerbsInPrevBursts();
+  if (segment.bGood) updateMaxAmplitudeOfGoodVerbsInPrevBursts(segment.iAmp);
   keepExamined();
   if (pMyChannel->bRegistrationRunning) learnFrom(closedSegment(iClosed - 1));
 }
