@@ -39,7 +39,7 @@
  * Threads: KestrovaPackageInit must have returned before any channel is used. A channel is driven by one
  * thread at a time; different channels are independent. The engine holds no lock, writes to no log, and
  * allocates only in the init functions and where a registration is completed. An init takes a tenth of a
- * millisecond of processor time, about one where its memory is new to the process; one with a learned voice as
+ * millisecond of processor time, 0.7 where its memory is new to the process; one with a learned voice as
  * long as its image takes to be summed and copied.
  */
 #ifndef ENGINE_KESTROVA_H
