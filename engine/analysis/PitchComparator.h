@@ -28,7 +28,7 @@ class PitchComparator {
   // Scores of the element of four cycles that starts at sample time iStart, counted from the first push,
   // which must be held still. Comparing cycle after cycle costs an eighth of a comparison alone.
   void compare(int iStart, sScores& scores) const;
-  // Whether that element has been pushed, and less than 180 ms ago.
+  // Whether that element has been pushed, and less than 221 ms ago.
   [[nodiscard]] bool holds(int iStart) const;
 
  private:
