@@ -91,8 +91,7 @@ bool MyChannel::needsMySbt() const {
 }
 
 bool MyChannel::hearsAnotherTalker() const {
-  constexpr float kOwn = 0.3F;  // evidence from which on the learned talker is taken to talk
-  return pSourceSeparation && pSourceSeparation->isActive() && pSourceSeparation->evidence().value() < kOwn;
+  return pSourceSeparation && pSourceSeparation->isActive() && !pSourceSeparation->isForOwn();
 }
 
 void MyChannel::terminate() {

@@ -7,9 +7,8 @@
 
 namespace {
 
-// The evidence between which the sound goes over from the other's to the learned talker's.
+// The evidence from which on the sound goes over from the other's to the learned talker's, up to kOwn.
 constexpr float kOthers = -0.5F;
-constexpr float kOwn = 0.3F;
 // What is left of another's sound, as an amplitude: 18 dB less. The comfort noise covers the rest.
 constexpr float kLeftOfOthers = 0.12F;
 // Per frame of 16 ms: opens within two, closes within six.
@@ -186,7 +185,7 @@ void SourceSeparation::calcCoefficients(const sVoiceFrame& frame, sEntry& entry)
       std::max(ramp(fValue, kOthers, kOwn), fBoth * ramp(fValue, kOthersOfBoth, kOwnOfBoth));
   fOpen += (fTarget - fOpen) * (fTarget > fOpen ? kOpening : kClosing);
   const float fDoubt = 1 - ramp(fValue, kOthers, kCertain);
-  entry.bMatched = fValue >= kOwn;
+  entry.bMatched = isForOwn();
   // A frame without voice goes by what its neighbour scored.
   const float fGate = std::lerp(kLeastGate, kMostGate, ramp(fScore, kLowestScore, kHighestScore));
   std::array<float, kEnvelopeBins> fShare;

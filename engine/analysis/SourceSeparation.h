@@ -85,7 +85,8 @@ class SourceSeparation {
   [[nodiscard]] Verdict verdictOn(const sSegment& segment) const;
   // What the verdict rests on: above 0 rather the learned talker. For measurements.
   [[nodiscard]] float scoreOf(const sSegment& segment) const;
-  [[nodiscard]] const TalkerEvidence& evidence() const { return heard; }
+  // Whether what was heard last speaks for the learned talker.
+  [[nodiscard]] bool isForOwn() const { return heard.value() >= kOwn; }
 
   // ---- The separation's part of a voice profile: kSeparationBytes and then kPatternBytes per record
   [[nodiscard]] int patternRecords() const { return voice[0].iPatterns; }
@@ -96,6 +97,7 @@ class SourceSeparation {
  private:
   static constexpr int kHistory = 312;  // frames, 5 s
   static constexpr int kNever = -1000000;
+  static constexpr float kOwn = 0.3F;  // evidence from which on the learned talker is taken to talk
 
   struct sEntry {
     int iEndTime = kNever;

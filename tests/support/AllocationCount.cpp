@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstddef>
 
+#include "tests/support/Sanitized.h"
+
 namespace {
 
 thread_local long lRequests = 0;
@@ -12,14 +14,6 @@ thread_local long lRequests = 0;
 long AllocationCount::requests() {
   return lRequests;
 }
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define QUORVEL_SANITIZED
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define QUORVEL_SANITIZED
-#endif
-#endif
 
 extern "C" {
 

@@ -17,13 +17,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define QUORVEL_SANITIZED
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define QUORVEL_SANITIZED
-#endif
-#endif
+#include "tests/support/Sanitized.h"
 
 namespace {
 
