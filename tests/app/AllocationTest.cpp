@@ -221,10 +221,12 @@ TEST_F(MessageAllocationTest, RefusedCallsTakeNoMemoryOnceThereHasBeenOne) {
     invite.branch = "z9hG4bKrefused" + std::to_string(number);
     std::map<std::string, long> taken;
     taken["INVITE"] = handled(caller, inviteText());
-    for (const auto& [status, headers] :
-         {std::pair<std::string, std::string>{"401 Unauthorized",
-                                              "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\"\r\n"},
-          {"302 Moved Temporarily", elsewhere}}) {
+    using Refusal = std::pair<std::string, std::string>;
+    const std::string challenge = "Authenticate: Digest realm=\"r\", nonce=\"n\"\r\n";
+    const Refusal challenged = number % 2 == 0
+                                   ? Refusal{"401 Unauthorized", "WWW-" + challenge}
+                                   : Refusal{"407 Proxy Authentication Required", "Proxy-" + challenge};
+    for (const auto& [status, headers] : {challenged, Refusal{"302 Moved Temporarily", elsewhere}}) {
       taken[status] = handled(pbx, sip_text::respond(atPbx(), status, "pbx", headers));
       EXPECT_TRUE(sip_text::firstLine(atPbx()).starts_with("ACK "));
     }

@@ -5,6 +5,7 @@
 #include "app/config/Settings.h"
 #include "rtp/VoiceProfile.h"
 #include "tests/rtp/RtpFixture.h"
+#include "tests/support/SystemFault.h"
 
 namespace {
 
@@ -230,6 +231,24 @@ TEST_F(RegistrationTest, NothingUsableLearnedLeavesAnEmptyProfile) {
   EXPECT_EQ(installation.logCount("no voice was learned, the voice is too weak or too near the background\n"),
             1);
   EXPECT_EQ(std::filesystem::file_size(path("8")), 0U);
+}
+
+TEST_F(RegistrationTest, VoiceWithoutMemoryIsNeitherKeptNorActivated) {
+  if (!SystemFault::isPossible("new")) GTEST_SKIP() << "the heap is the sanitizer's";
+  installation.write("voice-3", profile());
+  ASSERT_EQ(call.open(), 0);
+  command("*18#");
+  talk(101);
+  toneForDialler();
+  const SystemFault fault("new", ENOMEM);
+  myRtp.doStopRegistration(0, 0);
+  EXPECT_EQ(std::filesystem::file_size(path("8")), 0U);
+  command("*23#");
+  EXPECT_EQ(toneForDialler(), "fail");
+  for (const char* writer : {"doStopRegistration", "doActivation"})
+    EXPECT_EQ(installation.logCount(std::string(" WARNING in MyRtp::") + writer +
+                                    ", unable to allocate place for pcSpeaker\n"),
+              1);
 }
 
 TEST_F(RegistrationTest, OnlyAWholeProfileIsActivated) {

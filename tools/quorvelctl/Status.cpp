@@ -73,7 +73,7 @@ int showAll(const sContext& context) {
     json += (json.empty() ? "\n  {\"instance\": " : ",\n  {\"instance\": ") + jsonText(name) + ", " +
             jsonOf(state) + "}";
     if (!context.bJson)
-      std::printf("%s: %s\n", name.empty() ? "(no name)" : name.c_str(), textOf(state).c_str());
+      std::printf("%s: %s\n", name.empty() ? "(no name)" : shownText(name).c_str(), textOf(state).c_str());
   }
   if (context.bJson) std::printf("{\"instances\": [%s]}\n", json.c_str());
   if (json.empty() && !context.bJson) return fail("no instance of Quorvel is running on this host");
