@@ -281,6 +281,7 @@ void MySip::handChallengeToPartner(int slot, std::string_view challenge, const s
                                    const char* method) {
   sPhone& leg = phone(slot);
   const sPhone& partner = partnerOf(slot);
+  leg.bPeerHeard = true;
   learnRemoteTag(leg, challenge);
   FixedText<300> own;
   FixedText<300> peer;

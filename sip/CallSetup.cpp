@@ -20,6 +20,7 @@ void beginLeg(sPhone& leg, std::time_t now) {
   leg.iRemoteInviteCSeq = -1;
   leg.pcMoveContacts.clear();
   leg.iNumRedirections = 0;
+  leg.bPeerHeard = false;
   leg.iSdpVersion = 1;
   leg.iNumRoutes = 0;
   leg.pcNonAudioMedia.clear();

@@ -32,6 +32,7 @@ void MySip::sendGeneralErrorMsg(int code, std::string_view msg, const sockaddr_i
     Log::error(kFunction, "Unknown code %d\n", code);
     return;
   }
+  ++(code == 486 ? troubles.iBusy : troubles.iUnavailable);
   sendRefusal(status, msg, to, slot, extraLines);
 }
 

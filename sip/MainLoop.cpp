@@ -187,6 +187,7 @@ bool MySip::maintenanceTick() {
   sweepReleases();
   sweepSetUps();
   sweepMedia();
+  reportTroubles();
   if (pGenerateStatistics != nullptr &&
       (!pcRealTimeExtremeStatisticsFile.empty() || !pcRealTimeAverageStatisticsFile.empty()) &&
       hasPassed(sTimeLastStatistics, iRefreshRateOfRealTimeStatistics / 2)) {
@@ -220,11 +221,19 @@ void MySip::sweepReleases() {
   }
 }
 
+void MySip::noteGivenUp(const sPhone& caller, const sPhone& called) {
+  if (called.bPeerHeard || !called.bInviteSentByUs) return;
+  ++troubles.iUnanswered;
+  troubles.pcCaller = caller.pcRemoteSipName;
+  troubles.pcDestination = called.pcRemoteSipName;
+}
+
 void MySip::sweepSetUps() {
   for (int orig = 0; orig < numOrigSlots(); ++orig) {
     const sPhone& leg = phone(orig);
     if (leg.bInUse && !leg.bMediaEstablished && !leg.bTerminating &&
         hasPassed(leg.sTimeCallStart, kSetUpSeconds)) {
+      noteGivenUp(leg, partnerOf(orig));
       markTerminating(orig);
     }
   }

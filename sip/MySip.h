@@ -7,7 +7,7 @@
 //                                   RFC 3261 (8.1.1.7 branch, 19.3 tags, 8.1.1.4 Call-ID)
 //   2  Message text                 SipText.cpp, SipUri.cpp, MessageFields.cpp, HostNames.cpp
 //   3  Transport                    Transport.cpp
-//   4  Main loop                    MainLoop.cpp
+//   4  Main loop                    MainLoop.cpp, Troubles.cpp
 //   5  Dispatch                     Dispatch.cpp
 //   6  Call set-up                  CallSetup.cpp, CallCommand.cpp
 //   7  Route set                    RouteSet.cpp
@@ -50,6 +50,7 @@
 #include "sip/CallIdIndex.h"
 #include "sip/sBinding.h"
 #include "sip/sPhone.h"
+#include "sip/Troubles.h"
 
 inline constexpr const char* kUserAgent = "Kestrova Quorvel";
 inline constexpr const char* kAllow = "INVITE,ACK,CANCEL,INFO,BYE";
@@ -504,9 +505,14 @@ class MySip {
   void checkReadiness();
   void sweepReleases();
   void sweepSetUps();
+  void noteGivenUp(const sPhone& caller, const sPhone& called);
   void sweepMedia();
   void checkMedia(int orig, const sRtpSessionPair& pair);
   void repeatByes();
+
+  // Troubles.cpp
+  void reportTroubles();
+  void reportRegistrations();
 
   // Dispatch.cpp
   Verdict dispatch(const sSipMessage& msg);
@@ -578,6 +584,7 @@ class MySip {
   // Bit i: orig slot i is in use.
   std::array<std::uint64_t, (kMaxPhonesToAllocate / 2 + 63) / 64> uOrigInUse{};
   int iNumSlots = 0;
+  sTroubles troubles;
   Relaxed<int> iActiveCalls;
   CallIdIndex slotIndex;  // kept by setCallID and moveCallToOldCalls
   CallIdIndex oldCallIndex;

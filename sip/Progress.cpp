@@ -6,6 +6,7 @@
 
 // An answer on a leg where we received the INVITE answers nothing.
 bool MySip::isAnswerToOurInvite(int slot, const char* function) {
+  phone(slot).bPeerHeard = true;
   if (phone(slot).bInviteSentByUs) return true;
   Log::warning(function, "phone %d got an answer but did not send the INVITE\n", slot);
   return false;

@@ -252,6 +252,10 @@ TEST_F(CallTest, NewCallsAreRefusedWhenFullDrainingOrBarred) {
   expectRefusal("486 Busy Here");
   bGotShutdownRequest = true;
   expectRefusal("503 Service Unavailable");
+  passSeconds(2);
+  EXPECT_EQ(
+      installation.logCount(" WARNING in MySip::reportTroubles, new calls refused: 1 with 486, 2 with 503\n"),
+      1);
 }
 
 TEST_F(CallTest, TerminatingSlotIsTakenByANewCallWhenNoneIsFree) {
@@ -322,16 +326,26 @@ TEST_F(CallTest, SilentMediaEndsTheCallAndByesRepeatUntilTheSlotsAreReleased) {
 
 TEST_F(CallTest, SetUpWithoutAnswerIsGivenUpAfterAMinuteAndReleasedAfterAnother) {
   start();
-  ring();
-  passSeconds(59);
-  EXPECT_EQ(sip->numActiveCalls(), 1);
-  passSeconds(1);
-  EXPECT_EQ(sip->numActiveCalls(), 0);
-  passSeconds(59);
-  EXPECT_TRUE(sip->phone(0).bInUse);
-  passSeconds(1);
-  EXPECT_FALSE(sip->phone(0).bInUse);
-  expectSilence();
+  const std::string silence =
+      " WARNING in MySip::reportTroubles, calls given up after 60 seconds without any answer to the INVITE: "
+      "1, "
+      "the last from 100@127.0.0.1 to ";
+  for (const bool rings : {true, false}) {
+    invite.callId = rings ? "rings" : "silent";
+    if (rings)
+      ring();
+    else
+      fromCaller(inviteText());
+    passSeconds(59);
+    EXPECT_EQ(sip->numActiveCalls(), 1);
+    passSeconds(1);
+    EXPECT_EQ(sip->numActiveCalls(), 0);
+    EXPECT_EQ(installation.logCount(silence), rings ? 0 : 1) << installation.log();
+    passSeconds(59);
+    EXPECT_TRUE(sip->phone(0).bInUse);
+    passSeconds(1);
+    EXPECT_FALSE(sip->phone(0).bInUse);
+  }
 }
 
 TEST_F(CallTest, ShutdownEndsCallsWithdrawsRegistrationsAndReturnsAfterTwoSeconds) {

@@ -130,6 +130,20 @@ TEST_F(SignallingTest, IdentitiesRegisterRefreshAndRepeatUntilConfirmed) {
   EXPECT_EQ(header(atPbx(), "CSeq"), "4 REGISTER");
   passSeconds(1);
   EXPECT_EQ(header(atPbx(), "CSeq"), "5 REGISTER") << "the unanswered one repeats each second";
+  const std::string address = "127.0.0.1:" + std::to_string(pbx.port()), told = "Troubles, ";
+  for (int second = 0; second < 9; ++second) {
+    EXPECT_EQ(installation.logCount(told), 0);
+    while (pbx.receive(std::chrono::milliseconds(0))) continue;
+    passSeconds(1);
+  }
+  EXPECT_EQ(installation.logCount(told + "2 of 2 registrations with " + address +
+                                  " are missing, the first is trunk\n"),
+            1)
+      << installation.log();
+  for (const std::string& request : {atPbx(), atPbx()}) fromPbx(respond(request, "200 OK"));
+  passSeconds(60);
+  EXPECT_EQ(installation.logCount(told), 2);
+  EXPECT_EQ(installation.logCount(told + "all registrations with " + address + " are there again\n"), 1);
 }
 
 TEST_F(SignallingTest, ChallengeIsAnsweredOnceWithTheDigestOfTheChallengedRequest) {
