@@ -35,11 +35,12 @@ sNamedCommand findNamedCommand(std::string_view digits, std::string_view prefix,
   return {true, rest.substr(0, length)};
 }
 
-void storeDigit(sPairDigits& digits, int side, char digit) {
+// False: there is no room.
+bool storeDigit(sPairDigits& digits, int side, char digit) {
   auto& stored = digits.pcDtmfDigits[side];
   const std::string_view text = stored.view();
-  if (!text.empty() && text.back() == digit) return;  // senders repeat the end packet
-  if (!stored.append({&digit, 1})) Log::warning("MyRtp::handleTelephoneEvent", "No room to insert DTMF");
+  if (!text.empty() && text.back() == digit) return true;  // senders repeat the end packet
+  return stored.append({&digit, 1});
 }
 
 }  // namespace
@@ -54,7 +55,10 @@ int MyRtp::handleTelephoneEvent(int side, int pair, const char* msg, int len) {
     block += kEventBlockBytes;
     if (event >= kDigits.size()) continue;
     record.iLastDigitSample[side] = record.iProcessedSamples[side];
-    if (isEnd) storeDigit(record, side, kDigits[event]);
+    if (!isEnd || storeDigit(record, side, kDigits[event])) continue;
+    // Said once for the packet, which may hold hundreds of digits: no other of it would find room, either.
+    Log::warning("MyRtp::handleTelephoneEvent", "No room to insert DTMF");
+    break;
   }
   return 0;
 }

@@ -127,6 +127,8 @@ TEST_F(DtmfTest, LongestCommandHas99Digits) {
 
   press("*2" + name + "#");  // the last key finds no room
   EXPECT_EQ(installation.logCount(" WARNING in MyRtp::handleTelephoneEvent, No room to insert DTMF"), 1);
+  send(event(7, true) + event(8, true) + event(9, true));
+  EXPECT_EQ(installation.logCount("No room to insert DTMF"), 2) << "one record for a packet";
   talk(1);
   EXPECT_EQ(toneFor(0), "");
   EXPECT_EQ(digits().size(), 99U);
