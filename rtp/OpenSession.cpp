@@ -4,11 +4,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <pthread.h>
+#include <sys/socket.h>
 
 #include "app/config/Log.h"
 #include "app/config/Settings.h"
 #include "common/Clock.h"
 #include "common/FaultStack.h"
+#include "common/Handle.h"
 #include "rtp/MyRtp.h"
 
 namespace {
@@ -40,6 +42,48 @@ in_addr parseIP(const char* text) {
     ip.s_addr = INADDR_ANY;
   }
   return ip;
+}
+
+bool isOfThisHost(in_addr ip) {
+  const FileDescriptor probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in address = addressOf(ip, 0);
+  return probe.isOpen() &&
+         bind(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+// Would it arrive at a socket of this very pair? Other pairs' sockets are as good as any far end.
+bool isOwnSocket(const sPairLegs& legs, const sockaddr_in& to, in_addr own) {
+  const auto isLocalPort = [port = ntohs(to.sin_port)](int local) { return port == local; };
+  if (std::none_of(legs.iLocalRtpPort.begin(), legs.iLocalRtpPort.end(), isLocalPort) &&
+      std::none_of(legs.iLocalRtcpPort.begin(), legs.iLocalRtcpPort.end(), isLocalPort)) {
+    return false;
+  }
+  const in_addr_t ip = to.sin_addr.s_addr;
+  if (ip == INADDR_ANY) return false;  // nothing is sent there
+  in_addr announced{};
+  if (ip == own.s_addr || (inet_aton(pcSipUAIP.c_str(), &announced) != 0 && ip == announced.s_addr))
+    return true;
+  return own.s_addr == INADDR_ANY && isOfThisHost(to.sin_addr);
+}
+
+// A far end that gives one of the pair's own ports as its own would have each packet circle between the legs,
+// and take a whole core, for as long as the call lasts.
+void cutLoops(sPairLegs& legs, in_addr own) {
+  for (int side = 0; side < 2; ++side) {
+    bool bLoop = false;
+    for (PerSide<sockaddr_in>* addresses : {&legs.sRemoteRtpAddr, &legs.sRemoteRtcpAddr,
+                                            &legs.sRemoteNonAudioAddr, &legs.sRemoteNonAudioRtcpAddr}) {
+      sockaddr_in& to = (*addresses)[side];
+      if (!isOwnSocket(legs, to, own)) continue;
+      to.sin_addr.s_addr = INADDR_ANY;
+      bLoop = true;
+    }
+    if (bLoop) {
+      Log::warning(kFunction,
+                   "media for %s at port %d would come back to the same call, nothing is sent there\n",
+                   legs.pcPartyName[side].c_str(), legs.iRemoteRtpPort[side]);
+    }
+  }
 }
 
 std::uint8_t parsePayloadType(const char* text) {
@@ -143,6 +187,7 @@ void MyRtp::storeLegs(int pair, const sSessionPairRequest& request, in_addr own)
     record.sRemoteNonAudioAddr[side] = addressOf(remote, leg.iNonAudioPort);
     record.sRemoteNonAudioRtcpAddr[side] = addressOf(remote, leg.iNonAudioPort + 1);
   }
+  cutLoops(record, own);
 }
 
 void MyRtp::storeCodecs(int pair, const sSessionPairRequest& request) {

@@ -71,14 +71,42 @@ TEST_F(SessionTest, OversizedAndTinyDatagramsLeaveTheCallAlive) {
   EXPECT_EQ(installation.logCount("packet is too short"), 12);
 }
 
-TEST_F(SessionTest, NothingIsSentToALegOnHoldByANullAddress) {
-  Call call({eCodecPCMU}, {eCodecPCMU});
-  call.request.sLeg[1].pcRemoteIP = "0.0.0.0";
-  ASSERT_EQ(call.open(), 0);
-  call.rtp[0]->sendTo(call.relayPort(0), Packet{}.bytes());
-  ASSERT_TRUE(eventually([&] { return call.record().iPacketsReceived[0] == 1; }));
-  call.close();
-  EXPECT_TRUE(call.silent(1));
+// On hold, or where it would circle between the two legs for ever.
+TEST_F(SessionTest, NothingIsSentToANullAddressNorToAPortOfTheSamePair) {
+  struct Case {
+    const char* binding;
+    const char* remoteIp;
+    int ofLeg;       // the far end of leg 1 says it has the relay's port of this leg, -1: of its own,
+    int offset;      // plus this
+    bool rtp, rtcp;  // are sent there
+    int warnings;
+  };
+  ASSERT_TRUE(pcSipUAIP.assign("192.0.2.7"));
+  const Case cases[] = {
+      {"127.0.0.1", "0.0.0.0", -1, 0, false, false, 0},  {"127.0.0.1", "0.0.0.0", 0, 0, false, false, 0},
+      {"127.0.0.1", "127.0.0.1", 0, 0, false, false, 1}, {"127.0.0.1", "127.0.0.1", 1, 0, false, false, 1},
+      {"127.0.0.1", "127.0.0.1", 0, -1, true, false, 1}, {"127.0.0.1", "127.0.0.1", 1, 1, false, true, 1},
+      {"127.0.0.1", "192.0.2.7", 0, 0, false, false, 1}, {"127.0.0.1", "127.0.0.2", 0, 0, true, true, 0},
+      {"0.0.0.0", "127.0.0.2", 0, 0, false, false, 1},   {"0.0.0.0", "192.0.2.8", 0, 0, true, true, 0},
+      {"127.0.0.1", "127.0.0.1", 0, 100, true, true, 0},  // another pair's
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.binding << ' ' << c.remoteIp << ' ' << c.ofLeg << ' ' << c.offset);
+    installation.clearLog();
+    ASSERT_TRUE(pcSipUAIPForBinding.assign(c.binding));
+    Call call({eCodecPCMU}, {eCodecPCMU});
+    call.request.sLeg[1].pcRemoteIP = c.remoteIp;
+    if (c.ofLeg >= 0) call.request.sLeg[1].iRemoteRtpPort = call.relayPort(c.ofLeg) + c.offset;
+    ASSERT_EQ(call.open(), 0);
+    call.rtp[0]->sendTo(call.relayPort(0), Packet{}.bytes());
+    EXPECT_TRUE(eventually([&] { return call.record().iPacketsReceived[0] == 1; }));
+    call.close();
+    EXPECT_EQ(call.record().iPacketsReceived[0] + call.record().iPacketsReceived[1], 1);
+    EXPECT_TRUE(call.silent(1));
+    EXPECT_EQ(call.record().sRemoteRtpAddr[1].sin_addr.s_addr != INADDR_ANY, c.rtp);
+    EXPECT_EQ(call.record().sRemoteRtcpAddr[1].sin_addr.s_addr != INADDR_ANY, c.rtcp);
+    EXPECT_EQ(installation.logCount("would come back to the same call, nothing is sent there\n"), c.warnings);
+  }
 }
 
 TEST_F(SessionTest, SilenceIsCountedPerSideFromTwoSecondsOn) {
