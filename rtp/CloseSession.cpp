@@ -47,7 +47,7 @@ int MyRtp::closeSessionPair(const char* callId1, const char* callId2) {
       slot = {};
     }
     for (int side = 0; side < 2; ++side) closeSockets(side, pair);
-    static_cast<sPairRecordings&>(record) = {};
+    closeRecordings(pair);
     writeClosingLine(pair);
     leaveTable(pair);
     if (isLearning(pair) && endInBackground(pair)) return pair;

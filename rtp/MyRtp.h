@@ -252,6 +252,7 @@ class MyRtp {
   void freeEnded(bool bWait);
   // 3
   void openRecordings(int pair, std::time_t callStart);
+  void closeRecordings(int pair);
   void writeOpenLine(int pair);
   void writeClosingLine(int pair);
   // 4

@@ -44,8 +44,8 @@ void decodeG711(const std::int16_t* __restrict linear, const char* __restrict pa
   for (int i = 0; i < count; ++i) samples[i] = linear[static_cast<unsigned char>(payload[i])];
 }
 
-void writeSynch(const File& file, const char* stream, int frameBytes) {
-  if (file) std::fprintf(file.get(), "%s %d\n", stream, frameBytes);
+void writeSynch(const sRecording& recording, const char* stream, int frameBytes) {
+  if (recording.pfFile) std::fprintf(recording.pfFile.get(), "%s %d\n", stream, frameBytes);
 }
 
 void writeSamples(const File& file, const std::int16_t* samples, int bytes) {
@@ -127,7 +127,7 @@ void MyRtp::handleFrame(int side, int pair) {
   const int samples = frameSamples(record);
   const int frameBytes = 2 * samples;
   sKestrovaFrameResult result = untouchedFrame(frameBytes);
-  writeSamples(record.pfOrigRecording[side], frame, frameBytes);
+  writeSamples(record.pfOrigRecording[side].pfFile, frame, frameBytes);
   if (record.bRegistering[side]) {
     handleRegistrationFrame(side, pair, result);
   } else {
@@ -135,7 +135,7 @@ void MyRtp::handleFrame(int side, int pair) {
   }
   result.iOutBytes = std::clamp(result.iOutBytes, 0, frameBytes);
   checkDigits(side, pair, result);
-  writeSamples(record.pfCleanRecording[side], frame, result.iOutBytes);
+  writeSamples(record.pfCleanRecording[side].pfFile, frame, result.iOutBytes);
   addToStatistics(record, side, samples, result);
   OutRing(record, side).write(frame, result.iOutBytes / 2);
 }

@@ -15,12 +15,9 @@ constexpr const char* kOpenFunction = "MyRtp::openSessionPair";
 constexpr const char* kCloseFunction = "MyRtp::closeSessionPair";
 constexpr int kFileCounterModulus = 10;
 
-// A library (299), the time with its counters, two party names and the kind of file.
-using RecordingPath = FixedText<800>;
-
 // What the names of one call's files are made of.
 struct sRecordingNames {
-  RecordingPath pcTime;
+  FixedText<100> pcTime;
   PerSide<FixedText<166>> pcParty;
 };
 
@@ -37,14 +34,24 @@ sRecordingNames namesOf(sRtpSessionPair& record, std::time_t callStart) {
 
 // Opens library + time + rest, for appending.
 template <typename... Rest>
-File openRecording(std::string_view library, const sRecordingNames& names, const char* mode, Rest... rest) {
-  RecordingPath path;
+sRecording openRecording(std::string_view library, const sRecordingNames& names, const char* mode,
+                         Rest... rest) {
+  sRecording recording;
+  auto& path = recording.pcPath;
   bool fits = path.assign(library) && path.append(names.pcTime);
   for (const std::string_view part : {std::string_view(rest)...}) fits = fits && path.append(part);
   MyRtp::replaceSpecialChars(path.data(), true);
-  File file = fits ? openFile(path.c_str(), mode) : File();
-  if (!file) Log::warning(kOpenFunction, "unable to open file %s\n", path.c_str());
-  return file;
+  if (fits) recording.pfFile = openFile(path.c_str(), mode);
+  if (!recording.pfFile) Log::warning(kOpenFunction, "unable to open file %s\n", path.c_str());
+  return recording;
+}
+
+// Whatever did not reach the file, in its last bytes or long before, is said here, once.
+void finishRecording(sRecording& recording, const char* function) {
+  if (!recording.pfFile) return;
+  const bool bFailed = std::ferror(recording.pfFile.get()) != 0;
+  if (std::fclose(recording.pfFile.release()) != 0 || bFailed)
+    Log::warning(function, "unable to write to recording %s\n", recording.pcPath.c_str());
 }
 
 bool isProcessed(const sRtpSessionPair& record, int side) {
@@ -52,7 +59,7 @@ bool isProcessed(const sRtpSessionPair& record, int side) {
 }
 
 void openAudio(sRtpSessionPair& record, std::string_view library, const sRecordingNames& names,
-               const char* kind, PerSide<File>& files) {
+               const char* kind, PerSide<sRecording>& files) {
   if (library.empty()) return;
   for (int side = 0; side < 2; ++side) {
     if (!isProcessed(record, side)) continue;
@@ -86,7 +93,7 @@ void MyRtp::openRecordings(int pair, std::time_t callStart) {
   const sRecordingNames names = namesOf(record, callStart);
   openAudio(record, pcOrigRecordingLibrary, names, "-orig", record.pfOrigRecording);
   openAudio(record, pcCleanRecordingLibrary, names, "-clean", record.pfCleanRecording);
-  const auto isOpen = [](const File& file) { return file != nullptr; };
+  const auto isOpen = [](const sRecording& recording) { return recording.pfFile != nullptr; };
   if (std::none_of(record.pfOrigRecording.begin(), record.pfOrigRecording.end(), isOpen) &&
       std::none_of(record.pfCleanRecording.begin(), record.pfCleanRecording.end(), isOpen)) {
     return;
@@ -97,8 +104,17 @@ void MyRtp::openRecordings(int pair, std::time_t callStart) {
     record.pfSynchFile[side] =
         openRecording(library, names, "ab+e", "-", names.pcParty[side].view(), "-synch");
   }
-  const File rate = openRecording(library, names, "a+e", "-freq");
-  if (rate) std::fprintf(rate.get(), "%d\n", record.iSampleRate);
+  sRecording rate = openRecording(library, names, "a+e", "-freq");
+  if (rate.pfFile) std::fprintf(rate.pfFile.get(), "%d\n", record.iSampleRate);
+  finishRecording(rate, kOpenFunction);
+}
+
+void MyRtp::closeRecordings(int pair) {
+  sPairRecordings& recordings = psPairs[pair];
+  for (PerSide<sRecording>* kind :
+       {&recordings.pfOrigRecording, &recordings.pfCleanRecording, &recordings.pfSynchFile}) {
+    for (sRecording& recording : *kind) finishRecording(recording, kCloseFunction);
+  }
 }
 
 void MyRtp::writeOpenLine(int pair) {

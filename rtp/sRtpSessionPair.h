@@ -81,10 +81,15 @@ struct sPairDigits {
 };
 
 // Empty where nothing is recorded.
+struct sRecording {
+  File pfFile;
+  FixedText<800> pcPath;  // a library (299), the time with its counters, two party names and the kind of file
+};
+
 struct sPairRecordings {
-  PerSide<File> pfOrigRecording;   // decoded input of the side
-  PerSide<File> pfCleanRecording;  // processed output of the side
-  PerSide<File> pfSynchFile;       // order in which microphone and loudspeaker frames reached the engine
+  PerSide<sRecording> pfOrigRecording;   // decoded input of the side
+  PerSide<sRecording> pfCleanRecording;  // processed output of the side
+  PerSide<sRecording> pfSynchFile;  // order in which microphone and loudspeaker frames reached the engine
 };
 
 // Linear samples between decoder and encoder, at iSampleRate.
@@ -120,6 +125,7 @@ struct sPairStatistics {
 struct sPairCommands {
   PerSide<bool> bRegistering{};
   PerSide<int> iRegistrationSamples{};
+  PerSide<std::time_t> tRegistrationStart{-1, -1};  // of Clock::steadyTime
   PerSide<File> pfRegistrationData;
   PerSide<File> pfRegistrationRaw;
   PerSide<File> pfRegistrationWave;

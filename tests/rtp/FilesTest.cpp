@@ -121,6 +121,31 @@ TEST_F(FilesTest, FilesThatCannotBeOpenedLeaveTheCallToGoOn) {
   EXPECT_EQ(installation.logCount("unable to write to statistics file /dev/full\n"), 2);
 }
 
+// Of which nobody would hear otherwise: the call itself is as good as ever.
+TEST_F(FilesTest, RecordingsOnAFullDiskAreNamedOnceAtTheirEnd) {
+  const std::string orig = library("orig");
+  ASSERT_TRUE(pcOrigRecordingLibrary.assign(orig));
+  Call call({eCodecPCMU}, {eCodecPCMU});
+  call.request.iCleaningType = 1;
+  const auto run = [&] {
+    ASSERT_EQ(call.open(), 0);
+    call.record().iFileCounter = 0;  // the same names again
+    for (int i = 1; i <= 20; ++i) call.pass(0, Packet{.sequence = i});
+    call.close();
+  };
+  run();
+  EXPECT_EQ(installation.logCount("unable to write to recording"), 0);
+  const std::vector<std::string> files = names(orig);
+  for (const std::string& name : files) {
+    std::filesystem::remove(orig + name);
+    std::filesystem::create_symlink("/dev/full", orig + name);
+  }
+  run();
+  ASSERT_EQ(files.size(), 4U);
+  for (const std::string& name : files)
+    EXPECT_EQ(installation.logCount(", unable to write to recording " + orig + name + "\n"), 1);
+}
+
 TEST_F(FilesTest, LongestLibraryAndNamesStillMakeAPath) {
   std::string long_library = library("a");
   long_library.append(299 - long_library.size(), 'l');
