@@ -8,6 +8,7 @@
 
 #include "app/config/Log.h"
 #include "app/config/Settings.h"
+#include "common/Clock.h"
 #include "rtp/MyRtp.h"
 #include "rtp/VoiceProfile.h"
 
@@ -95,6 +96,14 @@ bool isUsableName(const sPairCommands& record, int side, std::string_view name,
   return false;
 }
 
+// No talker dials two sequences in a second. Whoever sends faster would fill the library with names that stay
+// taken.
+bool isDue(const sPairCommands& record, int side, const sRegistrationFiles& files) {
+  if (record.tRegistrationStart[side] != Clock::steadyTime().tv_sec) return true;
+  Log::warning(kStartFunction, "only one registration a second, not %s\n", files.pcData.c_str());
+  return false;
+}
+
 // The recording as a WAV file. False when it could not be read or written whole.
 bool copyToWave(std::FILE* raw, std::FILE* wave, int sampleRate) {
   const std::optional<std::uint32_t> bytes = fileBytes(raw);
@@ -141,10 +150,11 @@ void MyRtp::doRegistration(int side, int pair, std::string_view name) {
   sRtpSessionPair& record = psPairs[pair];
   if (!record.bNoiseReduction[side]) return;
   sRegistrationFiles files(name);
-  if (!isUsableName(record, side, name, files) || !openFiles(files)) {
+  if (!isDue(record, side, files) || !isUsableName(record, side, name, files) || !openFiles(files)) {
     playFailTone(1 - side, pair);
     return;
   }
+  record.tRegistrationStart[side] = Clock::steadyTime().tv_sec;
   if (record.bRegistering[side]) doAbortRegistration(side, pair);
   const auto channel = static_cast<std::uint16_t>(2 * pair + side);
   sKestrovaInit init;

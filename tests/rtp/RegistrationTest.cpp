@@ -161,6 +161,7 @@ TEST_F(RegistrationTest, RecordingStaysWhenItsCopyCannotBeWritten) {
 }
 
 TEST_F(RegistrationTest, CommandDuringARegistrationAbortsItAndTheNameStaysTaken) {
+  Clock::freezeAt(5'000'000);
   ASSERT_EQ(call.open(), 0);
   command("*11#");
   talk(101);
@@ -169,9 +170,14 @@ TEST_F(RegistrationTest, CommandDuringARegistrationAbortsItAndTheNameStaysTaken)
   EXPECT_EQ(std::filesystem::file_size(path("1")), 0U);
   EXPECT_EQ(std::filesystem::file_size(path("1.raw")), 6 * 64U);
   EXPECT_EQ(toneForDialler(), "OK");
+  command("*14#");
+  EXPECT_EQ(toneForDialler(), "fail") << "a second one within a second";
+  EXPECT_FALSE(std::filesystem::exists(path("4")));
   // A second registration replaces the one that runs and has files of its own.
-  command("*12#");
-  command("*13#");
+  for (const char* digits : {"*12#", "*13#"}) {
+    Clock::advanceSeconds(1);
+    command(digits);
+  }
   EXPECT_TRUE(call.record().bRegistering[0]);
   EXPECT_EQ(call.record().pcRegistrationName[0], "3");
   end();
