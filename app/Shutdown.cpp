@@ -26,7 +26,7 @@ void logRefusal(int calls) {
 }  // namespace
 
 bool MyConfiguration::allowShutdown() {
-  const std::time_t now = Clock::now();
+  const std::time_t now = Clock::steadyTime().tv_sec;
   if (std::difftime(now, lastSignal) <= kForceSeconds) return true;
   const int calls = mySip.numActiveCalls();
   if (calls == 0) return true;
@@ -36,7 +36,7 @@ bool MyConfiguration::allowShutdown() {
 }
 
 void MyConfiguration::startShutdown() {
-  sTimeStartShutDown = Clock::now();
+  sTimeStartShutDown = Clock::steadyTime().tv_sec;
   bNeedToInitiateShutdown = true;
   bDuringShutdown = true;
 }

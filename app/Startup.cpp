@@ -34,7 +34,7 @@ bool logNumberOfChannels(const ConfigurationPath&) {
 }
 
 bool reactToSignals(const ConfigurationPath&) {
-  lastSignal = Clock::now();
+  lastSignal = Clock::steadyTime().tv_sec;
   installSignalHandlers();
   myConfiguration.increaseProcessPriority();
   return false;

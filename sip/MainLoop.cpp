@@ -55,10 +55,9 @@ bool MySip::mainLoopPass(int waitMilliseconds) {
   if (bDuringShutdown) {
     if (bNeedToInitiateShutdown) {
       initiateShutdown();
-      iShutdownStarted = Clock::monotonicNanoseconds();
       bNeedToInitiateShutdown = false;
     }
-    if (hasPassed(sTimeStartShutDown, kShutdownSeconds) || shutdownIsOver()) return false;
+    if (difftime(Clock::steadyTime().tv_sec, sTimeStartShutDown) >= kShutdownSeconds) return false;
   }
   if (!maintainTimers()) return false;
   const bool wasIdle = !receiveMessage();
@@ -68,12 +67,6 @@ bool MySip::mainLoopPass(int waitMilliseconds) {
     waitForMessage(waitMilliseconds);
   }
   return true;
-}
-
-// A wall clock that is set back in the meantime must not keep the process.
-bool MySip::shutdownIsOver() const {
-  return iShutdownStarted != 0 &&
-         static_cast<double>(Clock::monotonicNanoseconds() - iShutdownStarted) >= kShutdownSeconds * 1e9;
 }
 
 void MySip::waitForMessage(int milliseconds) {

@@ -495,7 +495,6 @@ class MySip {
   bool sharesCallID(int slot) const;
 
   // MainLoop.cpp
-  bool shutdownIsOver() const;
   bool receiveMessage();
   void waitForMessage(int milliseconds);
   bool maintainTimers();  // false: leave the main loop
@@ -576,7 +575,6 @@ class MySip {
                               const char* method);
 
   std::optional<std::int64_t> iDateOffset;  // seconds from the steady clock to the date, as last seen
-  std::int64_t iShutdownStarted = 0;        // monotonic nanoseconds; 0: no shutdown yet
 
   // Room for one datagram and the NUL that ends it.
   std::array<char, kMaxMessageLength + 1> pcReceiveBuffer{};

@@ -17,7 +17,7 @@ inline FixedText<16> pcMyIPAsDetectedInternally;
 inline Relaxed<bool> bDuringShutdown;
 // The main loop has still to start the shutdown actions of the SIP engine.
 inline Relaxed<bool> bNeedToInitiateShutdown;
-// When the shutdown was accepted. Written before the two flags above.
+// When the shutdown was accepted, in steady time, as the next one. Written before the two flags above.
 inline Relaxed<std::time_t> sTimeStartShutDown;
 // Drain mode: new calls are refused, running calls go on.
 inline Relaxed<bool> bGotShutdownRequest;

@@ -354,7 +354,7 @@ TEST_F(CallTest, ShutdownEndsCallsWithdrawsRegistrationsAndReturnsAfterTwoSecond
   start();
   sip->sTrunk.sTimeLastRegistration = kStart;
   answer();
-  sTimeStartShutDown = Clock::now();
+  sTimeStartShutDown = Clock::steadyTime().tv_sec;
   bNeedToInitiateShutdown = bDuringShutdown = true;
   process();
   EXPECT_TRUE(firstLine(atCaller()).starts_with("BYE "));
@@ -365,10 +365,12 @@ TEST_F(CallTest, ShutdownEndsCallsWithdrawsRegistrationsAndReturnsAfterTwoSecond
   fromCaller(inviteText());
   fromPbx(respond(bye, "200 OK"));
   expectSilence();
+  Clock::setDateBy(3600);
   Clock::advanceSeconds(1);
-  EXPECT_TRUE(sip->mainLoopPass(0));
+  EXPECT_TRUE(sip->mainLoopPass(0)) << "the answers are still waited for";
   EXPECT_TRUE(firstLine(atCaller()).starts_with("BYE ")) << "unanswered BYEs repeat";
   EXPECT_TRUE(pbx.quiet());
+  Clock::setDateBy(-7200);
   Clock::advanceSeconds(1);
   EXPECT_FALSE(sip->mainLoopPass(0));
 }
