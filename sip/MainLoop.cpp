@@ -1,4 +1,4 @@
-// The main loop and its one-second maintenance tick, reload and shutdown.
+// The main loop and its one-second maintenance tick, and shutdown.
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -275,19 +275,6 @@ void MySip::repeatByes() {
   for (int orig = 0; orig < numOrigSlots(); ++orig) {
     const sPhone& leg = phone(orig);
     if (leg.bInUse && leg.bTerminating && leg.bByePending) initiateCallTermination(orig);
-  }
-}
-
-void MySip::reloadFromConfiguration(std::string_view fileName) {
-  FixedText<kMaxMessageLength + 1> path;
-  path.assignCut(fileName);
-  if (myConfiguration.readParams(path.c_str(), true) != 0) {
-    Log::error("MySip::reloadFromConfiguration", "problem reading parameters from %s\n", path.c_str());
-    return;
-  }
-  for (int orig = 0; orig < numOrigSlots(); ++orig) {
-    const sPhone& leg = phone(orig);
-    if (leg.bInUse && leg.bMediaEstablished && !leg.bTerminating) restartRtpSession(orig, leg.iPairIndex);
   }
 }
 

@@ -7,7 +7,7 @@
 //                                   RFC 3261 (8.1.1.7 branch, 19.3 tags, 8.1.1.4 Call-ID)
 //   2  Message text                 SipText.cpp, SipUri.cpp, MessageFields.cpp, HostNames.cpp
 //   3  Transport                    Transport.cpp
-//   4  Main loop                    MainLoop.cpp, Troubles.cpp
+//   4  Main loop                    MainLoop.cpp, Reload.cpp, Troubles.cpp
 //   5  Dispatch                     Dispatch.cpp
 //   6  Call set-up                  CallSetup.cpp, CallCommand.cpp
 //   7  Route set                    RouteSet.cpp
@@ -222,6 +222,8 @@ class MySip {
   // One pass of it (for tests): shutdown check, wait (at most `waitMilliseconds`), maintenance, one datagram.
   // False: leave.
   bool mainLoopPass(int waitMilliseconds);
+  // Reads the file's reloadable settings and restarts the media of running calls; logged when it cannot be
+  // read, or is one that strangers' text gets into.
   void reloadFromConfiguration(std::string_view fileName);
   void initiateShutdown();
 
@@ -493,6 +495,9 @@ class MySip {
   static bool isOwnInvite(const sPhone& leg, const sSipMessage& msg);
   bool wouldReturn(const sSipMessage& msg);
   bool sharesCallID(int slot) const;
+
+  // Reload.cpp
+  const char* refusalToReload(const char* path) const;
 
   // MainLoop.cpp
   bool receiveMessage();

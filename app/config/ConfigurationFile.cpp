@@ -34,7 +34,11 @@ bool readLine(std::string_view line, bool reload) {
 }
 
 void logUnreadable(const char* path) {
-  Log::error(kReadParams, "Unable to open conf-file (error=%d) %s\n", errno, path);
+  if (errno == EFBIG)
+    Log::error(kReadParams, "conf-file %s has more than %zu bytes or %zu lines\n", path, kMaxTextBytes,
+               kMaxTextLines);
+  else
+    Log::error(kReadParams, "Unable to open conf-file (error=%d) %s\n", errno, path);
 }
 
 bool readLines(const char* path, bool reload) {

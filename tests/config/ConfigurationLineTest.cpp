@@ -97,20 +97,27 @@ TEST_F(ConfigurationLineTest, FirstInvalidValueStopsAndEarlierLinesStay) {
 }
 
 TEST_F(ConfigurationLineTest, FileThatCannotBeReadFails) {
-  const std::string missing = (installation.bin() / "missing.conf").string();
-  EXPECT_EQ(myConfiguration.readParams(missing.c_str(), false), 2);
-  expectOnlyError("Unable to open conf-file (error=" + std::to_string(ENOENT) + ") " + missing + "\n");
-
-  installation.clearLog();
-  const std::string directory = installation.bin().string();
-  EXPECT_EQ(myConfiguration.readParams(directory.c_str(), false), 2);
-  expectOnlyError("Unable to open conf-file (error=" + std::to_string(EISDIR) + ") " + directory + "\n");
-
-  installation.clearLog();
   const std::string fifo = (installation.bin() / "fifo.conf").string();
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  EXPECT_EQ(myConfiguration.readParams(fifo.c_str(), true), 2) << "and does not wait for a writer";
-  expectOnlyError("Unable to open conf-file (error=" + std::to_string(EINVAL) + ") " + fifo + "\n");
+  const std::string large = installation.write("large.conf", std::string(1'048'577, ' '));
+  const std::string lines = installation.write("lines.conf", std::string(10'001, '\n'));
+  const auto unopened = [](int error) {
+    return "Unable to open conf-file (error=" + std::to_string(error) + ") ";
+  };
+  const std::string bound = " has more than 1048576 bytes or 10000 lines\n";
+  for (const auto& [path, message] : std::vector<std::pair<std::string, std::string>>{
+           {installation.bin() / "missing.conf", unopened(ENOENT) + "@\n"},
+           {installation.bin(), unopened(EISDIR) + "@\n"},
+           {fifo, unopened(EINVAL) + "@\n"},  // and does not wait for a writer
+           {"/dev/zero", unopened(EINVAL) + "@\n"},
+           {"/proc/self/pagemap", unopened(EINVAL) + "@\n"},  // 256 GB without a line feed
+           {large, "conf-file @" + bound},
+           {lines, "conf-file @" + bound}}) {
+    installation.clearLog();
+    EXPECT_EQ(myConfiguration.readParams(path.c_str(), true), 2);
+    expectOnlyError(std::string(message).replace(message.find('@'), 1, path));
+  }
+  EXPECT_EQ(loadLines(std::string(9'000, '\n') + std::string(1'000'000, ' ') + "\n"), 0);
 }
 
 // A reload that fails half-way: what stands before the error holds, and nothing is forgotten for the next

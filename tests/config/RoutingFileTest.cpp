@@ -81,7 +81,8 @@ TEST_F(RoutingFileTest, BadLinesAreNamedAndTheRowsBeforeThemStay) {
 }
 
 TEST_F(RoutingFileTest, FileThatCannotBeReadFails) {
-  for (const std::filesystem::path& path : {installation.bin() / "missing", installation.bin()}) {
+  for (const std::filesystem::path& path :
+       {installation.bin() / "missing", installation.bin(), std::filesystem::path("/proc/self/pagemap")}) {
     installation.clearLog();
     EXPECT_EQ(myConfiguration.readSipRoutingFile(path.c_str()), 1);
     EXPECT_EQ(installation.logCount(" ERROR in MyConfiguration::readSipRoutingFile, unable to open file\n"),

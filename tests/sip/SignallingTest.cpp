@@ -285,6 +285,43 @@ TEST_F(SignallingTest, ReloadDatagramAppliesTheFileAndRestartsMedia) {
   expectSilence();
 }
 
+// What strangers send gets into these files, and the datagram may come from one, too.
+TEST_F(SignallingTest, ReloadDatagramRefusesFilesThatTheProcessWrites) {
+  start();
+  const std::string lines = "AGCLevel=777\n" + TestInstallation::read(installation.bin() / "quorvel.conf");
+  std::filesystem::create_directory(installation.bin() / "calls");
+  ASSERT_TRUE(pcOrigRecordingLibrary.assign((installation.bin() / "calls/").string()) &&
+              pcRegistrationLibrary.assign((installation.bin() / "voice-").string()) &&
+              pcStatisticsFile.assign((installation.bin() / "stats").string()) &&
+              pcRealTimeAverageStatisticsFile.assign((installation.bin() / "page").string()));
+  const char* const written = "this process writes it";
+  const std::string backup = sip->pcBindingBackupFile.c_str();
+  for (const auto& [name, reason] : std::vector<std::pair<std::string, const char*>>{
+           {"../log/errLog.1", "it lies in the directory of the log"},
+           {"stats", written},
+           {"page", written},
+           {backup.substr(backup.rfind('/') + 1), written},
+           {"calls/anybody", written},
+           {"voice-1", written},
+           {"voices.conf", nullptr}}) {
+    const std::string file = installation.write(name, lines), link = (installation.bin() / "link").string();
+    std::filesystem::create_symlink(file, link);
+    for (const std::string& path : {file, link}) {
+      iAGCLevel = 1;
+      fromCaller("800-QUORVEL-RELOAD " + path + "\r\n");
+      EXPECT_EQ(iAGCLevel, reason == nullptr ? 777 : 1) << path;
+      if (reason == nullptr) continue;
+      EXPECT_EQ(installation.logCount(path + " is not taken for a configuration: " + reason + "\n"), 1);
+      EXPECT_EQ(installation.logCount("problem reading parameters from " + path + "\n"), 1);
+      installation.clearLog();
+    }
+    std::filesystem::remove(link);
+  }
+  for (SettingPath* path : {&pcOrigRecordingLibrary, &pcStatisticsFile, &pcRealTimeAverageStatisticsFile})
+    path->clear();
+  pcRegistrationLibrary.clear();
+}
+
 TEST_F(SignallingTest, ClockMovedFarBackResetsTheTimersOnce) {
   start();
   Clock::advanceSeconds(-20);
