@@ -1,8 +1,11 @@
 #include "common/Handle.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <limits>
 #include <string_view>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace {
@@ -42,4 +45,13 @@ FileDescriptor openRegularFile(const char* path, int flags, mode_t permissions) 
   file.reset();
   errno = reason;
   return file;
+}
+
+std::int64_t raiseDescriptorLimit() {
+  constexpr rlim_t kMost = std::numeric_limits<std::int64_t>::max();
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return static_cast<std::int64_t>(kMost);
+  const rlimit raised{limit.rlim_max, limit.rlim_max};
+  if (limit.rlim_cur < limit.rlim_max && setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
+  return static_cast<std::int64_t>(std::min(limit.rlim_cur, kMost));
 }

@@ -1,6 +1,7 @@
 // Owners of file descriptors and stdio files: they close what they hold, move, and do not copy.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <sys/types.h>
@@ -47,3 +48,6 @@ using File = std::unique_ptr<std::FILE, FileCloser>;
 // The same for a file that must be an ordinary one, which is what can be read to its end: errno is EISDIR for
 // a directory, EINVAL for a FIFO, a device or a socket. Safe in signal handlers.
 [[nodiscard]] FileDescriptor openRegularFile(const char* path, int flags, mode_t permissions = 0666);
+
+// Raises the process's soft limit of descriptors to the hard one. How many it may have then.
+[[nodiscard]] std::int64_t raiseDescriptorLimit();

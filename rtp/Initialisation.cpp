@@ -74,6 +74,11 @@ int MyRtp::init() {
                  kMaxDescriptors, needed);
       return 2;
     }
+    if (const std::int64_t limit = raiseDescriptorLimit(); limit < needed)
+      Log::warning(kFunction,
+                   "The process may have %" PRId64 " file descriptors, %d calls may need %" PRId64
+                   ": the last of them stay silent\n",
+                   limit, iNumCallsToFilter, needed);
     if (!allocatePairs(iNumCallsToFilter)) {
       Log::error(kFunction, "can not allocate");
       return 2;

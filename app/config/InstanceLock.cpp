@@ -1,5 +1,5 @@
+#include <cerrno>
 #include <fcntl.h>
-#include <optional>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -17,25 +17,27 @@ constexpr int kFailure = 2;
 constexpr int kToleratedFailures = 4;
 constexpr int kNiceValue = -15;
 
-// The process id in the lock file, or nothing (logged).
-std::optional<std::int32_t> readLock(const InstancePath& path) {
-  const FileDescriptor file = openRegularFile(path.c_str(), O_RDONLY);
-  if (!file.isOpen()) {
-    Log::error(kReadFunction, "Unable to open %s for reading\n", path.c_str());
-    return std::nullopt;
-  }
-  std::int32_t owner = 0;
-  if (read(file.get(), &owner, sizeof owner) == static_cast<ssize_t>(sizeof owner)) return owner;
-  Log::error(kReadFunction, "Unable to read from %s\n", path.c_str());
-  return std::nullopt;
+enum class Lock { eOurs, eLost, eUnknown };
+
+// Short of descriptors or memory we know nothing of the file.
+Lock unopenedLock(const InstancePath& path) {
+  const bool isShort = errno == EMFILE || errno == ENFILE || errno == ENOMEM;
+  Log::error(kReadFunction, "Unable to open %s for reading\n", path.c_str());
+  return isShort ? Lock::eUnknown : Lock::eLost;
 }
 
-bool lockIsOurs() {
-  const std::optional<std::int32_t> owner = readLock(instancePath(kLockFile));
-  if (!owner) return false;
-  if (*owner == getpid()) return true;
+Lock readLock() {
+  const InstancePath path = instancePath(kLockFile);
+  const FileDescriptor file = openRegularFile(path.c_str(), O_RDONLY);
+  if (!file.isOpen()) return unopenedLock(path);
+  std::int32_t owner = 0;
+  if (read(file.get(), &owner, sizeof owner) != static_cast<ssize_t>(sizeof owner)) {
+    Log::error(kReadFunction, "Unable to read from %s\n", path.c_str());
+    return Lock::eLost;
+  }
+  if (owner == getpid()) return Lock::eOurs;
   Log::error(kReadFunction, "Can't run more than one Quorvel (with same instance) on a single computer\n");
-  return false;
+  return Lock::eLost;
 }
 
 int writeLock() {
@@ -55,7 +57,16 @@ int writeLock() {
 
 int countLockFailures() {
   static int iFailureCount = 0;
-  iFailureCount = lockIsOurs() ? 0 : iFailureCount + 1;
+  switch (readLock()) {
+    case Lock::eOurs:
+      iFailureCount = 0;
+      break;
+    case Lock::eLost:
+      ++iFailureCount;
+      break;
+    case Lock::eUnknown:
+      return 0;
+  }
   if (iFailureCount <= kToleratedFailures) return 0;
   Log::error(kReadFunction, "going to return fatal\n");
   return kFailure;

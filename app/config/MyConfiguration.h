@@ -39,7 +39,7 @@ class MyConfiguration {
   // Takes the lock file over by writing our process id. 2 on failure.
   int writeTmpFile();
   // 0 while the lock is ours, or not yet five times in a row foreign or unreadable; then 2: this instance
-  // must stop.
+  // must stop. Times when descriptors or memory are short do not count.
   int readTmpFile();
   // Nice value -15; failure is only logged.
   void increaseProcessPriority();

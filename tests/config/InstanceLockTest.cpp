@@ -4,6 +4,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -71,6 +72,18 @@ TEST_F(InstanceLockTest, SuccessInBetweenForgivesFailures) {
   EXPECT_EQ(myConfiguration.readTmpFile(), 0);
   writeLock(kForeignProcess);
   for (int i = 0; i < 4; ++i) EXPECT_EQ(myConfiguration.readTmpFile(), 0);
+}
+
+TEST_F(InstanceLockTest, NoFreeDescriptorIsNoSignOfALostLock) {
+  writeLock(kForeignProcess);
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(myConfiguration.readTmpFile(), 0);
+  rlimit usual{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const rlimit none{0, usual.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  for (int i = 0; i < 7; ++i) EXPECT_EQ(myConfiguration.readTmpFile(), 0);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+  EXPECT_EQ(myConfiguration.readTmpFile(), 2);
 }
 
 TEST_F(InstanceLockTest, LockIsTakenOnlyInAnOrdinaryFile) {

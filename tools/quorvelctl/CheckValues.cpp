@@ -83,8 +83,13 @@ void checkSizes(Findings& findings) {
         "NumCallsToFilter",
         "the voice engine has room for " + std::to_string(kCallsOfEngine) +
             " calls: a call to be processed while as many others are up stays silent; start more instances");
-  if (descriptorsFor(iNumCallsToFilter) > kMaxDescriptors)
+  const std::int64_t needed = descriptorsFor(iNumCallsToFilter);
+  if (needed > kMaxDescriptors)
     findings.refuse("NumCallsToFilter", "is more than the media relay can carry");
+  else if (const std::int64_t limit = raiseDescriptorLimit(); limit < needed)
+    findings.warn("NumCallsToFilter", "so many calls may need " + std::to_string(needed) +
+                                          " file descriptors, a process started from here may have " +
+                                          std::to_string(limit) + " (ulimit -Hn)");
   if (iNumCallsToFilter < iNumPhonesToAllocate / 2)
     findings.warn("NumCallsToFilter", "fewer calls have media than NumPhonesToAllocate lets in: " +
                                           std::to_string(iNumCallsToFilter) + " of " +
