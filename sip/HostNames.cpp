@@ -4,9 +4,9 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
+#include <exception>
 #include <mutex>
 #include <netdb.h>
-#include <system_error>
 #include <thread>
 
 #include "app/config/Log.h"
@@ -92,10 +92,11 @@ std::shared_ptr<HostNames::sRunning>* HostNames::begin(std::string_view name) {
     if (each != nullptr && each->pcName == name) return nullptr;
     if (each == nullptr && place == nullptr) place = &each;
   }
-  auto next = std::make_shared<sRunning>();
-  if (place == nullptr || !next->pcName.assign(name)) return nullptr;
+  if (place == nullptr) return nullptr;
   const SignalsBlocked blocked;
   try {
+    auto next = std::make_shared<sRunning>();
+    if (!next->pcName.assign(name)) return nullptr;
     std::thread([next, how = lookup] {
       FixedText<16> ip;
       const int error = how(next->pcName.c_str(), ip);
@@ -105,12 +106,13 @@ std::shared_ptr<HostNames::sRunning>* HostNames::begin(std::string_view name) {
       next->bFinished = true;
       next->finished.notify_one();
     }).detach();
-  } catch (const std::system_error& error) {
-    Log::error(kFunction, "unable to look up host %s - %s\n", next->pcName.c_str(), error.what());
+    *place = std::move(next);
+    return place;
+  } catch (const std::exception& error) {  // no thread, or no memory for it
+    Log::error(kFunction, "unable to look up host %.*s - %s\n", static_cast<int>(name.size()), name.data(),
+               error.what());
     return nullptr;
   }
-  *place = std::move(next);
-  return place;
 }
 
 void HostNames::takeResult(std::shared_ptr<sRunning>& place, std::chrono::milliseconds wait) {
