@@ -139,7 +139,8 @@ int MyRtp::openSessionPair(const sSessionPairRequest& request) {
     if (!startEngineChannels(pair)) return -1;
     openRecordings(pair, request.sTimeCallStart);
     writeOpenLine(pair);
-    return startThread(pair) ? pair : -1;
+    psPairs[pair].bOpened = startThread(pair);
+    return psPairs[pair].bOpened ? pair : -1;
   } catch (...) {
     Log::error(kFunction, "exception caught");
     return -1;

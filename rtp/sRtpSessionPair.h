@@ -55,6 +55,7 @@ struct sJitterBufferEntry {
 // ---- The legs: who they are, where they are, how they are reached ----
 struct sPairLegs {
   bool bInUse = false;
+  bool bOpened = false;  // by the call that has it or had it last: with sockets, engine channels and thread
   PerSide<FixedText<100>> pcCallID;
   PerSide<int> iLastSeq{-1, -1};  // last packet handed to the packet path; -1 until the first
   PerSide<int> iLocalRtpPort{};

@@ -59,6 +59,7 @@ void MySip::closeRtpSessionPair(int a, int b) {
   const std::span<int> active(piActiveRtpIndexes.get(), static_cast<std::size_t>(iNumActiveRtpIndexes));
   const auto found = std::find(active.begin(), active.end(), relayIndex);
   if (found == active.end()) {
+    if (!myRtp.psPairs[static_cast<std::size_t>(relayIndex)].bOpened) return;  // said when that failed
     Log::error("MySip::closeRtpSessionPair", "did not find match in statistics for %d\n", relayIndex);
     return;
   }

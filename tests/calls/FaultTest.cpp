@@ -134,6 +134,7 @@ TEST_F(FaultTest, ACallOnTakenPortsSaysSoAndGetsItsMediaLater) {
   EXPECT_TRUE(quorvel->logged("Verify no other program uses port " + std::to_string(ports.relay())));
   thief.reset();
   EXPECT_TRUE(first.isHeardBy(second, call.ok, kSteadyPcmu, kSteadyPcmu));
+  EXPECT_EQ(quorvel->logCount("did not find match in statistics"), 0) << "for what never was open";
   hangUp(call);
 }
 
