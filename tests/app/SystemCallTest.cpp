@@ -3,10 +3,13 @@
 #include <cerrno>
 #include <chrono>
 #include <functional>
+#include <optional>
+#include <sys/resource.h>
 #include <thread>
 
 #include "app/config/MyConfiguration.h"
 #include "app/config/Settings.h"
+#include "common/Clock.h"
 #include "reports/StatisticsGeneration.h"
 #include "rtp/MyRtp.h"
 #include "sip/HostNames.h"
@@ -27,6 +30,15 @@ class SystemCallTest : public SipFixture {
   static bool isHostUnknown() {
     FixedText<16> ip;
     return !HostNames().find("host.example", ip);
+  }
+  static bool startsWithFewDescriptors() {
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit few{20, usual.rlim_max};
+    prlimit(0, RLIMIT_NOFILE, &few, nullptr);
+    const bool started = myRtp.init() == 0;
+    prlimit(0, RLIMIT_NOFILE, &usual, nullptr);
+    return started;
   }
   bool isConnectionRefused() const { return sip->prepareConnection() == 2; }
   // What happens on media threads, which take their time.
@@ -68,13 +80,19 @@ TEST_F(SystemCallTest, FailuresAtTheStartAreNamed) {
            Row{"pthread_create", EAGAIN, 0, isHostUnknown,
                " ERROR in HostNames::find, unable to look up host host.example - Resource temporarily "
                "unavailable\n"},
+           Row{"throwing new", ENOMEM, 0, isHostUnknown,
+               " ERROR in HostNames::find, unable to look up host host.example - std::bad_alloc\n"},
+           Row{"setrlimit", EPERM, 0, startsWithFewDescriptors,
+               " WARNING in MyRtp::init, The process may have 20 file descriptors, 2 calls may need 24: "},
            Row{"new", ENOMEM, 0, [] { return myRtp.init() == 2; }, " ERROR in MyRtp::init, can not allocate"},
            Row{"new", ENOMEM, 1, [] { return myRtp.init() == 2; }, " ERROR in MyRtp::init, can not allocate"},
        }) {
     if (!SystemFault::isPossible(row.function)) continue;
     installation.clearLog();
-    const SystemFault fault(row.function, row.error, row.spared);
-    EXPECT_TRUE(row.fails()) << row.function << row.message;
+    {
+      const SystemFault fault(row.function, row.error, row.spared);
+      EXPECT_TRUE(row.fails()) << row.function << row.message;
+    }
     EXPECT_GE(installation.logCount(row.message), 1) << row.function << installation.log();
   }
 }
@@ -121,13 +139,22 @@ TEST_F(SystemCallTest, MediaSocketsThatFailEndTheirCallAtMost) {
                   sdp(other.port(), "0")));
   fromCaller(callerRequest("ACK", invite.cseq));
   const std::string packet = "\x80" + std::string(171, '\0');
-  {
-    const SystemFault fault("sendto", EPERM, 0, SystemFault::Of::eOtherThreads);
+  const auto isHeard = [&] {
+    return comesTrue([&] { return phone.sendTo(iRtpUAPortInitVal, packet), !other.quiet(); });
+  };
+  for (const auto& [function, error] : {std::pair{"sendto", EPERM}, {"recvfrom", ENOMEM}}) {
+    const SystemFault fault(function, error, 0, SystemFault::Of::eOtherThreads);
     EXPECT_TRUE(
         comesTrue([&] { return phone.sendTo(iRtpUAPortInitVal, packet), SystemFault::failures() > 2; }));
-    EXPECT_TRUE(other.quiet());
+    while (other.receive(std::chrono::milliseconds(0))) continue;
+    EXPECT_TRUE(other.quiet()) << function;
   }
-  EXPECT_TRUE(comesTrue([&] { return phone.sendTo(iRtpUAPortInitVal, packet), !other.quiet(); }));
+  for (const int seconds : {0, 7200, -14400}) {  // the date is set forwards and back
+    Clock::setDateBy(seconds);
+    passSeconds(1);
+    EXPECT_TRUE(isHeard()) << seconds;
+    EXPECT_EQ(sip->numActiveCalls(), 1);
+  }
   {
     const SystemFault fault("select", EBADF, 0, SystemFault::Of::eOtherThreads);
     EXPECT_TRUE(comesTrue([] { return SystemFault::failures() > 101; }));
@@ -149,6 +176,20 @@ TEST_F(SystemCallTest, PageThatCannotBeOpenedIsNamed) {
   pcRealTimeExtremeStatisticsFile.clear();
   EXPECT_EQ(installation.logCount("Unable to open file. Retry later. /nonexistent/average.html\n"), 1);
   EXPECT_EQ(installation.logCount("Unable to open file /nonexistent/extreme.html\n"), 1);
+
+  // No memory for a stream: neither the page nor a record of it, until there is.
+  const std::string page = (installation.bin() / "page.html").string();
+  pcRealTimeAverageStatisticsFile.assignCut(page);
+  installation.clearLog();
+  for (const bool isShort : {true, false}) {
+    std::optional<SystemFault> fault;
+    if (isShort) fault.emplace("fdopen", ENOMEM);
+    statisticsGeneration.generateRealTimeStatistics();
+    fault.reset();
+    EXPECT_EQ(TestInstallation::read(page).empty(), isShort);
+  }
+  EXPECT_EQ(installation.log(), "");
+  pcRealTimeAverageStatisticsFile.clear();
 }
 
 }  // namespace

@@ -101,6 +101,36 @@ TEST_F(RegistrationTest, EndsBesideTheSipThreadWhenTheCallDoes) {
   EXPECT_EQ(call.open(), 0) << "free again";
 }
 
+TEST_F(RegistrationTest, EndsOnTheSipThreadWhenThereIsNoOther) {
+  ASSERT_EQ(call.open(), 0);
+  command("*15#");
+  talk(101);
+  {
+    const SystemFault fault("pthread_create", EAGAIN);
+    ASSERT_EQ(call.close(), 0);
+  }
+  EXPECT_EQ(
+      installation.logCount(" WARNING in MyRtp::closeSessionPair, unable to create thread to end pair 0\n"),
+      1);
+  EXPECT_EQ(TestInstallation::read(path("5")), profile());
+  EXPECT_EQ(call.open(), 0);
+  command("*25#");
+  EXPECT_TRUE(FakeEngine::get().noise[0].bVoice);
+}
+
+// A voice that was cut is none: the name stays taken, and who asks for it hears the fail tone.
+TEST_F(RegistrationTest, VoiceOnAFullDiskIsNamedAndNotActivated) {
+  ASSERT_EQ(call.open(), 0);
+  command("*15#");
+  talk(101);
+  toneForDialler();
+  call.record().pfRegistrationData[0] = openFile("/dev/full", "wb");
+  myRtp.doStopRegistration(0, 0);
+  EXPECT_EQ(installation.logCount(" WARNING in MyRtp::doStopRegistration, unable to write PID"), 1);
+  command("*25#");
+  EXPECT_EQ(toneForDialler(), "fail");
+}
+
 TEST_F(RegistrationTest, EndsByItselfAfter300SecondsAndActivatesTheVoice) {
   ASSERT_EQ(call.open(), 0);
   command("*17#");

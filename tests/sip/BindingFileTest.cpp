@@ -1,4 +1,5 @@
 // The binding files: their image, what is written when, damage, full disks, and a process that is killed.
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "tests/sip/BindingTable.h"
+#include "tests/support/SystemFault.h"
 #include "tests/support/TestInstallation.h"
 
 namespace {
@@ -387,6 +389,36 @@ TEST_F(BindingFileTest, FullDiskLosesNeitherTheTableNorTheLastCompleteCopy) {
   EXPECT_EQ(installation.logCount("Unable to write count to file " + path + "\n"), 1);
   std::filesystem::remove(file());
   EXPECT_EQ(BindingTable().iNumBindings, 4);
+}
+
+TEST_F(BindingFileTest, FileSystemsMayRefuseHolesAndNewNames) {
+  BindingTable table;
+  table.bind("201", 600);
+  table.subscribe(0, "first@phone", 5);
+  table.subscribe(0, "second@phone", 5);
+  table.saveBindingFiles();
+  Clock::advanceSeconds(6);
+  table.cleanupExpiredBindingsAndSubscriptions();
+  {
+    const SystemFault fault("fallocate", EOPNOTSUPP);
+    table.saveBindingFiles();
+    EXPECT_EQ(SystemFault::failures(), 2);
+  }
+  EXPECT_TRUE(TestInstallation::read(file()) == imageOf(table)) << "zeros in their place";
+  EXPECT_EQ(installation.log(), "");
+
+  std::filesystem::remove(file());
+  std::filesystem::remove(backup());
+  {
+    const SystemFault fault("rename", EIO);
+    table.saveBindingFiles();
+  }
+  EXPECT_EQ(installation.logCount(" ERROR in MySip::saveBindingTable, Unable to write to the file " +
+                                  file().string() + "\n"),
+            1);
+  EXPECT_FALSE(std::filesystem::exists(file().string() + ".new"));
+  table.saveBindingFiles();
+  EXPECT_TRUE(TestInstallation::read(file()) == imageOf(table));
 }
 
 TEST_F(BindingFileTest, ADirectoryInTheFilesPlaceLeavesTheBackupInUse) {

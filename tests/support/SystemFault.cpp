@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -16,6 +17,7 @@
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <type_traits>
 
 #include "tests/support/Sanitized.h"
 
@@ -26,9 +28,9 @@ constexpr bool kHeapIsOurs = false;
 #else
 constexpr bool kHeapIsOurs = true;
 #endif
-constexpr std::array<std::string_view, 10> kFunctions{
-    "socket", "fcntl",    "setsockopt", "getsockname", "ioctl",
-    "sendto", "recvfrom", "select",     "setpriority", "pthread_create"};
+constexpr std::array<std::string_view, 14> kFunctions{
+    "socket", "fcntl",       "setsockopt", "getsockname",    "ioctl",  "sendto", "recvfrom",
+    "select", "setpriority", "setrlimit",  "pthread_create", "rename", "fdopen", "fallocate"};
 
 std::atomic<const char*> failing{nullptr};
 std::atomic<int> fault{0}, sparedCalls{0}, failed{0};
@@ -53,7 +55,10 @@ auto callOrFail(const char* name, Arguments... arguments) {
   const int error = faultOf(name);
   if (error == 0) return system(arguments...);
   errno = error;
-  return static_cast<Result>(-1);
+  if constexpr (std::is_pointer_v<Result>)
+    return Result(nullptr);
+  else
+    return static_cast<Result>(-1);
 }
 
 }  // namespace
@@ -73,7 +78,8 @@ SystemFault::~SystemFault() {
 }
 
 bool SystemFault::isPossible(std::string_view function) {
-  return function == "new" ? kHeapIsOurs : std::ranges::find(kFunctions, function) != kFunctions.end();
+  return function.ends_with("new") ? kHeapIsOurs
+                                   : std::ranges::find(kFunctions, function) != kFunctions.end();
 }
 
 int SystemFault::failures() {
@@ -83,6 +89,11 @@ int SystemFault::failures() {
 // ---- The system as the program sees it ----
 
 #ifndef QUORVEL_SANITIZED
+void* operator new(std::size_t bytes) {
+  void* const memory = faultOf("throwing new") != 0 ? nullptr : std::malloc(bytes);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
 void* operator new[](std::size_t bytes, const std::nothrow_t& /*mayFail*/) noexcept {
   return faultOf("new") != 0 ? nullptr
                              : std::malloc(bytes);  // freed by the library's delete, which calls free
@@ -130,6 +141,18 @@ int select(int count, fd_set* read, fd_set* write, fd_set* other, timeval* timeo
 }
 int setpriority(__priority_which_t which, id_t who, int value) noexcept {
   return callOrFail<&setpriority>("setpriority", which, who, value);
+}
+int setrlimit(__rlimit_resource_t resource, const rlimit* limits) noexcept {
+  return callOrFail<&setrlimit>("setrlimit", resource, limits);
+}
+int rename(const char* from, const char* to) noexcept {
+  return callOrFail<&rename>("rename", from, to);
+}
+FILE* fdopen(int file, const char* mode) noexcept {
+  return callOrFail<&fdopen>("fdopen", file, mode);
+}
+int fallocate(int file, int mode, off_t offset, off_t length) {
+  return callOrFail<&fallocate>("fallocate", file, mode, offset, length);
 }
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
                    void* argument) noexcept {

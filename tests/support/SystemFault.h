@@ -16,7 +16,8 @@ class SystemFault {
   SystemFault(const SystemFault&) = delete;
   SystemFault& operator=(const SystemFault&) = delete;
 
-  // Whether it can be made to fail. Memory ("new", for the requests that may fail) is a sanitizer's own.
+  // Whether it can be made to fail. Memory ("new", for the requests that may fail, and "throwing new") is a
+  // sanitizer's own.
   static bool isPossible(std::string_view function);
   // How often it has failed since the object was made.
   static int failures();
