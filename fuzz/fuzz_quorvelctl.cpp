@@ -1,5 +1,5 @@
-// Any bytes as the files that quorvelctl reads of a running instance: log, statistics, and page of figures. A
-// log with SipDebug=1 holds whatever was sent to the SIP port.
+// Any bytes as the files that quorvelctl reads of a running instance: log, statistics, page of figures, and
+// its own state of the totals. A log with SipDebug=1 holds whatever was sent to the SIP port.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -62,5 +62,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (traceCall(context) != kYes) std::abort();
   context.words.clear();
   if (writeMetrics(context) != kYes) std::abort();
+  const fs::path figures = instance.folder / "x.prom";
+  if ((data[0] & 2) != 0)
+    fs::copy_file(instance.file, figures.string() + ".state", fs::copy_options::overwrite_existing);
+  context.words = {figures};
+  if (writeMetrics(context) != kYes) std::abort();  // what it keeps, the next input goes on from
   return 0;
 }

@@ -12,6 +12,10 @@ struct sDirectionFigures {
   double dLoss = 0;
   int iDelay = 0;
   double dMos = 0;
+
+  // The gain is that of the audio that came, so without any it is 0; all other figures look like the best
+  // then.
+  bool hasAudio() const { return iGain > 0; }
 };
 
 struct sShownCall {

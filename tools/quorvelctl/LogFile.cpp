@@ -53,17 +53,19 @@ std::optional<bool> occursLast(const std::string& path, std::string_view first, 
   return std::nullopt;
 }
 
-void forEachBlock(const std::string& path, const std::function<void(std::string_view)>& use) {
+std::uint64_t forEachLine(const std::string& path, std::uint64_t offset,
+                          const std::function<void(std::string_view line)>& use) {
   std::ifstream file(path, std::ios::binary);
-  std::string kept;  // the line that the last block cut
-  for (std::string block; file; block.clear()) {
-    block.resize(kBlock);
-    file.read(block.data(), static_cast<std::streamsize>(block.size()));
-    block.resize(static_cast<std::size_t>(file.gcount()));
-    kept += block;
-    const std::size_t whole = file ? kept.rfind('\n') : kept.size() - 1;
-    if (kept.empty() || whole == std::string::npos) continue;
-    use(std::string_view(kept).substr(0, whole + 1));
-    kept.erase(0, whole + 1);
+  if (!file) return 0;
+  std::string text;  // from the offset on; at first the line that the last block cut
+  for (;;) {
+    const std::string block = readAt(file, offset + text.size(), kBlock);
+    if (block.empty()) return offset;
+    std::size_t end = text.size(), begin = 0;
+    text += block;
+    for (; (end = text.find('\n', end)) != std::string::npos; begin = ++end)
+      use(std::string_view(text).substr(begin, end - begin));
+    offset += begin;
+    text.erase(0, begin);
   }
 }

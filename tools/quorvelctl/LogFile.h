@@ -18,5 +18,11 @@ std::string readFileFrom(const std::string& path, std::uint64_t offset, std::siz
 // Reads blocks from the end and stops at the one that tells.
 std::optional<bool> occursLast(const std::string& path, std::string_view first, std::string_view second);
 
-// Hands the file over in blocks that end with a line.
-void forEachBlock(const std::string& path, const std::function<void(std::string_view)>& use);
+// Hands over each whole line behind the offset, without its line feed. The offset behind the last one.
+std::uint64_t forEachLine(const std::string& path, std::uint64_t offset,
+                          const std::function<void(std::string_view line)>& use);
+
+// Heads of the process's records: it refuses new calls from now on; the beginning of what it says first of
+// all.
+inline constexpr std::string_view kDrainRecord = " INFO in sigUsr2Handle, Got shutdown request";
+inline constexpr std::string_view kStartRecord = " INFO in quorvel_main, Loading Quorvel version ";

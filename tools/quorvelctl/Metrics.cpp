@@ -1,29 +1,18 @@
 // The state of an instance for Prometheus's textfile collector, from what the process shows: signals, its
 // entry in /proc, the statistics file, the page of average figures and the log.
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <unistd.h>
 
 #include "app/config/Settings.h"
 #include "tools/quorvelctl/CallPage.h"
 #include "tools/quorvelctl/Check.h"
-#include "tools/quorvelctl/LogFile.h"
+#include "tools/quorvelctl/MetricsTotals.h"
 
 namespace {
-
-std::size_t occurrences(std::string_view text, std::string_view what) {
-  std::size_t count = 0;
-  for (std::size_t at = text.find(what); at != std::string_view::npos; at = text.find(what, at + what.size()))
-    ++count;
-  return count;
-}
-
-std::size_t linesThatBegin(std::string_view text, const std::string& beginning) {
-  return occurrences(text, "\n" + beginning) + (text.starts_with(beginning) ? 1 : 0);
-}
 
 // What is known, to be written as Prometheus reads it or as JSON. Every name gets the prefix, every sample
 // the instance as a label.
@@ -96,12 +85,15 @@ sProcessState stateOf(pid_t process) {
   return state;
 }
 
-void addProcess(MetricsText& out, const sContext& context, std::optional<pid_t> process) {
+void addProcess(MetricsText& out, const sContext& context, const MetricsTotals& totals,
+                std::optional<pid_t> process) {
   out.add("up", "gauge", "1 while the process runs.", process ? 1 : 0);
   if (!process) return;
   if (const auto calls = askActiveCalls(context, *process))
     out.add("active_calls", "gauge", "Calls that are up.", *calls);
-  out.add("draining", "gauge", "1 while new calls are refused.", isDraining(context) ? 1 : 0);
+  out.add("draining", "gauge", "1 while new calls are refused.", totals.of("draining"));
+  out.add("registrations_missing", "gauge", "Registrations of its own identities that it cannot get.",
+          totals.of("missing"));
   const sProcessState state = stateOf(*process);
   out.add("cpu_seconds_total", "counter", "CPU time of the process.", state.dCpuSeconds);
   out.add("resident_memory_bytes", "gauge", "Resident memory.", state.dResidentBytes);
@@ -109,87 +101,75 @@ void addProcess(MetricsText& out, const sContext& context, std::optional<pid_t> 
   out.add("open_descriptors", "gauge", "Open file descriptors.", state.iDescriptors);
 }
 
-// ---- Calls that have ended, from the statistics file ----
+// ---- What the log and the statistics file tell ----
 
-// The number behind a mark such as "Avg MOS (".
-double numberBehind(std::string_view line, std::string_view mark) {
-  const std::size_t at = line.find(mark);
-  return at == std::string_view::npos
-             ? 0
-             : std::strtod(std::string(line.substr(at + mark.size(), 20)).c_str(), nullptr);
+// A metric with a label: values of the label, and the totals behind them.
+void addTotals(MetricsText& out, const MetricsTotals& totals, const char* name, const char* label,
+               const std::vector<std::pair<std::string, std::string>>& samples, const char* help) {
+  out.head(name, "counter", help);
+  for (const auto& [value, total] : samples) out.sample(name, {label, value}, totals.of(total));
 }
 
-struct sEndedCalls {
-  double dOpened = 0, dClosed = 0, dSeconds = 0;
-  double dMosSum[2] = {0, 0}, dLossSum[2] = {0, 0};
-};
-
-void addStatistics(sEndedCalls& sums, std::string_view text) {
-  sums.dOpened += static_cast<double>(occurrences(text, " Open session ("));
-  for (std::size_t at = text.find("Closed session ("); at != std::string_view::npos;) {
-    const std::size_t end = std::min(text.find('\n', at), text.size());
-    const std::string_view line = text.substr(at, end - at);
-    const std::string_view second = line.substr(std::min(line.find(" CallID ("), line.size()));
-    ++sums.dClosed;
-    sums.dSeconds += numberBehind(line.substr(std::min(line.find(") (") + 1, line.size())), "(");
-    for (const int side : {0, 1}) {
-      sums.dMosSum[side] += numberBehind(side == 0 ? line : second, "Avg MOS (");
-      sums.dLossSum[side] += numberBehind(side == 0 ? line : second, "Packet Loss (");
-    }
-    at = text.find("Closed session (", end);
-  }
+void addLog(MetricsText& out, const MetricsTotals& totals) {
+  addTotals(out, totals, "log_records_total", "level", {{"WARNING", "log_warning"}, {"ERROR", "log_error"}},
+            "Warnings and errors in the log.");
+  addTotals(out, totals, "calls_refused_total", "status", {{"486", "refused_486"}, {"503", "refused_503"}},
+            "New calls that were refused.");
+  out.add("calls_unanswered_total", "counter", "New calls that nobody answered in any way for 60 seconds.",
+          totals.of("unanswered"));
 }
 
-void addEndedCalls(MetricsText& out) {
-  if (pcStatisticsFile.empty()) return;
-  sEndedCalls sums;
-  forEachBlock(pcStatisticsFile.c_str(), [&](std::string_view block) { addStatistics(sums, block); });
-  out.add("calls_opened_total", "counter", "Calls whose media was opened.", sums.dOpened);
-  out.add("calls_closed_total", "counter", "Calls whose media was closed.", sums.dClosed);
-  out.add("call_seconds_total", "counter", "Length of the closed calls.", sums.dSeconds);
-  const std::pair<std::string, std::string> directions[] = {{"direction", "forward"},
-                                                            {"direction", "backward"}};
-  out.head("call_mos_sum", "counter", "Average MOS of the closed calls, added up.");
-  for (const int side : {0, 1}) out.sample("call_mos_sum", directions[side], sums.dMosSum[side]);
-  out.head("call_loss_percent_sum", "counter", "Packet loss of the closed calls in percent, added up.");
-  for (const int side : {0, 1}) out.sample("call_loss_percent_sum", directions[side], sums.dLossSum[side]);
+void addEndedCalls(MetricsText& out, const MetricsTotals& totals) {
+  out.add("calls_opened_total", "counter", "Calls whose media was opened.", totals.of("opened"));
+  out.add("calls_closed_total", "counter", "Calls whose media was closed.", totals.of("closed"));
+  out.add("call_seconds_total", "counter", "Length of the closed calls.", totals.of("seconds"));
+  const auto addDirections = [&](const char* name, const std::string& total, const char* help) {
+    addTotals(out, totals, name, "direction",
+              {{"forward", total + "_forward"}, {"backward", total + "_backward"}}, help);
+  };
+  addDirections("calls_with_audio_total", "with_audio", "Closed calls that had audio in the direction.");
+  addDirections("calls_without_audio_total", "without_audio", "Closed calls that had none in it.");
+  addDirections("call_mos_total", "mos", "Average MOS of the closed calls with audio, added up.");
+  addDirections("call_loss_ratio_total", "loss", "Packet loss of the closed calls with audio, added up.");
 }
 
 // ---- Calls in progress, from the page ----
 
+void addSilentCalls(MetricsText& out, const std::vector<sShownCall>& calls) {
+  const char* const name = "running_calls_without_audio";
+  out.head(name, "gauge", "Calls in progress without audio in the direction so far.");
+  for (const int side : {0, 1})
+    out.sample(name, {"direction", side == 0 ? "forward" : "backward"},
+               static_cast<double>(std::count_if(calls.begin(), calls.end(), [&](const sShownCall& call) {
+                 return !call.figures[side].hasAudio();
+               })));
+}
+
 void addRunningCalls(MetricsText& out) {
   const auto calls = readCallPage();
-  if (!calls || calls->empty()) return;
-  double mos = 5, loss = 0;
-  int jitter = 0, delay = 0, noise = 0;
+  if (!calls) return;
+  addSilentCalls(out, *calls);
+  std::vector<sDirectionFigures> heard;
   for (const sShownCall& call : *calls)
-    for (const sDirectionFigures& figures : call.figures) {
-      mos = std::min(mos, figures.dMos);
-      loss = std::max(loss, figures.dLoss);
-      jitter = std::max(jitter, figures.iJitter);
-      delay = std::max(delay, figures.iDelay);
-      noise = std::max(noise, figures.iNoise);
-    }
-  out.add("running_calls_worst_mos", "gauge", "Lowest MOS among the calls in progress.", mos);
-  out.add("running_calls_worst_loss_percent", "gauge", "Highest packet loss among them.", loss);
-  out.add("running_calls_worst_jitter_ms", "gauge", "Highest average jitter among them.", jitter);
-  out.add("running_calls_worst_delay_ms", "gauge", "Highest average delay among them.", delay);
-  out.add("running_calls_worst_noise", "gauge", "Highest noise level among them.", noise);
+    std::copy_if(std::begin(call.figures), std::end(call.figures), std::back_inserter(heard),
+                 [](const sDirectionFigures& figures) { return figures.hasAudio(); });
+  if (heard.empty()) return;
+  const auto largest = [&](auto figure) { return std::ranges::max(heard, {}, figure).*figure; };
+  const auto addWorst = [&](const char* name, const char* help, double value) {
+    out.add((std::string("running_calls_worst_") + name).c_str(), "gauge", help, value);
+  };
+  constexpr double kPerSecond = 1000;
+  addWorst("mos", "Lowest MOS among the calls in progress.",
+           std::ranges::min(heard, {}, &sDirectionFigures::dMos).dMos);
+  addWorst("loss_ratio", "Highest packet loss among them.", largest(&sDirectionFigures::dLoss) / 100);
+  addWorst("jitter_seconds", "Highest average jitter among them.",
+           largest(&sDirectionFigures::iJitter) / kPerSecond);
+  addWorst("delay_seconds", "Highest average delay among them.",
+           largest(&sDirectionFigures::iDelay) / kPerSecond);
+  addWorst("noise", "Highest noise level among them.", largest(&sDirectionFigures::iNoise));
 }
 
-// ---- The log ----
-
-void addLog(MetricsText& out, const sContext& context) {
-  constexpr std::array kLevels = {"WARNING", "ERROR"};
-  std::array<std::size_t, kLevels.size()> counts{};
-  forEachBlock(logPath(context), [&](std::string_view block) {
-    for (std::size_t level = 0; level < kLevels.size(); ++level)
-      counts[level] += linesThatBegin(block, " " + std::string(kLevels[level]) + " in ");
-  });
-  out.head("log_records_total", "counter", "Records in the log file since it was begun.");
-  for (std::size_t level = 0; level < kLevels.size(); ++level)
-    out.sample("log_records_total", {"level", kLevels[level]}, static_cast<double>(counts[level]));
-}
+// ---- Files ----
 
 bool writeTo(const std::string& path, const std::string& text) {
   std::FILE* file = std::fopen(path.c_str(), "we");
@@ -198,17 +178,44 @@ bool writeTo(const std::string& path, const std::string& text) {
   return std::fclose(file) == 0 && written;
 }
 
-// A reader must never see half of a file. A device or a pipe is written as it is: nothing may take its place.
-bool writeWhole(const std::string& path, const std::string& text) {
-  namespace fs = std::filesystem;
+namespace fs = std::filesystem;
+
+// A device or a pipe is written as it is: nothing may take its place, or be kept beside it.
+bool isReplaced(const std::string& path) {
   std::error_code ignored;
   const fs::file_status there = fs::status(path, ignored);
-  if (fs::exists(there) && !fs::is_regular_file(there)) return writeTo(path, text);
-  const fs::path place = fs::weakly_canonical(path, ignored);  // where links lead to
-  const std::string file = place.empty() ? path : place.string(), draft = file + ".tmp";
+  return !fs::exists(there) || fs::is_regular_file(there);
+}
+
+// Where links lead to.
+std::string placeOf(const std::string& path) {
+  std::error_code ignored;
+  const fs::path place = fs::weakly_canonical(path, ignored);
+  return place.empty() ? path : place.string();
+}
+
+// A reader must never see half of a file.
+bool writeWhole(const std::string& path, const std::string& text) {
+  if (!isReplaced(path)) return writeTo(path, text);
+  const std::string file = placeOf(path), draft = file + ".tmp";
   if (writeTo(draft, text) && std::rename(draft.c_str(), file.c_str()) == 0) return true;
   std::remove(draft.c_str());
   return false;
+}
+
+// Beside the file of figures, under a name that no collector reads; empty where there is no such file.
+std::string stateFileOf(const sContext& context) {
+  if (context.words.empty() || !isReplaced(context.words[0])) return "";
+  return placeOf(context.words[0]) + ".state";
+}
+
+// First the figures: when the state stays behind, the next run counts the same again.
+int writeFiles(const sContext& context, const MetricsText& out, const MetricsTotals& totals) {
+  const std::string &file = context.words[0], state = stateFileOf(context);
+  for (const auto& [path, text] : {std::pair(file, out.result()), std::pair(state, totals.asText())})
+    if (!path.empty() && !writeWhole(path, text)) return fail("%s cannot be written", path.c_str());
+  if (context.bJson) std::printf("{\"written\": %s}\n", jsonText(file).c_str());
+  return kYes;
 }
 
 }  // namespace
@@ -217,7 +224,10 @@ int writeMetrics(const sContext& context) {
   // That nothing runs would be said to be a fact.
   if (const std::string hidden = hiddenLock(); !hidden.empty()) return fail("%s", hidden.c_str());
   MetricsText out(context.instance);
-  addProcess(out, context, findProcess(context));
+  const auto process = findProcess(context);  // before its log, which may end with an earlier one's drain
+  MetricsTotals totals(stateFileOf(context));
+  totals.readLog(context);
+  addProcess(out, context, totals, process);
   const bool isLoaded = loadConfiguration(context);
   takeRecords();
   Findings findings;
@@ -227,14 +237,13 @@ int writeMetrics(const sContext& context) {
   if (isLoaded) {
     out.add("calls_allowed", "gauge", "Calls that can be up at once, by the configuration file.",
             callsAllowed());
-    addEndedCalls(out);
+    if (!pcStatisticsFile.empty()) {
+      totals.readStatistics(pcStatisticsFile.c_str());
+      addEndedCalls(out, totals);
+    }
     addRunningCalls(out);
   }
-  addLog(out, context);
-  if (context.words.empty())
-    return std::fputs((context.bJson ? out.asJson() : out.result()).c_str(), stdout) >= 0 ? kYes : kNo;
-  if (!writeWhole(context.words[0], out.result()))
-    return fail("%s cannot be written", context.words[0].c_str());
-  if (context.bJson) std::printf("{\"written\": %s}\n", jsonText(context.words[0]).c_str());
-  return kYes;
+  addLog(out, totals);
+  if (!context.words.empty()) return writeFiles(context, out, totals);
+  return std::fputs((context.bJson ? out.asJson() : out.result()).c_str(), stdout) >= 0 ? kYes : kNo;
 }

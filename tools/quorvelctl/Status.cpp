@@ -86,10 +86,10 @@ int showAll(const sContext& context) {
 // Drain mode has no end but the process's own, so its log record since the last start tells. Heads of records
 // stand in no message (Log.h), so nobody else can write one.
 bool isDraining(const sContext& context) {
+  const auto asLine = [](std::string_view head) { return "\n" + std::string(head); };
   std::vector<std::string> logs = logPaths(context);
   for (; !logs.empty(); logs.pop_back()) {
-    const auto drained = occursLast(logs.back(), "\n INFO in sigUsr2Handle, Got shutdown request\n",
-                                    "\n INFO in quorvel_main, Loading Quorvel version ");
+    const auto drained = occursLast(logs.back(), asLine(kDrainRecord) + "\n", asLine(kStartRecord));
     if (drained) return *drained;
   }
   return false;

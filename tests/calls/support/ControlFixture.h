@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -25,4 +26,12 @@ class ControlFixture : public TalkFixture {
     const auto status = process.wait(Seconds(30));
     return {status.value_or(-1), process.output()};
   }
+
+  // The first sample of that name in a text of metrics, or in one asked for now; -1 without it.
+  static double metricIn(const std::string& text, const std::string& name) {
+    std::smatch value;
+    const std::regex pattern("(^|\n)quorvel_" + name + "\\{[^}]*\\} ([-0-9.e+]+)\n");
+    return std::regex_search(text, value, pattern) ? std::stod(value[2]) : -1;
+  }
+  double metric(const std::string& name) { return metricIn(control({"metrics"}).text, name); }
 };
