@@ -1,6 +1,8 @@
 // What every command of quorvelctl is told: which instance, which configuration, how to print.
 #pragma once
 
+#include <cstdint>
+#include <netinet/in.h>
 #include <optional>
 #include <span>
 #include <string>
@@ -75,10 +77,30 @@ std::string loadFailure(const sContext& context);
 
 // The process that owns the instance's lock, while it lives.
 std::optional<pid_t> findProcess(const sContext& context);
+// Does the process have a UDP socket with that port, at that address if one is given? (Instance.cpp)
+bool ownsPort(pid_t process, int port, const std::optional<sockaddr_in>& address = std::nullopt);
 // Why no process was found, when it is not that none runs: the lock is another user's. Otherwise empty.
 std::string hiddenLock();
 // Whom we have to be, by who may read the file: "run as root or as user NAME".
 std::string advice(const std::string& path);
+// What of the configuration file a running process does not go by before it is restarted. (InUse.cpp)
+struct sPending {
+  bool bAny = false;    // or perhaps, where it is not known
+  bool bKnown = false;  // by a copy of the file as it was at the start
+  std::string copy{};   // where that is, or would have to be
+  std::vector<std::string> keys{};
+};
+// Loads both; afterwards the settings are those of the file.
+sPending pendingOf(const sContext& context, pid_t process);
+// In a line; empty when there is nothing.
+std::string pendingText(const sContext& context, const sPending& pending);
+// The keys as an array; null when they are not known.
+std::string pendingJson(const sPending& pending);
+inline constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+// When the process started, in nanoseconds of the epoch. (InUse.cpp)
+std::optional<std::int64_t> startOf(pid_t process);
+// Does it run a program that was replaced since? (InUse.cpp)
+bool isReplaced(pid_t process);
 // Waits for at most two seconds until the process handles the signal, as it does once it has started.
 bool waitUntilHandled(pid_t process, int number);
 // Asks the process for its number of active calls.

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <netinet/in.h>
+#include <set>
 #include <sstream>
 #include <sys/socket.h>
 #include <time.h>
@@ -52,6 +53,10 @@ std::optional<int> secondsOf(const sContext& context, int otherwise) {
   return seconds;
 }
 
+int noSeconds(const sContext& context) {
+  return fail("%s is no number of seconds", context.words[0].c_str()), kUsageError;
+}
+
 // Waits until no call is up. The number of calls that are left, or nothing when the process does not say it
 // twice in a row: then it would not end its calls either.
 std::optional<int> waitForCalls(const sContext& context, pid_t process, int seconds) {
@@ -91,29 +96,6 @@ bool sendDatagram(const std::string& text) {
                 sizeof *address) == static_cast<ssize_t>(text.size());
 }
 
-// Does the process own the UDP socket that the file names?
-bool ownsSignallingPort(pid_t process) {
-  const auto address = signallingAddress();
-  if (!address) return false;
-  char wanted[20];
-  std::snprintf(wanted, sizeof wanted, "%08X:%04X", address->sin_addr.s_addr,
-                static_cast<unsigned>(iSipUAPort));
-  const std::string directory = "/proc/" + std::to_string(process);
-  const std::string sockets = readFile(directory + "/net/udp").value_or("");
-  const std::size_t line = sockets.find(wanted);
-  if (line == std::string::npos) return false;
-  // The tenth field of the line, counted from its number; we stand on the second.
-  std::istringstream fields(sockets.substr(line));
-  std::string node;
-  for (int field = 2; field <= 10; ++field) fields >> node;
-  std::error_code denied;
-  for (const auto& entry : std::filesystem::directory_iterator(directory + "/fd", denied)) {
-    std::error_code gone;
-    if (std::filesystem::read_symlink(entry.path(), gone) == "socket:[" + node + "]") return true;
-  }
-  return static_cast<bool>(denied);  // not ours to look at: the address has to do
-}
-
 // The log tells that the process begins to read, and then only what is wrong.
 int waitForReload(const sContext& context, const std::string& path, std::uint64_t before) {
   const std::string begun = "Going to reload configuration file \"" + path + "\"";
@@ -123,13 +105,20 @@ int waitForReload(const sContext& context, const std::string& path, std::uint64_
     if (at == std::string::npos) continue;
     pauseMilliseconds(500);
     const std::string after = readFileFrom(logPath(context), before, kMostOfReload);
-    if (after.find("problem reading parameters from", at) == std::string::npos) {
-      if (context.bJson) std::printf("{\"reloaded\": %s}\n", jsonText(path).c_str());
-      return kYes;
-    }
+    if (after.find("problem reading parameters from", at) == std::string::npos) return kYes;
     return fail("the process could not read the file: see its log");
   }
   return fail("the process was told to reload, but its log does not say that it did");
+}
+
+// What the reload has not changed.
+void sayPending(const sContext& context, pid_t process, const std::string& path) {
+  const sPending pending = pendingOf(context, process);
+  if (context.bJson)
+    std::printf("{\"reloaded\": %s, \"waits_for_restart\": %s}\n", jsonText(path).c_str(),
+                pendingJson(pending).c_str());
+  else if (pending.bAny)
+    std::printf("reloaded, but %s\n", pendingText(context, pending).c_str());
 }
 
 // Has the process end; 0 or what went wrong, said.
@@ -155,9 +144,28 @@ int nothingToStop(const sContext& context) {
 
 }  // namespace
 
+bool ownsPort(pid_t process, int port, const std::optional<sockaddr_in>& address) {
+  const std::string directory = "/proc/" + std::to_string(process);
+  std::istringstream sockets(readFile(directory + "/net/udp").value_or(""));
+  std::set<std::string> nodes;  // of sockets with that port
+  for (std::string line; std::getline(sockets, line);) {
+    unsigned at = 0, number = 0;
+    unsigned long node = 0;
+    if (std::sscanf(line.c_str(), "%*d: %8X:%4X %*s %*s %*s %*s %*s %*s %*s %lu", &at, &number, &node) == 3 &&
+        number == static_cast<unsigned>(port) && (!address || at == address->sin_addr.s_addr))
+      nodes.insert("socket:[" + std::to_string(node) + "]");
+  }
+  std::error_code denied;
+  for (const auto& entry : std::filesystem::directory_iterator(directory + "/fd", denied)) {
+    std::error_code gone;
+    if (nodes.contains(std::filesystem::read_symlink(entry.path(), gone).string())) return true;
+  }
+  return denied && !nodes.empty();  // not ours to look at: port and address have to do
+}
+
 int drainInstance(const sContext& context) {
   const auto seconds = secondsOf(context, 0);
-  if (!seconds) return fail("%s is no number of seconds", context.words[0].c_str());
+  if (!seconds) return noSeconds(context);
   const auto process = findProcess(context);
   if (!process) return noProcess(context);
   if (!drain(*process)) return cannotSignal(*process);
@@ -176,20 +184,23 @@ int reloadInstance(const sContext& context) {
   if (!process) return noProcess(context);
   // The process keeps what it has read before a bad line; so it is not shown a file that has one.
   if (!loadConfiguration(context)) return fail("%s; nothing was reloaded", loadFailure(context).c_str());
-  if (!ownsSignallingPort(*process))
+  const auto address = signallingAddress();
+  if (!address || !ownsPort(*process, iSipUAPort, address))
     return fail("the process does not listen on %s:%d: addresses and ports change by a restart only",
                 pcSipUAIPForBinding.c_str(), iSipUAPort);
   const std::string path = std::filesystem::absolute(context.configuration).string();
   const std::uint64_t before = sizeOfFile(logPath(context));
   if (!sendDatagram("800-QUORVEL-RELOAD " + path + "\r\n"))
     return fail("no datagram can be sent to %s:%d", pcSipUAIPForBinding.c_str(), iSipUAPort);
-  return waitForReload(context, path, before);
+  const int status = waitForReload(context, path, before);
+  if (status == kYes) sayPending(context, *process, path);
+  return status;
 }
 
 // A service manager stops also what has ended by itself, so that is no failure.
 int stopInstance(const sContext& context) {
   const auto seconds = secondsOf(context, 0);
-  if (!seconds) return fail("%s is no number of seconds", context.words[0].c_str());
+  if (!seconds) return noSeconds(context);
   if (const std::string hidden = hiddenLock(); !hidden.empty()) return fail("%s", hidden.c_str());
   const auto process = findProcess(context);
   if (!process) return nothingToStop(context);

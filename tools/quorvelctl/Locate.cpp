@@ -1,6 +1,7 @@
 // Which files belong to an instance that was not fully described: those its process was started with, or
 // those of the package.
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
 
 #include "app/config/InstanceFile.h"
@@ -58,12 +59,16 @@ std::string defaultConfiguration(const sContext& context) {
 bool locate(sContext& context) {
   if (!adoptContext(context)) return false;
   const auto process = findProcess(context);
+  const std::string used = process ? installationOf(*process) : "";
   if (!context.bInstallationGiven) {
-    context.installation = process ? installationOf(*process) : "";
+    context.installation = used;
     if (context.installation.empty() && mayBeThere(QUORVEL_INSTALLATION))
       context.installation = QUORVEL_INSTALLATION;
   }
   if (!context.installation.ends_with('/')) return false;
+  if (std::error_code error; !used.empty() && !fs::equivalent(used, context.installation, error))
+    std::fprintf(stderr, "warning: KESTROVA_BIN is %s here, but %s for the process: its log is there\n",
+                 context.installation.c_str(), used.c_str());
   if (!context.bConfigurationGiven) {
     context.configuration = process ? configurationOf(*process) : "";
     if (context.configuration.empty()) context.configuration = defaultConfiguration(context);

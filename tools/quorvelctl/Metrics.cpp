@@ -89,6 +89,10 @@ void addProcess(MetricsText& out, const sContext& context, const MetricsTotals& 
                 std::optional<pid_t> process) {
   out.add("up", "gauge", "1 while the process runs.", process ? 1 : 0);
   if (!process) return;
+  out.add(
+      "waits_for_restart", "gauge",
+      "1 while the program was replaced, or what the configuration file says takes effect by a restart only.",
+      isReplaced(*process) || pendingOf(context, *process).bAny ? 1 : 0);
   if (const auto calls = askActiveCalls(context, *process))
     out.add("active_calls", "gauge", "Calls that are up.", *calls);
   out.add("draining", "gauge", "1 while new calls are refused.", totals.of("draining"));

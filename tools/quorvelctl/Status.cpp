@@ -1,5 +1,6 @@
 // The state of one instance, or of all on this host.
 #include <cstdio>
+#include <ctime>
 
 #include "tools/quorvelctl/Context.h"
 #include "tools/quorvelctl/LogFile.h"
@@ -11,14 +12,30 @@ struct sState {
   std::optional<pid_t> process{};
   std::optional<int> calls{}, allowed{};
   bool bDraining = false;
+  sPending pending{};
+  std::string pendingText{};  // in a line
+  bool bReplaced = false;
+  std::time_t start = 0;
 };
+
+// What the settings in use allow: those of the file as it was at the start, where that is known.
+std::optional<int> allowedBy(const sContext& context, const sPending& pending) {
+  sContext inUse = context;
+  if (pending.bKnown) inUse.configuration = pending.copy;
+  const bool isLoaded = loadConfiguration(inUse);
+  takeRecords();
+  return isLoaded ? std::optional(callsAllowed()) : std::nullopt;
+}
 
 sState stateOf(const sContext& context) {
   sState state{.hidden = hiddenLock(), .process = findProcess(context)};
   if (!state.process) return state;
   state.calls = askActiveCalls(context, *state.process);
-  if (loadConfiguration(context)) state.allowed = callsAllowed();
-  takeRecords();
+  state.pending = pendingOf(context, *state.process);
+  state.pendingText = pendingText(context, state.pending);
+  state.allowed = allowedBy(context, state.pending);
+  state.bReplaced = isReplaced(*state.process);
+  state.start = startOf(*state.process).value_or(0) / kNanosecondsPerSecond;
   state.bDraining = isDraining(context);
   return state;
 }
@@ -31,6 +48,9 @@ std::string jsonOf(const sState& state) {
   if (!state.hidden.empty()) return "\"error\": " + jsonText(state.hidden);
   if (!state.process) return "\"running\": false";
   return "\"running\": true, \"process\": " + jsonNumber(state.process) +
+         ", \"started\": " + std::to_string(state.start) +
+         ", \"replaced\": " + (state.bReplaced ? "true" : "false") +
+         ", \"waits_for_restart\": " + pendingJson(state.pending) +
          ", \"calls\": " + jsonNumber(state.calls) + ", \"calls_allowed\": " + jsonNumber(state.allowed) +
          ", \"draining\": " + (state.bDraining ? "true" : "false") +
          (state.calls ? "" : std::string(", \"error\": ") + jsonText(silence()));
@@ -38,11 +58,16 @@ std::string jsonOf(const sState& state) {
 
 std::string textOf(const sState& state) {
   if (!state.process) return state.hidden;
-  return "running, process " + std::to_string(*state.process) + ", " +
+  char start[40] = "";
+  if (tm local{}; localtime_r(&state.start, &local) != nullptr)
+    (void)std::strftime(start, sizeof start, "%Y-%m-%d %H:%M:%S", &local);
+  return "running, process " + std::to_string(*state.process) + " since " + start + ", " +
          (state.calls ? std::to_string(*state.calls) : "unknown") +
          (state.calls == 1 ? " call up" : " calls up") +
          (state.allowed ? " of " + std::to_string(*state.allowed) : "") +
-         (state.bDraining ? ", draining: new calls are refused" : "");
+         (state.bDraining ? ", draining: new calls are refused" : "") +
+         (state.bReplaced ? "\n  runs a program that was replaced: restart it to run the new one" : "") +
+         (state.pendingText.empty() ? "" : "\n  " + state.pendingText);
 }
 
 int showOne(const sContext& context) {

@@ -29,8 +29,11 @@ constexpr std::array kCommands = {
              writeMetrics},
 };
 
+constexpr std::string_view kVersion = "--version";
+
 constexpr const char* kOptions =
-    "usage: quorvelctl [-c CONFIGURATION] [-i INSTANCE] [--json] COMMAND ...\n\n"
+    "usage: quorvelctl [-c CONFIGURATION] [-i INSTANCE] [--json] COMMAND ...\n"
+    "       quorvelctl --version\n\n"
     "  -c FILE    configuration file; otherwise that of the running process; or of the package,\n"
     "             " QUORVEL_CONFIGURATIONS
     "INSTANCE.conf; or quorvel.conf of the installation\n"
@@ -72,17 +75,29 @@ bool isHelp(std::string_view word) {
   return word == "--help" || word == "-h" || word == "help";
 }
 
-bool takeOption(std::span<char*>& words, sContext& context) {
-  const std::string_view option = words[0];
-  if (option == "--json") {
-    context.bJson = true;
-    words = words.subspan(1);
-    return true;
+// Options may stand anywhere before "--", behind which names may look like one. The words that are left begin
+// with the command.
+bool takeWords(std::span<char*> arguments, sContext& context) {
+  bool isOver = false;
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const std::string_view word = arguments[i];
+    const bool isPath = word == "-c", isName = word == "-i";
+    if (isOver || !word.starts_with('-')) {
+      context.words.emplace_back(word);
+    } else if (word == "--") {
+      isOver = true;
+    } else if (word == "--json") {
+      context.bJson = true;
+    } else if (isPath || isName) {
+      if (++i == arguments.size()) return false;
+      (isPath ? context.configuration : context.instance) = arguments[i];
+      (isPath ? context.bConfigurationGiven : context.bNamed) = true;
+    } else if (context.words.empty() && !isHelp(word) && word != kVersion) {
+      return false;
+    } else {
+      context.words.emplace_back(word);
+    }
   }
-  if (words.size() < 2 || (option != "-c" && option != "-i")) return false;
-  (option == "-c" ? context.configuration : context.instance) = words[1];
-  (option == "-c" ? context.bConfigurationGiven : context.bNamed) = true;
-  words = words.subspan(2);
   return true;
 }
 
@@ -104,21 +119,20 @@ int run(const sCommand& command, sContext& context) {
 }  // namespace
 
 int main(int count, char** arguments) {
-  std::span<char*> words(arguments, static_cast<std::size_t>(count));
-  words = words.subspan(words.empty() ? 0 : 1);
   sContext context;
   if (const char* installation = std::getenv("KESTROVA_BIN"); installation != nullptr && *installation != 0) {
     context.installation = installation;
     context.bInstallationGiven = true;
   }
-  while (!words.empty() && words[0][0] == '-' && !isHelp(words[0]))
-    if (!takeOption(words, context)) return wrongUsage(context);
-  if (words.empty()) return wrongUsage(context);
+  const std::span<char*> all(arguments, static_cast<std::size_t>(count));
+  std::vector<std::string>& words = context.words;
+  if (!takeWords(all.subspan(all.empty() ? 0 : 1), context) || words.empty()) return wrongUsage(context);
   if (isHelp(words[0]) || (words.size() > 1 && isHelp(words[1]))) return usage(stdout);
+  if (words[0] == kVersion) return std::puts("quorvelctl " QUORVEL_VERSION) >= 0 ? kYes : kNo;
 
   for (const sCommand& command : kCommands) {
     if (command.name != words[0]) continue;
-    context.words.assign(words.begin() + 1, words.end());
+    words.erase(words.begin());
     return run(command, context);
   }
   return wrongUsage(context);
