@@ -10,8 +10,23 @@ TEST_F(CheckTest, ConfigurationsAreCheckedExplainedAndReloaded) {
   start();
   EXPECT_NE(control({"explain", "100", "200", "7@127.0.0.1##2##Al"}).text.find("display name"),
             std::string::npos);
-  EXPECT_EQ(control({"reload"}).status, 0);
+  const Answer reloaded = control({"reload"});
+  EXPECT_EQ(reloaded.text, "");
+  EXPECT_EQ(reloaded.status, 0);
   EXPECT_TRUE(quorvel->logged("Going to reload configuration file"));
+
+  // What a reload does not change is said, and which keys where the file of the start is known.
+  const std::filesystem::path loaded = quorvel->bin() / ("loaded" + quorvel->instanceName());
+  const std::string first = readFile(quorvel->configuration());
+  quorvel->writeConfiguration({{"DefaultCmd", "*##1"}, {"CPUPower", "4"}, {"NumCallsToFilter", "1"}});
+  EXPECT_NE(control({"status"}).text.find("was changed after the process started"), std::string::npos);
+  writeFile(loaded, first);
+  EXPECT_NE(control({"reload"}).text.find("but DefaultCmd, CPUPower, NumCallsToFilter of"),
+            std::string::npos);
+  EXPECT_NE(control({"explain", "100", "200"}).text.find("DefaultCmd, CPUPower"), std::string::npos);
+  const std::string state = control({"status", "--json"}).text;
+  EXPECT_NE(state.find("[\"DefaultCmd\", \"CPUPower\", \"NumCallsToFilter\"]"), std::string::npos) << state;
+  EXPECT_NE(state.find("\"calls_allowed\": 4"), std::string::npos) << state;
 
   struct Case {
     int status;
@@ -69,12 +84,41 @@ TEST_F(CheckTest, ConfigurationsAreCheckedExplainedAndReloaded) {
       {1,
        {{"SipRoutingFile", "bad.conf"}},
        {"bad.conf:1: error: unable to read IP", "bad.conf:3: error: unable to read valid port"}},
+      {1,
+       {{"AOSExpressions", "9??@127.0.0.1"},
+        {"CmdBasedOnCallerID", "1??@127.0.0.1=*##1; 2??@h=*##2"},
+        {"CmdBasedOnDestination", "3*@127.0.0.1=200##1"},
+        {"DOSExpressions", "1??@127.0.0.1; 2??@127.0.0.1"},
+        {"DefaultCmd", "sip:200@127.0.0.1##3"},
+        {"InviteShouldMatchPairPhoneName", "1"},
+        {"OrigPhonesName", "a;a;" + std::string(100, 'b') + ";c"},
+        {"RTPTimeoutInSeconds", "4294967326"},
+        {"RegisterExpiration", "1"},
+        {"RegisterOrigPhones", "1"},
+        {"Secret", "hidden word"},
+        {"\tCPUPower", "3"}},
+       {"AOSExpressions: the pattern 9??@127.0.0.1 excepts nobody",
+        "CmdBasedOnCallerID: is read only up to its first blank: 2??@h=*##2 is ignored",
+        "every character but ? stands for itself", "the destination \"200\" is neither * nor user@host",
+        "the expression \" 2??@127.0.0.1\" begins", "must not begin with sip:", "refuses every call with 486",
+        ": error: OrigPhonesName: name of phone 2 is longer", "RTPTimeoutInSeconds: is beyond every number",
+        "every 1 s", "Secret: is read only up to its first blank\n", "conf:2: warning: a tab or a control"}},
+      {1,
+       {{"SipProxyIP", "192.0.2.77"}, {"SipUAIPForBinding", "127.0.0.010"}},
+       {"SipUAIP: is this host's own for itself", "SipUAIPForBinding: is the address 127.0.0.8"}},
+      {1, {{"SipUAIP", "0.0.0.0"}}, {"SipUAIP: is no address that others can send media to"}},
       {0,
        {{"DTMFActivatePrefix", "12"}, {"DTMFDisable", "3124"}, {"DTMFSuffix", "4"}},
        {"DTMFActivatePrefix: is part of DTMFDisable", "DTMFSuffix: is part of DTMFDisable"}},
       {0,
-       {{"DTMFActivatePrefix", "*2*"}, {"DTMFSuffix", "*"}},
-       {"activation without a name cannot be dialled"}},
+       {{"DTMFActivatePrefix", "*2*"},
+        {"DTMFFailToneFile", "../log"},
+        {"DTMFOKToneFile", "tone"},
+        {"DTMFRegistraterPrefix", "1" + std::string(99, '*')},
+        {"DTMFSuffix", "*"}},
+       {"activation without a name cannot be dialled", "../log is a directory",
+        "DTMFOKToneFile: is longer than 2 s", "RegistrationLibrary is not set",
+        "is longer than the 99 digits"}},
       {0,
        {{"DefaultCmd", ""}, {"CmdBasedOnDestination", "2??@192.0.2.9=*##1;30?=*##1"}},
        {"DefaultCmd: is not set", "matches only names at 192.0.2.9", "the pattern 30? has no @"}},
@@ -83,8 +127,11 @@ TEST_F(CheckTest, ConfigurationsAreCheckedExplainedAndReloaded) {
         {"ThresholdToHighlightEchoLevel", "99999"},
         {"ThresholdToHighlightJitter", "9999"},
         {"ThresholdToHighlightDelay", "0"},
-        {"ThresholdToHighlightMOS", "0.5"}},
-       {"EchoLevel: never", "Jitter: never", "Delay: always", "MOS: never"}},
+        {"ThresholdToHighlightAGCCoef", "150"},
+        {"ThresholdToHighlightMOS", "0.5"},
+        {"ThresholdToHighlightPacketLoss", "nan"}},
+       {"EchoLevel: never", "Jitter: never", "Delay: always", "AGCCoef: never", "MOS: never",
+        "PacketLoss: never"}},
       {0,
        {{"StatisticsFile", "../log/../bin/page"},
         {"RealTimeAverageStatisticsFile", "page"},
@@ -101,6 +148,7 @@ TEST_F(CheckTest, ConfigurationsAreCheckedExplainedAndReloaded) {
        {{"SipUAIPForBinding", "0.0.0.0"}, {"StatisticsFile", "../log/../bin/statistics"}},
        {"SipUAPort: is shared with " + other, "StatisticsFile: is shared with " + other}}};
   writeFile(quorvel->bin() / "routing.conf", "127.0.0.1::1::2??;x\n127.0.0.1::2::\n");
+  writeFile(quorvel->bin() / "tone", std::string(40000, ' '));
   writeFile(quorvel->bin() / "bad.conf", "127.0.0.1\n127.0.0.1::1::2;\n127.0.0.1::x::\n");
   quorvel->writeConfiguration({{"StatisticsFile", "statistics"}});
   std::filesystem::copy(quorvel->configuration(), other);
@@ -127,7 +175,7 @@ TEST_F(CheckTest, ConfigurationsAreCheckedExplainedAndReloaded) {
         ":4: error: SipUAPort: is in use on this host"})
     EXPECT_NE(slips.text.find(found), std::string::npos) << slips.text;
   EXPECT_EQ(control({"reload"}).status, 1);
-  EXPECT_EQ(quorvel->logCount("Going to reload configuration file"), 1);
+  EXPECT_EQ(quorvel->logCount("Going to reload configuration file"), 2);
 }
 
 // The settings of a file, for a PBX and a Quorvel on different hosts.

@@ -227,7 +227,10 @@ TEST_F(ControlTest, ExplainSaysWhatBecomesOfACall) {
       << other;
   toQuorvel(caller, invite(++number));
   expect(caller, "SIP/2.0 486");
-  const Answer wrong = control({"--json", "explain", "100"});
+  EXPECT_NE(control({"explain", "100", "sip:555", "*##1##Ann"}).text.find("* stands for itself"),
+            std::string::npos);
+  EXPECT_EQ(control({"explain", "", "555"}).status, 2);
+  const Answer wrong = control({"explain", "100", "--json"});
   EXPECT_EQ(wrong.status, 2);
   EXPECT_EQ(wrong.text, "{\"error\": \"wrong usage: see quorvelctl --help\"}\n");
   EXPECT_EQ(control({"stop"}).status, 0);

@@ -6,9 +6,11 @@
 #include <cstdio>
 #include <filesystem>
 #include <limits>
+#include <map>
 
 #include "app/config/MyConfiguration.h"
 #include "app/config/Settings.h"
+#include "sip/MySip.h"
 
 int Findings::lineOf(std::string_view key) const {
   const auto found = lines.find(key);
@@ -48,18 +50,28 @@ namespace {
 // What two instances on one host must not share.
 struct sClaims {
   std::string file;
-  std::string address;
-  int iSipPort = 0;
+  std::string address, pbx;
+  int iSipPort = 0, iPbxPort = 0;
   std::int64_t iFirstRtpPort = 0, iLastRtpPort = 0;
   std::vector<sPathClaim> paths;
+  std::map<std::string, const char*> registered;  // names that register with the PBX, and the keys of them
 
+  // Of the settings that were read last, and of the identities that they made.
   explicit sClaims(const sContext& context)
       : file(context.configuration),
         address(pcSipUAIPForBinding.view()),
+        pbx(pcSipProxyIP.view()),
         iSipPort(iSipUAPort),
+        iPbxPort(iSipProxyPort),
         iFirstRtpPort(iRtpUAPortInitVal),
         iLastRtpPort(lastRtpPort()),
-        paths(claimedPaths(context)) {}
+        paths(claimedPaths(context)) {
+    if (iRegisterTrunk != 0) registered[mySip.sTrunk.pcSipName.c_str()] = "TrunkName";
+    for (int slot = 0; slot < mySip.numSlots(); ++slot)
+      if (mySip.phone(slot).bShouldRegister)
+        registered[mySip.phone(slot).pcSipName.c_str()] =
+            slot < mySip.numOrigSlots() ? "OrigPhonesName" : "PairPhonesName";
+  }
 
   bool usesForRtp(int port) const { return port >= iFirstRtpPort && port <= iLastRtpPort; }
 };
@@ -67,6 +79,10 @@ struct sClaims {
 bool isSameAddress(const std::string& one, const std::string& other) {
   constexpr std::string_view kAll = "0.0.0.0";
   return one == other || one == kAll || other == kAll;
+}
+
+bool isPbxOf(const sClaims& one, const sClaims& other) {
+  return other.iPbxPort == one.iSipPort && isSameAddress(other.pbx, one.address);
 }
 
 void comparePorts(Findings& findings, const sClaims& ours, const sClaims& other) {
@@ -80,39 +96,98 @@ void comparePorts(Findings& findings, const sClaims& ours, const sClaims& other)
     findings.warn("RtpUAPortInitVal", "the RTP ports overlap those of " + other.file);
 }
 
+void comparePbx(Findings& findings, const sClaims& ours, const sClaims& other) {
+  const bool isSamePbx = ours.pbx == other.pbx && ours.iPbxPort == other.iPbxPort;
+  if (isPbxOf(other, ours) && isPbxOf(ours, other))
+    findings.warn("SipProxyPort", "each is the PBX of the other, this file and " + other.file +
+                                      ": a call goes round until every slot is taken");
+  else if (isPbxOf(other, ours) && isSamePbx)
+    findings.warn("SipProxyPort", "SipUAPort of " + other.file + " is where the PBX of both is");
+  if (!isSamePbx) return;
+  for (const auto& [name, key] : ours.registered)
+    if (other.registered.contains(name))
+      findings.warn(key, name + " is registered with the same PBX by " + other.file);
+}
+
 void comparePaths(Findings& findings, const sClaims& ours, const sClaims& other) {
   using Use = sPathClaim::Use;
+  const auto nameOf = [](const sPathClaim& claim) {
+    return *claim.pcKey == '\0' ? claim.asGiven : std::string(claim.pcKey);
+  };
   for (const sPathClaim& claim : ours.paths)
     for (const sPathClaim& theirs : other.paths) {
-      if (*claim.pcKey == '\0' || *theirs.pcKey == '\0' || claim.path != theirs.path ||
-          claim.use != theirs.use || claim.use == Use::eReads)
+      const bool isImplied = *claim.pcKey == '\0' && *theirs.pcKey == '\0';  // that is the names' affair
+      if (isImplied || claim.path != theirs.path || claim.use != theirs.use || claim.use == Use::eReads)
         continue;
-      const std::string key =
-          std::string_view(claim.pcKey) == theirs.pcKey ? "" : std::string(theirs.pcKey) + " of ";
-      findings.warn(claim.pcKey, "is shared with " + key + other.file +
+      const bool isSameKey = std::string_view(claim.pcKey) == theirs.pcKey;
+      const std::string key = isSameKey ? "" : nameOf(theirs) + " of ";
+      findings.warn(claim.pcKey, (*claim.pcKey == '\0' ? claim.asGiven + " " : "") + "is shared with " + key +
+                                     other.file +
                                      (claim.use == Use::eNamesBeginWith ? ": equal names are one file" : ""));
     }
+}
+
+struct sOther {
+  sContext context;
+  bool bGiven;  // by the user, who wants to know what is wrong in it
+};
+
+// The files given, and those of the instances that run on this host or are set up as the package does it;
+// each once, and not our own.
+std::vector<sOther> othersOf(const sContext& context) {
+  namespace fs = std::filesystem;
+  std::vector<sOther> others;
+  const auto add = [&](sContext other, bool given) {
+    const auto isSame = [&](const sContext& known) {
+      std::error_code missing;
+      return fs::equivalent(other.configuration, known.configuration, missing);
+    };
+    if (!isSame(context) && std::none_of(others.begin(), others.end(),
+                                         [&](const sOther& known) { return isSame(known.context); }))
+      others.push_back({std::move(other), given});
+  };
+  const auto addFile = [&](const fs::path& path, bool given) {
+    sContext other = context;
+    other.configuration = path.string();
+    // Such a file is of the instance of its name; of another the name, and so log and bindings, is not known.
+    other.instance = path.parent_path() / "" == fs::path(QUORVEL_CONFIGURATIONS) ? path.stem().string() : "?";
+    add(std::move(other), given);
+  };
+  for (const std::string& path : context.words) addFile(path, true);
+  for (const std::string& name : namesOfInstances()) {
+    sContext other = context;
+    other.instance = name;
+    other.bConfigurationGiven = other.bInstallationGiven = false;
+    if (name != context.instance && adoptContext(other) && findProcess(other) && locate(other))
+      add(std::move(other), false);
+  }
+  std::error_code none;
+  if (context.installation == QUORVEL_INSTALLATION)
+    for (const auto& entry : fs::directory_iterator(QUORVEL_CONFIGURATIONS, none))
+      if (entry.path().extension() == ".conf") addFile(entry.path(), false);
+  return others;
 }
 
 // The settings are those of the last file that was read, so the others come after everything that is asked of
 // ours.
 void compareWithOthers(Findings& findings, const sContext& context) {
   const sClaims ours(context);
-  for (const std::string& path : context.words) {
-    sContext other = context;
-    other.configuration = path;
+  for (const auto& [other, isGiven] : othersOf(context)) {
+    if (!adoptContext(other)) continue;
     Findings theirs;
-    if (checkLines(theirs, path)) checkStart(theirs);
+    if (checkLines(theirs, other.configuration)) checkStart(theirs);
     for (sFinding finding : theirs.inOrder()) {
-      if (finding.weight != sFinding::Weight::eError) continue;
-      if (finding.file.empty()) finding.file = path;
+      if (!isGiven || finding.weight != sFinding::Weight::eError) continue;
+      if (finding.file.empty()) finding.file = other.configuration;
       findings.add(std::move(finding));
     }
     if (theirs.hasError()) continue;
     const sClaims claims(other);
     comparePorts(findings, ours, claims);
+    comparePbx(findings, ours, claims);
     comparePaths(findings, ours, claims);
   }
+  (void)adoptContext(context);
 }
 
 // An instance's name is its lock, its log and its bindings.
@@ -141,8 +216,8 @@ void printLine(const sContext& context, const sFinding& finding) {
   std::printf("%s:", file.c_str());
   if (finding.iLine > 0) std::printf("%d:", finding.iLine);
   std::printf(" %s: ", wordOf(finding.weight));
-  if (!finding.key.empty()) std::printf("%s: ", finding.key.c_str());
-  std::printf("%s\n", finding.text.c_str());
+  if (!finding.key.empty()) std::printf("%s: ", shownText(finding.key).c_str());
+  std::printf("%s\n", shownText(finding.text).c_str());
 }
 
 void printJson(const sContext& context, const Findings& findings) {
@@ -169,7 +244,6 @@ int checkConfiguration(const sContext& context) {
   if (checkLines(findings, context.configuration)) {
     for (const auto check : {checkStart, checkDigits, checkThresholds, checkCommands, checkCalls})
       check(findings);
-    checkPortIsFree(findings, context);
     checkPaths(findings, context);
     checkName(findings, context);
   }

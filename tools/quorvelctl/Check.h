@@ -50,7 +50,7 @@ bool checkLines(Findings& findings, const std::string& path);
 
 // All but a port that is taken. (CheckStart.cpp)
 void checkStart(Findings& findings);
-// While no process of the instance has it, its SIP port must be free.
+// Unless the process of the instance has it, its SIP port must be free.
 void checkPortIsFree(Findings& findings, const sContext& context);
 
 // ---- What is taken but cannot work, by the settings ----
@@ -61,6 +61,8 @@ void checkDigits(Findings& findings);
 void checkThresholds(Findings& findings);
 void checkCommands(Findings& findings);  // CheckCalls.cpp: rules and patterns
 void checkCalls(Findings& findings);     // settings without which a call is not what was meant
+// Why no INVITE can be sent to what a command names, other than *; empty when one can.
+std::string faultOfDestination(std::string_view destination);
 std::int64_t lastRtpPort();
 
 // A file or directory that the settings name.
@@ -76,4 +78,5 @@ struct sPathClaim {
   std::string asGiven;
 };
 std::vector<sPathClaim> claimedPaths(const sContext& context);  // CheckPaths.cpp
+// And the SIP port: what the instance's user is refused.
 void checkPaths(Findings& findings, const sContext& context);

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "app/config/Settings.h"
+#include "rtp/MyRtp.h"
 #include "tools/quorvelctl/Check.h"
 
 namespace {
@@ -72,7 +73,18 @@ void checkClaim(Findings& findings, const AskingAs& user, const sPathClaim& clai
     if (!why.empty()) findings.warn(claim.pcKey, why);
   };
   std::error_code ignored;
-  if (claim.use == Use::eReads) return warn(user.refusal(claim.asGiven, R_OK));
+  const std::string_view key = claim.pcKey;
+  if (claim.use == Use::eReads) {
+    const std::string why = user.refusal(claim.asGiven, R_OK);
+    // Without these two the process does not start, without a tone it does.
+    if (!why.empty() && (key.empty() || key == "SipRoutingFile")) return findings.refuse(claim.pcKey, why);
+    constexpr std::uintmax_t kTooLong = 2 * kMaxToneBytes;
+    const bool isTone = fs::is_regular_file(claim.path, ignored) && key.ends_with("ToneFile");
+    if (why.empty() && isTone && fs::file_size(claim.path, ignored) >= kTooLong)
+      return warn("is longer than 2 s, of which only these are played: " + claim.asGiven);
+    return warn(why.empty() && fs::is_directory(claim.path, ignored) ? claim.asGiven + " is a directory"
+                                                                     : why);
+  }
   if (claim.use == Use::eNamesBeginWith && !claim.asGiven.ends_with('/'))
     warn("does not end with a slash, so the names of files begin with " +
          fs::path(claim.asGiven).filename().string());
@@ -124,9 +136,11 @@ std::vector<sPathClaim> claimedPaths(const sContext& context) {
   return claims;
 }
 
+// With the rights of the user whom the instance is for, who may also be refused a port.
 void checkPaths(Findings& findings, const sContext& context) {
   const std::vector<sPathClaim> claims = claimedPaths(context);
   checkTwice(findings, claims);
   const AskingAs user(findings, context);
+  checkPortIsFree(findings, context);
   for (const sPathClaim& claim : claims) checkClaim(findings, user, claim);
 }

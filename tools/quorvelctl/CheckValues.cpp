@@ -1,12 +1,14 @@
 // Values that each may be, but not together, or that do nothing.
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <span>
 
 #include "app/config/Settings.h"
 #include "engine/Kestrova.h"
 #include "rtp/MyRtp.h"
 #include "rtp/RtpHeader.h"
+#include "rtp/sRtpSessionPair.h"
 #include "tools/quorvelctl/Check.h"
 
 namespace {
@@ -104,6 +106,9 @@ void checkDigits(Findings& findings) {
   const sDigits& activate = keys[1];
   const sDigits& suffix = keys[3];
   for (const sDigits& key : keys) {
+    if (key.text.size() > kMaxDtmfDigits)
+      findings.warn(key.pcKey, "is longer than the " + std::to_string(kMaxDtmfDigits) +
+                                   " digits that are kept of a call");
     if (isSlip(key.text)) findings.warn(key.pcKey, "cannot be dialled: phones have 0 to 9, *, #, A to D");
     if (!isDialable(key.text)) continue;
     if ((&key == &keys[0] || &key == &activate) && !isDialable(suffix.text))
@@ -122,6 +127,9 @@ void checkDigits(Findings& findings) {
                                                     : ", so one sequence fires both"));
     }
   }
+  if (isDialable(keys[0].text) && isDialable(suffix.text) && pcRegistrationLibrary.load().empty())
+    findings.warn(keys[0].pcKey,
+                  "RegistrationLibrary is not set: learned voices would go to where the process was started");
   if (iStartWithFilterActivated == 0 && !(isDialable(activate.text) && isDialable(suffix.text)))
     findings.warn("StartWithFilterActivated",
                   "is 0, and with DTMFActivatePrefix and DTMFSuffix as they are no key "
@@ -143,12 +151,19 @@ void checkThresholds(Findings& findings) {
        {"ThresholdToHighlightEchoLevel", value(iThresholdToHighlightEchoLevel), kHighestSpread},
        {"ThresholdToHighlightNoiseLevel", value(iThresholdToHighlightNoiseLevel), kHighestSpread}}};
   for (const sThreshold& threshold : thresholds) {
-    if (threshold.dValue > threshold.dHighest)
-      findings.warn(threshold.pcKey, "never triggers: the figure stays below it");
+    if (threshold.dValue > threshold.dHighest || std::isnan(threshold.dValue))
+      findings.warn(threshold.pcKey, "never triggers: no figure reaches it");
     if (threshold.dValue <= 0) findings.warn(threshold.pcKey, "always triggers: every figure reaches it");
   }
   if (fThresholdToHighlightMOS >= kBestMos)
     findings.warn("ThresholdToHighlightMOS", "always triggers: no call is better");
-  if (fThresholdToHighlightMOS < kWorstMos)
+  if (!(fThresholdToHighlightMOS >= kWorstMos))  // also nan
     findings.warn("ThresholdToHighlightMOS", "never triggers: no call is worse than 0.69");
+  constexpr double kUnchangedGainPercent = 100;
+  const char* const gain = "ThresholdToHighlightAGCCoef";
+  if (iNeedToDoAGC == 0 && findings.lineOf(gain) > 0 && iThresholdToHighlightAGCCoef > kUnchangedGainPercent)
+    findings.warn(gain, "never triggers: NeedToDoAGC is 0, and the gain stays at 100");
+  const char* const echo = "ThresholdToHighlightEchoLevel";
+  if (iNeedToDoAEC == 0 && findings.lineOf(echo) > 0 && iThresholdToHighlightEchoLevel > 0)
+    findings.warn(echo, "never triggers: NeedToDoAEC is 0, and no echo is looked for");
 }

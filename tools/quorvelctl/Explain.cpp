@@ -8,7 +8,7 @@
 
 #include "app/config/Settings.h"
 #include "sip/MySip.h"
-#include "tools/quorvelctl/Context.h"
+#include "tools/quorvelctl/Check.h"
 
 namespace {
 
@@ -98,6 +98,7 @@ struct sExplanation {
   std::string status{};  // the refusal's; empty with a reason: no answer at all
   std::string reason{};  // of a call that does not go on
   std::string rule{}, destination{}, hop{}, why{};
+  std::string fault{};  // what is wrong with the destination
   int iType = 0;
   std::string caller{}, dialled{};  // the names that the answer is for
 
@@ -147,6 +148,9 @@ sExplanation explain(const sInvite& invite, const std::string& caller, const std
     out.rule = nameOf(choice);
   const sPhone& pair = mySip.partnerOf(slot);
   out.destination = pair.pcRemoteSipName.c_str();
+  out.fault = isExplicit(name) && out.destination == "*"
+                  ? "in a display name * stands for itself: a command there needs user@host"
+                  : faultOfDestination(out.destination);
   out.iType = pair.iCleaningType;
   const Hop hop = mySip.nextHopOf(out.destination, source);
   out.hop = hopText(hop);
@@ -173,6 +177,9 @@ std::vector<std::string> doubts(const sContext& context) {
   std::vector<std::string> found;
   if (std::string text = doubtAboutBindings(context); !text.empty()) found.push_back(std::move(text));
   const auto process = findProcess(context);
+  if (process)
+    if (std::string text = pendingText(context, pendingOf(context, *process)); !text.empty())
+      found.push_back(std::move(text));
   if (process && isDraining(context))
     found.emplace_back("the process is draining: now it refuses every new call with 503");
   const auto calls = process ? askActiveCalls(context, *process) : std::nullopt;
@@ -192,7 +199,8 @@ std::string jsonOf(const sExplanation& found) {
     return names + "\"accepted\": true, \"rule\": " + jsonText(found.rule) +
            ", \"destination\": " + jsonText(found.destination) +
            ", \"type\": " + std::to_string(found.iType) + ", \"next_hop\": " + jsonText(found.hop) +
-           ", \"why\": " + jsonText(found.why);
+           ", \"why\": " + jsonText(found.why) +
+           (found.fault.empty() ? "" : ", \"fault\": " + jsonText(found.fault));
   return names +
          "\"accepted\": false, \"status\": " + (found.status.empty() ? "null" : jsonText(found.status)) +
          ", \"why\": " + jsonText(found.reason);
@@ -207,6 +215,7 @@ void printText(const sExplanation& found) {
     std::printf("not answered: %s\n", found.reason.c_str());
   else
     std::printf("refused with %s: %s\n", found.status.c_str(), found.reason.c_str());
+  if (!found.fault.empty()) std::printf("such a call cannot work: %s\n", found.fault.c_str());
 }
 
 // The first is the likeliest; the others differ from it.
@@ -227,15 +236,24 @@ int print(const sContext& context, const std::vector<sExplanation>& found) {
   if (context.bJson)
     std::printf("{%s, \"warnings\": [%s], \"but\": [%s]}\n", jsonOf(found.front()).c_str(), warnings.c_str(),
                 others.c_str());
-  return found.front().reason.empty() ? kYes : kNo;
+  return found.front().reason.empty() && found.front().fault.empty() ? kYes : kNo;
+}
+
+// A name as it is given, perhaps copied out of a message; empty when it is none.
+std::string readName(std::string word) {
+  if (word.starts_with('<') && word.ends_with('>')) word = word.substr(1, word.size() - 2);
+  if (word.starts_with("sip:")) word.erase(0, 4);
+  const bool isName = word.find_first_of(" \t\r\n\"<>") == std::string::npos && !word.starts_with('@') &&
+                      !word.ends_with('@');
+  return isName ? word : "";
 }
 
 // Of each reading of the two names, those that agree with none before.
 std::vector<sExplanation> explainAll(const sContext& context) {
   const std::string name = context.words.size() > 2 ? context.words[2] : "";
   std::vector<sExplanation> all;
-  for (const std::string& caller : withHosts(context.words[0]))
-    for (const std::string& dialled : withHosts(context.words[1])) {
+  for (const std::string& caller : withHosts(readName(context.words[0])))
+    for (const std::string& dialled : withHosts(readName(context.words[1]))) {
       sExplanation one = explain(sInvite(caller, dialled, name), caller, name);
       one.caller = caller;
       one.dialled = dialled;
@@ -248,6 +266,9 @@ std::vector<sExplanation> explainAll(const sContext& context) {
 }  // namespace
 
 int explainCall(const sContext& context) {
+  for (const std::string& word : std::span(context.words).first(2))
+    if (readName(word).empty())
+      return fail("\"%s\" is no name: it is a user, or user@host", word.c_str()), kUsageError;
   if (!loadConfiguration(context)) return fail("%s", loadFailure(context).c_str());
   if (mySip.init(MySip::BindingFiles::eOfAnother) != 0) return fail("%s", takeReasons().c_str());
   return print(context, explainAll(context));
