@@ -99,6 +99,40 @@ TEST_F(ControlTest, CallsAreSeenTracedDrainedAndStopped) {
   EXPECT_EQ(metric("up"), 0);
 }
 
+// As the log of a process has it: a call that is redirected, and one that comes between.
+TEST_F(ControlTest, TraceFollowsARedirectionAndShowsNoSecret) {
+  const auto record = [](const char* what, const std::string& first, const std::string& id,
+                         const std::string& more = "") {
+    return std::string("Mon Nov 23 12:00:00 2026\n INFO in MySip::x, *** ") + what + " 127.0.0.1:5060:\n" +
+           first + "\r\nCall-ID: " + id + "\r\nCSeq: 1 INVITE\r\n" + more + "\r\n\n";
+  };
+  const std::string invite = "INVITE sip:300@127.0.0.1 SIP/2.0";
+  const char* const secrets =
+      "Proxy-Authorization:\r\n Digest hush1\r\nAuthentication-Info: rspauth=hush2\r\n"
+      "From: <sip:100:hush3@127.0.0.1:5060>\r\nRefer-To: <sip:a@b?Authorization=hush4&X=shown1>\r\n"
+      "\r\na=crypto:1 AES inline:hush5\r\nk=clear:hush6\r\na=ptime:shown2\r\n";
+  const std::filesystem::path log = scratch.path() / "errLog.1";
+  writeFile(log, record("Got from", invite, "caller", secrets) + record("Sending to", invite, "first") +
+                     record("Got from", "SIP/2.0 302 Moved", "first") +
+                     record("Sending to", "ACK sip:300@127.0.0.1 SIP/2.0", "first") +
+                     record("Sending to", invite, "second") + record("Got from", invite, "stranger") +
+                     record("Sending to", "SIP/2.0 486 Busy", "stranger") +
+                     record("Sending to", invite, "no leg") + record("Got from", "SIP/2.0 200 Ok", "second"));
+  ASSERT_EQ(Process("gzip", {log.string()}, scratch.path() / "gzip.out").wait(Seconds(10)), 0);
+  const std::string bin = scratch.path().string() + "/";
+  const Answer trace =
+      controlAsGiven({"trace", "second", "--log", log.string() + ".gz"}, {{"KESTROVA_BIN", bin}});
+  std::string order;
+  for (const char* id : {"caller", "first", "second", "stranger", "no leg"})
+    order += std::to_string(occurrences(trace.text, std::string("Call-ID: ") + id + "\r"));
+  EXPECT_EQ(order, "13200") << trace.text;
+  EXPECT_EQ(trace.text.find("hush"), std::string::npos) << trace.text;
+  EXPECT_EQ(occurrences(trace.text, "shown"), 2) << trace.text;
+  EXPECT_NE(controlAsGiven({"trace", "none", "--log", log.string() + ".gz"}, {{"KESTROVA_BIN", bin}})
+                .text.find("has no message of that Call-ID"),
+            std::string::npos);
+}
+
 TEST_F(ControlTest, AProcessThatDoesNotAnswerIsGivenUp) {
   start();
   quorvel->process().signal(SIGSTOP);

@@ -1,15 +1,22 @@
 // The SIP messages of a call, a registration or a subscription, both legs joined, out of a log that was
 // written with SipDebug=1.
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
 #include <set>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 
+#include "common/Handle.h"
 #include "sip/MySip.h"
 #include "tools/quorvelctl/Context.h"
+#include "tools/quorvelctl/Message.h"
 
 namespace {
 
@@ -30,16 +37,6 @@ bool isRecordHead(std::string_view line) {
   return line.starts_with(" INFO in ") || line.starts_with(" WARNING in ") || line.starts_with(" ERROR in ");
 }
 
-std::vector<std::string_view> linesOf(std::string_view text) {
-  std::vector<std::string_view> lines;
-  while (!text.empty()) {
-    const std::size_t end = std::min(text.find('\n'), text.size() - 1);
-    lines.push_back(text.substr(0, end + 1));
-    text.remove_prefix(end + 1);
-  }
-  return lines;
-}
-
 bool takeHead(std::string_view head, sTraced& message) {
   for (const auto& [mark, sent] : {std::pair(kGot, false), std::pair(kSending, true)}) {
     const std::size_t at = head.find(mark);
@@ -53,22 +50,78 @@ bool takeHead(std::string_view head, sTraced& message) {
   return false;
 }
 
-std::vector<sTraced> messagesOf(std::string_view log) {
-  const std::vector<std::string_view> lines = linesOf(log);
-  std::vector<sTraced> messages;
-  for (std::size_t i = 1; i < lines.size(); ++i) {
-    if (!isRecordHead(lines[i])) continue;
-    sTraced message;
-    if (!takeHead(lines[i], message)) continue;
-    message.time = lines[i - 1].substr(0, lines[i - 1].find_last_not_of('\n') + 1);
-    std::size_t end = i + 1;
-    while (end < lines.size() && !(end + 1 < lines.size() && isRecordHead(lines[end + 1]))) ++end;
-    for (std::size_t line = i + 1; line < end; ++line) message.text += lines[line];
+// Takes the log line by line and hands over each message; no more than one is held.
+class MessageReader {
+ public:
+  explicit MessageReader(std::function<void(const sTraced&)> take) : use(std::move(take)) {}
+
+  void line(std::string_view text) {
+    if (isRecordHead(text)) {
+      finish();
+      isMessage = takeHead(text, message);
+      message.time = last.substr(0, last.find_last_not_of('\n') + 1);
+    } else if (isMessage) {
+      message.text += last;
+    }
+    last = isRecordHead(text) ? "" : text;
+  }
+  void end() {
+    if (isMessage) message.text += last;
+    last.clear();
+    finish();
+  }
+
+ private:
+  void finish() {
+    if (!isMessage) return;
     message.callId = MySip::extractToken("Call-ID:", 300, message.text);
     if (message.callId.empty()) message.callId = MySip::extractToken("\ni:", 300, message.text);
-    messages.push_back(std::move(message));
+    takeRecords();
+    use(message);
+    message = {};
+    isMessage = false;
   }
-  return messages;
+
+  std::function<void(const sTraced&)> use;
+  bool isMessage = false;
+  sTraced message;
+  std::string last;  // a line that may be the next record's time
+};
+
+// The file, or what it holds when it is one that logrotate has compressed.
+File openLog(const std::string& path) {
+  if (!path.ends_with(".gz")) return File(std::fopen(path.c_str(), "re"));
+  int ends[2];
+  if (access(path.c_str(), R_OK) != 0 || pipe2(ends, O_CLOEXEC) != 0) return {};
+  FileDescriptor out(ends[0]);
+  const FileDescriptor in(ends[1]);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, in.get(), STDOUT_FILENO);
+  std::string words[] = {"gzip", "-dc", "--", path};
+  char* const arguments[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(), nullptr};
+  pid_t child = 0;
+  const bool isRunning = posix_spawnp(&child, "gzip", &actions, nullptr, arguments, environ) == 0;
+  posix_spawn_file_actions_destroy(&actions);
+  return isRunning ? File(fdopen(out.release(), "r")) : File();
+}
+
+// False: none of the files can be read.
+bool forEachMessage(const std::vector<std::string>& paths, const std::function<void(const sTraced&)>& use) {
+  bool isAnyRead = false;
+  MessageReader reader(use);
+  for (const std::string& path : paths) {
+    const File file = openLog(path);
+    char* line = nullptr;
+    std::size_t capacity = 0;
+    isAnyRead = isAnyRead || file;
+    for (ssize_t length = 0; file && (length = getline(&line, &capacity, file.get())) >= 0;)
+      reader.line({line, static_cast<std::size_t>(length)});
+    std::free(line);
+    reader.end();
+  }
+  while (waitpid(-1, nullptr, 0) > 0) continue;
+  return isAnyRead;
 }
 
 // The method of a request that Quorvel passes on under a Call-ID of its own; empty for anything else.
@@ -78,31 +131,40 @@ std::string_view relayedMethod(const sTraced& message) {
   return "";
 }
 
-// A message is handled to its end before the next is read: what is sent first after a request was received,
-// and is such a request itself, is the other leg's. Anything sent later, as Quorvel's own REGISTER is, is
-// not.
-std::set<std::string> legsOf(const std::vector<sTraced>& messages, std::set<std::string> legs) {
-  const sTraced* received = nullptr;
-  for (const sTraced& message : messages) {
-    const sTraced* const before = std::exchange(received, message.bSent ? nullptr : &message);
-    if (!message.bSent || before == nullptr) continue;
-    const std::string_view method = relayedMethod(message);
-    if (method.empty() || method != relayedMethod(*before)) continue;
-    if (legs.contains(message.callId) || legs.contains(before->callId))
-      legs.insert({message.callId, before->callId});
+// Which Call-IDs are legs of one call. A message is handled to its end before the next is read: what is sent
+// first after a request was received, and is such a request itself, is the other leg's; and an INVITE that is
+// sent after one was refused or redirected, and that acknowledged, tries another destination. Anything sent
+// later, as Quorvel's own REGISTER is, is not.
+class Legs {
+ public:
+  void add(const sTraced& message) {
+    if (!message.bSent) {
+      const bool isFailure = message.text.starts_with("SIP/2.0 ") && message.text.compare(8, 1, "3") >= 0 &&
+                             findFolded(message.text, " INVITE\r\n", 0) != std::string_view::npos;
+      method = isFailure ? "INVITE " : relayedMethod(message);
+      received = message.callId;
+    } else if (!method.empty() && method == relayedMethod(message)) {
+      pairs.emplace_back(received, message.callId);
+      method = "";
+    } else if (!message.text.starts_with("ACK ")) {
+      method = "";
+    }
   }
-  return legs;
-}
+  std::set<std::string> of(std::set<std::string> wanted) const {
+    const auto join = [&](const auto& pair) {
+      if (wanted.contains(pair.first) || wanted.contains(pair.second))
+        wanted.insert({pair.first, pair.second});
+    };
+    std::for_each(pairs.rbegin(), pairs.rend(), join);  // where it came from,
+    std::for_each(pairs.begin(), pairs.end(), join);    // and all that came of that
+    return wanted;
+  }
 
-bool equalFolded(char a, char b) {
-  return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-}
-
-std::size_t findFolded(std::string_view text, std::string_view what, std::size_t from) {
-  const auto begin = text.begin() + static_cast<std::ptrdiff_t>(std::min(from, text.size()));
-  const auto found = std::search(begin, text.end(), what.begin(), what.end(), equalFolded);
-  return found == text.end() ? std::string_view::npos : static_cast<std::size_t>(found - text.begin());
-}
+ private:
+  std::string_view method;  // that may go on under another Call-ID
+  std::string received;
+  std::vector<std::pair<std::string, std::string>> pairs;
+};
 
 // Does the phone call, register, or get the call?
 bool isOfPhone(const sTraced& message, const std::string& name) {
@@ -114,26 +176,6 @@ bool isOfPhone(const sTraced& message, const std::string& name) {
     if (findFolded(line, "sip:" + name + "@", 0) != std::string_view::npos) return true;
   }
   return false;
-}
-
-// Where a header's value ends: at a line end that no blank follows (RFC 3261, 7.3.1).
-std::size_t endOfValue(const std::string& text, std::size_t from) {
-  std::size_t end = text.find('\n', from);
-  while (end != std::string::npos && end + 1 < text.size() && (text[end + 1] == ' ' || text[end + 1] == '\t'))
-    end = text.find('\n', end + 1);
-  if (end == std::string::npos) return text.size();
-  return end > from && text[end - 1] == '\r' ? end - 1 : end;
-}
-
-// Answers to a challenge are good for a replay and for guessing the password.
-std::string masked(std::string text) {
-  constexpr std::string_view kName = "Authorization", kMask = " (masked)";
-  for (std::size_t at = 0; (at = findFolded(text, kName, at)) != std::string::npos;) {
-    at = text.find_first_not_of(" \t", at + kName.size());
-    if (at == std::string::npos || text[at] != ':') continue;
-    text.replace(at + 1, endOfValue(text, at) - at - 1, kMask);
-  }
-  return text;
 }
 
 void print(const sContext& context, const sTraced& message, bool first) {
@@ -148,31 +190,59 @@ void print(const sContext& context, const sTraced& message, bool first) {
               jsonText(message.address).c_str(), jsonText(message.callId).c_str(), jsonText(text).c_str());
 }
 
+struct sWish {
+  std::string callId, phone;
+  std::vector<std::string> logs{};  // instead of the instance's
+};
+
+std::optional<sWish> readWish(const std::vector<std::string>& words) {
+  sWish wish;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    const bool isOption = words[i] == "--phone" || words[i] == "--log";
+    if (isOption && i + 1 == words.size()) return std::nullopt;
+    if (words[i] == "--log")
+      wish.logs.push_back(words[++i]);
+    else if (!wish.callId.empty() || !wish.phone.empty())
+      return std::nullopt;
+    else
+      (isOption ? wish.phone : wish.callId) = words[isOption ? ++i : i];
+  }
+  return wish.callId.empty() && wish.phone.empty() ? std::nullopt : std::optional(wish);
+}
+
+int nothingFound(const std::vector<std::string>& paths, bool isPhone) {
+  const std::string older = std::filesystem::path(paths.front()).parent_path().string();
+  return fail(
+      "%s has no message of that %s; messages are logged with SipDebug=1; older logs, perhaps in %s, are "
+      "read with --log FILE, also compressed",
+      paths.back().c_str(), isPhone ? "phone" : "Call-ID", older.c_str());
+}
+
 }  // namespace
 
 int traceCall(const sContext& context) {
-  const bool isPhone = context.words[0] == "--phone";
-  if (isPhone != (context.words.size() == 2))
-    return fail("trace takes a Call-ID, or --phone and the name of a phone"), kUsageError;
-  const std::vector<std::string> paths = logPaths(context);
-  std::string log;
-  for (const std::string& path : paths) log += readFile(path).value_or("");
-  if (log.empty() && access(paths.back().c_str(), R_OK) != 0)
+  const auto wish = readWish(context.words);
+  if (!wish) return fail("trace takes a Call-ID, or --phone and the name of a phone"), kUsageError;
+  const std::vector<std::string> paths = wish->logs.empty() ? logPaths(context) : wish->logs;
+  std::set<std::string> wanted = {wish->callId};
+  Legs all;
+  const bool isRead = forEachMessage(paths, [&](const sTraced& message) {
+    all.add(message);
+    if (!wish->phone.empty() && isOfPhone(message, wish->phone)) wanted.insert(message.callId);
+  });
+  if (!isRead && access(paths.back().c_str(), R_OK) != 0)
     return fail("%s %s", paths.back().c_str(),
                 errno == EACCES ? ("may not be read: " + advice(paths.back())).c_str() : "cannot be read");
-  std::vector<sTraced> messages = messagesOf(log);
-  takeRecords();
-  std::set<std::string> wanted;
-  if (!isPhone) wanted = {context.words[0]};
-  for (const sTraced& message : messages)
-    if (isPhone && isOfPhone(message, context.words[1])) wanted.insert(message.callId);
-  const std::set<std::string> legs = legsOf(messages, std::move(wanted));
-  std::erase_if(messages, [&](const sTraced& message) { return !legs.contains(message.callId); });
-  if (messages.empty())
-    return fail("%s has no message of that %s; messages are logged with SipDebug=1", paths.back().c_str(),
-                isPhone ? "phone" : "Call-ID");
-  if (context.bJson) std::printf("[");
-  for (const sTraced& message : messages) print(context, message, &message == &messages.front());
+  wanted.erase("");
+  const std::set<std::string> legs = all.of(std::move(wanted));
+  std::size_t shown = 0;
+  const auto show = [&](const sTraced& message) {
+    if (!legs.contains(message.callId)) return;
+    if (context.bJson && shown == 0) std::printf("[");
+    print(context, message, shown++ == 0);
+  };
+  if (!legs.empty()) (void)forEachMessage(paths, show);
+  if (shown == 0) return nothingFound(paths, !wish->phone.empty());
   if (context.bJson) std::puts("]");
   return kYes;
 }
