@@ -61,7 +61,7 @@ bool locate(sContext& context) {
   const auto process = findProcess(context);
   const std::string used = process ? installationOf(*process) : "";
   if (!context.bInstallationGiven) {
-    context.installation = used;
+    if (!used.empty()) context.installation = used;
     if (context.installation.empty() && mayBeThere(QUORVEL_INSTALLATION))
       context.installation = QUORVEL_INSTALLATION;
   }

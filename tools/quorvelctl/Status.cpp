@@ -89,7 +89,7 @@ int showAll(const sContext& context) {
   for (const std::string& name : namesOfInstances()) {
     sContext one = context;
     one.instance = name;
-    one.bConfigurationGiven = false;
+    one.bConfigurationGiven = one.bInstallationGiven = false;
     if (!adoptContext(one) || (!findProcess(one) && hiddenLock().empty())) continue;
     (void)locate(one);  // without its files the state is less, but still one
     const sState state = stateOf(one);
