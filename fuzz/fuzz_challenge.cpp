@@ -1,7 +1,9 @@
 // A challenge to a REGISTER or an INVITE of our own, with header lines of any content. The first byte chooses
 // request, status and arrangement; the rest stands between CSeq and the end of the challenge. What is sent
-// must be the same request again, with the next number and one line of credentials.
+// must be the same request again, with the next number and one line of credentials; or, where Quorvel stands
+// in front of the PBX, the challenge to the caller, of which one line is the PBX's.
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -77,6 +79,21 @@ void checkAnswer(std::string_view first, bool isInvite) {
   require(count(again, "\n") == count(first, "\n") + 1 && again.size() < sizeof(MessageText));
 }
 
+// With a line of the challenge's and nothing else of it, wherever that stood there.
+void checkHandedOn(std::string_view first, bool is401) {
+  const std::string_view sent = lastSent;
+  if (sent == first) return;  // no usable challenge
+  require(sent.starts_with(is401 ? "SIP/2.0 401 Unauthorized\r\n"
+                                 : "SIP/2.0 407 Proxy Authentication Required\r\n"));
+  require(sent.ends_with("\r\n\r\n") && sent.size() < sizeof(MessageText));
+  constexpr std::size_t kLines = 11;  // of the answer that is made of it
+  require(count(sent, "\r\n") == kLines && count(sent, "\n") == kLines && count(sent, "\r") == kLines);
+  std::string folded(sent);
+  std::transform(folded.begin(), folded.end(), folded.begin(),
+                 [](unsigned char c) { return std::tolower(c); });
+  require(count(folded, "\nwww-authenticate:") + count(folded, "\nproxy-authenticate:") == 1);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -95,6 +112,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   challenge.resize(std::min<std::size_t>(challenge.size(), kMaxMessageLength));
   MySip::unfoldHeaders(challenge);
   sip.analyzeSipMessage(challenge, MySip::addressOf("127.0.0.1", 5060));
-  if (iSipProxyArchitecture == 0) checkAnswer(first, isInvite);
+  if (iSipProxyArchitecture == 0)
+    checkAnswer(first, isInvite);
+  else
+    checkHandedOn(first, (data[0] & 2) != 0);
   return 0;
 }

@@ -307,7 +307,8 @@ void MySip::sendUnauthorizedMsg(std::string_view challenge, const char* via, con
                static_cast<int>(challenge.size()), challenge.data());
     return;
   }
-  const std::size_t end = challenge.find("\r\n", start);
+  // Of a body's line, which is not unfolded, too, nothing that would begin a header of its own is handed on.
+  const std::size_t end = challenge.find_first_of("\r\n", start);
   if (end == kNoText) {
     Log::error(kFunction, "error during digest analyze\n");
     return;
@@ -332,8 +333,8 @@ std::string_view MySip::extractAuthorizationLine(std::string_view msg) {
   std::size_t start = find(msg, "Proxy-Authorization:");
   if (start == kNoText) start = find(msg, "Authorization:");
   if (start == kNoText) return {};
-  const std::size_t end = msg.find("\r\n", start);
-  if (end == kNoText || end + 2 - start > kMaxLine) {
+  const std::size_t end = msg.find_first_of("\r\n", start);  // ends at a lone one only in a body
+  if (end == kNoText || !msg.substr(end).starts_with("\r\n") || end + 2 - start > kMaxLine) {
     Log::error("MySip::extractAuthorizationLine", "error during digest analyze\n");
     return {};
   }
