@@ -1,18 +1,150 @@
-// Any bytes as the files that quorvelctl reads of a running instance: log, statistics, page of figures, and
-// its own state of the totals. A log with SipDebug=1 holds whatever was sent to the SIP port.
+// Any bytes as what quorvelctl reads: log, statistics, page of figures and its own state of the totals; a
+// configuration to check; names to explain a call of. A log with SipDebug=1 holds whatever was sent to the
+// SIP port. What is printed must be JSON where that was asked for, steers no terminal, and shows no
+// credentials.
+//
+//   byte 0    bit 0 JSON, bit 1 the input is the state of the totals, too, bits 2-3 what is done with the
+//   rest:
+//             trace and metrics, explain (a word a line), check, calls and status
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <netdb.h>
 #include <string>
+#include <string_view>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "app/config/Settings.h"
+#include "fuzz/Require.h"
+#include "tools/quorvelctl/CallPage.h"
 #include "tools/quorvelctl/Context.h"
+
+extern "C" hostent* gethostbyname(const char*) {
+  h_errno = HOST_NOT_FOUND;
+  return nullptr;
+}
+
+extern "C" int socket(int, int, int) noexcept {  // no port of this host is tried
+  errno = EMFILE;
+  return -1;
+}
 
 namespace {
 
 namespace fs = std::filesystem;
+
+// ---- What is printed ----
+
+// RFC 8259, read to the end of one value.
+class Json {
+ public:
+  explicit Json(std::string_view text) : rest(text) {}
+  bool isWhole() { return value(0) && (skipBlanks(), rest.empty()); }
+
+ private:
+  void skipBlanks() { rest.remove_prefix(std::min(rest.find_first_not_of(" \t\r\n"), rest.size())); }
+  bool take(std::string_view what) {
+    skipBlanks();
+    if (!rest.starts_with(what)) return false;
+    rest.remove_prefix(what.size());
+    return true;
+  }
+  bool string() {
+    if (!take("\"")) return false;
+    for (; !rest.empty() && rest[0] != '"'; rest.remove_prefix(1)) {
+      if (static_cast<unsigned char>(rest[0]) < 0x20) return false;
+      if (rest[0] != '\\') continue;
+      rest.remove_prefix(1);
+      const auto isHex = [](char digit) { return std::isxdigit(static_cast<unsigned char>(digit)) != 0; };
+      if (rest.empty() || std::string_view("\"\\/bfnrtu").find(rest[0]) == std::string_view::npos)
+        return false;
+      if (rest[0] == 'u' && (rest.size() < 5 || !std::all_of(rest.begin() + 1, rest.begin() + 5, isHex)))
+        return false;
+    }
+    return take("\"");
+  }
+  bool number() {
+    const std::size_t length = std::min(rest.find_first_not_of("-+.0123456789eE"), rest.size());
+    const bool isGiven = length > 0 && rest[0] != '+' && rest[0] != '.';
+    rest.remove_prefix(length);
+    return isGiven;
+  }
+  bool list(std::string_view end, bool named, int depth) {
+    if (take(end)) return true;
+    do {
+      if (named && !(string() && take(":"))) return false;
+      if (!value(depth + 1)) return false;
+    } while (take(","));
+    return take(end);
+  }
+  bool value(int depth) {
+    if (depth > 10) return false;
+    if (take("{")) return list("}", true, depth);
+    if (take("[")) return list("]", false, depth);
+    if (take("true") || take("false") || take("null")) return true;
+    return rest.starts_with('"') ? string() : number();
+  }
+
+  std::string_view rest;
+};
+
+bool isHarmless(std::string_view text) {
+  return std::none_of(text.begin(), text.end(), [](char character) {
+    const auto byte = static_cast<unsigned char>(character);
+    return byte == 0x7F || (byte < 0x20 && byte != '\n' && byte != '\r' && byte != '\t');
+  });
+}
+
+// Each header of that name, at the beginning of a line, holds the mask and nothing else.
+bool isMasked(std::string text, bool bJson) {
+  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+  const std::string lineEnd = bJson ? "\\u000a" : "\n";
+  for (const char* const name : {"authorization:", "proxy-authorization:"}) {
+    const std::string head = lineEnd + name;
+    for (std::size_t at = 0; (at = text.find(head, at)) != std::string::npos; at += head.size()) {
+      const std::string_view value = std::string_view(text).substr(at + head.size());
+      constexpr std::string_view kMask = " (masked)";
+      const std::string_view behind = value.substr(std::min(kMask.size(), value.size()));
+      if (!value.starts_with(kMask)) return false;
+      if (!behind.starts_with(bJson ? "\\u000" : "\r\n") && !behind.starts_with('\n') &&
+          !behind.starts_with('"'))
+        return false;
+    }
+  }
+  return true;
+}
+
+// What a command prints, on either stream.
+class Printed {
+ public:
+  Printed() : iMemory(memfd_create("printed", MFD_CLOEXEC)), pfMemory(fdopen(iMemory, "w")) {
+    require(pfMemory != nullptr);
+  }
+  std::string of(int (*command)(const sContext&), const sContext& context) {
+    std::FILE* const terminals[] = {stdout, stderr};
+    stdout = stderr = pfMemory;
+    (void)command(context);
+    stdout = terminals[0];
+    stderr = terminals[1];
+    require(std::fflush(pfMemory) == 0);
+    std::string text(static_cast<std::size_t>(lseek(iMemory, 0, SEEK_CUR)), '\0');
+    require(pread(iMemory, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()));
+    require(lseek(iMemory, 0, SEEK_SET) == 0 && ftruncate(iMemory, 0) == 0);
+    return text;
+  }
+
+ private:
+  int iMemory;
+  std::FILE* pfMemory;
+};
+
+// ---- What is read ----
 
 // One file under all the names, in memory where the system has such a place.
 struct Instance {
@@ -20,7 +152,7 @@ struct Instance {
     std::error_code ignored;
     std::string place = (fs::is_directory("/dev/shm", ignored) ? "/dev/shm" : "/tmp") +
                         std::string("/fuzz-quorvelctl-XXXXXX");
-    if (mkdtemp(place.data()) == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
+    require(mkdtemp(place.data()) != nullptr);
     folder = place;
     fs::create_directories(folder / "bin");
     fs::create_directories(folder / "log");
@@ -28,6 +160,7 @@ struct Instance {
     context = {.installation = folder / "bin/",
                .configuration = folder / "quorvel.conf",
                .instance = "-fuzz",
+               .bNamed = true,  // the others' are none of ours
                .words = {}};
     std::ofstream(context.configuration)
         << "ConfigVersion=2\nIPVersion=4\nSipProxyIP=127.0.0.1\nSipProxyPort=5060\nSipUAIP=127.0.0.1\n"
@@ -35,11 +168,11 @@ struct Instance {
         << "RegisterOrigPhones=0\nRegisterPairPhones=0\nNeedToCheckDTMF=0\nCPUPower=5\n"
         << "DetectAggressiveLevel=2\nCleanAggressiveLevel=8\nAECAlgorithm=basic\n"
         << "StatisticsFile=../log/errLog-fuzz\nRealTimeAverageStatisticsFile=../log/errLog-fuzz\n";
-    if (!adoptContext(context) || !loadConfiguration(context)) std::abort();
+    require(adoptContext(context) && loadConfiguration(context));
     std::error_code different;
     std::ofstream(file).put('\n');
     for (const char* key : {pcStatisticsFile.c_str(), pcRealTimeAverageStatisticsFile.c_str()})
-      if (!fs::equivalent(key, file, different)) std::abort();  // read nothing of the input
+      require(fs::equivalent(key, file, different));  // or nothing of the input is read
   }
   ~Instance() { fs::remove_all(folder); }
 
@@ -47,27 +180,85 @@ struct Instance {
   sContext context;
 };
 
+// Prints and judges; text that is for other programs is neither JSON nor for a terminal, but of one line
+// each.
+std::string check(const sContext& context, int (*command)(const sContext&), bool asJson) {
+  static Printed printed;
+  const std::string text = printed.of(command, context);
+  require(isHarmless(text) && isMasked(text, asJson));
+  if (asJson) require(Json(text).isWhole());
+  return text;
+}
+
+void write(const fs::path& path, std::string_view text, std::string_view end = "") {
+  std::ofstream(path, std::ios::binary) << text << end;
+}
+
+void traceAndMeasure(Instance& instance, std::string_view text, bool isState) {
+  // A last message that is found whatever stands before it, and the end of a page, which would be waited for.
+  write(instance.file, text, "\n\n INFO in x, *** Got from 127.0.0.1:1:\nCall-ID: c@p\r\n</html>\n");
+  sContext context = instance.context;
+  context.words = {"c@p"};
+  require(check(context, traceCall, context.bJson).find("c@p") != std::string::npos);
+  context.words.clear();
+  check(context, writeMetrics, false);
+  // With a state that is the input, or with the one of the run before.
+  const fs::path figures = instance.folder / "x.prom", state = instance.folder / "x.prom.state";
+  context.words = {figures};
+  fs::remove(state);
+  if (isState) fs::copy_file(instance.file, state);
+  for (int run = 0; run < 2; ++run) {
+    const std::string said = check(context, writeMetrics, context.bJson);
+    require(context.bJson ? said.starts_with("{\"written\"") : said.empty());
+  }
+}
+
+void explain(const Instance& instance, std::string_view text) {
+  sContext context = instance.context;
+  while (context.words.size() < 3) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    context.words.emplace_back(text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  check(context, explainCall, context.bJson);
+}
+
+void checkFile(const Instance& instance, std::string_view text) {
+  sContext context = instance.context;
+  context.configuration = instance.folder / "other.conf";
+  write(context.configuration, text);
+  check(context, checkConfiguration, context.bJson);
+}
+
+// That no process has the instance's name is all that the commands themselves can say here.
+void showState(const Instance& instance, std::string_view text) {
+  write(instance.file, text, "\n</html>\n");
+  require(loadConfiguration(instance.context) && readCallPage().has_value());
+  (void)isDraining(instance.context);
+  for (const auto command : {showCalls, showStatus}) check(instance.context, command, instance.context.bJson);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Instance instance;
   if (size == 0) return 0;
-  // A last message that is found whatever stands before it, and the end of a page, which would be waited for.
-  std::ofstream(instance.file, std::ios::binary)
-          .write(reinterpret_cast<const char*>(data) + 1, static_cast<std::streamsize>(size - 1))
-      << "\n\n INFO in x, *** Got from 127.0.0.1:1:\nCall-ID: c@p\r\n</html>\n";
-  sContext& context = instance.context;
-  context.bJson = (data[0] & 1) != 0;
-  context.words = {"c@p"};
-  if (traceCall(context) != kYes) std::abort();
-  context.words.clear();
-  if (writeMetrics(context) != kYes) std::abort();
-  // With a state that is the input, or with the one of the run before.
-  const fs::path figures = instance.folder / "x.prom", state = instance.folder / "x.prom.state";
-  context.words = {figures};
-  fs::remove(state);
-  if ((data[0] & 2) != 0) fs::copy_file(instance.file, state);
-  for (int run = 0; run < 2; ++run)
-    if (writeMetrics(context) != kYes) std::abort();
+  const std::string_view text(reinterpret_cast<const char*>(data) + 1, size - 1);
+  instance.context.bJson = (data[0] & 1) != 0;
+  require(adoptContext(instance.context));
+  const std::string_view words = text.substr(0, text.find('\0'));  // as a command line gives them
+  switch (data[0] >> 2 & 3) {
+    case 0:
+      traceAndMeasure(instance, text, (data[0] & 2) != 0);
+      break;
+    case 1:
+      explain(instance, words);
+      break;
+    case 2:
+      checkFile(instance, text);
+      break;
+    default:
+      showState(instance, text);
+  }
   return 0;
 }

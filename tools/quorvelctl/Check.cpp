@@ -213,11 +213,11 @@ const char* wordOf(sFinding::Weight weight) {
 
 void printLine(const sContext& context, const sFinding& finding) {
   const std::string& file = finding.file.empty() ? context.configuration : finding.file;
-  std::printf("%s:", file.c_str());
-  if (finding.iLine > 0) std::printf("%d:", finding.iLine);
-  std::printf(" %s: ", wordOf(finding.weight));
-  if (!finding.key.empty()) std::printf("%s: ", shownText(finding.key).c_str());
-  std::printf("%s\n", shownText(finding.text).c_str());
+  std::string line = file + ":";
+  if (finding.iLine > 0) line += std::to_string(finding.iLine) + ":";
+  line += std::string(" ") + wordOf(finding.weight) + ": ";
+  if (!finding.key.empty()) line += finding.key + ": ";
+  std::puts(shownText(line + finding.text).c_str());
 }
 
 void printJson(const sContext& context, const Findings& findings) {

@@ -260,6 +260,6 @@ int fail(const char* format, ...) {
   if (bErrorsAsJson)
     std::printf("{\"error\": %s}\n", jsonText(text).c_str());
   else
-    std::fprintf(stderr, "%s\n", text);
+    std::fprintf(stderr, "%s\n", shownText(text).c_str());
   return kNo;
 }

@@ -206,16 +206,15 @@ std::string jsonOf(const sExplanation& found) {
          ", \"why\": " + jsonText(found.reason);
 }
 
-void printText(const sExplanation& found) {
+std::string textOf(const sExplanation& found) {
+  std::string text = found.status.empty() ? "not answered: " : "refused with " + found.status + ": ";
   if (found.reason.empty())
-    std::printf("rule         %s\ndestination  %s\nprocessed    %s (type %d)\nnext hop     %s: %s\n",
-                found.rule.c_str(), found.destination.c_str(), sidesOf(found.iType), found.iType,
-                found.hop.c_str(), found.why.c_str());
-  else if (found.status.empty())
-    std::printf("not answered: %s\n", found.reason.c_str());
-  else
-    std::printf("refused with %s: %s\n", found.status.c_str(), found.reason.c_str());
-  if (!found.fault.empty()) std::printf("such a call cannot work: %s\n", found.fault.c_str());
+    text = "rule         " + found.rule + "\ndestination  " + found.destination + "\nprocessed    " +
+           sidesOf(found.iType) + " (type " + std::to_string(found.iType) + ")\nnext hop     " + found.hop +
+           ": " + found.why;
+  text += found.reason;
+  if (!found.fault.empty()) text += "\nsuch a call cannot work: " + found.fault;
+  return text;
 }
 
 // The first is the likeliest; the others differ from it.
@@ -223,15 +222,15 @@ int print(const sContext& context, const std::vector<sExplanation>& found) {
   std::string warnings, others;
   for (const std::string& doubt : doubts(context)) {
     warnings += (warnings.empty() ? "" : ", ") + jsonText(doubt);
-    if (!context.bJson) std::fprintf(stderr, "warning: %s\n", doubt.c_str());
+    if (!context.bJson) std::fprintf(stderr, "warning: %s\n", shownText(doubt).c_str());
   }
-  if (!context.bJson) printText(found.front());
+  if (!context.bJson) std::puts(shownText(textOf(found.front())).c_str());
   for (std::size_t i = 1; i < found.size(); ++i) {
     others += (i == 1 ? "{" : ", {") + jsonOf(found[i]) + "}";
     if (context.bJson) continue;
     std::printf("\nbut with %s in From: and %s in To: (quorvelctl trace shows them)\n",
-                found[i].caller.c_str(), found[i].dialled.c_str());
-    printText(found[i]);
+                shownText(found[i].caller).c_str(), shownText(found[i].dialled).c_str());
+    std::puts(shownText(textOf(found[i])).c_str());
   }
   if (context.bJson)
     std::printf("{%s, \"warnings\": [%s], \"but\": [%s]}\n", jsonOf(found.front()).c_str(), warnings.c_str(),

@@ -181,8 +181,8 @@ bool isOfPhone(const sTraced& message, const std::string& name) {
 void print(const sContext& context, const sTraced& message, bool first) {
   const std::string text = masked(message.text);
   if (!context.bJson) {
-    std::printf("%s %s %s\n%s\n", message.time.c_str(), message.bSent ? "->" : "<-", message.address.c_str(),
-                shownText(text).c_str());
+    const std::string head = message.time + (message.bSent ? " -> " : " <- ") + message.address;
+    std::printf("%s\n%s\n", shownText(head).c_str(), shownText(text).c_str());
     return;
   }
   std::printf("%s\n  {\"time\": %s, \"sent\": %s, \"address\": %s, \"call_id\": %s, \"text\": %s}",
