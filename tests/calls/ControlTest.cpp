@@ -59,8 +59,8 @@ TEST_F(ControlTest, CallsAreSeenTracedDrainedAndStopped) {
   const Answer all = controlAsGiven({"--json", "status"}, {{"KESTROVA_BIN", ""}});
   EXPECT_NE(all.text.find("\"" + quorvel->instanceName() + "\", \"running\": true"), std::string::npos);
   EXPECT_NE(all.text.find(state), std::string::npos) << all.text;
-  EXPECT_TRUE(
-      eventually([&] { return control({"calls"}).text.find(" -> ") != std::string::npos; }, Seconds(5)))
+  const char* const twoSilentSides = ", 0 s\n    no audio so far\n    no audio so far\n";
+  EXPECT_TRUE(eventually([&] { return control({"calls"}).text.ends_with(twoSilentSides); }, Seconds(5)))
       << control({"calls"}).text;
   EXPECT_EQ(metric("up"), 1);
   EXPECT_EQ(metric("active_calls"), 1);

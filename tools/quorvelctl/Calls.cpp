@@ -58,16 +58,18 @@ std::string plain(std::string text) {
 }
 
 void printDirection(const sDirectionFigures& f) {
+  if (!f.hasAudio()) return void(std::puts("    no audio so far"));
   std::printf("    noise %d, gain %d %%, echo %d, jitter %d ms, loss %.2f %%, delay %d ms, MOS %.2f\n",
               f.iNoise, f.iGain, f.iEcho, f.iJitter, f.dLoss, f.iDelay, f.dMos);
 }
 
 std::string jsonOf(const sDirectionFigures& f) {
-  char text[200];
-  std::snprintf(text, sizeof text,
-                "{\"noise\": %d, \"gain\": %d, \"echo\": %d, \"jitter_ms\": %d, \"loss_percent\": %.2f, "
-                "\"delay_ms\": %d, \"mos\": %.2f}",
-                f.iNoise, f.iGain, f.iEcho, f.iJitter, f.dLoss, f.iDelay, f.dMos);
+  char text[220];
+  std::snprintf(
+      text, sizeof text,
+      "{\"audio\": %s, \"noise\": %d, \"gain\": %d, \"echo\": %d, \"jitter_ms\": %d, \"loss_percent\": %.2f, "
+      "\"delay_ms\": %d, \"mos\": %.2f}",
+      f.hasAudio() ? "true" : "false", f.iNoise, f.iGain, f.iEcho, f.iJitter, f.dLoss, f.iDelay, f.dMos);
   return text;
 }
 
