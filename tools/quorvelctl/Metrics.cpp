@@ -185,7 +185,7 @@ bool writeTo(const std::string& path, const std::string& text) {
 namespace fs = std::filesystem;
 
 // A device or a pipe is written as it is: nothing may take its place, or be kept beside it.
-bool isReplaced(const std::string& path) {
+bool mayReplace(const std::string& path) {
   std::error_code ignored;
   const fs::file_status there = fs::status(path, ignored);
   return !fs::exists(there) || fs::is_regular_file(there);
@@ -200,7 +200,7 @@ std::string placeOf(const std::string& path) {
 
 // A reader must never see half of a file.
 bool writeWhole(const std::string& path, const std::string& text) {
-  if (!isReplaced(path)) return writeTo(path, text);
+  if (!mayReplace(path)) return writeTo(path, text);
   const std::string file = placeOf(path), draft = file + ".tmp";
   if (writeTo(draft, text) && std::rename(draft.c_str(), file.c_str()) == 0) return true;
   std::remove(draft.c_str());
@@ -209,7 +209,7 @@ bool writeWhole(const std::string& path, const std::string& text) {
 
 // Beside the file of figures, under a name that no collector reads; empty where there is no such file.
 std::string stateFileOf(const sContext& context) {
-  if (context.words.empty() || !isReplaced(context.words[0])) return "";
+  if (context.words.empty() || !mayReplace(context.words[0])) return "";
   return placeOf(context.words[0]) + ".state";
 }
 
