@@ -41,19 +41,15 @@ TEST_F(ChannelTest, EveryFunctionRefusesAChannelNumberAboveFive) {
 }
 
 TEST_F(ChannelTest, PackageNeedsItsVersionAndACpuPowerInRange) {
-  struct {
-    sKestrovaPackage package;
-    int iResult;
-    const char* pcBin;
-  } const pCases[] = {
+  const std::tuple<sKestrovaPackage, int, const char*> pCases[] = {
       {{1, "/opt/q", 5}, 2, nullptr},    {{3, "/opt/q", 5}, 2, nullptr},    {{2, "/opt/q", 11}, 2, nullptr},
       {{2, "/opt/q", -1}, 2, nullptr},   {{2, "/opt/q", 10}, 0, "/opt/q/"}, {{2, "/opt/q/", 0}, 0, "/opt/q/"},
       {{2, "C:\\q\\", 5}, 0, "C:\\q\\"}, {{2, nullptr, 5}, 0, ""},
   };
-  for (const auto& row : pCases) {
-    EXPECT_EQ(KestrovaPackageInit(&row.package), row.iResult);
-    if (row.iResult == 0) {
-      EXPECT_EQ(Glob::pcKestrovaBin.view(), row.pcBin);
+  for (const auto& [package, iResult, pcBin] : pCases) {
+    EXPECT_EQ(KestrovaPackageInit(&package), iResult);
+    if (iResult == 0) {
+      EXPECT_EQ(Glob::pcKestrovaBin.view(), pcBin);
     }
   }
   const std::string longName(256, 'x');

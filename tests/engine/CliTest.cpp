@@ -26,9 +26,7 @@ class CliTest : public EngineTest {
 };
 
 TEST_F(CliTest, ValuesAreClampedAndPrintedInTheirUnits) {
-  struct {
-    const char *pcName, *pcValue, *pcPrinted;
-  } const pCases[] = {
+  const std::tuple<const char*, const char*, const char*> pCases[] = {
       {"FrameBufferSize", "3", "4 "},
       {"FrameBufferSize", "40", "32 "},
       {"FrameBufferSize", "8", "8 "},
@@ -51,9 +49,9 @@ TEST_F(CliTest, ValuesAreClampedAndPrintedInTheirUnits) {
       {"unknown word", "5", "unknown word"},
       {"", "", ""},
   };
-  for (const auto& row : pCases) {
-    KestrovaCli.setParam(row.pcName, row.pcValue);
-    EXPECT_EQ(printedParam(row.pcName), row.pcPrinted) << row.pcName << " " << row.pcValue;
+  for (const auto& [pcName, pcValue, pcPrinted] : pCases) {
+    KestrovaCli.setParam(pcName, pcValue);
+    EXPECT_EQ(printedParam(pcName), pcPrinted) << pcName << " " << pcValue;
   }
 }
 

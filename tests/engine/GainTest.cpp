@@ -5,7 +5,7 @@
 
 namespace {
 
-class GainLimitsTest : public EngineTest {
+class GainTest : public EngineTest {
  protected:
   static constexpr std::size_t kSecond = 8000;
   static constexpr int kLevel = 24000;  // peak to peak
@@ -19,10 +19,10 @@ class GainLimitsTest : public EngineTest {
     }
     return mixed(in, gaussianNoise(in.size(), 20, 1));
   }
-  Samples run(const Samples& in, int iLowest = 50, int iHighest = 500) {
+  Samples run(const Samples& in, int iLowest = 50, int iHighest = 500, int iTarget = kLevel) {
     sKestrovaInit init = defaultInit();
     init.bDoAGC = 1;
-    init.iAGCLevel = kLevel;
+    init.iAGCLevel = iTarget;
     init.iAGCMinPercent = iLowest;
     init.iAGCMaxPercent = iHighest;
     EXPECT_EQ(KestrovaInit(0, &init), 0);
@@ -39,7 +39,7 @@ class GainLimitsTest : public EngineTest {
   std::vector<int> piGain;  // percent, after each cycle
 };
 
-TEST_F(GainLimitsTest, RisesByFiftyOf128ACycleAndFallsByFiveHundred) {
+TEST_F(GainTest, RisesByFiftyOf128ACycleAndFallsByFiveHundred) {
   Samples in = talk(3, 1900);
   const Samples loud = talk(2, 30000);
   in.insert(in.end(), loud.begin() + kSecond, loud.end());
@@ -55,7 +55,7 @@ TEST_F(GainLimitsTest, RisesByFiftyOf128ACycleAndFallsByFiveHundred) {
   EXPECT_LE(iFall, 500 * 100 / 128 + 1);
 }
 
-TEST_F(GainLimitsTest, StaysWithinItsLimits) {
+TEST_F(GainTest, StaysWithinItsLimits) {
   for (const auto& [iLowest, iHighest, dPeak] : {std::tuple{50, 500, 1000.0},
                                                  {50, 500, 32000.0},
                                                  {80, 120, 1000.0},
@@ -67,7 +67,24 @@ TEST_F(GainLimitsTest, StaysWithinItsLimits) {
   }
 }
 
-TEST_F(GainLimitsTest, ABurstExceedsTheTargetForTwoCyclesAtMost) {
+TEST_F(GainTest, ATargetOfNothingEndsAtTheLeastGain) {
+  run(talk(6, 6000), 50, 500, 0);
+  EXPECT_EQ(piGain.back(), 50);
+}
+
+TEST_F(GainTest, TalkersComeToTheSameLevelWithinTheirFirstSecond) {
+  constexpr std::size_t kCycles = kSecond / 32;
+  for (const double dPeak : {3000.0, 6000.0, 12000.0, 24000.0}) {
+    run(talk(6, dPeak));
+    EXPECT_EQ(piGain[kCycles - 1], 100) << "nothing is lifted before anyone has spoken";
+    for (std::size_t i = 2 * kCycles - 1; i < piGain.size(); i += kCycles) {
+      const double dLevel = dPeak * piGain[i] / 100;
+      EXPECT_NEAR(decibels(dLevel / 14000), 0, 3) << dPeak << " after cycle " << i << ": " << piGain[i];
+    }
+  }
+}
+
+TEST_F(GainTest, ABurstExceedsTheTargetForTwoCyclesAtMost) {
   Samples in = talk(6, 3000);
   for (const std::size_t uAt : {5 * kSecond + 6000, 6 * kSecond + 1000}) {  // in a pause, and in a word
     Samples burst = in;
@@ -81,7 +98,7 @@ TEST_F(GainLimitsTest, ABurstExceedsTheTargetForTwoCyclesAtMost) {
   }
 }
 
-TEST_F(GainLimitsTest, PausesOfAWeakTalkerAreNotLifted) {
+TEST_F(GainTest, PausesOfAWeakTalkerAreNotLifted) {
   const Samples in = talk(6, 2400);
   const Samples out = run(in);
   EXPECT_GT(piGain.back(), 400);
@@ -92,7 +109,7 @@ TEST_F(GainLimitsTest, PausesOfAWeakTalkerAreNotLifted) {
 }
 
 // One shout and what was said after it, then the other party's turn: the gain comes back.
-TEST_F(GainLimitsTest, OneLoudWordIsForgottenAfterTheOtherPartysTurn) {
+TEST_F(GainTest, OneLoudWordIsForgottenAfterTheOtherPartysTurn) {
   Samples in = talk(4, 2400);
   const int iBefore = (run(in), piGain.back());
   in += talk(1, 30000);

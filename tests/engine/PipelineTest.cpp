@@ -189,47 +189,7 @@ TEST_F(PipelineTest, WithTheVadBypassedTheBackgroundStaysDownAfterAWord) {
   EXPECT_LT(rms(out, 7 * kSecond, 9 * kSecond), 1.1 * rms(out, 2 * kSecond, 4 * kSecond));
 }
 
-// ---- Gain control
-
-class GainTest : public PipelineTest {
- protected:
-  // The channel's gain in percent after each second of a talker with this peak.
-  static std::vector<int> gains(double dPeak, int iLevel) {
-    sKestrovaInit init = defaultInit();
-    init.bDoAGC = 1;
-    init.iAGCLevel = iLevel;
-    open(init);
-    std::vector<int> piGain;
-    int iFrame = 0;
-    const Samples in = mixed(talk(6, dPeak), gaussianNoise(8 * kSecond, 4, 7));
-    process(0, in, 32, [&](const sKestrovaFrameResult& result) {
-      EXPECT_GE(result.iGainPercent, 50);
-      EXPECT_LE(result.iGainPercent, 500);
-      if (++iFrame % 250 == 0) piGain.push_back(result.iGainPercent);
-    });
-    return piGain;
-  }
-};
-
-TEST_F(GainTest, TalkersComeToTheSameLevelWithinTheirFirstSecond) {
-  for (const double dPeak : {3000.0, 6000.0, 12000.0, 24000.0}) {
-    const auto piGain = gains(dPeak, 24000);
-    for (std::size_t s = 2; s < piGain.size(); ++s) {
-      const double dLevel = dPeak * piGain[s] / 100;
-      EXPECT_NEAR(decibels(dLevel / 14000), 0, 3) << dPeak << " after second " << s << ": " << piGain[s];
-    }
-  }
-}
-
-TEST_F(GainTest, NothingIsLiftedBeforeAnyoneHasSpoken) {
-  EXPECT_EQ(gains(3000, 24000)[1], 100);
-}
-
-TEST_F(GainTest, ATargetOfNothingEndsAtTheLeastGain) {
-  EXPECT_EQ(gains(6000, 0).back(), 50);
-}
-
-TEST_F(GainTest, AShockIsBroughtDownToTheSpeakersLevel) {
+TEST_F(PipelineTest, AShockIsBroughtDownToTheSpeakersLevel) {
   double dPassed[2] = {};
   for (const int iCancel : {0, 1}) {
     sKestrovaInit init = defaultInit();

@@ -88,11 +88,7 @@ TEST_F(KestrovaWavTest, SaysWhatIsWrong) {
   wav("byte.wav", 800, 1600, 8000, 1, 8);
   (void)installation.write("empty.wav", "");
   (void)installation.write("text.wav", "no sound at all");
-  const struct {
-    const char* pcArguments;
-    int iStatus;
-    const char* pcSaid;
-  } rows[] = {
+  const std::tuple<const char*, int, const char*> rows[] = {
       {"missing.wav o.wav", 1, "missing.wav: No such file or directory"},
       {". o.wav", 1, ".: is a directory"},
       {"empty.wav o.wav", 1, "empty.wav: is empty"},
@@ -114,10 +110,10 @@ TEST_F(KestrovaWavTest, SaysWhatIsWrong) {
       {"good.wav o.wav --colour 1", 2, "unknown option --colour"},
       {"--help", 0, "[15 CNGEndValue]"},
   };
-  for (const auto& row : rows) {
-    const Ended ended = run(row.pcArguments);
-    EXPECT_EQ(ended.iStatus, row.iStatus) << row.pcArguments;
-    EXPECT_NE(ended.said.find(row.pcSaid), std::string::npos) << row.pcArguments << ": " << ended.said;
+  for (const auto& [pcArguments, iStatus, pcSaid] : rows) {
+    const Ended ended = run(pcArguments);
+    EXPECT_EQ(ended.iStatus, iStatus) << pcArguments;
+    EXPECT_NE(ended.said.find(pcSaid), std::string::npos) << pcArguments << ": " << ended.said;
   }
 }
 
