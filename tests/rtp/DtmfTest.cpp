@@ -61,20 +61,16 @@ class DtmfTest : public RtpTest {
 };
 
 TEST_F(DtmfTest, DigitsComeFromTheEndsOfEvents) {
-  struct Case {
-    std::string payload;
-    const char* digits;
-  };
-  const Case cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {event(1, false), ""},
       {event(1, true), "1"},
       {event(1, true), "1"},
       {event(10, true) + event(11, true), "1*#"},
       {event(12, true) + event(16, true) + event(255, true) + event(15, true), "1*#AD"},
   };
-  for (const Case& c : cases) {
-    send(c.payload);
-    EXPECT_EQ(digits(), c.digits);
+  for (const auto& [payload, expected] : cases) {
+    send(payload);
+    EXPECT_EQ(digits(), expected);
   }
 }
 

@@ -169,26 +169,24 @@ std::vector<std::int16_t> decodeAll(SUPPORTED_CODECS_IN_QUORVEL codec, const std
 
 TEST_F(PacketPathTest, ToneKeepsItsLevelThroughEveryPairOfCodecs) {
   constexpr int kPackets = 30;
-  struct Case {
-    Codecs from;
-    Codecs to;
+  // The second list decides the codec that is sent; the pair runs at 16 kHz only when both hold G.722.
+  const struct {
+    Codecs fromCodecs, toCodecs;
     int sampleRate;
     double frequency;
-  };
-  // The second list decides the codec that is sent; the pair runs at 16 kHz only when both hold G.722.
-  const Case cases[] = {{{eCodecG722}, {eCodecPCMA}, 8000, 1000},
-                        {{eCodecPCMU}, {eCodecG722}, 8000, 1000},
-                        {{eCodecG722}, {eCodecG722}, 16000, 5500},
-                        {{eCodecPCMA, eCodecG722}, {eCodecG722}, 16000, 1000},
-                        {{eCodecG722}, {eCodecPCMU, eCodecG722}, 16000, 1000}};
-  for (const Case& c : cases) {
-    const auto from = *c.from.begin();
-    const auto to = *c.to.begin();
-    SCOPED_TRACE(std::to_string(from) + " to " + std::to_string(to) + " at " + std::to_string(c.sampleRate));
-    Call call(c.from, c.to, "tone");
+  } cases[] = {{{eCodecG722}, {eCodecPCMA}, 8000, 1000},
+               {{eCodecPCMU}, {eCodecG722}, 8000, 1000},
+               {{eCodecG722}, {eCodecG722}, 16000, 5500},
+               {{eCodecPCMA, eCodecG722}, {eCodecG722}, 16000, 1000},
+               {{eCodecG722}, {eCodecPCMU, eCodecG722}, 16000, 1000}};
+  for (const auto& [fromCodecs, toCodecs, sampleRate, frequency] : cases) {
+    const auto from = *fromCodecs.begin();
+    const auto to = *toCodecs.begin();
+    SCOPED_TRACE(std::to_string(from) + " to " + std::to_string(to) + " at " + std::to_string(sampleRate));
+    Call call(fromCodecs, toCodecs, "tone");
     ASSERT_GE(call.open(), 0);
-    EXPECT_EQ(call.record().iSampleRate, c.sampleRate);
-    const std::string in = encodeTone(from, kPackets, c.frequency);
+    EXPECT_EQ(call.record().iSampleRate, sampleRate);
+    const std::string in = encodeTone(from, kPackets, frequency);
     std::string out;
     for (int i = 0; i < kPackets; ++i) {
       ASSERT_EQ(call.pass(0, packetOf(from, 1 + i, in.substr(static_cast<std::size_t>(i) * 160, 160))), 0);
@@ -200,7 +198,7 @@ TEST_F(PacketPathTest, ToneKeepsItsLevelThroughEveryPairOfCodecs) {
     // Averaging neighbours costs up to 0.4 dB at 1 kHz.
     auto heard = decodeAll(to, out);
     heard.erase(heard.begin(), heard.begin() + 640);
-    EXPECT_NEAR(level(heard, to == eCodecG722 ? 16000 : 8000, c.frequency), 8000, 500);
+    EXPECT_NEAR(level(heard, to == eCodecG722 ? 16000 : 8000, frequency), 8000, 500);
     call.close();
   }
 }
@@ -226,24 +224,20 @@ TEST_F(PacketPathTest, MalformedPacketsAreDroppedWithAWarningEach) {
     packet[0] = static_cast<char>(byte);
     return packet;
   };
-  struct Case {
-    std::string datagram;
-    const char* warning;
-  };
-  const Case cases[] = {{"", "packet is too short (0)"},
-                        {"\x80", "packet is too short (1)"},
-                        {good.substr(0, 11), "packet is too short (11)"},
-                        {withFirstByte(0x00), "version not 2"},
-                        {withFirstByte(0x40), "version not 2"},
-                        {withFirstByte(0xC0), "version not 2"},
-                        {withFirstByte(0xA0), "there is padding"},
-                        {withFirstByte(0x90), "there is extension"},
-                        {withFirstByte(0x8F), "there is contribution source"}};
-  for (const Case& c : cases) {
+  const std::pair<std::string, const char*> cases[] = {{"", "packet is too short (0)"},
+                                                       {"\x80", "packet is too short (1)"},
+                                                       {good.substr(0, 11), "packet is too short (11)"},
+                                                       {withFirstByte(0x00), "version not 2"},
+                                                       {withFirstByte(0x40), "version not 2"},
+                                                       {withFirstByte(0xC0), "version not 2"},
+                                                       {withFirstByte(0xA0), "there is padding"},
+                                                       {withFirstByte(0x90), "there is extension"},
+                                                       {withFirstByte(0x8F), "there is contribution source"}};
+  for (const auto& [datagram, warning] : cases) {
     installation.clearLog();
-    EXPECT_EQ(call.pass(0, c.datagram), 1);
-    EXPECT_EQ(installation.logCount(" WARNING in MyRtp::parseAndSendRtpMsg, " + std::string(c.warning)), 1)
-        << c.warning;
+    EXPECT_EQ(call.pass(0, datagram), 1);
+    EXPECT_EQ(installation.logCount(" WARNING in MyRtp::parseAndSendRtpMsg, " + std::string(warning)), 1)
+        << warning;
   }
   EXPECT_TRUE(call.silent(1));
   EXPECT_EQ(call.record().iPacketsReceived[0], 0);
@@ -270,20 +264,16 @@ TEST_F(PacketPathTest, PayloadTypesThatWereNotNegotiatedPassUntouched) {
 TEST_F(PacketPathTest, EventsTakeTheirPlaceInTheOrderOfTheAudio) {
   Call call({eCodecPCMU}, {eCodecPCMU});
   ASSERT_GE(call.open(), 0);
-  struct Sent {
-    int sequence;
-    bool isEvent;
-    std::vector<int> heard;
-  };
-  const Sent all[] = {{1, false, {1}}, {2, true, {2}}, {3, false, {3}},   {4, true, {4}},   {5, true, {5}},
-                      {6, false, {6}}, {8, false, {}}, {7, true, {7, 8}}, {10, true, {10}}, {9, false, {9}}};
-  for (const Sent& sent : all) {
-    SCOPED_TRACE(sent.sequence);
+  const std::tuple<int, bool, std::vector<int>> all[] = {
+      {1, false, {1}}, {2, true, {2}}, {3, false, {3}},   {4, true, {4}},   {5, true, {5}},
+      {6, false, {6}}, {8, false, {}}, {7, true, {7, 8}}, {10, true, {10}}, {9, false, {9}}};
+  for (const auto& [sequence, isEvent, heard] : all) {
+    SCOPED_TRACE(sequence);
     Packet packet;
-    packet.sequence = sent.sequence;
-    if (sent.isEvent) packet.payloadType = kTelephoneEventPT;
+    packet.sequence = sequence;
+    if (isEvent) packet.payloadType = kTelephoneEventPT;
     ASSERT_EQ(call.pass(0, packet), 0);
-    for (const int sequence : sent.heard) EXPECT_EQ(sequenceOf(call.heardBy(1)), sequence);
+    for (const int next : heard) EXPECT_EQ(sequenceOf(call.heardBy(1)), next);
   }
   // Of another source, an event is no part of the stream.
   Packet stray;

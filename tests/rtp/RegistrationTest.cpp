@@ -157,25 +157,20 @@ TEST_F(RegistrationTest, RefusedVoiceIsAnsweredWithTheFailToneAfter300Seconds) {
   EXPECT_EQ(toneForDialler(), "fail");
 }
 
+// Another call may take the name between the look and the opening; here a link that leads nowhere does.
 TEST_F(RegistrationTest, NeverReplacesAProfile) {
   installation.write("voice-5", "kept");
+  std::filesystem::create_symlink("nowhere", path("6"));
   ASSERT_EQ(call.open(), 0);
-  command("*15#");
-  EXPECT_EQ(toneForDialler(), "fail");
-  EXPECT_FALSE(call.record().bRegistering[0]);
+  for (const std::string name : {"5", "6"}) {
+    command("*1" + name + "#");
+    EXPECT_EQ(toneForDialler(), "fail");
+    EXPECT_FALSE(call.record().bRegistering[0]);
+    EXPECT_EQ(installation.logCount(" WARNING in MyRtp::doRegistration, do not allow to override file " +
+                                    path(name)),
+              1);
+  }
   EXPECT_EQ(TestInstallation::read(path("5")), "kept");
-  EXPECT_EQ(
-      installation.logCount(" WARNING in MyRtp::doRegistration, do not allow to override file " + path("5")),
-      1);
-}
-
-// Another call may take the name between the look and the opening; here a link that leads nowhere does.
-TEST_F(RegistrationTest, NameThatIsTakenMeanwhileIsRefusedToo) {
-  std::filesystem::create_symlink("nowhere", path("5"));
-  ASSERT_EQ(call.open(), 0);
-  command("*15#");
-  EXPECT_EQ(toneForDialler(), "fail");
-  EXPECT_EQ(installation.logCount("do not allow to override file " + path("5")), 1);
 }
 
 TEST_F(RegistrationTest, RecordingStaysWhenItsCopyCannotBeWritten) {
@@ -289,13 +284,8 @@ TEST_F(RegistrationTest, VoiceWithoutMemoryIsNeitherKeptNorActivated) {
 
 TEST_F(RegistrationTest, OnlyAWholeProfileIsActivated) {
   const std::string whole = profile();
-  struct Case {
-    const char* name;
-    std::string content;
-    const char* tone;
-  };
   const std::uint32_t bytes = FakeEngine::get().speakerBytes;
-  const Case cases[] = {
+  const std::tuple<const char*, std::string, const char*> cases[] = {
       {"whole", whole, "OK"},
       {"not one that the engine takes", littleEndian(bytes) + std::string(bytes, 'w'), "fail"},
       {"empty", "", "fail"},
@@ -308,15 +298,15 @@ TEST_F(RegistrationTest, OnlyAWholeProfileIsActivated) {
       {"too small for a speaker record", littleEndian(4740) + whole, "fail"},
   };
   ASSERT_EQ(call.open(), 0);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, content, tone] : cases) {
+    SCOPED_TRACE(name);
     installation.clearLog();
-    installation.write("voice-3", c.content);
+    installation.write("voice-3", content);
     command("*2");
     command("*23#");
-    EXPECT_EQ(toneForDialler(), c.tone);
+    EXPECT_EQ(toneForDialler(), tone);
     EXPECT_EQ(installation.logCount(" WARNING in MyRtp::doActivation, unable to read from file " + path("3")),
-              c.tone == std::string("OK") ? 0 : 1);
+              tone == std::string("OK") ? 0 : 1);
   }
 }
 

@@ -219,14 +219,12 @@ TEST_F(SessionTest, PairsAreFoundByEitherCallIdAndSlotsAreUsedFromTheLowest) {
   EXPECT_EQ(first.open(), 0);
   EXPECT_EQ(second.open(), 1);
   EXPECT_EQ(third.open(), 2);
-  struct Case {
-    const char* callId1;
-    const char* callId2;
-    int index;
-  };
-  for (const Case& c : {Case{"first-leg0", "", 0}, Case{"x", "first-leg1", 0},
-                        Case{"third-leg1", "second-leg0", 1}, Case{"second-leg", "FIRST-LEG0", -1}}) {
-    EXPECT_EQ(myRtp.findRtpIndex(c.callId1, c.callId2), c.index) << c.callId1;
+  for (const auto& [callId1, callId2, index] :
+       {std::tuple<const char*, const char*, int>{"first-leg0", "", 0},
+        {"x", "first-leg1", 0},
+        {"third-leg1", "second-leg0", 1},
+        {"second-leg", "FIRST-LEG0", -1}}) {
+    EXPECT_EQ(myRtp.findRtpIndex(callId1, callId2), index) << callId1;
   }
   EXPECT_EQ(installation.logCount(" ERROR in MyRtp::findRtpIndex, unable to find session pair\n"), 1);
   EXPECT_EQ(myRtp.closeSessionPair("second-leg1", "unknown"), 1);

@@ -183,11 +183,7 @@ TEST_F(BindingFileTest, NothingIsWrittenWhileNothingChanges) {
   BindingTable table;  // the backup is checked against nothing, so it is written once
   table.saveBindingFiles();
   const auto states = [this] {
-    struct stat first, second;
-    stat(file().c_str(), &first);
-    stat(backup().c_str(), &second);
-    return std::vector<std::int64_t>{first.st_ctim.tv_sec, first.st_ctim.tv_nsec, second.st_ctim.tv_sec,
-                                     second.st_ctim.tv_nsec};
+    return std::pair(std::filesystem::last_write_time(file()), std::filesystem::last_write_time(backup()));
   };
   const auto before = states();
   usleep(10'000);  // coarser than the file system's clock
@@ -197,7 +193,7 @@ TEST_F(BindingFileTest, NothingIsWrittenWhileNothingChanges) {
   table.bind("202", 60);
   table.saveBindingFiles();
   const auto after = states();
-  EXPECT_TRUE(after[1] != before[1] && after[3] != before[3]);
+  EXPECT_TRUE(after.first != before.first && after.second != before.second);
 }
 
 TEST_F(BindingFileTest, UnusedSubscriptionEntriesTakeNoDiskSpace) {
@@ -242,11 +238,6 @@ TEST_F(BindingFileTest, FilesTouchedFromOutsideAreWrittenAfresh) {
 // ---- Damage ----
 
 TEST_F(BindingFileTest, DamagedFileIsIgnoredWithItsWarningAndTheBackupIsUsed) {
-  struct sCase {
-    const char* pcName;
-    std::function<void(const std::string&)> damage;
-    const char* pcWarning;
-  };
   const auto cutTo = [](off_t size) {
     return [size](const std::string& path) { EXPECT_EQ(truncate(path.c_str(), size), 0); };
   };
@@ -258,7 +249,7 @@ TEST_F(BindingFileTest, DamagedFileIsIgnoredWithItsWarningAndTheBackupIsUsed) {
     };
   };
   constexpr off_t kTrailerAt = 4 + 3 * static_cast<off_t>(kRecord);
-  const std::vector<sCase> kCases = {
+  const std::tuple<const char*, std::function<void(const std::string&)>, const char*> kCases[] = {
       {"empty", cutTo(0), "(index)"},
       {"half a count", cutTo(3), "(index)"},
       {"only a count", cutTo(4), "(table)"},
@@ -273,21 +264,21 @@ TEST_F(BindingFileTest, DamagedFileIsIgnoredWithItsWarningAndTheBackupIsUsed) {
       {"wrong trailer", put(kTrailerAt, 12346), "(number)"},
       {"missing", [](const std::string& path) { unlink(path.c_str()); }, nullptr},
   };
-  for (const sCase& testCase : kCases) {
-    SCOPED_TRACE(testCase.pcName);
+  for (const auto& [name, damage, warning] : kCases) {
+    SCOPED_TRACE(name);
     std::filesystem::remove(file());
     std::filesystem::remove(backup());
     saveSmallTable();
     installation.clearLog();
-    testCase.damage(file());
+    damage(file());
     BindingTable table;
     EXPECT_EQ(table.iNumBindings, 3);
     EXPECT_EQ(table.bindingAt(1).iNumSubscriptions, 2);
-    if (testCase.pcWarning == nullptr) {
+    if (warning == nullptr) {
       EXPECT_EQ(installation.log(), "");
     } else {
       EXPECT_EQ(installation.logCount(" WARNING in MySip::readBindingTable, Binding file is corrupted " +
-                                      std::string(testCase.pcWarning) + " - ignored\n"),
+                                      std::string(warning) + " - ignored\n"),
                 1)
           << installation.log();
     }

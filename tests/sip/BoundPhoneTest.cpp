@@ -98,37 +98,32 @@ TEST_F(BoundPhoneTest, RegistrarAnswersAtOnceAndBindsThePhone) {
 }
 
 TEST_F(BoundPhoneTest, ExpiryIsReadFromTheHeaderOrTheContact) {
-  struct sCase {
-    const char* pcHeader;
-    const char* pcParameter;
-    int iExpires;
-    const char* pcLog;
-  };
-  for (const sCase& testCase :
-       {sCase{"Expires: 60\r\n", ";expires=90", 60, ""}, sCase{"", ";expires=90;q=1", 90, ""},
-        sCase{"", ";EXPIRES=0", 0, ""},
-        sCase{"", "", 3600,
-              "WARNING in MySip::handleRequestToRegisterWithUs, Unable to extract expiration from Contact. "
-              "Using 3600 instead.\n"},
-        sCase{"", ";expires=soon", 3600, ";expires=soon. Using 3600 instead.\n"},
-        sCase{"Expires: \r\n", "", -1,
-              "ERROR in MySip::handleRequestToRegisterWithUs, Unable to extract expiration from msg\n"},
-        sCase{"Expires: -1\r\n", "", -1, "Unable to read valid expiration from: -1\n"},
-        sCase{"Expires: 4294967295\r\n", "", -1, "Unable to read valid expiration from: 4294967295\n"},
-        sCase{"", ";expires=-5", -1, "Unable to read valid expiration from: -5"}}) {
-    SCOPED_TRACE(std::string(testCase.pcHeader) + testCase.pcParameter);
+  for (const auto& [line, parameter, expires, log] :
+       {std::tuple<const char*, const char*, int, const char*>{"Expires: 60\r\n", ";expires=90", 60, ""},
+        {"", ";expires=90;q=1", 90, ""},
+        {"", ";EXPIRES=0", 0, ""},
+        {"", "", 3600,
+         "WARNING in MySip::handleRequestToRegisterWithUs, Unable to extract expiration from Contact. "
+         "Using 3600 instead.\n"},
+        {"", ";expires=soon", 3600, ";expires=soon. Using 3600 instead.\n"},
+        {"Expires: \r\n", "", -1,
+         "ERROR in MySip::handleRequestToRegisterWithUs, Unable to extract expiration from msg\n"},
+        {"Expires: -1\r\n", "", -1, "Unable to read valid expiration from: -1\n"},
+        {"Expires: 4294967295\r\n", "", -1, "Unable to read valid expiration from: 4294967295\n"},
+        {"", ";expires=-5", -1, "Unable to read valid expiration from: -5"}}) {
+    SCOPED_TRACE(std::string(line) + parameter);
     start();
     installation.clearLog();
     std::filesystem::remove(installation.bin() / "binding");
-    Request request = phoneRequest("REGISTER", 1, testCase.pcHeader);
-    request.contact += testCase.pcParameter;
+    Request request = phoneRequest("REGISTER", 1, line);
+    request.contact += parameter;
     fromCaller(build(request));
-    if (*testCase.pcLog != '\0') {
-      EXPECT_EQ(installation.logCount(testCase.pcLog), 1) << installation.log();
+    if (*log != '\0') {
+      EXPECT_EQ(installation.logCount(log), 1) << installation.log();
     }
-    if (testCase.iExpires >= 0) {
-      EXPECT_EQ(header(atCaller(), "Expires"), std::to_string(testCase.iExpires));
-      EXPECT_EQ(phone().tRequestedExpiry, testCase.iExpires == 0 ? 0 : kStart + testCase.iExpires);
+    if (expires >= 0) {
+      EXPECT_EQ(header(atCaller(), "Expires"), std::to_string(expires));
+      EXPECT_EQ(phone().tRequestedExpiry, expires == 0 ? 0 : kStart + expires);
     }
     expectSilence();
     fromCaller(build(phoneRequest("REGISTER", 2, "Expires: 0\r\n")));
@@ -263,28 +258,6 @@ TEST_F(BoundPhoneTest, SequenceNumbersRunOverTheirEnd) {
     fromCaller(build(phoneRequest("REGISTER", cseq)));
     EXPECT_EQ(header(atPbx(), "CSeq"), std::to_string(relayed) + " REGISTER") << cseq;
   }
-}
-
-TEST_F(BoundPhoneTest, CallsReachThePhoneUnderItsThreeNames) {
-  start();
-  fromCaller(build(phoneRequest("REGISTER", 1)));
-  (void)atCaller();
-  passSeconds(1);  // written to the file, from which each engine below takes it
-  for (const std::string name : {"201@phone.example", "201@127.0.0.1", "201@PBX.example"}) {
-    SCOPED_TRACE(name);
-    start();
-    Request call = invite;
-    call.callId = name;
-    call.to = "<sip:" + name + ">";
-    call.from = "<sip:300@pbx.example>;tag=p";
-    fromPbx(build(call));
-    EXPECT_EQ(firstLine(atCaller()), "INVITE sip:" + name + " SIP/2.0");
-    expectSilence();
-  }
-  Request call = invite;
-  call.to = "<sip:201@pbx.example>";
-  fromCaller(build(call));
-  EXPECT_TRUE(firstLine(atPbx()).starts_with("INVITE ")) << "what a bound phone sends goes to the PBX";
 }
 
 // ---- SUBSCRIBE and NOTIFY ----

@@ -4,14 +4,13 @@
 
 #include "app/config/ProcessState.h"
 #include "common/Clock.h"
-#include "rtp/MyRtp.h"
-#include "tests/sip/SipFixture.h"
+#include "tests/sip/MidCallFixture.h"
 
 namespace {
 
 using namespace sip_text;  // NOLINT(google-build-using-namespace): transcripts read better
 
-class CallTest : public SipFixture {
+class CallTest : public MidCallFixture {
  protected:
   // The message as a stateful proxy on that port passes it on.
   static std::string withVia(const std::string& message, int port) {
@@ -57,17 +56,22 @@ TEST_F(CallTest, AnsweredCallEndsFromEitherSide) {
         header(callerAnswer, "Via")
             .ends_with(";branch=z9hG4bKcaller1;received=127.0.0.1;rport=" + std::to_string(caller.port())));
     EXPECT_NE(myRtp.findRtpIndex(invite.callId.c_str(), ""), -1);
+    fromPbx(respond(pairInvite, "200 OK", "bob1", "Contact: <sip:200@127.0.0.1>\r\n", sdp(5000, "0")));
+    const std::string again = atCaller();
+    EXPECT_EQ(header(again, "To") + header(again, "CSeq"), header(callerAnswer, "To") + "1 INVITE");
+    fromCaller(callerRequest("ACK", 1));
+    EXPECT_EQ(header(atPbx(), "CSeq"), "1 ACK") << "the first one was lost";
 
     LoopbackPeer& first = callerHangsUp ? caller : pbx;
     LoopbackPeer& second = callerHangsUp ? pbx : caller;
-    first.sendTo(iSipPort, callerHangsUp ? callerRequest("BYE", 2) : pbxBye(7));
+    first.sendTo(iSipPort, callerHangsUp ? callerRequest("BYE", 2) : build(pbxWithin("BYE", 7)));
     process();
     const std::string bye = second.receive().value_or("");
     EXPECT_TRUE(firstLine(bye).starts_with("BYE sip:")) << bye;
     EXPECT_TRUE(first.quiet()) << "the BYE is answered when the other side has answered";
     EXPECT_EQ(sip->numActiveCalls(), 0);
 
-    first.sendTo(iSipPort, callerHangsUp ? callerRequest("BYE", 2) : pbxBye(7));
+    first.sendTo(iSipPort, callerHangsUp ? callerRequest("BYE", 2) : build(pbxWithin("BYE", 7)));
     process();
     EXPECT_EQ(second.receive().value_or(""), bye) << "a repeated BYE sends the stored one again";
 
@@ -78,7 +82,7 @@ TEST_F(CallTest, AnsweredCallEndsFromEitherSide) {
     EXPECT_EQ(header(ok, "CSeq"), callerHangsUp ? "2 BYE" : "7 BYE");
     EXPECT_FALSE(sip->phone(0).bInUse || sip->phone(2).bInUse);
 
-    first.sendTo(iSipPort, callerHangsUp ? callerRequest("BYE", 2) : pbxBye(7));
+    first.sendTo(iSipPort, callerHangsUp ? callerRequest("BYE", 2) : build(pbxWithin("BYE", 7)));
     second.sendTo(iSipPort, respond(bye, "200 OK"));
     process();
     EXPECT_EQ(firstLine(first.receive().value_or("")), "SIP/2.0 200 OK") << "the ended call still answers";
@@ -181,6 +185,13 @@ TEST_F(CallTest, EarlyMediaIsAnsweredWithOurSdpAndStartsTheRelay) {
   const std::string bare = atCaller();
   EXPECT_EQ(firstLine(bare), "SIP/2.0 183 Session Progress");
   EXPECT_EQ(body(bare), "") << "without SDP there is only the news";
+
+  fromPbx(respond(pairInvite, "200 OK", "bob1", contactOfPbx(), sdp(LoopbackPeer::freePortPair(), "0")));
+  callerAnswer = atCaller();
+  EXPECT_NE(body(callerAnswer).find("m=audio " + std::to_string(sip->phone(0).iRtpPort)), std::string::npos);
+  fromCaller(callerRequest("ACK", 1));
+  EXPECT_TRUE(firstLine(atPbx()).starts_with("ACK sip:200@127.0.0.1:"));
+  EXPECT_TRUE(sip->phone(0).bAnswered && hasMedia());
 }
 
 TEST_F(CallTest, CancelIsRelayedAndItsAnswersComeBack) {
@@ -260,6 +271,7 @@ TEST_F(CallTest, NewCallsAreRefusedWhenFullDrainingOrBarred) {
 
 TEST_F(CallTest, TerminatingSlotIsTakenByANewCallWhenNoneIsFree) {
   iNumPhonesToAllocate = 2;
+  iNumCallsToFilter = 1;
   start();
   answer();
   fromCaller(callerRequest("BYE", 2));
@@ -310,6 +322,7 @@ TEST_F(CallTest, SilentMediaEndsTheCallAndByesRepeatUntilTheSlotsAreReleased) {
   const std::string atFirst = atCaller();
   EXPECT_TRUE(firstLine(atFirst).starts_with("BYE ")) << installation.log();
   EXPECT_EQ(installation.logCount("going to cancel call (OnHold=false) due to RTP/RTCP inactivity (3"), 1);
+  EXPECT_EQ(installation.logCount(") between 100@127.0.0.1 and 200@127.0.0.1\n"), 1);
   EXPECT_EQ(atCaller(), atFirst) << "the tick that ends the call also repeats its BYEs";
   const std::string bye = atPbx();
   EXPECT_EQ(atPbx(), bye);

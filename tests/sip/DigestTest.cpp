@@ -6,24 +6,6 @@
 
 namespace {
 
-TEST(DigestTest, Md5GivesThePublishedDigests) {
-  const struct {
-    const char* text;
-    const char* digest;
-  } cases[] = {
-      // RFC 1321 appendix A.5
-      {"", "d41d8cd98f00b204e9800998ecf8427e"},
-      {"a", "0cc175b9c0f1b6a831c399e269772661"},
-      {"abc", "900150983cd24fb0d6963f7d28e17f72"},
-      {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
-      {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
-      {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789", "d174ab98d277d9f5a5611c2c9f419d9f"},
-      {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
-       "57edf4a22be3c955ac49da2e2107b67a"},
-  };
-  for (const auto& one : cases) EXPECT_EQ(MD5::hash(one.text), one.digest) << one.text;
-}
-
 // The digest of all the digests of 0 to 300 characters, from an independent implementation: one wrong length,
 // around a block's end for example, changes it.
 TEST(DigestTest, Md5IsRightForEveryLengthAcrossBlockEnds) {

@@ -23,11 +23,6 @@ using MidCallTest = MidCallFixture;
 // ---- Re-INVITE ----
 
 TEST_F(MidCallTest, HoldAndResumePassFromEitherSide) {
-  struct sCase {
-    const char* pcLine;
-    const char* pcIP;
-    const char* pcOffered;
-  };
   for (const bool fromTheCaller : {true, false}) {
     start();
     callerAnswer.clear();
@@ -37,13 +32,14 @@ TEST_F(MidCallTest, HoldAndResumePassFromEitherSide) {
     const sPhone& leg = sip->phone(fromTheCaller ? kOrig : kPair);
     int cseq = 7;
     int cseqOut = fromTheCaller ? 1 : sip->phone(kOrig).iCSeq;
-    for (const sCase& testCase :
-         {sCase{"a=sendonly\r\n", "127.0.0.1", "a=sendonly\r\n"},
-          sCase{"a=sendrecv\r\n", "127.0.0.1", "a=sendrecv\r\n"},
-          sCase{"a=inactive\r\n", "127.0.0.1", "a=inactive\r\n"},
-          sCase{"", "0.0.0.0", "c=IN IP4 0.0.0.0\r\n"}, sCase{"", "127.0.0.1", "c=IN IP4 127.0.0.1\r\n"}}) {
-      SCOPED_TRACE(std::string(fromTheCaller ? "caller " : "destination ") + testCase.pcLine + testCase.pcIP);
-      const std::string offer = sdp(LoopbackPeer::freePortPair(), "0 8", testCase.pcLine, testCase.pcIP);
+    for (const auto& [line, ip, offered] :
+         {std::tuple<const char*, const char*, const char*>{"a=sendonly\r\n", "127.0.0.1", "a=sendonly\r\n"},
+          {"a=sendrecv\r\n", "127.0.0.1", "a=sendrecv\r\n"},
+          {"a=inactive\r\n", "127.0.0.1", "a=inactive\r\n"},
+          {"", "0.0.0.0", "c=IN IP4 0.0.0.0\r\n"},
+          {"", "127.0.0.1", "c=IN IP4 127.0.0.1\r\n"}}) {
+      SCOPED_TRACE(std::string(fromTheCaller ? "caller " : "destination ") + line + ip);
+      const std::string offer = sdp(LoopbackPeer::freePortPair(), "0 8", line, ip);
       Request request =
           fromTheCaller ? callerWithin("INVITE", ++cseq, offer) : pbxWithin("INVITE", ++cseq, offer);
       sender.sendTo(iSipPort, build(request));
@@ -56,9 +52,9 @@ TEST_F(MidCallTest, HoldAndResumePassFromEitherSide) {
       EXPECT_EQ(tag(header(relayed, "To")), fromTheCaller ? "bob1" : "alice1");
       EXPECT_EQ(tag(header(relayed, "From")),
                 tag(fromTheCaller ? header(pairInvite, "From") : header(callerAnswer, "To")));
-      EXPECT_TRUE(has(body(relayed), testCase.pcOffered)) << relayed;
-      EXPECT_EQ(leg.bOnHold, std::string(testCase.pcOffered) != "a=sendrecv\r\n" &&
-                                 std::string(testCase.pcOffered) != "c=IN IP4 127.0.0.1\r\n");
+      EXPECT_TRUE(has(body(relayed), offered)) << relayed;
+      EXPECT_EQ(leg.bOnHold,
+                std::string(offered) != "a=sendrecv\r\n" && std::string(offered) != "c=IN IP4 127.0.0.1\r\n");
       EXPECT_TRUE(hasMedia());
 
       const std::string contact = "Contact: <sip:peer@127.0.0.1:" + std::to_string(receiver.port()) + ">\r\n";
@@ -300,29 +296,23 @@ TEST_F(MidCallTest, BlindTransferAndItsProgressPassAcross) {
   EXPECT_EQ(header(accepted, "CSeq"), "5 REFER");
   EXPECT_EQ(branchOf(accepted), refer.branch);
 
-  struct sCase {
-    const char* pcHeaders;
-    const char* pcEvent;
-    const char* pcState;
-    const char* pcBody;
-  };
   int cseq = 20;
-  for (const sCase& testCase :
-       {sCase{
+  for (const auto& [headers, event, state, sent] :
+       {std::tuple<const char*, const char*, const char*, const char*>{
             "Event: refer;id=7\r\nSubscription-State: active;expires=60\r\nContent-Type: message/sipfrag\r\n",
             "refer", "active;expires=60", "SIP/2.0 100 Trying\r\n"},
-        sCase{"Event: refer\r\nSubscription-State: terminated\r\n", "refer", "terminated", "SIP/2.0 200 OK"},
-        sCase{"Event: dialog;sla\r\n", "dialog;sla", "<none>", ""}}) {
-    SCOPED_TRACE(testCase.pcHeaders);
+        {"Event: refer\r\nSubscription-State: terminated\r\n", "refer", "terminated", "SIP/2.0 200 OK"},
+        {"Event: dialog;sla\r\n", "dialog;sla", "<none>", ""}}) {
+    SCOPED_TRACE(headers);
     Request notify = pbxWithin("NOTIFY", ++cseq);
-    notify.extraHeaders = testCase.pcHeaders;
-    const std::string text = withLength(build(notify) + testCase.pcBody);
+    notify.extraHeaders = headers;
+    const std::string text = withLength(build(notify) + sent);
     fromPbx(text);
     const std::string told = atCaller();
     EXPECT_EQ(firstLine(told), "NOTIFY sip:100@127.0.0.1 SIP/2.0");
-    EXPECT_EQ(header(told, "Event"), testCase.pcEvent);
-    EXPECT_EQ(header(told, "Subscription-State"), testCase.pcState);
-    EXPECT_EQ(body(told), testCase.pcBody);
+    EXPECT_EQ(header(told, "Event"), event);
+    EXPECT_EQ(header(told, "Subscription-State"), state);
+    EXPECT_EQ(body(told), sent);
     EXPECT_EQ(header(told, "Content-Length"), std::to_string(body(told).size()));
     fromPbx(text);
     EXPECT_EQ(atCaller(), told);

@@ -74,31 +74,27 @@ TEST_F(RedirectionTest, ContactsOfARedirectionAreTriedInOrder) {
 
 TEST_F(RedirectionTest, ContactsThatLeadNowhereAreLeftOut) {
   const std::string ourselves = "<sip:nobody@127.0.0.1:" + std::to_string(iSipPort) + ">";
-  struct sCase {
-    std::string contacts;
-    const char* pcLog;
-    bool isTried;
-  };
   LoopbackPeer there;
   const std::string good = "\"A, B\" <sip:there@127.0.0.1:" + std::to_string(there.port()) + ">";
-  for (const sCase& testCase :
-       {sCase{"Contact: <tel:+123>\r\n",
-              "ERROR in MySip::reviewMoveStorage, unable to find sip: in <tel:+123>", false},
-        sCase{"", "unable to find Contact: in", false},
-        sCase{"Contact: " + ourselves + "\r\n", "contact nobody@127.0.0.1", false},
-        sCase{"Contact: <tel:1>, " + good + ";q=0.5\r\n", "unable to find sip: in <tel:1>", true},
-        sCase{"Contact: <sip:a@b:x>\r\nContact: *\r\nContact: " + good + ", <sip:c@d>\r\n",
-              "error analyzing the URI String <sip:a@b:x>", true}}) {
-    SCOPED_TRACE(testCase.contacts);
+  for (const auto& [contacts, log, isTried] :
+       {std::tuple<std::string, const char*, bool>{
+            "Contact: <tel:+123>\r\n", "ERROR in MySip::reviewMoveStorage, unable to find sip: in <tel:+123>",
+            false},
+        {"", "unable to find Contact: in", false},
+        {"Contact: " + ourselves + "\r\n", "contact nobody@127.0.0.1", false},
+        {"Contact: <tel:1>, " + good + ";q=0.5\r\n", "unable to find sip: in <tel:1>", true},
+        {"Contact: <sip:a@b:x>\r\nContact: *\r\nContact: " + good + ", <sip:c@d>\r\n",
+         "error analyzing the URI String <sip:a@b:x>", true}}) {
+    SCOPED_TRACE(contacts);
     start();
     installation.clearLog();
     ring();
-    fromPbx(respond(pairInvite, "302 Moved Temporarily", "bob1", testCase.contacts));
+    fromPbx(respond(pairInvite, "302 Moved Temporarily", "bob1", contacts));
     EXPECT_EQ(header(atPbx(), "CSeq"), "1 ACK");
-    EXPECT_EQ(installation.logCount(testCase.pcLog), 1) << installation.log();
+    EXPECT_EQ(installation.logCount(log), 1) << installation.log();
     EXPECT_EQ(firstLine(there.receive(std::chrono::milliseconds(0)).value_or("")),
-              testCase.isTried ? "INVITE sip:there@127.0.0.1 SIP/2.0" : "");
-    if (!testCase.isTried) {
+              isTried ? "INVITE sip:there@127.0.0.1 SIP/2.0" : "");
+    if (!isTried) {
       EXPECT_EQ(firstLine(atCaller()), "SIP/2.0 480 Temporarily Unavailable");
       fromCaller(callerRequest("ACK", 1));
       EXPECT_EQ(header(atPbx(), "CSeq"), "1 ACK");

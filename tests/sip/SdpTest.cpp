@@ -114,18 +114,14 @@ TEST_F(SdpTest, OffersOfRealPhonesAreRead) {
 }
 
 TEST_F(SdpTest, CodecListKeepsOursOrTakesThePeersOrder) {
-  const struct {
-    int copy;
-    const char* formats;
-    const char* kept;
-  } cases[] = {
+  const std::tuple<int, const char*, const char*> cases[] = {
       {0, "8 0 101", "0 8"},  {1, "8 0 101", "8 0"}, {1, "8 9 0", "8 9 0"}, {1, "18 8", "8"},
       {0, "80 00 08 9", "9"}, {0, "0  8", "0 8"},    {0, "0 8 ", "0 8"},
   };
-  for (const auto& one : cases) {
-    setOptions(one.copy, 0, 1);
-    EXPECT_EQ(analyze(sip_text::sdp(4000, one.formats, "a=ptime:20\r\n")), 0) << one.formats;
-    EXPECT_EQ(codecs(0), one.kept) << one.formats;
+  for (const auto& [copy, formats, kept] : cases) {
+    setOptions(copy, 0, 1);
+    EXPECT_EQ(analyze(sip_text::sdp(4000, formats, "a=ptime:20\r\n")), 0) << formats;
+    EXPECT_EQ(codecs(0), kept) << formats;
   }
   // The port is no payload type.
   EXPECT_NE(analyze(sip_text::sdp(8, "18", "a=ptime:20\r\n")), 0);
@@ -273,12 +269,7 @@ TEST_F(SdpTest, LegWithoutSdpIsReadyForAnAnswer) {
 // ---- Non-audio sections ----
 
 TEST_F(SdpTest, VideoIsOfferedOnWithOurPortOrWithItsOwnAddress) {
-  const struct {
-    int differentIPs;
-    const char* section;
-    int port;
-    const char* relayed;
-  } cases[] = {
+  const std::tuple<int, const char*, int, const char*> cases[] = {
       {0, "m=video 5000 RTP/AVP 96\r\nc=IN IP4 10.0.0.2\r\na=rtpmap:96 H264/90000\r\n", 5000,
        "m=video 10002 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n"},
       {0, "m=application 5000/2 udp x\r\na=y\r\nC=in ip4 1.1.1.1", 5000,
@@ -291,12 +282,12 @@ TEST_F(SdpTest, VideoIsOfferedOnWithOurPortOrWithItsOwnAddress) {
       {1, "m=video 5000 RTP/AVP 96\r\nc=IN IP4 10.0.0.2\r\n", -1,
        "m=video 5000 RTP/AVP 96\r\nc=IN IP4 10.0.0.2\r\n"},
   };
-  for (const auto& one : cases) {
-    setOptions(0, one.differentIPs, 1);
+  for (const auto& [differentIPs, section, port, relayed] : cases) {
+    setOptions(0, differentIPs, 1);
     caller().iNonAudioRemotePort = -1;
-    EXPECT_EQ(analyze(sip_text::sdp(4000, "0", one.section)), 0);
-    EXPECT_EQ(caller().iNonAudioRemotePort, one.port) << one.section;
-    EXPECT_EQ(caller().pcNonAudioMedia, one.relayed);
+    EXPECT_EQ(analyze(sip_text::sdp(4000, "0", section)), 0);
+    EXPECT_EQ(caller().iNonAudioRemotePort, port) << section;
+    EXPECT_EQ(caller().pcNonAudioMedia, relayed);
   }
 }
 
@@ -391,10 +382,7 @@ TEST_F(SdpTest, LongestFieldsFitIntoOurSdp) {
 // ---- Learning our address ----
 
 TEST_F(SdpTest, AddressThatThePeerSeesIsLearntFromTheVia) {
-  const struct {
-    const char* via;
-    const char* learnt;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"UDP h;received=1.2.3.4;branch=x", "1.2.3.4"},
       {"UDP h;branch=x;Received=123.123.123.123", "123.123.123.123"},
       {"UDP h;received=1234567890123456;x", ""},
@@ -404,14 +392,14 @@ TEST_F(SdpTest, AddressThatThePeerSeesIsLearntFromTheVia) {
       {"UDP h;received=12345678901234567890;x", ""},
       {"UDP h;received=", ""},
   };
-  for (const auto& one : cases) {
-    SCOPED_TRACE(one.via);
+  for (const auto& [via, learnt] : cases) {
+    SCOPED_TRACE(via);
     installation.clearLog();
     caller().pcMediaIP.assignCut("10.1.1.5");
-    sip.learnExternalIP(0, "SIP/2.0 180 Ringing\r\nVia: " + std::string(one.via) + "\r\nTo: x\r\n\r\n");
-    const bool isLegal = *one.learnt != '\0';
-    EXPECT_EQ(caller().pcMediaIP, isLegal ? one.learnt : "10.1.1.5");
-    EXPECT_EQ(installation.logCount("Illegal IP in " + std::string(one.via) + "\n"), isLegal ? 0 : 1);
+    sip.learnExternalIP(0, "SIP/2.0 180 Ringing\r\nVia: " + std::string(via) + "\r\nTo: x\r\n\r\n");
+    const bool isLegal = *learnt != '\0';
+    EXPECT_EQ(caller().pcMediaIP, isLegal ? learnt : "10.1.1.5");
+    EXPECT_EQ(installation.logCount("Illegal IP in " + std::string(via) + "\n"), isLegal ? 0 : 1);
   }
   sip.learnExternalIP(0, "SIP/2.0 180 Ringing\r\nVia: UDP h;branch=x\r\n\r\n");
   EXPECT_EQ(caller().pcMediaIP, "10.1.1.5");

@@ -64,15 +64,10 @@ TEST_F(SetUpTest, CommandChoosesDestinationAndProcessing) {
 TEST_F(SetUpTest, UnusableInviteIsLoggedDroppedAndLeavesTheSlotFree) {
   const std::string name100(100, 'n');
   const std::string destination166(166, 'd');
-  struct Case {
-    const char* what;
-    const char* with;
-    const char* log;
-  };
   const std::string longName = "From: \"" + name100 + "\" <sip";
   const std::string longDestination = "From: \"" + destination166 + "##1##A\" <sip:a@b>;tag=t\r\nX: <sip";
   const std::string longTag = ";tag=" + std::string(95, 't');
-  const std::vector<Case> cases{
+  const std::tuple<const char*, const char*, const char*> cases[] = {
       {"From: \"Alice\" <sip:", "From: \"Alice\" <tel:",
        "unable to find sip: in \"Alice\" <tel:100@127.0.0.1>;tag=alice1"},
       {";tag=alice1", "", "unable to find tag in \"Alice\" <sip:100@127.0.0.1>"},
@@ -89,11 +84,11 @@ TEST_F(SetUpTest, UnusableInviteIsLoggedDroppedAndLeavesTheSlotFree) {
       {"Contact: <sip:", "Contact: <tel:", "unable to find sip: in the string: <tel:100"},
   };
   start();
-  for (const Case& each : cases) {
-    SCOPED_TRACE(each.with);
+  for (const auto& [what, with, log] : cases) {
+    SCOPED_TRACE(with);
     installation.clearLog();
-    fromCaller(withLength(replaced(inviteText(), each.what, each.with)));
-    EXPECT_EQ(installation.logCount(each.log), 1) << installation.log();
+    fromCaller(withLength(replaced(inviteText(), what, with)));
+    EXPECT_EQ(installation.logCount(log), 1) << installation.log();
     expectSilence();
     EXPECT_FALSE(sip->phone(0).bInUse);
     EXPECT_EQ(sip->numActiveCalls(), 0);
@@ -104,15 +99,20 @@ TEST_F(SetUpTest, UnusableInviteIsLoggedDroppedAndLeavesTheSlotFree) {
 }
 
 TEST_F(SetUpTest, PairLegPresentsTheCallerOrKeepsTheOriginalRequestUri) {
-  iPairPhoneShouldImpersonateTheOriginator = 1;
-  iUseOriginalRURI = 1;
-  start();
   invite.uri = "sip:dialled@10.9.8.7;user=phone";
-  fromCaller(inviteText());
-  const std::string out = atPbx();
-  EXPECT_EQ(firstLine(out), "INVITE sip:dialled@10.9.8.7;user=phone SIP/2.0");
-  EXPECT_TRUE(header(out, "From").starts_with("\"Alice\" <sip:100@127.0.0.1>;tag="));
-  EXPECT_EQ(header(out, "To"), "<sip:200@127.0.0.1>");
+  for (const bool keepsUri : {false, true}) {
+    iPairPhoneShouldImpersonateTheOriginator = keepsUri ? 0 : 1;
+    iUseOriginalRURI = keepsUri ? 1 : 0;
+    start();
+    fromCaller(inviteText());
+    const std::string out = atPbx();
+    EXPECT_EQ(firstLine(out),
+              keepsUri ? "INVITE " + invite.uri + " SIP/2.0" : "INVITE sip:200@127.0.0.1 SIP/2.0");
+    const char* const from = keepsUri ? " <sip:KestrovaPair0@pbx.example>" : " <sip:100@127.0.0.1>";
+    EXPECT_TRUE(header(out, "From").starts_with("\"Alice\"" + std::string(from) + ";tag=")) << out;
+    EXPECT_TRUE(header(out, "Contact").starts_with("<sip:KestrovaPair0@127.0.0.1:")) << out;
+    EXPECT_EQ(header(out, "To"), "<sip:200@127.0.0.1>");
+  }
 }
 
 TEST_F(SetUpTest, RoutingFileRowReplacesThePbx) {
@@ -245,7 +245,10 @@ TEST_F(SetUpTest, SlotOfTheNamedPairPhoneIsUsed) {
   EXPECT_EQ(firstLine(atCaller()), "SIP/2.0 200 Ok");
   invite.from = "<sip:201@127.0.0.1>;tag=q";
   fromCaller(inviteText());
-  EXPECT_TRUE(firstLine(atPbx()).starts_with("INVITE "));
+  const std::string out = atPbx();
+  EXPECT_TRUE(header(out, "From").starts_with("\"201@127.0.0.1\" <sip:201@pbx.example>;tag=")) << out;
+  EXPECT_TRUE(header(out, "Contact").starts_with("<sip:201@")) << out;
+  EXPECT_NE(out.find("m=audio " + std::to_string(sip->phone(3).iRtpPort) + " "), std::string::npos) << out;
   EXPECT_TRUE(sip->phone(1).bInUse && !sip->phone(0).bInUse);
   invite.callId = "again@127.0.0.1";
   fromCaller(inviteText());
@@ -270,18 +273,14 @@ TEST_F(SetUpTest, SlotsArePairedNamedAndNumbered) {
     EXPECT_EQ(callId.size(), 59U);
     EXPECT_TRUE(callId.ends_with(std::string(sip->phone(slot).pcUserName.view()) + "@127.0.0.1"));
   }
-  struct Case {
-    const char* names;
-    const char* secrets;
-    const char* log;
-  };
-  for (const Case& each :
-       {Case{"a;b;c", "", "not enough names in pcOrigPhonesName\n"},
-        Case{"a;b;c;", "x;y;", "not enough secrets in pcOrigPhonesSecret\n"},
-        Case{"a;b;c;", "x;y;12345678901234567890;", "secret of phone 2 is longer than 19 characters\n"}}) {
-    ASSERT_TRUE(pcOrigPhonesName.assign(each.names) && pcOrigPhonesSecret.assign(each.secrets));
+  for (const auto& [names, secrets, log] :
+       {std::tuple<const char*, const char*, const char*>{"a;b;c", "",
+                                                          "not enough names in pcOrigPhonesName\n"},
+        {"a;b;c;", "x;y;", "not enough secrets in pcOrigPhonesSecret\n"},
+        {"a;b;c;", "x;y;12345678901234567890;", "secret of phone 2 is longer than 19 characters\n"}}) {
+    ASSERT_TRUE(pcOrigPhonesName.assign(names) && pcOrigPhonesSecret.assign(secrets));
     EXPECT_EQ(MySip().init(), 2);
-    EXPECT_EQ(installation.logCount(each.log), 1);
+    EXPECT_EQ(installation.logCount(log), 1);
   }
   // 127.0.0.1 and "@" leave 49 of the 59 characters of a Call-ID.
   ASSERT_TRUE(pcOrigPhonesName.assign("") && pcOrigPhonesSecret.assign(""));

@@ -35,12 +35,7 @@ TEST_F(SignallingTest, UnreadableMessagesAreDroppedWithTheirLogLine) {
   start();
   const std::string options = replaced(inviteText(), "INVITE", "OPTIONS");
   const std::string lineOf199 = "OPTIONS sip:" + std::string(199 - 20, 'u') + " SIP/2.0";
-  struct Case {
-    std::string message;
-    const char* log;
-    bool isAnswered;
-  };
-  const std::vector<Case> cases{
+  const std::tuple<std::string, const char*, bool> cases[] = {
       {"", nullptr, false},
       {"x", nullptr, false},
       {std::string(2999, 'z'), nullptr, false},
@@ -59,14 +54,14 @@ TEST_F(SignallingTest, UnreadableMessagesAreDroppedWithTheirLogLine) {
       {options.substr(0, options.find("CSeq: 1") + 7), "unable to find end sequence CRLF\n", false},
       {replaced(options, "OPTIONS", "PUBLISH"), nullptr, false},
   };
-  for (const Case& each : cases) {
-    SCOPED_TRACE(each.message.substr(0, 300));
+  for (const auto& [message, log, isAnswered] : cases) {
+    SCOPED_TRACE(message.substr(0, 300));
     installation.clearLog();
-    fromCaller(each.message);
-    if (each.log != nullptr) {
-      EXPECT_EQ(installation.logCount(each.log), 1) << installation.log();
+    fromCaller(message);
+    if (log != nullptr) {
+      EXPECT_EQ(installation.logCount(log), 1) << installation.log();
     }
-    EXPECT_EQ(caller.receive(std::chrono::milliseconds(0)).has_value(), each.isAnswered);
+    EXPECT_EQ(caller.receive(std::chrono::milliseconds(0)).has_value(), isAnswered);
     expectSilence();
   }
 }
@@ -173,21 +168,18 @@ TEST_F(SignallingTest, ChallengeIsAnsweredOnceWithTheDigestOfTheChallengedReques
   }
   sip->sendRegistration(sip->sTrunk, 60);
   const std::string request = atPbx();
-  struct Case {
-    const char* header;
-    const char* log;
-  };
   const std::string realm256 =
       "WWW-Authenticate: Digest realm=\"" + std::string(256, 'r') + "\", nonce=\"n\"\r\n";
-  for (const Case& each :
-       {Case{"WWW-Authenticate: Digest nonce=\"n\"\r\n", "unable to find realm in unauthorized msg\n"},
-        Case{"WWW-Authenticate: Digest realm=\"r\r\n", "unable to find end of realm in unauthorized msg\n"},
-        Case{"WWW-Authenticate: Digest realm=\"r\"\r\n", "unable to find nonce in unauthorized msg\n"},
-        Case{"WWW-Authenticate: Digest realm=\"r\", nonce=\"n\r\n", "unable to find end of nonce in"},
-        Case{realm256.c_str(), "unable to find end of realm in unauthorized msg\n"}}) {
+  for (const auto& [line, log] :
+       {std::tuple<const char*, const char*>{"WWW-Authenticate: Digest nonce=\"n\"\r\n",
+                                             "unable to find realm in unauthorized msg\n"},
+        {"WWW-Authenticate: Digest realm=\"r\r\n", "unable to find end of realm in unauthorized msg\n"},
+        {"WWW-Authenticate: Digest realm=\"r\"\r\n", "unable to find nonce in unauthorized msg\n"},
+        {"WWW-Authenticate: Digest realm=\"r\", nonce=\"n\r\n", "unable to find end of nonce in"},
+        {realm256.c_str(), "unable to find end of realm in unauthorized msg\n"}}) {
     installation.clearLog();
-    fromPbx(respond(request, "401 Unauthorized", "p", each.header));
-    EXPECT_EQ(installation.logCount(each.log), 1) << each.log;
+    fromPbx(respond(request, "401 Unauthorized", "p", line));
+    EXPECT_EQ(installation.logCount(log), 1) << log;
     expectSilence();
   }
   fromPbx(respond(request, "401 Unauthorized", "p",

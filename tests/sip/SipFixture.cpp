@@ -123,16 +123,3 @@ std::string SipFixture::callerRequest(std::string_view method, int cseq) const {
   if (!callerAnswer.empty()) request.to = sip_text::header(callerAnswer, "To");
   return sip_text::build(request);
 }
-
-std::string SipFixture::pbxBye(int cseq) const {
-  sip_text::Request request;
-  request.method = "BYE";
-  request.uri = "sip:KestrovaPair0@127.0.0.1";
-  request.callId = sip_text::header(pairInvite, "Call-ID");
-  request.cseq = cseq;
-  request.viaPort = pbx.port();
-  request.branch = "z9hG4bKpbxbye";
-  request.from = sip_text::header(pairInvite, "To") + ";tag=bob1";
-  request.to = sip_text::header(pairInvite, "From");
-  return sip_text::build(request);
-}

@@ -40,8 +40,6 @@ class SipFixture : public ::testing::Test {
   void answer();
   // The caller's ACK, BYE and CANCEL for the invite.
   std::string callerRequest(std::string_view method, int cseq) const;
-  // A BYE of the destination on its dialog.
-  std::string pbxBye(int cseq) const;
 
   TestInstallation installation;
   void endMedia();

@@ -69,12 +69,7 @@ TEST_F(TextTest, SearchHandlesEmptyTextsAndRefusesTooLongOnes) {
 }
 
 TEST_F(TextTest, HeaderValueIsFoundAnywhereAndSpansLinesOfTheSameName) {
-  const struct {
-    const char* why;
-    const char* name;
-    const char* message;
-    const char* value;
-  } cases[] = {
+  const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
       {"blanks skipped, any case", "To:", "X: 1\r\nTO:   <sip:a@b>\r\n\r\n", "<sip:a@b>"},
       {"not anchored to the line start", "To:", "Refer-To: x\r\nTo: y\r\n\r\n", "x\r\nTo: y"},
       {"earlier text wins", "To:", "Refer-To: x\r\nA: 1\r\nTo: y\r\n\r\n", "x"},
@@ -88,8 +83,8 @@ TEST_F(TextTest, HeaderValueIsFoundAnywhereAndSpansLinesOfTheSameName) {
       {"last line of the message", "To:", "To: a\r\n", "a"},
       {"not beyond the empty line", "To:", "To: a\r\n\r\nTo: body\r\n", "a"},
   };
-  for (const auto& one : cases)
-    EXPECT_EQ(MySip::extractToken(one.name, 100, one.message), one.value) << one.why;
+  for (const auto& [why, name, message, value] : cases)
+    EXPECT_EQ(MySip::extractToken(name, 100, message), value) << why;
   EXPECT_EQ(installation.log(), "");
 }
 
@@ -109,10 +104,7 @@ TEST_F(TextTest, HeaderValueFailuresAreLogged) {
 }
 
 TEST_F(TextTest, CompactNamesAreWrittenOutOnlyAtLineStartsWithColonAndBlank) {
-  const struct {
-    const char* before;
-    const char* after;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"i: abc\r\nI: abc\r\n", "Call-ID: abc\r\nCall-ID: abc\r\n"},
       {"i:abc\r\nii: abc\r\nd: x\r\n i: y\r\n:: z\r\n", "i:abc\r\nii: abc\r\nd: x\r\n i: y\r\n:: z\r\n"},
       {"a: 1\r\nb: 2\r\nc: 3\r\ne: 4\r\nf: 5\r\nk: 6\r\nl: 7\r\nm: 8\r\n",
@@ -123,11 +115,11 @@ TEST_F(TextTest, CompactNamesAreWrittenOutOnlyAtLineStartsWithColonAndBlank) {
       {"INVITE x\r\nv: 1\r\n\r\ni: no line end", "INVITE x\r\nVia: 1\r\n\r\ni: no line end"},
       {"", ""},
   };
-  for (const auto& one : cases) {
+  for (const auto& [before, after] : cases) {
     FixedText<3000> message;
-    ASSERT_TRUE(message.assign(one.before));
+    ASSERT_TRUE(message.assign(before));
     EXPECT_TRUE(MySip::translateCompactHeaders(message));
-    EXPECT_EQ(message, one.after);
+    EXPECT_EQ(message, after);
   }
 }
 
@@ -184,10 +176,7 @@ TEST_F(TextTest, UriIsTakenApart) {
 }
 
 TEST_F(TextTest, UriWithABadPartIsRefused) {
-  const struct {
-    const char* text;
-    const char* message;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"sip:a@b:x", "unable to read port from x\n"},
       {"sip:a@b:-1", "unable to read port from -1\n"},
       {"sip:a@b:65536", "unable to read port from 65536\n"},
@@ -195,11 +184,11 @@ TEST_F(TextTest, UriWithABadPartIsRefused) {
       {"sip:1;phone-context=a@b:", "unable to read port from \n"},
       {"sip:a@b;maddr=1234567890123456", "IP too long 16\n"},
   };
-  for (const auto& one : cases) {
+  for (const auto& [text, message] : cases) {
     sSipUri uri;
     installation.clearLog();
-    EXPECT_EQ(MySip::analyzeURIString(one.text, uri), 1) << one.text;
-    EXPECT_TRUE(logged(std::string("ERROR in MySip::analyzeURIString, ") + one.message)) << one.text;
+    EXPECT_EQ(MySip::analyzeURIString(text, uri), 1) << text;
+    EXPECT_TRUE(logged(std::string("ERROR in MySip::analyzeURIString, ") + message)) << text;
   }
 }
 
@@ -227,20 +216,17 @@ TEST_F(TextTest, UriLengthsAreBounded) {
 }
 
 TEST_F(TextTest, ShortNameIsTheUserPartOfTheFirstUri) {
-  const struct {
-    const char* text;
-    const char* name;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"\"Bob\" <sip:bob@10.0.0.5:5062>;tag=1", "bob"},
       {"<SIP:10.0.0.5>", "10.0.0.5"},
       {"Bob", ""},
       {"<sip:bob@10.0.0.5:x>", ""},
   };
-  for (const auto& one : cases) {
+  for (const auto& [text, expected] : cases) {
     FixedText<kSipNameCapacity> name;
     name.assignCut("old");
-    MySip::extractShortSipName(one.text, name);
-    EXPECT_EQ(name, one.name) << one.text;
+    MySip::extractShortSipName(text, name);
+    EXPECT_EQ(name, expected) << text;
   }
   EXPECT_TRUE(logged("unable to find sip: in the string: Bob\n"));
   EXPECT_TRUE(logged("error analyzing the URI String sip:bob@10.0.0.5:x>\n"));
@@ -287,39 +273,32 @@ TEST_F(TextTest, FoldedHeaderLinesAreJoinedAndLoneLineBreaksAreBlanks) {
 }
 
 TEST_F(TextTest, RportLeavesTheVia) {
-  const struct {
-    const char* before;
-    const char* after;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"SIP/2.0/UDP h:1;rport=5062;branch=x", "SIP/2.0/UDP h:1;branch=x"},
       {"SIP/2.0/UDP h:1;branch=x;RPort", "SIP/2.0/UDP h:1;branch=x"},
       {"SIP/2.0/UDP h:1;branch=x", "SIP/2.0/UDP h:1;branch=x"},
       {"UDP h:1;branch=x;rport\r\nVia: UDP h:2;branch=y", "UDP h:1;branch=x\r\nVia: UDP h:2;branch=y"},
   };
-  for (const auto& one : cases) {
+  for (const auto& [before, after] : cases) {
     FixedText<1000> via;
-    ASSERT_TRUE(via.assign(one.before));
+    ASSERT_TRUE(via.assign(before));
     MySip::removeRport(via);
-    EXPECT_EQ(via, one.after);
+    EXPECT_EQ(via, after);
   }
 }
 
 TEST_F(TextTest, OwnHostInANameBecomesTheProxys) {
-  const struct {
-    const char* proxy;
-    const char* before;
-    const char* after;
-  } cases[] = {
+  const std::tuple<const char*, const char*, const char*> cases[] = {
       {"10.9.9.9", "a@10.1.1.5", "a@10.9.9.9"},
       {"10.9.9.9", "a@10.1.1.50", "a@10.1.1.50"},
       {"10.9.9.9", "10.1.1.5", "10.1.1.5"},
       {"127.0.0.1", "a@10.1.1.5", "a@10.1.1.5"},
   };
   FixedText<kSipNameCapacity> name;
-  for (const auto& one : cases) {
-    ASSERT_TRUE(pcSipProxyIP.assign(one.proxy) && name.assign(one.before));
+  for (const auto& [proxy, before, after] : cases) {
+    ASSERT_TRUE(pcSipProxyIP.assign(proxy) && name.assign(before));
     MySip::replaceProxyIPInSipName(name);
-    EXPECT_EQ(name, one.after);
+    EXPECT_EQ(name, after);
   }
   ASSERT_TRUE(pcSipProxyIP.assign("100.100.100.100"));
   for (const std::size_t length : {164U, 165U, 166U}) {
@@ -337,34 +316,27 @@ TEST_F(TextTest, CallIdSurvivesTheReplacesParameter) {
   MySip::prepareCallIDToUseInReferReplaces(std::string(99, '@'), escaped);
   EXPECT_EQ(escaped.size(), 297U);
 
-  const struct {
-    const char* text;
-    const char* callId;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"a1%4010.0.0.5%3Bto-tag%3D1%3Bfrom-tag%3D2@x", "a1@10.0.0.5"},
       {"a1%3bto-tag=%40", "a1"},
       {"a1%40b2%40c3", "a1@b2@"},
       {"a1", ""},
   };
   FixedText<367> callId;
-  for (const auto& one : cases) {
-    MySip::extractCallIDFromReferReplaces(one.text, callId);
-    EXPECT_EQ(callId, one.callId);
+  for (const auto& [text, expected] : cases) {
+    MySip::extractCallIDFromReferReplaces(text, callId);
+    EXPECT_EQ(callId, expected);
   }
   EXPECT_EQ(installation.logCount("can't find call-id in a1"), 2);
 }
 
 TEST_F(TextTest, NamePatternsMatchWholeNames) {
-  const struct {
-    const char* name;
-    const char* pattern;
-    bool matches;
-  } cases[] = {
+  const std::tuple<const char*, const char*, bool> cases[] = {
       {"1023", "10??", true}, {"102", "10??", false}, {"10234", "10??", false}, {"", "", true},
       {"a", "", false},       {"A", "a", false},      {"?", "?", true},         {"a?", "ab", false},
   };
-  for (const auto& one : cases)
-    EXPECT_EQ(MySip::sipNameMatchRegularExpression(one.name, one.pattern), one.matches) << one.name;
+  for (const auto& [name, pattern, matches] : cases)
+    EXPECT_EQ(MySip::sipNameMatchRegularExpression(name, pattern), matches) << name;
 }
 
 TEST_F(TextTest, ListsAndRoutesAreTriedInOrderUpToTheirCount) {
@@ -390,11 +362,7 @@ TEST_F(TextTest, ListsAndRoutesAreTriedInOrderUpToTheirCount) {
 }
 
 TEST_F(TextTest, DecimalsAreReadAsScanfReadsThemAndNeverOverflow) {
-  const struct {
-    const char* text;
-    bool readable;
-    int value;
-  } cases[] = {
+  const std::tuple<const char*, bool, int> cases[] = {
       {" \t12 INVITE", true, 12},
       {"-3", true, -3},
       {"+7x", true, 7},
@@ -410,18 +378,15 @@ TEST_F(TextTest, DecimalsAreReadAsScanfReadsThemAndNeverOverflow) {
       {"99999999999999999999", false, 0},
       {"   ", false, 0},
   };
-  for (const auto& one : cases) {
+  for (const auto& [text, readable, expected] : cases) {
     int value = 0;
-    EXPECT_EQ(MySip::readDecimal(one.text, value), one.readable) << one.text;
-    EXPECT_EQ(value, one.value) << one.text;
+    EXPECT_EQ(MySip::readDecimal(text, value), readable) << text;
+    EXPECT_EQ(value, expected) << text;
   }
 }
 
 TEST_F(TextTest, TagIsCutOutOfItsHeader) {
-  const struct {
-    const char* header;
-    const char* tag;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"<sip:a@b>;tag=abc", "abc"},
       {"<sip:a@b>;tag=abc;x=1", "abc"},
       {"<sip:a@b;tag=abc>", "abc"},
@@ -431,10 +396,10 @@ TEST_F(TextTest, TagIsCutOutOfItsHeader) {
       {"<sip:a@b>;tag=", ""},
       {"", ""},
   };
-  for (const auto& one : cases) {
+  for (const auto& [header, expected] : cases) {
     std::string_view tag;
-    EXPECT_EQ(MySip::extractTag(one.header, tag), *one.tag != '\0') << one.header;
-    EXPECT_EQ(tag, one.tag) << one.header;
+    EXPECT_EQ(MySip::extractTag(header, tag), *expected != '\0') << header;
+    EXPECT_EQ(tag, expected) << header;
   }
   EXPECT_EQ(MySip::bodyOf("A: 1\r\n\r\nx\r\n\r\ny"), "x\r\n\r\ny");
   EXPECT_EQ(MySip::bodyOf("A: 1\r\n"), "");
