@@ -28,12 +28,6 @@ MySip& table() {
   return sip;
 }
 
-std::uint32_t takeNumber(const std::uint8_t*& data, std::size_t& size, int bytes) {
-  std::uint32_t value = 0;
-  for (; bytes > 0 && size > 0; --bytes, --size) value = value << 8 | *data++;
-  return value;
-}
-
 void putAt(int file, const void* bytes, std::size_t length, std::size_t offset) {
   require(pwrite(file, bytes, length, static_cast<off_t>(offset)) == static_cast<ssize_t>(length));
 }

@@ -54,12 +54,6 @@ std::vector<std::uint8_t> wholeProfile() {
   return profile;
 }
 
-std::uint32_t takeNumber(const std::uint8_t*& data, std::size_t& size, int bytes) {
-  std::uint32_t value = 0;
-  for (; bytes > 0 && size > 0; --bytes, --size) value = value << 8 | *data++;
-  return value;
-}
-
 void patch(std::vector<std::uint8_t>& profile, const std::uint8_t* data, std::size_t size) {
   while (size > 0) {
     constexpr std::array<std::size_t, 4> kParts = {0, kTables, kPatterns, 0};
