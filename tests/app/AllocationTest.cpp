@@ -72,21 +72,11 @@ class PacketAllocationTest : public ::testing::TestWithParam<Lane> {
   }
 
   void pass(int pair, int side, int payloadType, std::string_view payload) {
-    const auto stamp = 160U * static_cast<unsigned>(number);
-    const unsigned header[12] = {0x80,
-                                 static_cast<unsigned>(payloadType),
-                                 static_cast<unsigned>(number) >> 8U,
-                                 static_cast<unsigned>(number),
-                                 stamp >> 24U,
-                                 stamp >> 16U,
-                                 stamp >> 8U,
-                                 stamp,
-                                 1,
-                                 2,
-                                 3,
-                                 4};
+    const auto count = static_cast<unsigned>(number);
+    const std::array words{0x80U << 24U | static_cast<unsigned>(payloadType) << 16U | (count & 0xFFFFU),
+                           160U * count, 0x01020304U};
     std::array<char, kMessageBufferBytes> buffer{};
-    for (std::size_t i = 0; i < 12; ++i) buffer[i] = static_cast<char>(header[i]);
+    for (std::size_t i = 0; i < 12; ++i) buffer[i] = static_cast<char>(words[i / 4] >> (24 - 8 * (i % 4)));
     std::copy(payload.begin(), payload.end(), buffer.begin() + 12);
     myRtp.analyzeRtpMsg(side, pair, buffer.data(), 12 + static_cast<int>(payload.size()));
   }
