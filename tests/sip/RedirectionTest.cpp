@@ -65,6 +65,7 @@ TEST_F(RedirectionTest, ContactsOfARedirectionAreTriedInOrder) {
     process();
     EXPECT_EQ(firstLine(atCaller()), secondAnswers ? "SIP/2.0 200 Ok" : "SIP/2.0 603 Decline");
     EXPECT_EQ(sip->numActiveCalls(), secondAnswers ? 1 : 0);
+    EXPECT_EQ(hasMedia(), secondAnswers);
     fromCaller(callerRequest("ACK", invite.cseq));
     EXPECT_TRUE(firstLine(second.receive().value_or("")).starts_with("ACK sip:second@127.0.0.1"));
     expectSilence();
