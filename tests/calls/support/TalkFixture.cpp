@@ -25,12 +25,13 @@ std::string TalkFixture::expect(LoopbackPeer& at, const std::string& beginning,
 
 std::string TalkFixture::invite(int number, const std::string& formats) const {
   const std::string digits = std::to_string(number);
+  const std::string events = formats.ends_with("101") ? "a=rtpmap:101 telephone-event/8000\r\n" : "";
   return sip_text::build({.callId = "talk-" + digits + "@127.0.0.1",
                           .viaPort = caller.port(),
                           .branch = "z9hG4bKinvite" + digits,
                           .from = "\"Alice\" <sip:100@127.0.0.1>;tag=alice" + digits,
                           .contact = "<sip:100@127.0.0.1:" + std::to_string(caller.port()) + ">",
-                          .sdp = sip_text::sdp(ports.media(0), formats, "a=sendrecv\r\n")});
+                          .sdp = sip_text::sdp(ports.media(0), formats, events + "a=sendrecv\r\n")});
 }
 
 std::string TalkFixture::inDialog(const std::string& method, int cseq, const std::string& received,
@@ -52,9 +53,9 @@ std::string TalkFixture::answer(const std::string& receivedInvite) const {
                            sip_text::sdp(ports.media(1), "0", "a=sendrecv\r\n"));
 }
 
-TalkFixture::Call TalkFixture::setUp(int number) {
+TalkFixture::Call TalkFixture::setUp(int number, const std::string& formats) {
   Call call{.number = number};
-  toQuorvel(caller, invite(number));
+  toQuorvel(caller, invite(number, formats));
   call.invite = expect(callee, "INVITE sip:200@127.0.0.1 SIP/2.0\r\n");
   toQuorvel(callee, answer(call.invite));
   call.ok = expect(caller, "SIP/2.0 200 Ok\r\n");

@@ -22,7 +22,7 @@ class TalkFixture : public ::testing::Test {
   std::string expect(LoopbackPeer& at, const std::string& beginning,
                      std::chrono::milliseconds limit = std::chrono::seconds(5));
 
-  // The caller's side of a call; `number` tells calls apart.
+  // The caller's side of a call; `number` tells calls apart. Format 101 is telephone events.
   std::string invite(int number = 1, const std::string& formats = "0 8") const;
   std::string inDialog(const std::string& method, int cseq, const std::string& answer, int number = 1) const;
   std::string answer(const std::string& receivedInvite) const;
@@ -33,7 +33,7 @@ class TalkFixture : public ::testing::Test {
     std::string invite{};  // as the callee received it
     std::string ok{};      // as the caller received it
   };
-  Call setUp(int number = 1);
+  Call setUp(int number = 1, const std::string& formats = "0 8");
   void hangUp(const Call& call);
 
   PortBlock ports;
