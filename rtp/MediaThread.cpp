@@ -17,7 +17,7 @@ constexpr const char* kFunction = "MyRtp::threadMainLoop";
 constexpr suseconds_t kSelectTimeoutMicroseconds = 20'000;
 // A wait that fails at once must not spin. The SIP side gives the call up at its next look after 100
 // failures, within a second.
-constexpr useconds_t kPauseAfterSelectErrorMicroseconds = 1000;
+constexpr useconds_t kPauseAfterErrorMicroseconds = 1000;
 
 struct sReceived {
   int iLength;  // below 0: nothing was received
@@ -31,7 +31,9 @@ sReceived receiveDatagram(int descriptor, char* buffer) {
     const ssize_t length = recvfrom(descriptor, buffer, kMaxDatagramBytes, MSG_DONTWAIT,
                                     reinterpret_cast<sockaddr*>(&from), &size);
     if (length >= 0) return {static_cast<int>(length), ntohs(from.sin_port)};
-    if (errno != EINTR) return {-1, 0};
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN) usleep(kPauseAfterErrorMicroseconds);  // the socket stays ready
+    return {-1, 0};
   }
 }
 
@@ -114,7 +116,7 @@ void MyRtp::countSelectError(int pair) {
   const int errors = record.iSelectErrors.own();
   if (errors == 0) Log::error(kFunction, "error in select (%d) %s\n", pair, std::strerror(errno));
   record.iSelectErrors.publish(errors + 1);
-  usleep(kPauseAfterSelectErrorMicroseconds);
+  usleep(kPauseAfterErrorMicroseconds);
 }
 
 bool MyRtp::drainQueue(int pair) {
