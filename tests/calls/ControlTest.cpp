@@ -87,6 +87,9 @@ TEST_F(ControlTest, CallsAreSeenTracedDrainedAndStopped) {
   EXPECT_NE(control({"status"}).text.find("draining"), std::string::npos);
   toQuorvel(caller, invite(3));
   EXPECT_TRUE(expect(caller, "SIP/2.0 503").starts_with("SIP/2.0 503"));
+  EXPECT_TRUE(eventually(
+      [&] { return control({"metrics"}).text.find("status=\"503\"} 1\n") != std::string::npos; }, Seconds(5)))
+      << "what the process says of it is counted";
   hangUp(call);
   EXPECT_EQ(control({"stop", "5"}).status, 0);
   EXPECT_EQ(quorvel->process().wait(Seconds(1)), 0);

@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -10,6 +12,7 @@ namespace {
 
 constexpr int kCellsPerCall = 17;  // origin, destination, duration, and seven figures for each direction
 constexpr int kRefreshesUntilStale = 3;
+constexpr double kMaxFigure = 1e6;  // far beyond any loss or MOS
 
 std::vector<std::string> cellsOf(const std::string& page) {
   std::vector<std::string> cells;
@@ -28,7 +31,10 @@ std::vector<std::string> cellsOf(const std::string& page) {
 
 sDirectionFigures figuresOf(const std::string* cells) {
   const auto whole = [&](int i) { return std::atoi(cells[i].c_str()); };
-  const auto real = [&](int i) { return std::atof(cells[i].c_str()); };
+  const auto real = [&](int i) {
+    const double figure = std::atof(cells[i].c_str());
+    return std::isfinite(figure) ? std::clamp(figure, 0.0, kMaxFigure) : 0;
+  };
   return {whole(0), whole(1), whole(2), whole(3), real(4), whole(5), real(6)};
 }
 
