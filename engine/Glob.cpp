@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <ctime>
+
+#include "common/RandomSeed.h"
 
 FixedText<256> Glob::pcKestrovaBin;
 FixedText<256> Glob::sAudioDirectory = [] {
@@ -33,7 +34,7 @@ Glob::Glob() {
 }
 
 void Glob::initRandomPackage() {
-  std::srand(static_cast<unsigned>(std::time(nullptr)));
+  std::srand(randomSeed());
 }
 
 int Glob::getRandomInt(int lo, int hi) {
