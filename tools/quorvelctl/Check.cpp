@@ -162,9 +162,10 @@ std::vector<sOther> othersOf(const sContext& context) {
       add(std::move(other), false);
   }
   std::error_code none;
-  if (context.installation == QUORVEL_INSTALLATION)
+  if (context.installation == QUORVEL_INSTALLATION && !context.instance.empty())
     for (const auto& entry : fs::directory_iterator(QUORVEL_CONFIGURATIONS, none))
-      if (entry.path().extension() == ".conf") addFile(entry.path(), false);
+      if (entry.path().extension() == ".conf" && entry.path().stem() != context.instance)
+        addFile(entry.path(), false);
   return others;
 }
 

@@ -1,7 +1,7 @@
 // What becomes of calls: rules and patterns that decide none, and settings that end or spoil them.
 #include <algorithm>
 #include <array>
-#include <set>
+#include <map>
 #include <span>
 
 #include "app/config/MyConfiguration.h"
@@ -94,15 +94,16 @@ void checkNames(Findings& findings) {
   };
   for (const sList& list : {sList{"OrigPhonesName", pcOrigPhonesName, iRegisterOrigPhones != 0},
                             sList{"PairPhonesName", pcPairPhonesName, iRegisterPairPhones != 0}}) {
-    std::set<std::string_view> seen;
+    std::map<std::string_view, int> seen;
     std::string_view rest = list.names;
     for (int phone = 0; phone < iNumPhonesToAllocate / 2 && !rest.empty(); ++phone) {
       const std::string_view name = rest.substr(0, rest.find(';'));
       rest.remove_prefix(std::min(name.size() + 1, rest.size()));
       if (name.empty())
         findings.warn(list.pcKey, "phone " + std::to_string(phone) + " has no name");
-      else if (!seen.insert(name).second && list.bRegisters)
-        findings.warn(list.pcKey, "two phones register as " + text(name) + ", where the PBX rings one");
+      else if (++seen[name] == 2 && list.bRegisters)
+        findings.warn(list.pcKey,
+                      "more than one phone registers as " + text(name) + ", and the PBX rings one of them");
     }
   }
 }

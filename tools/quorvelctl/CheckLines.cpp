@@ -66,7 +66,14 @@ void judgeNumber(Findings& findings, const sKey& key, std::string_view value, in
 }
 
 bool isSecret(std::string_view key) {
-  return key.find("Secret") != key.npos;
+  return key.find("ecret") != key.npos || key.find("SECRET") != key.npos;
+}
+
+// Words of the file, but no password.
+std::string shown(std::string_view words) {
+  constexpr std::size_t kMost = 200;
+  const std::string_view part = isSecret(words) ? scanWord(words) : words.substr(0, kMost);
+  return std::string(part) + (part.size() < words.size() ? " ..." : "");
 }
 
 // A word ends at a blank. What looks like a comment is left out on purpose; in a list, ";" begins one only
@@ -149,7 +156,8 @@ class FileCheck {
     const int index = findKey(assignment.key);
     const std::string name(assignment.key);
     if (index < 0)
-      return findings.add({Weight::eWarning, line, name, "is no key of the configuration and has no effect"});
+      return findings.add(
+          {Weight::eWarning, line, shown(name), "is no key of the configuration and has no effect"});
     if (const int earlier = findings.lineOf(name); earlier > 0)
       findings.add({Weight::eWarning, line, name, "replaces the value of line " + std::to_string(earlier)});
     findings.setLine(name, line);
@@ -204,10 +212,8 @@ class FileCheck {
     if (words.empty() || words.starts_with(';')) return;
     const std::size_t equals = words.find('=');
     if (equals == std::string_view::npos)
-      return findings.add(
-          {Weight::eWarning, line, "",
-           "has no = sign and is ignored: " + std::string(isSecret(words) ? scanWord(words) : words)});
-    findings.add({Weight::eWarning, line, std::string(trimmed(words.substr(0, equals))),
+      return findings.add({Weight::eWarning, line, "", "has no = sign and is ignored: " + shown(words)});
+    findings.add({Weight::eWarning, line, shown(trimmed(words.substr(0, equals))),
                   "has no value and counts as not given"});
   }
 

@@ -111,8 +111,8 @@ int callsAllowed();
 std::string nameOf(const sContext& context);
 // Says that it does not run, or that we may not know, and returns kNo.
 int noProcess(const sContext& context);
-// Has it been told to refuse new calls? (Status.cpp)
-bool isDraining(const sContext& context);
+// Has it been told to refuse new calls? Nothing when no log of it can be read. (Status.cpp)
+std::optional<bool> isDraining(const sContext& context);
 // The whole file, or nothing when it cannot be read.
 std::optional<std::string> readFile(const std::string& path);
 // The instance's log file.

@@ -180,7 +180,7 @@ std::vector<std::string> doubts(const sContext& context) {
   if (process)
     if (std::string text = pendingText(context, pendingOf(context, *process)); !text.empty())
       found.push_back(std::move(text));
-  if (process && isDraining(context))
+  if (process && isDraining(context).value_or(false))
     found.emplace_back("the process is draining: now it refuses every new call with 503");
   const auto calls = process ? askActiveCalls(context, *process) : std::nullopt;
   if (calls && *calls >= callsAllowed())

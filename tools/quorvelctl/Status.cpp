@@ -1,6 +1,7 @@
 // The state of one instance, or of all on this host.
 #include <cstdio>
 #include <ctime>
+#include <unistd.h>
 
 #include "tools/quorvelctl/Context.h"
 #include "tools/quorvelctl/LogFile.h"
@@ -11,7 +12,7 @@ struct sState {
   std::string hidden{};  // why nothing is known
   std::optional<pid_t> process{};
   std::optional<int> calls{}, allowed{};
-  bool bDraining = false;
+  std::optional<bool> draining{};
   sPending pending{};
   std::string pendingText{};  // in a line
   bool bReplaced = false;
@@ -36,7 +37,7 @@ sState stateOf(const sContext& context) {
   state.allowed = allowedBy(context, state.pending);
   state.bReplaced = isReplaced(*state.process);
   state.start = startOf(*state.process).value_or(0) / kNanosecondsPerSecond;
-  state.bDraining = isDraining(context);
+  state.draining = isDraining(context);
   return state;
 }
 
@@ -52,7 +53,10 @@ std::string jsonOf(const sState& state) {
          ", \"replaced\": " + (state.bReplaced ? "true" : "false") +
          ", \"waits_for_restart\": " + pendingJson(state.pending) +
          ", \"calls\": " + jsonNumber(state.calls) + ", \"calls_allowed\": " + jsonNumber(state.allowed) +
-         ", \"draining\": " + (state.bDraining ? "true" : "false") +
+         ", \"draining\": " +
+         (!state.draining   ? "null"
+          : *state.draining ? "true"
+                            : "false") +
          (state.calls ? "" : std::string(", \"error\": ") + jsonText(silence()));
 }
 
@@ -65,7 +69,9 @@ std::string textOf(const sState& state) {
          (state.calls ? std::to_string(*state.calls) : "unknown") +
          (state.calls == 1 ? " call up" : " calls up") +
          (state.allowed ? " of " + std::to_string(*state.allowed) : "") +
-         (state.bDraining ? ", draining: new calls are refused" : "") +
+         (!state.draining   ? ", draining unknown: its log cannot be read"
+          : *state.draining ? ", draining: new calls are refused"
+                            : "") +
          (state.bReplaced ? "\n  runs a program that was replaced: restart it to run the new one" : "") +
          (state.pendingText.empty() ? "" : "\n  " + state.pendingText);
 }
@@ -110,14 +116,16 @@ int showAll(const sContext& context) {
 
 // Drain mode has no end but the process's own, so its log record since the last start tells. Heads of records
 // stand in no message (Log.h), so nobody else can write one.
-bool isDraining(const sContext& context) {
+std::optional<bool> isDraining(const sContext& context) {
   const auto asLine = [](std::string_view head) { return "\n" + std::string(head); };
+  std::optional<bool> found;
   std::vector<std::string> logs = logPaths(context);
   for (; !logs.empty(); logs.pop_back()) {
     const auto drained = occursLast(logs.back(), asLine(kDrainRecord) + "\n", asLine(kStartRecord));
-    if (drained) return *drained;
+    if (drained) return drained;
+    if (access(logs.back().c_str(), R_OK) == 0) found = false;
   }
-  return false;
+  return found;
 }
 
 int showStatus(const sContext& context) {
