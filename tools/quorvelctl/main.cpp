@@ -23,8 +23,9 @@ constexpr std::array kCommands = {
              reloadInstance},
     sCommand{"stop", "[SECONDS]", "drain for at most that long (default 0), then hang up and end the process",
              0, 1, stopInstance, false},
-    sCommand{"trace", "CALL-ID | --phone NAME [--log FILE ...]",
-             "SIP of a call or registration, both legs; needs SipDebug=1", 1, 99, traceCall},
+    sCommand{"trace", "CALL-ID | --phone NAME",
+             "SIP of a call or registration, both legs; needs SipDebug=1; --log FILE: in older logs", 1, 99,
+             traceCall},
     sCommand{"metrics", "[FILE]", "the state of the instance for a Prometheus textfile collector", 0, 1,
              writeMetrics},
 };
