@@ -28,9 +28,9 @@ constexpr bool kHeapIsOurs = false;
 #else
 constexpr bool kHeapIsOurs = true;
 #endif
-constexpr std::array<std::string_view, 14> kFunctions{
-    "socket", "fcntl",       "setsockopt", "getsockname",    "ioctl",  "sendto", "recvfrom",
-    "select", "setpriority", "setrlimit",  "pthread_create", "rename", "fdopen", "fallocate"};
+constexpr std::array<std::string_view, 13> kFunctions{
+    "socket", "fcntl",       "setsockopt",     "getsockname", "ioctl",  "sendto",   "recvfrom",
+    "select", "setpriority", "pthread_create", "rename",      "fdopen", "fallocate"};
 
 std::atomic<const char*> failing{nullptr};
 std::atomic<int> fault{0}, sparedCalls{0}, failed{0};
@@ -141,9 +141,6 @@ int select(int count, fd_set* read, fd_set* write, fd_set* other, timeval* timeo
 }
 int setpriority(__priority_which_t which, id_t who, int value) noexcept {
   return callOrFail<&setpriority>("setpriority", which, who, value);
-}
-int setrlimit(__rlimit_resource_t resource, const rlimit* limits) noexcept {
-  return callOrFail<&setrlimit>("setrlimit", resource, limits);
 }
 int rename(const char* from, const char* to) noexcept {
   return callOrFail<&rename>("rename", from, to);
