@@ -1,12 +1,15 @@
 // Messages to an engine that carries an answered call, a bound phone and its subscription. The input is a
-// settings byte and any number of messages that end with the byte 0xFF; each begins with a byte that says who
-// sends it and how many seconds pass before it. So that the fuzzer need not guess what the engine drew at
-// random, a control byte and a digit in a message stand for it:
+// byte of settings, one of surroundings (bit 0: our own phones and the trunk register, bit 1: media ports can
+// be opened) and any number of messages that end with the byte 0xFF; each begins with a byte that says who
+// sends it (modulo 3), how many seconds pass before it (bits 3-5, times 10 with bit 6), and whether the date
+// is set (bit 7). Each is received in a pass of the main loop. So that the fuzzer need not guess what the
+// engine drew at random, a control byte and a digit in a message stand for it:
 //
 //     01 n   Call-ID of slot n              02 n   CSeq number of slot n's INVITE transaction
 //     03 0   Call-ID of the phone's registration with the PBX     03 1   of its first subscription
 //     04 0   CSeq number of the former                            04 1   of the latter
-//     05 0   CSeq number of the NOTIFY relayed to the phone
+//     03 2   Call-ID of slot 0's own registration, and so on; 03 6   of the trunk's; 04 2 to 04 6   CSeq
+//     numbers 05 0   CSeq number of the NOTIFY relayed to the phone
 //
 // Nothing leaves the process: what the engine sends is looked at and counted as sent.
 #include <cerrno>
@@ -18,9 +21,15 @@
 #include <netdb.h>
 #include <string>
 #include <string_view>
+#include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <vector>
 
+#include "app/config/InstanceFile.h"
+#include "app/config/MyConfiguration.h"
+#include "app/config/ProcessState.h"
 #include "app/config/Settings.h"
 #include "common/Clock.h"
 #include "engine/Glob.h"
@@ -34,6 +43,14 @@ std::string lastSent;
 // Has a message held a CR or LF that is not part of a line end? Headers that a message lacks are looked for
 // in its body as well, which is left as it came.
 bool bLoneBreaks = false;
+
+// What the engine's thread reads next; media threads have sockets of their own.
+struct sWaiting {
+  std::string_view datagram;
+  sockaddr_in from{};
+};
+thread_local sWaiting* waiting = nullptr;
+bool bSockets = false;  // can be opened
 
 bool hasLoneBreaks(std::string_view text) {
   for (std::size_t at = 0; (at = text.find_first_of("\r\n", at)) != std::string_view::npos; at += 2)
@@ -54,9 +71,34 @@ extern "C" ssize_t sendto(int, const void* text, std::size_t length, int, const 
   return static_cast<ssize_t>(length);
 }
 
-extern "C" int socket(int, int, int) noexcept {  // media ports cannot be opened
+extern "C" ssize_t recvfrom(int descriptor, void* buffer, std::size_t length, int flags, sockaddr* from,
+                            socklen_t* size) {
+  if (waiting == nullptr) return syscall(SYS_recvfrom, descriptor, buffer, length, flags, from, size);
+  if (waiting->datagram.empty()) {
+    errno = EAGAIN;
+    return -1;
+  }
+  const std::size_t bytes = waiting->datagram.size();
+  std::memcpy(buffer, waiting->datagram.data(), std::min(bytes, length));
+  *reinterpret_cast<sockaddr_in*>(from) = waiting->from;
+  waiting->datagram = {};
+  return static_cast<ssize_t>(bytes);
+}
+
+extern "C" int select(int count, fd_set* ready, fd_set* writing, fd_set* failing, timeval* timeout) {
+  if (waiting == nullptr)
+    return static_cast<int>(syscall(SYS_select, count, ready, writing, failing, timeout));
+  return 0;
+}
+
+extern "C" int socket(int domain, int type, int protocol) noexcept {
+  if (bSockets) return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
   errno = EMFILE;
   return -1;
+}
+
+extern "C" int bind(int, const sockaddr*, socklen_t) noexcept {  // the ports may be in use
+  return 0;
 }
 
 extern "C" int getaddrinfo(const char*, const char*, const addrinfo*, addrinfo**) {
@@ -93,6 +135,11 @@ void setSettings() {
   pcDefaultDestination.assignCut("*");
   pcOrigPhonesNamePrefix.assignCut("o");
   pcPairPhonesNamePrefix.assignCut("p");
+  pcTrunkName.assignCut("t");
+  pcSecret.assignCut("secret");
+  iRegisterExpiration = 60;
+  iRTPTimeoutInSeconds = 20;
+  iRTPTimeoutWhenOnHoldInSeconds = 40;
   pcPSHExpressions[0].assignCut("X-A:");
   pcDOSExpressions[0].assignCut("3??@h");
   pcAOSExpressions[0].assignCut("4??@h");
@@ -114,20 +161,36 @@ class Engine {
  public:
   Engine() {
     setSettings();
+    pcKestrovaInstanceSuffix.assignCut("-fuzz" + std::to_string(getpid()));
+    require(myConfiguration.writeTmpFile() == 0);
     require(myRtp.init() == 0 && sip.init() == 0);
-    sip.sProxyAddress = source(kPbx);
+    bSockets = true;  // the socket is never used: what is received and sent goes through the functions above
+    require(sip.prepareConnection() == 0);
     sip.initRegistration();
     sip.bAllPhonesActive = true;
     for (int slot = 0; slot < kSlots; ++slot) fresh.push_back(sip.phone(slot));
+    freshTrunk = sip.sTrunk;
+    waiting = &next;
+  }
+  ~Engine() {
+    endMedia();
+    unlink(instancePath(kLockFile).c_str());
   }
 
-  void begin(std::uint8_t settings) {
+  void begin(std::uint8_t settings, std::uint8_t surroundings) {
+    endMedia();
     Clock::freezeAt(kStart);
+    sip.sTimeLastTick = 0;
+    require(sip.mainLoopPass(0));  // what the input before did to the date is over
     for (int slot = 0; slot < kSlots; ++slot) {
       sip.freeSlot(slot);
       sip.phone(slot) = fresh[static_cast<std::size_t>(slot)];
       sip.setCallID(slot, "");
     }
+    sip.sTrunk = freshTrunk;
+    sip.sTimeLastTick = sip.sTimeLastRegistrationCheck = kStart;
+    setRegistering((surroundings & 1) != 0);
+    bSockets = (surroundings & 2) != 0;
     for (int slot = 0; slot < kSlots; ++slot) sip.moveCallToOldCalls(slot);
     for (int binding = 0; binding < sip.iNumBindings; ++binding) {
       sip.bindingAt(binding).tConfirmedExpiry = sip.bindingAt(binding).tRequestedExpiry = 0;
@@ -149,12 +212,16 @@ class Engine {
   }
 
   void handle(std::uint8_t who, std::string_view text) {
-    Clock::advanceSeconds(who >> 3 & 7);
-    sip.cleanupExpiredBindingsAndSubscriptions();
-    std::string datagram(text);
-    MySip::unfoldHeaders(datagram);
-    bLoneBreaks |= hasLoneBreaks(datagram);
-    sip.analyzeSipMessage(datagram, source(who % 3 == 0 ? kCaller : who % 3 == 1 ? kPbx : kPhone));
+    if ((who & 0x80) != 0) Clock::setDateBy(-1000);
+    Clock::advanceSeconds((who >> 3 & 7) * ((who & 0x40) != 0 ? 10 : 1));
+    // Media threads say every 20 ms how long they have heard nothing.
+    if ((who & 0x40) != 0 && myRtp.iMaxPairIndex >= 0) usleep(30'000);
+    std::string unfolded(text);
+    MySip::unfoldHeaders(unfolded);
+    bLoneBreaks |= hasLoneBreaks(unfolded);
+    next = {text, source(who % 3 == 0 ? kCaller : who % 3 == 1 ? kPbx : kPhone)};
+    require(sip.mainLoopPass(0));
+    next = {};
     check();
   }
 
@@ -163,6 +230,11 @@ class Engine {
     number = std::to_string(leg.iInviteCSeq);
     if (kind == 1) return leg.pcCallID;
     if (kind == 2 || sip.iNumBindings == 0) return number;
+    if (kind < 5 && which >= 2) {
+      const sPhone& identity = which < 2 + kSlots ? sip.phone(which - 2) : sip.sTrunk;
+      number = std::to_string(identity.iRegistrationCSeq);
+      return kind == 3 ? identity.pcRegistrationCallID.view() : number;
+    }
     const sBinding& phone = sip.bindingAt(0);
     const sSubscription& entry = phone.subscription(0);
     if (kind == 3) return which == 0 ? phone.pcRelayCallID.view() : entry.pcRelayCallID.view();
@@ -173,6 +245,17 @@ class Engine {
   }
 
  private:
+  void endMedia() {
+    for (int pair = 0; pair <= myRtp.iMaxPairIndex; ++pair)
+      if (myRtp.psPairs[pair].bInUse) {
+        const std::string callId(myRtp.psPairs[pair].pcCallID[0].view());
+        require(myRtp.closeSessionPair(callId.c_str(), callId.c_str()) >= 0);
+      }
+  }
+  void setRegistering(bool bRegistering) {
+    sip.sTrunk.bShouldRegister = bRegistering;
+    for (int slot = kSlots / 2; slot < kSlots; ++slot) sip.phone(slot).bShouldRegister = bRegistering;
+  }
   void bindPhone() {
     const std::string who =
         "From: <sip:201@h>;tag=a\r\nTo: <sip:201@h>\r\nContact: <sip:201@127.0.0.1:5062>\r\nExpires: 60\r\n";
@@ -229,6 +312,8 @@ class Engine {
 
   MySip sip;
   std::vector<sPhone> fresh;
+  sPhone freshTrunk;
+  sWaiting next;
 };
 
 std::string expanded(Engine& engine, std::string_view text) {
@@ -250,10 +335,10 @@ std::string expanded(Engine& engine, std::string_view text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Engine engine;
-  if (size == 0) return 0;
+  if (size < 2) return 0;
   bLoneBreaks = false;
-  engine.begin(data[0]);
-  std::string_view rest(reinterpret_cast<const char*>(data) + 1, size - 1);
+  engine.begin(data[0], data[1]);
+  std::string_view rest(reinterpret_cast<const char*>(data) + 2, size - 2);
   for (int messages = 0; !rest.empty() && messages < 20; ++messages) {
     const std::string_view next = rest.substr(0, rest.find('\xFF'));
     rest.remove_prefix(std::min(rest.size(), next.size() + 1));
