@@ -203,6 +203,18 @@ TEST_F(MetricsTest, TotalsOutliveTheFilesTheyWereReadFrom) {
   closeCall(2);
   EXPECT_EQ(refused(), 6) << "rotated";
   EXPECT_EQ(metricIn(figures, "calls_closed_total"), 2);
+  EXPECT_EQ(metricIn(figures, "calls_without_audio_total"), 2);
+  // Early media, in which the caller says nothing, and the call that goes on from it; another's; dialled
+  // again.
+  const std::string early =
+      "12:00:01\n Closed session (3) (0 seconds). a->b:  Confident Voice (0%) Max AGC (0) CallID (x). b->a: ";
+  for (const auto& [opened, silent] : {std::pair("12:00:01\n Open session (2): a<->b\n", 2),
+                                       {"12:00:01\n Open session (3): a<->c\n", 3},
+                                       {"12:00:02\n Open session (3): a<->b\n", 4}}) {
+    std::ofstream(statistics, std::ios::app) << early << "Max AGC (100) CallID (y)\n" << opened;
+    read();
+    EXPECT_EQ(metricIn(figures, "calls_without_audio_total"), silent) << opened;
+  }
   for (int rotation = 0; rotation < 3; ++rotation) {
     rotateLog();
     EXPECT_EQ(refused(), 6) << "nothing written since";

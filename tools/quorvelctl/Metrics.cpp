@@ -132,7 +132,7 @@ void addEndedCalls(MetricsText& out, const MetricsTotals& totals) {
               {{"forward", total + "_forward"}, {"backward", total + "_backward"}}, help);
   };
   addDirections("calls_with_audio_total", "with_audio", "Closed calls that had audio in the direction.");
-  addDirections("calls_without_audio_total", "without_audio", "Closed calls that had none in it.");
+  addDirections("calls_without_audio_total", "without_audio", "Calls that ended without any in it.");
   addDirections("call_mos_total", "mos", "Average MOS of the closed calls with audio, added up.");
   addDirections("call_loss_ratio_total", "loss", "Packet loss of the closed calls with audio, added up.");
 }

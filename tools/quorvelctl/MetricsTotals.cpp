@@ -44,6 +44,16 @@ double numberBehind(std::string_view line, std::string_view mark, double most) {
   return std::isfinite(number) ? std::clamp(number, 0.0, most) : 0;
 }
 
+// "A B", from what stands behind `before`: both names, and the figures or the end of the line.
+std::string partiesIn(std::string_view line, std::string_view before, std::string_view between) {
+  line.remove_prefix(std::min(line.find(before), line.size()));
+  line.remove_prefix(std::min(before.size(), line.size()));
+  line = line.substr(0, line.find(":  Confident Voice ("));
+  const std::size_t middle = line.find(between);
+  if (middle == std::string_view::npos) return "";
+  return std::string(line.substr(0, middle)) + ' ' + std::string(line.substr(middle + between.size()));
+}
+
 }  // namespace
 
 MetricsTotals::MetricsTotals(const std::string& path) : stateFile(path) {
@@ -137,11 +147,18 @@ void MetricsTotals::addTrouble(const std::string& trouble) {
 // Its predecessor is compressed when it is rotated away: what was written to it since the last run is lost.
 void MetricsTotals::readStatistics(const std::string& path) {
   readNew("statistics", {path}, &MetricsTotals::addStatisticsLine);
+  countSilence("");
 }
 
 void MetricsTotals::addStatisticsLine(std::string_view line) {
-  if (line.starts_with(" Open session (")) ++numbers["opened"];
+  if (!line.starts_with(' ')) time = line;
+  if (line.starts_with(" Open session (")) {
+    ++numbers["opened"];
+    countSilence(time + partiesIn(line, "): ", "<->"));
+  }
   if (!line.starts_with(" Closed session (")) return;
+  countSilence("");
+  silence.timeAndParties = time + partiesIn(line, "seconds). ", "->");
   ++numbers["closed"];
   numbers["seconds"] += numberBehind(line, ") (", kMostSeconds);
   const std::size_t second = std::min(line.find(" CallID ("), line.size());
@@ -151,9 +168,19 @@ void MetricsTotals::addStatisticsLine(std::string_view line) {
 
 // The gain is that of the audio that came, so without any it is 0; all other figures look like the best then.
 void MetricsTotals::addDirection(const std::string& direction, std::string_view figures) {
-  const bool hasAudio = numberBehind(figures, "Max AGC (", kMostPercent) > 0;
-  ++numbers[(hasAudio ? "with_audio" : "without_audio") + direction];
-  if (!hasAudio) return;
+  if (numberBehind(figures, "Max AGC (", kMostPercent) == 0) {
+    silence.directions.push_back(direction);
+    return;
+  }
+  ++numbers["with_audio" + direction];
   numbers["mos" + direction] += numberBehind(figures, "Avg MOS (", kMostMos);
   numbers["loss" + direction] += numberBehind(figures, "Packet Loss (", kMostPercent) / 100;
+}
+
+// When media changes during a call, at its answer for instance, one session is closed and the next is opened
+// at once: its silence is none of the call's.
+void MetricsTotals::countSilence(const std::string& opened) {
+  if (opened.empty() || opened != silence.timeAndParties)
+    for (const std::string& direction : silence.directions) ++numbers["without_audio" + direction];
+  silence = {};
 }

@@ -38,7 +38,14 @@ class MetricsTotals {
   void addTrouble(const std::string& trouble);
   void addStatisticsLine(std::string_view line);
   void addDirection(const std::string& direction, std::string_view figures);
+  void countSilence(const std::string& opened);
 
   std::string stateFile;
   std::map<std::string, double> numbers;
+  std::string time;  // of the statistics line that follows
+  // Of the session that was closed last: when, between whom, and which directions had no audio.
+  struct {
+    std::string timeAndParties{};
+    std::vector<std::string> directions{};
+  } silence;
 };
