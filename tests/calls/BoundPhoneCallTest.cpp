@@ -1,34 +1,29 @@
 // Phones that register through Quorvel: with Quorvel alone as their registrar, and with a PBX behind it that
 // wants credentials of every phone.
 #include <fstream>
-#include <iostream>
 
 #include "tests/calls/support/Kamailio.h"
 #include "tests/calls/support/PhonePair.h"
-#include "tests/calls/support/QuorvelProcess.h"
 #include "tests/calls/support/Sipp.h"
 
 namespace {
 
-class BoundPhoneCallTest : public ::testing::Test {
+class BoundPhoneCallTest : public PhonesFixture {
  protected:
   void SetUp() override {
-    if (const std::string missing = phonesMissing(); !missing.empty()) GTEST_SKIP() << missing;
-    if (Process::find("sipp").empty()) GTEST_SKIP() << "SIPp (package sip-tester) is not installed";
+    PhonesFixture::SetUp();
+    needs({"sipp"});
   }
   void TearDown() override {
-    if (!HasFailure()) return;
-    if (quorvel != nullptr) std::cerr << quorvel->log();
-    if (pbx != nullptr) std::cerr << pbx->report();
+    if (HasFailure() && pbx != nullptr) std::cerr << pbx->report();
+    CallFixture::TearDown();
   }
 
   void startQuorvel(const char* architecture, const char* domain = "127.0.0.1") {
-    quorvel = std::make_unique<QuorvelProcess>(scratch.path(), ports,
-                                               Settings{{"SipProxyArchitecture", architecture},
-                                                        {"SipProxyDomain", domain},
-                                                        {"CopyCodecListFromInitialInvite", "1"},
-                                                        {"PairPhoneShouldImpersonateTheOriginator", "1"}});
-    ASSERT_TRUE(quorvel->ready()) << quorvel->log();
+    start({{"SipProxyArchitecture", architecture},
+           {"SipProxyDomain", domain},
+           {"CopyCodecListFromInitialInvite", "1"},
+           {"PairPhoneShouldImpersonateTheOriginator", "1"}});
   }
   // As it stands in the file that is written every second.
   bool bindingsOnDisk(int expected, Seconds limit) const {
@@ -42,10 +37,7 @@ class BoundPhoneCallTest : public ::testing::Test {
         limit);
   }
 
-  PortBlock ports;
-  ScratchDirectory scratch;
   std::unique_ptr<Kamailio> pbx;
-  std::unique_ptr<QuorvelProcess> quorvel;
 };
 
 TEST_F(BoundPhoneCallTest, PhoneOfQuorvelsOwnRegistrarIsCalledUnderItsThreeNamesAndExpires) {
@@ -82,8 +74,7 @@ class BoundPhonesOfPbxTest : public BoundPhoneCallTest, public ::testing::WithPa
  protected:
   void SetUp() override {
     BoundPhoneCallTest::SetUp();
-    if (IsSkipped()) return;
-    if (Process::find("kamailio").empty()) GTEST_SKIP() << "kamailio is not installed";
+    needs({"kamailio"});
   }
   void startBoth(bool pbxNotifiesUnasked) {
     pbx = std::make_unique<Kamailio>(scratch.path(), PbxSetup{.port = ports.pbx(),

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "tests/calls/support/ControlFixture.h"
+#include "tests/calls/support/RtpPeer.h"
 
 namespace {
 
@@ -30,21 +31,12 @@ class MetricsTest : public ControlFixture {
   }
 };
 
-// A packet of the caller: 20 ms of mu-law noise, so that a direction that is processed has a noise level.
+// 20 ms of mu-law noise, so that a direction that is processed has a noise level.
 std::string rtpPacket(int sequence, int stamp) {
-  std::string packet(12 + 160, '\0');
-  const unsigned number = static_cast<unsigned>(sequence), time = static_cast<unsigned>(stamp);
-  for (const auto& [at, value] : {std::pair(0, 0x80U), std::pair(2, number >> 8U), std::pair(3, number),
-                                  std::pair(5, time >> 16U), std::pair(6, time >> 8U), std::pair(7, time)})
-    packet[static_cast<std::size_t>(at)] = static_cast<char>(value);
   static std::minstd_rand random(7);
-  for (std::size_t i = 12; i < packet.size(); ++i)
-    packet[i] = static_cast<char>(0x50U | (random() >> 8U & 0x8FU));
-  return packet;
-}
-
-int mediaPortIn(const std::string& sdp) {
-  return std::stoi(sdp.substr(sdp.find("m=audio ") + 8));
+  std::string noise(160, '\0');
+  for (char& code : noise) code = static_cast<char>(0x50U | (random() >> 8U & 0x8FU));
+  return RtpPeer::packet(static_cast<std::uint16_t>(sequence), static_cast<std::uint32_t>(stamp), 0, noise);
 }
 
 // Name and labels of a sample, and every value it was seen with.
@@ -76,7 +68,7 @@ TEST_F(MetricsTest, EveryMetricMovesAndDashboardAndAlertsKnowNoOther) {
   readInto(seen, control({"metrics"}).text);
   const std::array<LoopbackPeer, 2> media{LoopbackPeer(ports.media(0)), LoopbackPeer(ports.media(1))};
   const Call call = setUp(1);
-  const std::array<int, 2> relay{mediaPortIn(call.ok), mediaPortIn(call.invite)};
+  const std::array<int, 2> relay{RtpPeer::portIn(call.ok), RtpPeer::portIn(call.invite)};
   int number = 0, stamp = 80000;
   std::string latest;
   // Half a second of packets each way; spoilt ones have a gap, ten pairs in the wrong order, and time stamps

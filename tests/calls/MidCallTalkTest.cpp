@@ -132,23 +132,6 @@ TEST_F(MidCallTalkTest, CodecChangesAndRefusalsLeaveWhatWasAgreed) {
   expectSound("after one that was accepted again");
 }
 
-TEST_F(MidCallTalkTest, GlareAndCancelledReInvitesLeaveTheSound) {
-  begin();
-  toQuorvel(caller, fromCaller("INVITE", 2, offerOfCaller("8", "a=sendonly\r\n")));
-  const std::string pending = expect(callee, "INVITE ");
-  toQuorvel(callee, fromCallee("INVITE", 7, sdpOfCallee()));
-  expect(callee, "SIP/2.0 491 Request Pending\r\n");
-  toQuorvel(callee, fromCallee("ACK", 7));  // ends here
-  toQuorvel(caller, fromCaller("CANCEL", 2));
-  EXPECT_EQ(header(expect(callee, "CANCEL "), "Via"), header(pending, "Via"));
-  toQuorvel(callee, respond(pending, "487 Request Terminated"));
-  expect(caller, "SIP/2.0 487 Request Terminated\r\n");
-  toQuorvel(caller, fromCaller("ACK", 2));
-  EXPECT_EQ(header(expect(callee, "ACK "), "Via"), header(pending, "Via"));
-  expectSound("after the re-INVITE was cancelled");
-  hangUp(call);
-}
-
 TEST_F(MidCallTalkTest, ReInviteIsRepeatedWithTheCredentialsThatThePbxWants) {
   begin({{"SipProxyArchitecture", "1"}});
   toQuorvel(caller, fromCaller("INVITE", 2, offerOfCaller("8")));

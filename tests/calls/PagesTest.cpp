@@ -1,4 +1,5 @@
 // The live pages as a browser shows them while calls are up.
+#include "tests/calls/support/RtpPeer.h"
 #include "tests/calls/support/TalkFixture.h"
 
 namespace {
@@ -27,10 +28,7 @@ page.onload = () => {
 
 class PagesTest : public TalkFixture {
  protected:
-  void SetUp() override {
-    browser = Process::find("chromium");
-    if (browser.empty()) GTEST_SKIP() << "chromium is not installed";
-  }
+  void SetUp() override { needs({"chromium"}); }
   // The different lines that were seen of a copy of the page, the first loading left out. The page itself is
   // rewritten in place, so that a busy machine may show half of it.
   std::vector<std::string> seen(const std::string& page) const {
@@ -46,7 +44,7 @@ class PagesTest : public TalkFixture {
     writeFile(scratch.path() / "look.html", look);
     const std::filesystem::path output = scratch.path() / (page + ".dom");
     EXPECT_TRUE(
-        Process::run(browser,
+        Process::run("chromium",
                      {"--headless", "--no-sandbox", "--disable-gpu", "--no-first-run", "--disable-sync",
                       "--disable-background-networking", "--disable-component-update",
                       "--allow-file-access-from-files", "--virtual-time-budget=45000", "--dump-dom",
@@ -66,18 +64,15 @@ class PagesTest : public TalkFixture {
     return result;
   }
   // 50 packets of the caller's audio, the 21st missing.
-  void sendAudio(int relayPort) {
+  static void sendAudio(int relayPort) {
     const LoopbackPeer from;
     for (int sequence = 1; sequence <= 51; ++sequence) {
       if (sequence == 21) continue;
-      std::string packet("\x80\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x09", 12);
-      packet[3] = static_cast<char>(sequence);
-      packet[6] = static_cast<char>(sequence * 160 >> 8);  // sent all at once, none comes late
-      packet[7] = static_cast<char>(sequence * 160);
-      from.sendTo(relayPort, packet + std::string(160, '\xFF'));
+      const auto stamp = static_cast<std::uint32_t>(sequence * 160);  // sent all at once, none comes late
+      from.sendTo(relayPort,
+                  RtpPeer::packet(static_cast<std::uint16_t>(sequence), stamp, 0, std::string(160, '\xFF')));
     }
   }
-  std::string browser;
 };
 
 TEST_F(PagesTest, BrowserShowsEveryCallItsFiguresAndWhatIsWrongInRed) {

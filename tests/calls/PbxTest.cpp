@@ -1,7 +1,6 @@
 // Quorvel beside a PBX that wants digest credentials: registrations, and calls that pass the PBX twice.
 #include "tests/calls/support/Kamailio.h"
 #include "tests/calls/support/PhonePair.h"
-#include "tests/calls/support/QuorvelProcess.h"
 
 namespace {
 
@@ -15,10 +14,11 @@ void PrintTo(const Challenge& challenge, std::ostream* out) {
   *out << challenge.name;
 }
 
-class PbxTest : public ::testing::TestWithParam<Challenge> {
+class PbxTest : public PhonesFixture, public ::testing::WithParamInterface<Challenge> {
  protected:
   void SetUp() override {
-    if (Process::find("kamailio").empty()) GTEST_SKIP() << "kamailio is not installed";
+    needs({"kamailio"});
+    if (IsSkipped()) return;
     pbx = std::make_unique<Kamailio>(scratch.path(), PbxSetup{.port = ports.pbx(),
                                                               .password = "secret",
                                                               .qop = GetParam().qop,
@@ -26,27 +26,22 @@ class PbxTest : public ::testing::TestWithParam<Challenge> {
                                                               .trunk = "trunk",
                                                               .trunkPhonePrefix = "inner"});
     ASSERT_TRUE(pbx->ready()) << pbx->report();
-    quorvel = std::make_unique<QuorvelProcess>(scratch.path(), ports,
-                                               Settings{{"NumPhonesToAllocate", "4"},
-                                                        {"TrunkName", "trunk"},
-                                                        {"RegisterTrunk", "1"},
-                                                        {"RegisterOrigPhones", "1"},
-                                                        {"RegisterPairPhones", "1"},
-                                                        {"OrigPhonesNamePrefix", "outer"},
-                                                        {"PairPhonesNamePrefix", "inner"},
-                                                        {"RegisterExpiration", "4"},
-                                                        {"Secret", "secret"}});
-    ASSERT_TRUE(quorvel->ready()) << quorvel->log();
+    start({{"NumPhonesToAllocate", "4"},
+           {"TrunkName", "trunk"},
+           {"RegisterTrunk", "1"},
+           {"RegisterOrigPhones", "1"},
+           {"RegisterPairPhones", "1"},
+           {"OrigPhonesNamePrefix", "outer"},
+           {"PairPhonesNamePrefix", "inner"},
+           {"RegisterExpiration", "4"},
+           {"Secret", "secret"}});
   }
-
   void TearDown() override {
-    if (HasFailure() && quorvel != nullptr) std::cerr << pbx->report() << quorvel->log();
+    if (HasFailure() && pbx != nullptr) std::cerr << pbx->report();
+    CallFixture::TearDown();
   }
 
-  PortBlock ports;
-  ScratchDirectory scratch;
   std::unique_ptr<Kamailio> pbx;
-  std::unique_ptr<QuorvelProcess> quorvel;
 };
 
 const std::vector<std::string> kIdentities = {"trunk", "outer0", "outer1", "inner0", "inner1"};
@@ -66,7 +61,8 @@ TEST_P(PbxTest, EveryIdentityRegistersRefreshesAndWithdraws) {
 }
 
 TEST_P(PbxTest, CallsPassInBothDirections) {
-  if (const std::string missing = phonesMissing(); !missing.empty()) GTEST_SKIP() << missing;
+  PhonesFixture::SetUp();
+  if (IsSkipped()) return;
   PhonePair phones(scratch.path(), ports,
                    {.calleePort = ports.phone(1), .registrar = ports.pbx(), .password = "secret"});
   ASSERT_NO_FATAL_FAILURE(phones.expectReady());
@@ -78,7 +74,6 @@ TEST_P(PbxTest, CallsPassInBothDirections) {
   ASSERT_NO_FATAL_FAILURE(phones.talk(*phones.second, *phones.first, "sip:100@127.0.0.1", Seconds(3.5)));
   phones.expectBothHeard(0.99);
   EXPECT_GE(pbx->challenges("INVITE", "inner0"), 2);
-  EXPECT_EQ(quorvel->stop(), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Challenges, PbxTest,

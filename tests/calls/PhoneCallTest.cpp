@@ -1,6 +1,5 @@
 // Real phones talk through Quorvel, and each hears the other.
 #include "tests/calls/support/PhonePair.h"
-#include "tests/calls/support/QuorvelProcess.h"
 
 namespace {
 
@@ -22,32 +21,22 @@ void PrintTo(const Codecs& codecs, std::ostream* out) {
   *out << codecs.name;
 }
 
-class PhoneCallTest : public ::testing::TestWithParam<Codecs> {
- protected:
-  void SetUp() override {
-    if (const std::string missing = phonesMissing(); !missing.empty()) GTEST_SKIP() << missing;
-  }
-  PortBlock ports;
-  ScratchDirectory scratch;
-};
+class PhoneCallTest : public PhonesFixture, public ::testing::WithParamInterface<Codecs> {};
 
 TEST_P(PhoneCallTest, BothHearEachOther) {
   const Codecs& codecs = GetParam();
-  QuorvelProcess quorvel(scratch.path(), ports, {{"StatisticsFile", "statistics"}});
+  ASSERT_NO_FATAL_FAILURE(start({{"StatisticsFile", "statistics"}}));
   PhonePair phones(scratch.path(), ports,
                    {.callerCodec = codecs.caller, .calleeCodec = codecs.callee, .calleePort = ports.pbx()});
-  ASSERT_TRUE(quorvel.ready()) << quorvel.log();
   ASSERT_NO_FATAL_FAILURE(phones.expectReady());
-  ASSERT_NO_FATAL_FAILURE(
-      phones.talk(*phones.first, *phones.second, "sip:200@127.0.0.1:" + std::to_string(ports.sip()), kTalk));
+  ASSERT_NO_FATAL_FAILURE(phones.talk(*phones.first, *phones.second, calleeUri(), kTalk));
   phones.expectBothHeard(codecs.correlation);
 
-  const auto statistics = [&] { return readFile(quorvel.bin() / "statistics"); };
+  const auto statistics = [&] { return readFile(quorvel->bin() / "statistics"); };
   EXPECT_TRUE(eventually([&] { return occurrences(statistics(), "Closed session") > 0; }, Seconds(3)));
   EXPECT_EQ(occurrences(statistics(), "Packet Loss (0.00%)"), 2 * occurrences(statistics(), "Closed session"))
       << statistics();
-  EXPECT_EQ(quorvel.logCount(" ERROR in "), 0);
-  EXPECT_EQ(quorvel.stop(), 0);
+  EXPECT_EQ(quorvel->logCount(" ERROR in "), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -1,10 +1,7 @@
 // Phones steer their calls with their keys, hear the answer, and leave recordings that can be played.
 #include <regex>
-#include <unistd.h>
 
 #include "tests/calls/support/PhonePair.h"
-#include "tests/calls/support/QuorvelProcess.h"
-#include "tests/calls/support/Sipp.h"
 #include "tests/calls/support/Tones.h"
 
 namespace {
@@ -20,20 +17,16 @@ void PrintTo(const Legs& legs, std::ostream* out) {
   *out << legs.name;
 }
 
-class SteeringTest : public ::testing::TestWithParam<Legs> {
+class SteeringTest : public PhonesFixture, public ::testing::WithParamInterface<Legs> {
  protected:
-  void SetUp() override {
-    if (const std::string missing = phonesMissing(); !missing.empty()) GTEST_SKIP() << missing;
-    for (const char* folder : {"before", "after"}) std::filesystem::create_directory(scratch.path() / folder);
-  }
   Settings settings() const {
+    for (const char* folder : {"before", "after"}) std::filesystem::create_directory(scratch.path() / folder);
     Settings all = keyCommands(scratch.path());
     all["OrigRecordingLibrary"] = "../before/";
     all["CleanRecordingLibrary"] = "../after/";
     all["StatisticsFile"] = "../statistics";
     return all;
   }
-  std::string uri() const { return "sip:200@127.0.0.1:" + std::to_string(ports.sip()); }
 
   // The recording as the manual says to play it.
   Sound recording(const std::string& folder, const std::string& ending) const {
@@ -69,9 +62,6 @@ class SteeringTest : public ::testing::TestWithParam<Legs> {
                                           " " + figures + "\\. " + back + figures + "\n")))
         << text;
   }
-
-  PortBlock ports;
-  ScratchDirectory scratch;
 };
 
 // What each party has heard by now; both hear the answer to what concerns both.
@@ -85,14 +75,13 @@ void expectTones(PhonePair& phones, const std::string& caller, const std::string
 
 TEST_P(SteeringTest, KeysAreAnsweredWithTonesAndTheCallIsRecordedBeforeAndAfter) {
   const Legs& legs = GetParam();
-  QuorvelProcess quorvel(scratch.path(), ports, settings());
+  ASSERT_NO_FATAL_FAILURE(start(settings()));
   writeFile(scratch.path() / "voices" / "12", "taken");
   PhonePair phones(
       scratch.path(), ports,
       {.callerCodec = legs.caller, .calleeCodec = legs.callee, .calleePort = ports.pbx(), .times = 5});
-  ASSERT_TRUE(quorvel.ready()) << quorvel.log();
   ASSERT_NO_FATAL_FAILURE(phones.expectReady());
-  phones.first->dial(uri());
+  phones.first->dial(calleeUri());
   ASSERT_TRUE(phones.first->event("CALL_ESTABLISHED", Seconds(8))) << phones.first->report();
 
   struct Step {
@@ -117,11 +106,11 @@ TEST_P(SteeringTest, KeysAreAnsweredWithTonesAndTheCallIsRecordedBeforeAndAfter)
   }
   phones.first->hangUp();
   ASSERT_TRUE(phones.second->event("CALL_CLOSED", Seconds(5))) << phones.second->report();
-  EXPECT_EQ(quorvel.logCount("WARNING in MyRtp::doActivation, unable to open file "), 1);
-  EXPECT_EQ(quorvel.logCount("WARNING in MyRtp::doRegistration, do not allow to override file "), 1);
+  EXPECT_EQ(quorvel->logCount("WARNING in MyRtp::doActivation, unable to open file "), 1);
+  EXPECT_EQ(quorvel->logCount("WARNING in MyRtp::doRegistration, do not allow to override file "), 1);
   EXPECT_EQ(readFile(scratch.path() / "voices" / "12"), "taken");
-  EXPECT_EQ(quorvel.stop(), 0);
-  EXPECT_EQ(quorvel.logCount(" ERROR in "), 0) << quorvel.log();
+  EXPECT_EQ(quorvel->stop(), 0);
+  EXPECT_EQ(quorvel->logCount(" ERROR in "), 0);
 
   // Both parties, before and after the engine, which passes clean speech nearly as it is.
   const std::string begin = "[A-Z][a-z]{2}_[A-Z][a-z]{2}_[_1-3][0-9](_[0-9]{2}){3}_20[0-9]{2}__00-";
@@ -144,61 +133,25 @@ INSTANTIATE_TEST_SUITE_P(Codecs, SteeringTest,
                                            Legs{"G722ToPcma", "G722/16000/1", "PCMA/8000/1", "8000"}),
                          [](const auto& row) { return std::string(row.param.name); });
 
-// ---- Keys that do not come as events of a phone ----
-
-class OtherKeysTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (const std::string missing = phonesMissing(); !missing.empty()) GTEST_SKIP() << missing;
-  }
-  PhoneSetup phone(int number, const std::string& user, int sipPort, Sound plays) const {
-    return {.user = user,
-            .sipPort = sipPort,
-            .controlPort = ports.control(number),
-            .mediaPort = ports.media(number),
-            .codec = plays.rate == 8000 ? "PCMU/8000/1" : "G722/16000/1",
-            .plays = std::move(plays)};
-  }
-  PortBlock ports;
-  ScratchDirectory scratch;
-};
-
-class TonesAsKeysTest : public OtherKeysTest, public ::testing::WithParamInterface<int> {};
+class TonesAsKeysTest : public PhonesFixture, public ::testing::WithParamInterface<int> {};
 
 TEST_P(TonesAsKeysTest, TonesInTheAudioSteerTheCall) {
   const int rate = GetParam();
+  const std::string codec = rate == 8000 ? "PCMU/8000/1" : "G722/16000/1";
   Settings settings = keyCommands(scratch.path());
   settings["NeedToCheckDTMF"] = "1";
-  QuorvelProcess quorvel(scratch.path(), ports, settings);
+  ASSERT_NO_FATAL_FAILURE(start(settings));
   Baresip caller(scratch.path(),
-                 phone(0, "100", ports.phone(0), keysPressed("*3*  *2*#  *2*7#  ", 14, rate)));
-  Baresip callee(scratch.path(), phone(1, "200", ports.pbx(), keysPressed("", 14, rate)));
-  ASSERT_TRUE(quorvel.ready() && caller.ready() && callee.ready()) << quorvel.log();
-  caller.dial("sip:200@127.0.0.1:" + std::to_string(ports.sip()));
+                 phone(0, "100", ports.phone(0), codec, keysPressed("*3*  *2*#  *2*7#  ", 14, rate)));
+  Baresip callee(scratch.path(), phone(1, "200", ports.pbx(), codec, keysPressed("", 14, rate)));
+  ASSERT_TRUE(caller.ready() && callee.ready());
+  caller.dial(calleeUri());
   ASSERT_TRUE(caller.event("CALL_ESTABLISHED", Seconds(8))) << caller.report();
   EXPECT_TRUE(eventually([&] { return tonesIn(caller.heard()) == "OOF"; }, Seconds(15)));
   EXPECT_EQ(tonesIn(caller.heard()), "OOF");
   EXPECT_EQ(tonesIn(callee.heard()), "OO");
-  EXPECT_EQ(quorvel.stop(), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rates, TonesAsKeysTest, ::testing::Values(8000, 16000));
-
-// Recorded events, one after the other without any audio between them; the command runs when audio comes.
-TEST_F(OtherKeysTest, RecordedEventsSteerTheCall) {
-  if (Process::find("sipp").empty() || !std::filesystem::exists("/usr/share/sip-tester") || geteuid() != 0)
-    GTEST_SKIP() << "SIPp with its recordings, which it plays as root only, is needed";
-  QuorvelProcess quorvel(scratch.path(), ports, keyCommands(scratch.path()));
-  Baresip callee(scratch.path(), phone(0, "200", ports.pbx(), keysPressed("", 14)));
-  ASSERT_TRUE(quorvel.ready() && callee.ready()) << quorvel.log();
-  Sipp caller(scratch.path(), {.scenario = "caller_presses_keys",
-                               .port = ports.phone(1),
-                               .mediaPort = ports.media(1),
-                               .target = ports.sip()});
-  EXPECT_TRUE(eventually([&] { return tonesIn(callee.heard()) == "O"; }, Seconds(12))) << caller.report();
-  EXPECT_TRUE(caller.succeeded()) << caller.report();
-  EXPECT_EQ(tonesIn(callee.heard()), "O");
-  EXPECT_EQ(quorvel.stop(), 0);
-}
 
 }  // namespace

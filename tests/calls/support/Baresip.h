@@ -13,9 +13,9 @@ struct PhoneSetup {
   std::string user;
   int sipPort = 0;
   int controlPort = 0;
-  int mediaPort = 0;                  // first of eight
-  std::string codec = "PCMU/8000/1";  // the one codec it speaks; G.722 is "G722/16000/1" here
-  Sound plays{};                      // 8 kHz for G.711, 16 kHz for G.722; the call ends with it
+  int mediaPort = 0;  // first of eight
+  std::string codec;  // the one it speaks: "PCMU/8000/1"; G.722 is "G722/16000/1" here
+  Sound plays{};      // 8 kHz for G.711, 16 kHz for G.722; the call ends with it
   int registrar = 0;  // port of a PBX on 127.0.0.1 to register with and to call through; 0 for none
   std::string password{};
   std::string domain = "127.0.0.1";  // of its address of record

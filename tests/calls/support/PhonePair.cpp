@@ -42,13 +42,6 @@ void expectHeard(const Sound& played, const Sound& heard, double correlation, do
 
 }  // namespace
 
-std::string phonesMissing() {
-  for (const char* program : {"baresip", "espeak-ng", "sox"}) {
-    if (Process::find(program).empty()) return std::string(program) + " is not installed";
-  }
-  return "";
-}
-
 PhonePair::PhonePair(const std::filesystem::path& directory, const PortBlock& ports, const PairSetup& setup)
     : firstPlays(repeated(spoken(kFirstText, "en-us", rateOf(setup.callerCodec), directory), setup.times)),
       secondPlays(repeated(spoken(kSecondText, "en+f3", rateOf(setup.calleeCodec), directory), setup.times)),

@@ -1,15 +1,13 @@
 // Two headless phones with different talkers, and the judgement of what each heard of the other.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 
 #include "tests/calls/support/Baresip.h"
-#include "tests/calls/support/PortBlock.h"
-#include "tests/calls/support/ScratchDirectory.h"
+#include "tests/calls/support/CallFixture.h"
 
 struct PairSetup {
   std::string callerCodec = "PCMU/8000/1";
@@ -51,5 +49,18 @@ class PhonePair {
   const double textSeconds;  // of the longer text
 };
 
-// What stands in the way of a test with phones; empty when nothing does.
-std::string phonesMissing();
+class PhonesFixture : public CallFixture {
+ protected:
+  void SetUp() override { needs({"baresip", "espeak-ng", "sox"}); }
+  PhoneSetup phone(int number, const std::string& user, int sipPort, const std::string& codec,
+                   Sound plays) const {
+    return {.user = user,
+            .sipPort = sipPort,
+            .controlPort = ports.control(number),
+            .mediaPort = ports.media(number),
+            .codec = codec,
+            .plays = std::move(plays)};
+  }
+  // Number 200 as Quorvel is called for it.
+  std::string calleeUri() const { return "sip:200@127.0.0.1:" + std::to_string(ports.sip()); }
+};

@@ -1,7 +1,6 @@
 // One end of a call's sound, for tests that choose every packet: it sends a steady sample and looks for one.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -45,25 +44,18 @@ class RtpPeer {
     const std::size_t line = sdpOfQuorvel.find("m=audio ");
     return line == std::string::npos ? 0 : std::stoi(sdpOfQuorvel.substr(line + 8));
   }
+  static std::string packet(std::uint16_t number, std::uint32_t stamp, int payloadType,
+                            std::string_view payload) {
+    std::string bytes;
+    for (const std::uint32_t word :
+         {0x80U << 24 | static_cast<unsigned>(payloadType) << 16 | number, stamp, 1U})
+      for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(word >> shift);
+    return bytes.append(payload);
+  }
   // The next 20 ms of sound.
   void send(int port, int payloadType, std::string_view payload) {
     ++sequence;
-    const std::uint32_t stamp = sequence * kSamples;
-    const std::array<int, kHeader> header{0x80,
-                                          payloadType,
-                                          sequence >> 8,
-                                          sequence,
-                                          int(stamp >> 24),
-                                          int(stamp >> 16),
-                                          int(stamp >> 8),
-                                          int(stamp),
-                                          1,
-                                          2,
-                                          3,
-                                          4};
-    std::string packet(kHeader, '\0');
-    for (std::size_t i = 0; i < kHeader; ++i) packet[i] = static_cast<char>(header[i]);
-    socket.sendTo(port, packet.append(payload));
+    socket.sendTo(port, packet(sequence, sequence * kSamples, payloadType, payload));
   }
   // The payload of the next packet; empty when none comes within the time.
   std::string receivePayload(std::chrono::milliseconds limit) {

@@ -45,27 +45,11 @@ bool portIsTaken(int port) {
   return readFile("/proc/net/udp").find(text.data()) != std::string::npos;
 }
 
-std::string escaped(const std::string& text) {
-  std::string result;
-  for (const char character : text) {
-    switch (character) {
-      case '<':
-        result += "&lt;";
-        break;
-      case '>':
-        result += "&gt;";
-        break;
-      case '&':
-        result += "&amp;";
-        break;
-      case '"':
-        result += "&quot;";
-        break;
-      default:
-        result += character;
-    }
-  }
-  return result;
+std::string escaped(std::string text) {
+  for (const auto& [character, name] :
+       {std::pair{"&", "&amp;"}, {"<", "&lt;"}, {">", "&gt;"}, {"\"", "&quot;"}})
+    text = std::regex_replace(text, std::regex(character), name);
+  return text;
 }
 
 std::string check(const std::string& header, const std::string& expression, const std::string& kind) {

@@ -1,41 +1,15 @@
 #include "tests/calls/support/Sound.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
-#include <cstring>
 #include <numbers>
-#include <stdexcept>
+#include <sndfile.hh>
 
 #include "tests/calls/support/Process.h"
-#include "tests/calls/support/ScratchDirectory.h"
 
 namespace {
 
 using Samples = std::vector<float>;
-
-struct WavHeader {
-  std::array<char, 4> riff{'R', 'I', 'F', 'F'};
-  std::uint32_t restSize = 0;
-  std::array<char, 8> waveFormat{'W', 'A', 'V', 'E', 'f', 'm', 't', ' '};
-  std::uint32_t formatSize = 16;
-  std::uint16_t format = 1;  // PCM
-  std::uint16_t channels = 1;
-  std::uint32_t rate = 8000;
-  std::uint32_t bytesPerSecond = 16000;
-  std::uint16_t blockSize = 2;
-  std::uint16_t bits = 16;
-  std::array<char, 4> data{'d', 'a', 't', 'a'};
-  std::uint32_t dataSize = 0;
-};
-static_assert(sizeof(WavHeader) == 44);
-
-template <typename Number>
-Number numberAt(const std::string& bytes, std::size_t at) {
-  Number number{};
-  if (at + sizeof number <= bytes.size()) std::memcpy(&number, bytes.data() + at, sizeof number);
-  return number;
-}
 
 Samples asFloat(const Sound& sound) {
   return {sound.samples.begin(), sound.samples.end()};
@@ -120,33 +94,17 @@ int wholeLag(const Samples& played, const Samples& heard, double beginsWithin) {
 }  // namespace
 
 Sound readWav(const std::filesystem::path& file) {
-  const std::string bytes = readFile(file);
-  if (bytes.size() < sizeof(WavHeader) || bytes.compare(0, 4, "RIFF") != 0) return {};
-  Sound sound;
-  std::size_t at = 12;
-  while (at + 8 <= bytes.size() && bytes.compare(at, 4, "data") != 0) {
-    if (bytes.compare(at, 4, "fmt ") == 0) sound.rate = numberAt<std::int32_t>(bytes, at + 12);
-    at += 8 + numberAt<std::uint32_t>(bytes, at + 4);
-  }
-  at += 8;
-  while (at + 2 <= bytes.size()) {
-    sound.samples.push_back(numberAt<std::int16_t>(bytes, at));
-    at += 2;
-  }
+  SndfileHandle wav(file.string());
+  if (!wav) return {};
+  Sound sound{.rate = wav.samplerate(), .samples = {}};
+  sound.samples.resize(static_cast<std::size_t>(wav.frames()));
+  sound.samples.resize(static_cast<std::size_t>(wav.read(sound.samples.data(), wav.frames())));
   return sound;
 }
 
 void writeWav(const std::filesystem::path& file, const Sound& sound) {
-  const std::uint32_t size = static_cast<std::uint32_t>(sound.samples.size() * sizeof(std::int16_t));
-  WavHeader header;
-  header.restSize = size + 36;
-  header.rate = static_cast<std::uint32_t>(sound.rate);
-  header.bytesPerSecond = header.rate * 2;
-  header.dataSize = size;
-  std::string bytes(sizeof header + size, '\0');
-  std::memcpy(bytes.data(), &header, sizeof header);
-  std::memcpy(bytes.data() + sizeof header, sound.samples.data(), size);
-  writeFile(file, bytes);
+  SndfileHandle wav(file.string(), SFM_WRITE, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 1, sound.rate);
+  wav.write(sound.samples.data(), static_cast<sf_count_t>(sound.samples.size()));
 }
 
 Sound atTelephoneRate(const Sound& sound) {
@@ -156,10 +114,6 @@ Sound atTelephoneRate(const Sound& sound) {
     result.samples.push_back(static_cast<std::int16_t>(std::lround(std::clamp(sample, -32768.0F, 32767.0F))));
   }
   return result;
-}
-
-bool canSpeak() {
-  return !Process::find("espeak-ng").empty() && !Process::find("sox").empty();
 }
 
 Sound spoken(const std::string& text, const std::string& voice, int rate,

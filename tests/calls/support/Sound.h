@@ -25,7 +25,6 @@ Sound atTelephoneRate(const Sound& sound);
 // programs for it are missing. Different voices say the text differently.
 Sound spoken(const std::string& text, const std::string& voice, int rate,
              const std::filesystem::path& scratch);
-bool canSpeak();
 
 // How a stretch of half a second of the sound heard compares with what was played.
 struct Match {

@@ -1,20 +1,5 @@
 #include "tests/calls/support/TalkFixture.h"
 
-#include <iostream>
-
-void TalkFixture::start(const Settings& settings) {
-  quorvel = std::make_unique<QuorvelProcess>(scratch.path(), ports, settings);
-  ASSERT_TRUE(quorvel->ready()) << quorvel->log();
-}
-
-void TalkFixture::TearDown() {
-  if (quorvel == nullptr) return;
-  if (quorvel->process().running()) {
-    EXPECT_EQ(quorvel->stop(), 0);
-  }
-  if (HasFailure()) std::cerr << quorvel->log() << quorvel->process().output();
-}
-
 std::string TalkFixture::expect(LoopbackPeer& at, const std::string& beginning,
                                 std::chrono::milliseconds limit) {
   const std::string message = at.receive(limit).value_or("(nothing)");

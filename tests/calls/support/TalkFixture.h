@@ -2,21 +2,14 @@
 // caller, and the callee in the place of the PBX.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <memory>
 #include <string>
 
-#include "tests/calls/support/PortBlock.h"
-#include "tests/calls/support/QuorvelProcess.h"
-#include "tests/calls/support/ScratchDirectory.h"
+#include "tests/calls/support/CallFixture.h"
 #include "tests/support/LoopbackPeer.h"
 #include "tests/support/SipText.h"
 
-class TalkFixture : public ::testing::Test {
+class TalkFixture : public CallFixture {
  protected:
-  void start(const Settings& settings = {});
-  void TearDown() override;  // stops it and expects exit status 0
-
   void toQuorvel(const LoopbackPeer& from, const std::string& message) { from.sendTo(ports.sip(), message); }
   // The next message, which must begin with that text; empty (and a failure) otherwise.
   std::string expect(LoopbackPeer& at, const std::string& beginning,
@@ -36,9 +29,6 @@ class TalkFixture : public ::testing::Test {
   Call setUp(int number = 1, const std::string& formats = "0 8");
   void hangUp(const Call& call);
 
-  PortBlock ports;
-  ScratchDirectory scratch;
   LoopbackPeer caller{ports.phone(0)};
   LoopbackPeer callee{ports.pbx()};
-  std::unique_ptr<QuorvelProcess> quorvel;
 };

@@ -10,23 +10,9 @@ namespace {
 constexpr double kRisingTo = 1175;
 constexpr double kLowBeep = 425;
 
-struct sKeyTone {
-  char key;
-  double row;
-  double column;
-};
-constexpr std::array<sKeyTone, 12> kKeys = {{{'1', 697, 1209},
-                                             {'2', 697, 1336},
-                                             {'3', 697, 1477},
-                                             {'4', 770, 1209},
-                                             {'5', 770, 1336},
-                                             {'6', 770, 1477},
-                                             {'7', 852, 1209},
-                                             {'8', 852, 1336},
-                                             {'9', 852, 1477},
-                                             {'*', 941, 1209},
-                                             {'0', 941, 1336},
-                                             {'#', 941, 1477}}};
+constexpr std::string_view kKeys = "123456789*0#";
+constexpr std::array kRows{697.0, 770.0, 852.0, 941.0};
+constexpr std::array kColumns{1209.0, 1336.0, 1477.0};
 
 // The share of the energy of those samples that is the tone of that frequency; 0 for what is hardly audible.
 double share(const std::int16_t* samples, int count, int rate, double frequency) {
@@ -75,13 +61,11 @@ Sound keysPressed(const std::string& keys, double seconds, int rate) {
   Sound sound{.rate = rate, .samples = {}};
   sound.samples.resize(static_cast<std::size_t>(rate) * 3 / 2);
   for (const char key : keys) {
-    for (const sKeyTone& tone : kKeys) {
-      if (tone.key != key) continue;
-      for (int i = 0; i < rate * 12 / 100; ++i) {
-        const double t = 2 * std::numbers::pi * i / rate;
-        sound.samples.push_back(
-            static_cast<std::int16_t>(kLevel * (std::sin(tone.row * t) + std::sin(tone.column * t))));
-      }
+    const std::size_t place = kKeys.find(key);
+    for (int i = 0; i < rate * 12 / 100 && place != std::string_view::npos; ++i) {
+      const double t = 2 * std::numbers::pi * i / rate;
+      const double both = std::sin(kRows[place / 3] * t) + std::sin(kColumns[place % 3] * t);
+      sound.samples.push_back(static_cast<std::int16_t>(kLevel * both));
     }
     sound.samples.resize(sound.samples.size() + static_cast<std::size_t>(key == ' ' ? rate : rate * 8 / 100));
   }
