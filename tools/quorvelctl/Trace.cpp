@@ -88,8 +88,8 @@ class MessageReader {
   std::string last;  // a line that may be the next record's time
 };
 
-// The file, or what it holds when it is one that logrotate has compressed.
-File openLog(const std::string& path) {
+// The file, or what it holds when it is one that logrotate has compressed, and the program that says it.
+File openLog(const std::string& path, pid_t& child) {
   if (!path.ends_with(".gz")) return File(std::fopen(path.c_str(), "re"));
   int ends[2];
   if (access(path.c_str(), R_OK) != 0 || pipe2(ends, O_CLOEXEC) != 0) return {};
@@ -100,7 +100,6 @@ File openLog(const std::string& path) {
   posix_spawn_file_actions_adddup2(&actions, in.get(), STDOUT_FILENO);
   std::string words[] = {"gzip", "-dc", "--", path};
   char* const arguments[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(), nullptr};
-  pid_t child = 0;
   const bool isRunning = posix_spawnp(&child, "gzip", &actions, nullptr, arguments, environ) == 0;
   posix_spawn_file_actions_destroy(&actions);
   return isRunning ? File(fdopen(out.release(), "r")) : File();
@@ -111,7 +110,8 @@ bool forEachMessage(const std::vector<std::string>& paths, const std::function<v
   bool isAnyRead = false;
   MessageReader reader(use);
   for (const std::string& path : paths) {
-    const File file = openLog(path);
+    pid_t child = 0;
+    File file = openLog(path, child);
     char* line = nullptr;
     std::size_t capacity = 0;
     isAnyRead = isAnyRead || file;
@@ -119,8 +119,9 @@ bool forEachMessage(const std::vector<std::string>& paths, const std::function<v
       reader.line({line, static_cast<std::size_t>(length)});
     std::free(line);
     reader.end();
+    file.reset();
+    while (child > 0 && waitpid(child, nullptr, 0) < 0 && errno == EINTR) continue;
   }
-  while (waitpid(-1, nullptr, 0) > 0) continue;
   return isAnyRead;
 }
 
