@@ -211,12 +211,11 @@ std::optional<sWish> readWish(const std::vector<std::string>& words) {
   return wish.callId.empty() && wish.phone.empty() ? std::nullopt : std::optional(wish);
 }
 
-int nothingFound(const std::vector<std::string>& paths, bool isPhone) {
+int nothingFound(const std::vector<std::string>& paths, const sWish& wish) {
   const std::string older = std::filesystem::path(paths.front()).parent_path().string();
-  return fail(
-      "%s has no message of that %s; messages are logged with SipDebug=1; older logs, perhaps in %s, are "
-      "read with --log FILE, also compressed",
-      paths.back().c_str(), isPhone ? "phone" : "Call-ID", older.c_str());
+  const std::string more = "; older logs are in " + older + ": name one with --log, also compressed";
+  return fail("%s has no message of that %s; messages are logged with SipDebug=1%s", paths.back().c_str(),
+              wish.callId.empty() ? "phone" : "Call-ID", wish.logs.empty() ? more.c_str() : "");
 }
 
 }  // namespace
@@ -243,7 +242,7 @@ int traceCall(const sContext& context) {
     print(context, message, shown++ == 0);
   };
   if (!legs.empty()) (void)forEachMessage(paths, show);
-  if (shown == 0) return nothingFound(paths, !wish->phone.empty());
+  if (shown == 0) return nothingFound(paths, *wish);
   if (context.bJson) std::puts("]");
   return kYes;
 }
