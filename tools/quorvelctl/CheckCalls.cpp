@@ -77,7 +77,7 @@ void checkDestinations(Findings& findings, const char* key, std::span<const std:
   for (const std::string_view destination : destinations) {
     const std::string why = destination == "*" ? "" : faultOfDestination(destination);
     if (!why.empty())
-      findings.refuse(key, why);
+      findings.warn(key, why);
     else if (destination.find_first_of(":;") != destination.npos)
       findings.warn(key,
                     "the destination " + text(destination) +

@@ -107,16 +107,17 @@ void checkMeanings(Findings& findings) {
                              std::string(address) + " as it is written");
   }
   if (ours == INADDR_ANY || IN_MULTICAST(ours))
-    return findings.refuse("SipUAIP",
-                           "is no address that others can send media to; SipUAIPForBinding may be 0.0.0.0");
+    return findings.warn("SipUAIP",
+                         "is no address that others can send media to; SipUAIPForBinding may be 0.0.0.0");
   if (findings.isRefused("SipProxyIP") || isLoopback(pbx)) return;
   const std::string name = "the PBX at " + std::string(pcSipProxyIP.view());
   if (pbx == INADDR_ANY || IN_MULTICAST(pbx))
     findings.warn("SipProxyIP", "is no address of a single host");
   else if (isLoopback(ours))
-    findings.refuse("SipUAIP", "is this host's own for itself: " + name + " cannot reach it");
+    findings.warn("SipUAIP", "is this host's own for itself: " + name + " reaches it only if it runs here");
   else if (isLoopback(read(pcSipUAIPForBinding)))
-    findings.refuse("SipUAIPForBinding", "is this host's own for itself: nothing gets from it to " + name);
+    findings.warn("SipUAIPForBinding",
+                  "is this host's own for itself: " + name + " is reached only if it runs here");
 }
 
 void checkAddress(Findings& findings) {
