@@ -111,6 +111,7 @@ void MySip::handleUnauthorizedMsg(std::string_view msg, const sockaddr_in& from)
   sPhone* identity = findSender(callId, cseq, record);
   if (identity == nullptr) return;
   if (contains(cseqText, "INVITE")) {
+    identity->bPeerHeard = true;
     if (cseq == identity->iInviteCSeq) {
       learnRemoteTag(*identity, msg);
       sendRequest(*identity, requestLine("ACK", identity->pcRemoteSipName).c_str(), cseq, "ACK", false);

@@ -46,6 +46,7 @@ ssize_t MySip::sendRegistration(sPhone& identity, int expires) {
                         identity.iCSeq, text, sProxyAddress);
     }
     if (text.empty()) Log::error(kFunction, "REGISTER of %s is too long\n", user);
+    if (identity.bRegistered) identity.iUnregisteredSince = Clock::steadyTime().tv_sec;
     identity.bRegistered = false;
     return sent;
   } catch (...) {

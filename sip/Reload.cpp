@@ -65,7 +65,7 @@ void MySip::reloadFromConfiguration(std::string_view fileName) {
   FixedText<kMaxMessageLength + 1> path;
   path.assignCut(fileName);
   const char* const refusal =
-      guarded(kFunction, "of an exception", [&] { return refusalToReload(path.c_str()); });
+      guarded(kFunction, "it cannot be looked at", [&] { return refusalToReload(path.c_str()); });
   if (refusal != nullptr)
     Log::error(kFunction, "%s is not taken for a configuration: %s\n", path.c_str(), refusal);
   if (refusal != nullptr || myConfiguration.readParams(path.c_str(), true) != 0) {

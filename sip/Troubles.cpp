@@ -6,8 +6,7 @@
 namespace {
 
 constexpr const char* kFunction = "MySip::reportTroubles";
-constexpr std::int64_t kPatienceSeconds =
-    10;  // for the answers to a round of REGISTERs and to its repetition
+constexpr std::int64_t kPatienceSeconds = 10;  // for the answer to a REGISTER or to its repetition
 constexpr std::int64_t kReminderSeconds = 60;
 
 }  // namespace
@@ -26,29 +25,26 @@ void MySip::reportTroubles() {
 }
 
 void MySip::reportRegistrations() {
+  const std::int64_t now = Clock::steadyTime().tv_sec;
   int wanted = 0, missing = 0;
   const sPhone* first = nullptr;
   const auto count = [&](const sPhone& identity) {
     if (!identity.bShouldRegister) return;
     ++wanted;
-    if (identity.bRegistered) return;
+    if (identity.bRegistered || now - identity.iUnregisteredSince < kPatienceSeconds) return;
     if (missing++ == 0) first = &identity;
   };
   if (bTrunkExists) count(sTrunk);
   for (int slot = 0; slot < iNumSlots; ++slot) count(phone(slot));
 
-  const std::int64_t now = Clock::steadyTime().tv_sec;
   const FixedText<16> pbx = ipOf(sProxyAddress);
   const int port = ntohs(sProxyAddress.sin_port);
   if (missing == 0) {
     if (troubles.iMissingTold)
       Log::info(kFunction, "all registrations with %s:%d are there again\n", pbx.c_str(), port);
-    troubles.iMissingSince.reset();
     troubles.iMissingTold.reset();
     return;
   }
-  if (!troubles.iMissingSince) troubles.iMissingSince = now;
-  if (now - *troubles.iMissingSince < kPatienceSeconds) return;
   if (troubles.iMissingTold && now - *troubles.iMissingTold < kReminderSeconds) return;
   troubles.iMissingTold = now;
   Log::warning(kFunction, "%d of %d registrations with %s:%d are missing, the first is %s\n", missing, wanted,

@@ -11,6 +11,6 @@ struct sTroubles {
   int iBusy = 0, iUnavailable = 0;  // new calls refused with 486 and with 503 since the last record
   int iUnanswered = 0;              // calls given up whose INVITE nobody answered, the last of them
   FixedText<166> pcCaller, pcDestination;
-  // Seconds of the steady clock: since when registrations are missing, and when that was last told.
-  std::optional<std::int64_t> iMissingSince{}, iMissingTold{};
+  // When missing registrations were told last, in seconds of the steady clock.
+  std::optional<std::int64_t> iMissingTold{};
 };

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <ctime>
 #include <netinet/in.h>
 #include <type_traits>
@@ -78,6 +79,7 @@ struct sPhoneHead {
   bool bShouldRegister = false;
   std::time_t sTimeLastRegistration = 0;  // 0: never
   bool bRegistered = true;                // the last REGISTER has been answered with 200
+  std::int64_t iUnregisteredSince = 0;    // if not: seconds of the steady clock
   FixedText<41> pcRegistrationBranch;
   FixedText<17> pcRegistrationTag;
   FixedText<60> pcRegistrationCallID;

@@ -127,6 +127,9 @@ void comparePaths(Findings& findings, const sClaims& ours, const sClaims& other)
     }
 }
 
+// For a start, which must not wait for the names in others' files.
+constexpr std::string_view kAlone = "--alone";
+
 struct sOther {
   sContext context;
   bool bGiven;  // by the user, who wants to know what is wrong in it
@@ -137,6 +140,7 @@ struct sOther {
 std::vector<sOther> othersOf(const sContext& context) {
   namespace fs = std::filesystem;
   std::vector<sOther> others;
+  if (std::ranges::find(context.words, kAlone) != context.words.end()) return others;
   const auto add = [&](sContext other, bool given) {
     const auto isSame = [&](const sContext& known) {
       std::error_code missing;

@@ -51,7 +51,7 @@ bool checkLines(Findings& findings, const std::string& path);
 // All but a port that is taken. (CheckStart.cpp)
 void checkStart(Findings& findings);
 // Unless the process of the instance has it, its SIP port must be free.
-void checkPortIsFree(Findings& findings, const sContext& context);
+void checkPortIsFree(Findings& findings, const sContext& context, bool isUserGuessed);
 
 // ---- What is taken but cannot work, by the settings ----
 

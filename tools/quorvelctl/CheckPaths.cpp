@@ -40,6 +40,7 @@ class AskingAs {
     const passwd* user = getpwuid(found.st_uid);
     if (user == nullptr) return;
     name = user->pw_name;
+    isGuessed = !process;
     isChanged = initgroups(user->pw_name, user->pw_gid) == 0 && setegid(user->pw_gid) == 0 &&
                 seteuid(user->pw_uid) == 0;
     findings.add({sFinding::Weight::eInformation, 0, "",
@@ -52,6 +53,8 @@ class AskingAs {
     if (isChanged && (seteuid(0) != 0 || setegid(0) != 0 || setgroups(0, nullptr) != 0)) std::abort();
   }
 
+  // Was it told by no process? Then the instance may also be for root.
+  bool isGuess() const { return isGuessed; }
   // Empty when the user may; otherwise why not.
   std::string refusal(const std::string& path, int mode) const {
     if (faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0) return "";
@@ -61,6 +64,7 @@ class AskingAs {
 
  private:
   std::string name;
+  bool isGuessed = false;
   bool isChanged = false;
 };
 
@@ -77,7 +81,9 @@ void checkClaim(Findings& findings, const AskingAs& user, const sPathClaim& clai
   if (claim.use == Use::eReads) {
     const std::string why = user.refusal(claim.asGiven, R_OK);
     // Without these two the process does not start, without a tone it does.
-    if (!why.empty() && (key.empty() || key == "SipRoutingFile")) return findings.refuse(claim.pcKey, why);
+    const bool isNeeded = key.empty() || key == "SipRoutingFile";
+    if (!why.empty() && isNeeded && (!user.isGuess() || !fs::exists(claim.path, ignored)))
+      return findings.refuse(claim.pcKey, why);
     constexpr std::uintmax_t kTooLong = 2 * kMaxToneBytes;
     const bool isTone = fs::is_regular_file(claim.path, ignored) && key.ends_with("ToneFile");
     if (why.empty() && isTone && fs::file_size(claim.path, ignored) >= kTooLong)
@@ -141,6 +147,6 @@ void checkPaths(Findings& findings, const sContext& context) {
   const std::vector<sPathClaim> claims = claimedPaths(context);
   checkTwice(findings, claims);
   const AskingAs user(findings, context);
-  checkPortIsFree(findings, context);
+  checkPortIsFree(findings, context, user.isGuess());
   for (const sPathClaim& claim : claims) checkClaim(findings, user, claim);
 }

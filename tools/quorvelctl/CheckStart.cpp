@@ -138,13 +138,16 @@ void checkStart(Findings& findings) {
   checkAddress(findings);
 }
 
-void checkPortIsFree(Findings& findings, const sContext& context) {
+void checkPortIsFree(Findings& findings, const sContext& context, bool isUserGuessed) {
   const char* const key = "SipUAPort";
   if (findings.isRefused(key) || findings.isRefused(bindingKey(findings)) || pcSipUAIPForBinding.empty())
     return;
   const auto process = findProcess(context);
   if (process && ownsPort(*process, iSipUAPort)) return;
-  if (const auto error = refusalOf(iSipUAPort))
-    findings.refuse(key, *error == EADDRINUSE ? "is in use on this host; ss -ulpn shows by which program"
-                                              : std::string("cannot be had: ") + std::strerror(*error));
+  const auto error = refusalOf(iSipUAPort);
+  if (!error) return;
+  findings.add({*error == EACCES && isUserGuessed ? Weight::eWarning : Weight::eError, findings.lineOf(key),
+                key,
+                *error == EADDRINUSE ? "is in use on this host; ss -ulpn shows by which program"
+                                     : std::string("cannot be had: ") + std::strerror(*error)});
 }

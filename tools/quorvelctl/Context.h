@@ -89,6 +89,8 @@ struct sPending {
   bool bKnown = false;  // by a copy of the file as it was at the start
   std::string copy{};   // where that is, or would have to be
   std::vector<std::string> keys{};
+  // Most calls at once, as the process has it as far as that is known; nothing when no file can be loaded.
+  std::optional<int> callsAllowed{};
 };
 // Loads both; afterwards the settings are those of the file.
 sPending pendingOf(const sContext& context, pid_t process);
@@ -99,8 +101,8 @@ std::string pendingJson(const sPending& pending);
 inline constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 // When the process started, in nanoseconds of the epoch. (InUse.cpp)
 std::optional<std::int64_t> startOf(pid_t process);
-// Does it run a program that was replaced since? (InUse.cpp)
-bool isReplaced(pid_t process);
+// Does it run a program that was replaced since? Nothing when we may not know. (InUse.cpp)
+std::optional<bool> isReplaced(pid_t process);
 // Waits for at most two seconds until the process handles the signal, as it does once it has started.
 bool waitUntilHandled(pid_t process, int number);
 // Asks the process for its number of active calls.

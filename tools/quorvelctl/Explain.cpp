@@ -177,14 +177,13 @@ std::vector<std::string> doubts(const sContext& context) {
   std::vector<std::string> found;
   if (std::string text = doubtAboutBindings(context); !text.empty()) found.push_back(std::move(text));
   const auto process = findProcess(context);
-  if (process)
-    if (std::string text = pendingText(context, pendingOf(context, *process)); !text.empty())
-      found.push_back(std::move(text));
+  const sPending pending = process ? pendingOf(context, *process) : sPending{};
+  if (std::string text = pendingText(context, pending); !text.empty()) found.push_back(std::move(text));
   if (process && isDraining(context).value_or(false))
     found.emplace_back("the process is draining: now it refuses every new call with 503");
   const auto calls = process ? askActiveCalls(context, *process) : std::nullopt;
-  if (calls && *calls >= callsAllowed())
-    found.push_back(std::to_string(*calls) + " of " + std::to_string(callsAllowed()) +
+  if (const auto allowed = pending.callsAllowed; calls && allowed && *calls >= *allowed)
+    found.push_back(std::to_string(*calls) + " of " + std::to_string(*allowed) +
                     " calls are up: now it refuses every new call with 486");
   if (iNeedToDoNoiseCancellation == 0 && iNeedToDoAEC == 0)
     found.emplace_back(

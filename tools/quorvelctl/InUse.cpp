@@ -79,24 +79,28 @@ std::optional<std::int64_t> startOf(pid_t process) {
          (ticks + 1) * (kNanosecondsPerSecond / sysconf(_SC_CLK_TCK));
 }
 
-bool isReplaced(pid_t process) {
+std::optional<bool> isReplaced(pid_t process) {
   struct stat program {};
-  return stat(("/proc/" + std::to_string(process) + "/exe").c_str(), &program) == 0 && program.st_nlink == 0;
+  if (stat(("/proc/" + std::to_string(process) + "/exe").c_str(), &program) != 0) return std::nullopt;
+  return program.st_nlink == 0;
 }
 
 sPending pendingOf(const sContext& context, pid_t process) {
   const auto start = startOf(process);
   const bool isLoaded = loadConfiguration(context);
   takeRecords();
+  const std::optional<int> allowed = isLoaded ? std::optional(callsAllowed()) : std::nullopt;
   const bool hasNewRoutes =
       !pcSipRoutingFile.empty() && start && isChangedSince(*start, pcSipRoutingFile.c_str());
-  if (!start || (!hasNewRoutes && !isChangedSince(*start, context.configuration))) return {};
+  if (!start || (!hasNewRoutes && !isChangedSince(*start, context.configuration)))
+    return {.callsAllowed = allowed};
   sContext loaded = context;
   loaded.configuration = copyOf(context);
-  sPending pending{.bAny = true, .copy = loaded.configuration};
+  sPending pending{.bAny = true, .copy = loaded.configuration, .callsAllowed = allowed};
   const std::vector<std::string> wanted = allValues();
   if (isLoaded && isChangedSince(*start, loaded.configuration) && loadConfiguration(loaded)) {
     const std::vector<std::string> used = allValues();
+    pending.callsAllowed = callsAllowed();
     for (std::size_t i = 0; i < used.size(); ++i) {
       const sKey& key = keyRegistry()[i];
       const bool isRoutes = hasNewRoutes && key.sCheck.kind == sKeyCheck::Kind::eRoutingFile;

@@ -89,10 +89,13 @@ void addProcess(MetricsText& out, const sContext& context, const MetricsTotals& 
                 std::optional<pid_t> process) {
   out.add("up", "gauge", "1 while the process runs.", process ? 1 : 0);
   if (!process) return;
+  const sPending pending = pendingOf(context, *process);
   out.add(
       "waits_for_restart", "gauge",
       "1 while the program was replaced, or what the configuration file says takes effect by a restart only.",
-      isReplaced(*process) || pendingOf(context, *process).bAny ? 1 : 0);
+      isReplaced(*process).value_or(false) || pending.bAny ? 1 : 0);
+  if (pending.callsAllowed)
+    out.add("calls_allowed", "gauge", "Calls that can be up at once.", *pending.callsAllowed);
   if (const auto calls = askActiveCalls(context, *process))
     out.add("active_calls", "gauge", "Calls that are up.", *calls);
   out.add("draining", "gauge", "1 while new calls are refused.", totals.of("draining"));
@@ -239,8 +242,6 @@ int writeMetrics(const sContext& context) {
   out.add("configuration_valid", "gauge", "1 while a start with the configuration file would succeed.",
           isLoaded && !findings.hasError() ? 1 : 0);
   if (isLoaded) {
-    out.add("calls_allowed", "gauge", "Calls that can be up at once, by the configuration file.",
-            callsAllowed());
     if (!pcStatisticsFile.empty()) {
       totals.readStatistics(pcStatisticsFile.c_str());
       addEndedCalls(out, totals);

@@ -108,6 +108,7 @@ void MetricsTotals::readNew(const std::string& kind, const std::vector<std::stri
   for (std::size_t i = place.iFile; i < paths.size(); ++i)
     end = forEachLine(paths[i], i == place.iFile ? place.iOffset : 0,
                       [&](std::string_view line) { (this->*addLine)(line); });
+  if (std::error_code error; !fs::exists(paths.back(), error)) return;  // rotated, and nothing written since
   numbers[kind + "_offset"] = static_cast<double>(end);
   numbers[kind + "_tail"] = tailBefore(paths.back(), end);
 }

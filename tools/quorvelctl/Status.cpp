@@ -15,18 +15,9 @@ struct sState {
   std::optional<bool> draining{};
   sPending pending{};
   std::string pendingText{};  // in a line
-  bool bReplaced = false;
+  std::optional<bool> replaced{};
   std::time_t start = 0;
 };
-
-// What the settings in use allow: those of the file as it was at the start, where that is known.
-std::optional<int> allowedBy(const sContext& context, const sPending& pending) {
-  sContext inUse = context;
-  if (pending.bKnown) inUse.configuration = pending.copy;
-  const bool isLoaded = loadConfiguration(inUse);
-  takeRecords();
-  return isLoaded ? std::optional(callsAllowed()) : std::nullopt;
-}
 
 sState stateOf(const sContext& context) {
   sState state{.hidden = hiddenLock(), .process = findProcess(context)};
@@ -34,8 +25,8 @@ sState stateOf(const sContext& context) {
   state.calls = askActiveCalls(context, *state.process);
   state.pending = pendingOf(context, *state.process);
   state.pendingText = pendingText(context, state.pending);
-  state.allowed = allowedBy(context, state.pending);
-  state.bReplaced = isReplaced(*state.process);
+  state.allowed = state.pending.callsAllowed;
+  state.replaced = isReplaced(*state.process);
   state.start = startOf(*state.process).value_or(0) / kNanosecondsPerSecond;
   state.draining = isDraining(context);
   return state;
@@ -45,18 +36,18 @@ const char* silence() {
   return "the process does not answer SIGUSR1: is this the user it runs as?";
 }
 
+const char* jsonTruth(std::optional<bool> value) {
+  return !value ? "null" : *value ? "true" : "false";
+}
+
 std::string jsonOf(const sState& state) {
   if (!state.hidden.empty()) return "\"error\": " + jsonText(state.hidden);
   if (!state.process) return "\"running\": false";
   return "\"running\": true, \"process\": " + jsonNumber(state.process) +
-         ", \"started\": " + std::to_string(state.start) +
-         ", \"replaced\": " + (state.bReplaced ? "true" : "false") +
+         ", \"started\": " + std::to_string(state.start) + ", \"replaced\": " + jsonTruth(state.replaced) +
          ", \"waits_for_restart\": " + pendingJson(state.pending) +
          ", \"calls\": " + jsonNumber(state.calls) + ", \"calls_allowed\": " + jsonNumber(state.allowed) +
-         ", \"draining\": " +
-         (!state.draining   ? "null"
-          : *state.draining ? "true"
-                            : "false") +
+         ", \"draining\": " + jsonTruth(state.draining) +
          (state.calls ? "" : std::string(", \"error\": ") + jsonText(silence()));
 }
 
@@ -72,7 +63,9 @@ std::string textOf(const sState& state) {
          (!state.draining   ? ", draining unknown: its log cannot be read"
           : *state.draining ? ", draining: new calls are refused"
                             : "") +
-         (state.bReplaced ? "\n  runs a program that was replaced: restart it to run the new one" : "") +
+         (state.replaced.value_or(false)
+              ? "\n  runs a program that was replaced: restart it to run the new one"
+              : "") +
          (state.pendingText.empty() ? "" : "\n  " + state.pendingText);
 }
 

@@ -9,7 +9,7 @@
 namespace {
 
 constexpr std::array kCommands = {
-    sCommand{"check", "[OTHER ...]",
+    sCommand{"check", "[OTHER ... | --alone]",
              "every error of the configuration, and what will not work, also beside others", 0, 99,
              checkConfiguration},
     sCommand{"explain", "CALLER DESTINATION [NAME]",
