@@ -11,6 +11,7 @@
 #include "common/Handle.h"
 #include "engine/Cli.h"
 #include "engine/Kestrova.h"
+#include "fuzz/EnginePackage.h"
 #include "fuzz/Require.h"
 
 namespace {
@@ -27,9 +28,8 @@ void startChannel() {
 }
 
 bool prepare() {
-  const sKestrovaPackage package{KESTROVA_API_VERSION, nullptr, 5};
   stdout = std::fopen("/dev/null", "w");  // prompts
-  if (KestrovaPackageInit(&package) != 0 || stdout == nullptr) return false;
+  if (!prepareEngine() || stdout == nullptr) return false;
   startChannel();
   return true;
 }

@@ -19,6 +19,7 @@
 
 #include "engine/analysis/LearnedVoice.h"
 #include "engine/Kestrova.h"
+#include "fuzz/EnginePackage.h"
 #include "fuzz/Require.h"
 
 namespace {
@@ -284,16 +285,10 @@ void finishLearning(sKestrovaInit init) {
   talk(0, init, talkAgain);
 }
 
-bool prepare() {
-  const sKestrovaPackage package{KESTROVA_API_VERSION, nullptr, 5};
-  return KestrovaPackageInit(&package) == 0;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const bool prepared = prepare();
-  require(prepared);
+  [[maybe_unused]] static const bool prepared = prepareEngine();
   Input input(data, size);
   const int choice = input.byte();
   sKestrovaInit init = initOf(choice, input);

@@ -14,6 +14,7 @@
 #include "common/Handle.h"
 #include "engine/analysis/LearnedVoice.h"
 #include "engine/Kestrova.h"
+#include "fuzz/EnginePackage.h"
 #include "fuzz/MemoryFile.h"
 #include "fuzz/Require.h"
 #include "rtp/VoiceProfile.h"
@@ -117,17 +118,11 @@ void talk() {
   }
 }
 
-bool prepare() {
-  const sKestrovaPackage package{KESTROVA_API_VERSION, nullptr, 5};
-  return KestrovaPackageInit(&package) == 0;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const bool prepared = prepare();
+  [[maybe_unused]] static const bool prepared = prepareEngine();
   static const std::vector<std::uint8_t> whole = wholeProfile();
-  require(prepared);
   if (size == 0) return 0;
   std::vector<std::uint8_t> profile = whole;
   const std::uint8_t choice = *data++;

@@ -4,10 +4,12 @@
 #include "common/Clock.h"
 #include "sip/MySip.h"
 
-// An answer on a leg where we received the INVITE answers nothing.
+// Notes that the peer of a leg has been heard. An answer on a leg where we received the INVITE answers
+// nothing.
 bool MySip::isAnswerToOurInvite(int slot, const char* function) {
-  phone(slot).bPeerHeard = true;
-  if (phone(slot).bInviteSentByUs) return true;
+  sPhone& leg = phone(slot);
+  leg.bPeerHeard = leg.bPeerHeard || leg.bInviteSentByUs;
+  if (leg.bInviteSentByUs) return true;
   Log::warning(function, "phone %d got an answer but did not send the INVITE\n", slot);
   return false;
 }

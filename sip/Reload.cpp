@@ -28,9 +28,10 @@ bool isBelow(const fs::path& directory, const fs::path& file) {
   return false;
 }
 
-// Does the file lie where names of files begin with the library?
+// Does the file lie where names of files begin with the library? None that we write there ends with ".conf",
+// so a library beside the configuration takes nothing away from it.
 bool isOfLibrary(std::string_view library, const fs::path& file) {
-  if (library.empty()) return false;
+  if (library.empty() || file.extension() == ".conf") return false;
   std::string written(library);
   MyRtp::replaceSpecialChars(written.data(), true);
   const fs::path start(written);

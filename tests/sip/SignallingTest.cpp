@@ -295,6 +295,7 @@ TEST_F(SignallingTest, ReloadDatagramRefusesFilesThatTheProcessWrites) {
            {backup.substr(backup.rfind('/') + 1), written},
            {"calls/anybody", written},
            {"voice-1", written},
+           {"calls/own.conf", nullptr},
            {"voices.conf", nullptr}}) {
     const std::string file = installation.write(name, lines), link = (installation.bin() / "link").string();
     std::filesystem::create_symlink(file, link);
