@@ -19,6 +19,7 @@
 #include <string_view>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <utility>
 
 #include "app/config/Settings.h"
 #include "fuzz/Require.h"
@@ -130,9 +131,11 @@ class Json {
 };
 
 bool isHarmless(std::string_view text) {
-  return std::none_of(text.begin(), text.end(), [](char character) {
+  int before = 0;
+  return std::none_of(text.begin(), text.end(), [&](char character) {
     const auto byte = static_cast<unsigned char>(character);
-    return byte == 0x7F || (byte < 0x20 && byte != '\n' && byte != '\r' && byte != '\t');
+    const bool isC1 = std::exchange(before, byte) == 0xC2 && byte < 0xA0;
+    return byte == 0x7F || isC1 || (byte < 0x20 && byte != '\n' && byte != '\r' && byte != '\t');
   });
 }
 

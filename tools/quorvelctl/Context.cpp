@@ -206,6 +206,13 @@ std::size_t utf8Length(std::string_view text) {
   return isForbidden ? 0 : length;
 }
 
+// Does the text begin with what a terminal may obey: C0, DEL or C1, which is C2 80 to C2 9F?
+bool isControl(std::string_view text) {
+  const auto first = static_cast<unsigned char>(text[0]);
+  return first < 0x20 || first == 0x7F ||
+         (first == 0xC2 && text.size() > 1 && static_cast<unsigned char>(text[1]) < 0xA0);
+}
+
 }  // namespace
 
 std::string jsonText(std::string_view text) {
@@ -214,11 +221,13 @@ std::string jsonText(std::string_view text) {
     const char character = text.front();
     const std::size_t length = utf8Length(text);
     if (character == '"' || character == '\\') out += '\\';
-    if (length > 0 && static_cast<unsigned char>(character) >= 0x20) {
+    if (length > 0 && !isControl(text)) {
       out += text.substr(0, length);
     } else {
+      // The last byte of a C1 character is its code point.
+      const char code = length > 0 ? text[length - 1] : character;
       char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned char>(character));
+      std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned char>(code));
       out += escaped;
     }
     text.remove_prefix(std::max<std::size_t>(length, 1));
@@ -232,9 +241,7 @@ std::string shownText(std::string_view text) {
     const auto first = static_cast<unsigned char>(text.front());
     const std::size_t length = utf8Length(text);
     const bool isLayout = first == '\n' || first == '\t' || text.starts_with("\r\n");
-    // C2 80 to C2 9F are control characters, too.
-    const bool isSecondHalf = length == 2 && first == 0xC2 && static_cast<unsigned char>(text[1]) < 0xA0;
-    const bool isShown = length > 0 && first != 0x7F && (first >= 0x20 || isLayout) && !isSecondHalf;
+    const bool isShown = length > 0 && (isLayout || !isControl(text));
     if (isShown) {
       out += text.substr(0, length);
     } else {

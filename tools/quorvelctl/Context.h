@@ -121,7 +121,8 @@ std::optional<std::string> readFile(const std::string& path);
 std::string logPath(const sContext& context);
 // It and what logrotate has made of the one before, oldest first.
 std::vector<std::string> logPaths(const sContext& context);
-// The text in quotes, as JSON writes it; a byte that is not part of valid UTF-8 counts as Latin-1.
+// The text in quotes, as JSON writes it, without control characters; a byte that is not part of valid UTF-8
+// counts as Latin-1.
 std::string jsonText(std::string_view text);
 // The text for a terminal: control characters, which could steer it, and bytes that are no UTF-8 as \xNN;
 // lines and tabs stay.
