@@ -146,8 +146,10 @@ bool isMasked(std::string text, bool bJson) {
   for (const char* const name : {"authorization:", "proxy-authorization:"}) {
     const std::string head = lineEnd + name;
     for (std::size_t at = 0; (at = text.find(head, at)) != std::string::npos; at += head.size()) {
-      const std::string_view value = std::string_view(text).substr(at + head.size());
-      constexpr std::string_view kMask = " (masked)";
+      std::string_view value = std::string_view(text).substr(at + head.size());
+      for (const std::string_view blank : {" ", "\t", "\\u0009"})
+        while (value.starts_with(blank)) value.remove_prefix(blank.size());
+      constexpr std::string_view kMask = "(masked)";
       const std::string_view behind = value.substr(std::min(kMask.size(), value.size()));
       if (!value.starts_with(kMask)) return false;
       if (!behind.starts_with(bJson ? "\\u000" : "\r\n") && !behind.starts_with('\n') &&
