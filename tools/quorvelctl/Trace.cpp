@@ -10,6 +10,7 @@
 #include <set>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 #include <utility>
 
@@ -37,6 +38,12 @@ bool isRecordHead(std::string_view line) {
   return line.starts_with(" INFO in ") || line.starts_with(" WARNING in ") || line.starts_with(" ERROR in ");
 }
 
+bool isTime(const std::string& line) {
+  tm unused{};
+  const char* const end = strptime(line.c_str(), "%a %b %e %H:%M:%S %Y", &unused);
+  return (end != nullptr && std::string_view(end) == "\n") || line == "time unknown\n";
+}
+
 bool takeHead(std::string_view head, sTraced& message) {
   for (const auto& [mark, sent] : {std::pair(kGot, false), std::pair(kSending, true)}) {
     const std::size_t at = head.find(mark);
@@ -57,21 +64,25 @@ class MessageReader {
 
   void line(std::string_view text) {
     if (isRecordHead(text)) {
+      if (!isTime(last)) takeLast();
       finish();
       isMessage = takeHead(text, message);
       message.time = last.substr(0, last.find_last_not_of('\n') + 1);
-    } else if (isMessage) {
-      message.text += last;
+    } else {
+      takeLast();
     }
     last = isRecordHead(text) ? "" : text;
   }
   void end() {
-    if (isMessage) message.text += last;
-    last.clear();
+    takeLast();
     finish();
   }
 
  private:
+  void takeLast() {
+    if (isMessage) message.text += last;
+    last.clear();
+  }
   void finish() {
     if (!isMessage) return;
     message.callId = MySip::extractToken("Call-ID:", 300, message.text);

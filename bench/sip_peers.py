@@ -1,0 +1,140 @@
+"""What tests with many phones on 127.0.0.1 need: Quorvel in a directory of its own, messages, and audio that can be told
+from any other."""
+
+import contextlib
+import hashlib
+import os
+import pathlib
+import random
+import re
+import socket
+import struct
+import subprocess
+import time
+
+PACKET = 480   # bytes of mu-law, 60 ms: so that all calls of a process at once are not too much for one Python
+PATIENCE = 20  # seconds until an answer counts as missing
+# Bytes of mu-law that come back as they were: 0x7F, the negative zero, does not.
+TALK = bytes(byte if byte != 0x7F else 0x55 for byte in range(256))
+
+
+def header(text, name):
+    found = re.search(rf"^{name}: *(.*?)\r$", text, re.MULTILINE)
+    return found[1] if found else ""
+
+
+def sdp(port):
+    return (f"v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=-\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\nm=audio {port} RTP/AVP 0\r\n"
+            "a=sendrecv\r\n")
+
+
+def message(first, headers, body=""):
+    content = "Content-Type: application/sdp\r\n" if body else ""
+    return (first + "\r\n" + "".join(f"{name}: {value}\r\n" for name, value in headers) + content +
+            f"Content-Length: {len(body)}\r\n\r\n{body}").encode()
+
+
+def common(peer, call, method, cseq, to="<sip:200@127.0.0.1>", display=""):
+    """Headers of a request from that socket, in order."""
+    own = port_of(peer)
+    return [("Via", f"SIP/2.0/UDP 127.0.0.1:{own};rport;branch=z9hG4bK{call}{method}{cseq}"),
+            ("From", f"{display}<sip:100@127.0.0.1>;tag={call}"), ("To", to), ("Contact", f"<sip:100@127.0.0.1:{own}>"),
+            ("Call-ID", call), ("CSeq", f"{cseq} {method}"), ("Max-Forwards", "70")]
+
+
+def audio(ssrc, sequence):
+    """A packet that no other one of any call is like."""
+    return hashlib.shake_128(f"{ssrc}/{sequence}".encode()).digest(PACKET).translate(TALK)
+
+
+def rtp(ssrc, sequence):
+    return struct.pack(">BBHII", 0x80, 0, sequence, PACKET * sequence, ssrc) + audio(ssrc, sequence)
+
+
+def udp():
+    made = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    made.bind(("127.0.0.1", 0))
+    made.settimeout(0.1)
+    return made
+
+
+def port_of(peer):
+    return peer.getsockname()[1]
+
+
+def free_ports(count):
+    """The first of that many ports that are free, even, below those that the kernel gives out."""
+    for base in random.sample(range(10000, 23000, 2), 200):
+        with contextlib.ExitStack() as stack, contextlib.suppress(OSError):
+            for port in range(base, base + count):
+                stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM)).bind(("127.0.0.1", port))
+            return base
+    raise RuntimeError("no free ports")
+
+
+class Quorvel:
+    """A process and what it has on the disk; `more` settings; `before` stands before the program's name, for a tracer."""
+
+    def __init__(self, build, home, name, pbx, calls, more=None, before=()):
+        self.build, self.home, self.before = build, home, list(before)
+        # Another build's program, for instance one with a sanitizer, as the other tests take it.
+        self.program = os.environ.get("QUORVEL_PROGRAM", str(build / "app" / "quorvel"))
+        self.name = name
+        ports = free_ports(2 + 4 * calls)
+        self.sip = ports
+        (home / "bin").mkdir()
+        (home / "log").mkdir()
+        self.configuration = home / "bin" / "quorvel.conf"
+        settings = {"ConfigVersion": 2, "IPVersion": 4, "SipProxyIP": "127.0.0.1", "SipProxyPort": pbx, "SipUAIP": "127.0.0.1",
+                    "SipUAPort": ports, "RtpUAPortInitVal": ports + 2, "Separator": "##", "DefaultCmd": "*##0",
+                    "NumPhonesToAllocate": 2 * calls, "NumCallsToFilter": calls, "RegisterOrigPhones": 0,
+                    "RegisterPairPhones": 0, "SipProxyArchitecture": 1, "NeedToCheckDTMF": 1, "CPUPower": 5,
+                    "DetectAggressiveLevel": 2, "CleanAggressiveLevel": 8, "AECAlgorithm": "advanced",
+                    "StatisticsFile": "statistics", "RealTimeAverageStatisticsFile": "average.html",
+                    "RealTimeExtremeStatisticsFile": "extreme.html", "RefreshRateOfRealTimeStatistics": 2, **(more or {})}
+        self.configuration.write_text("".join(f"{key}={value}\n" for key, value in settings.items()))
+        self.environment = {**os.environ, "KESTROVA_BIN": f"{home}/bin/"}
+        self.process = None
+
+    def launch(self):
+        with open(self.home / "output", "a") as output:
+            self.process = subprocess.Popen([*self.before, self.program, str(self.configuration), self.name],
+                                            env=self.environment, stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+
+    def comes_up(self, seconds=PATIENCE):
+        """Does it answer by then? Not when it ends before."""
+        end = time.monotonic() + seconds
+        with udp() as asker:
+            question = message("OPTIONS sip:127.0.0.1 SIP/2.0", common(asker, "ready", "OPTIONS", 1))
+            while time.monotonic() < end and self.process.poll() is None:
+                with contextlib.suppress(TimeoutError, ConnectionError):
+                    asker.sendto(question, ("127.0.0.1", self.sip))
+                    asker.recv(4096)
+                    return True
+        return False
+
+    def start(self):
+        self.launch()
+        if not self.comes_up():
+            raise RuntimeError("Quorvel does not answer")
+
+    def control(self, *words):
+        done = subprocess.run([str(self.build / "tools" / "quorvelctl"), "-c", str(self.configuration), "-i", self.name, *words],
+                              env=self.environment, capture_output=True, text=True, timeout=120)
+        if done.returncode != 0:
+            raise RuntimeError(f"quorvelctl {' '.join(words)}: {done.stdout}{done.stderr}")
+        return done.stdout
+
+    def state(self):
+        """Resident kB, descriptors, threads, calls up."""
+        folder = pathlib.Path(f"/proc/{self.process.pid}")
+        resident = int(re.search(r"VmRSS:\s+(\d+)", (folder / "status").read_text())[1])
+        calls = int(re.search(r"(\d+) calls? up", self.control("status"))[1])
+        return resident, len(list((folder / "fd").iterdir())), len(list((folder / "task").iterdir())), calls
+
+    def end(self):
+        if self.process.poll() is None:
+            self.process.kill()
+            self.process.wait()
+        for name in ("KestrovaQuorvel", "KestrovaQuorvelNumActiveCalls", "KestrovaTmpLog"):
+            pathlib.Path(f"/tmp/{name}{self.name}").unlink(missing_ok=True)
