@@ -93,6 +93,7 @@ class Quorvel:
                     "StatisticsFile": "statistics", "RealTimeAverageStatisticsFile": "average.html",
                     "RealTimeExtremeStatisticsFile": "extreme.html", "RefreshRateOfRealTimeStatistics": 2, **(more or {})}
         self.configuration.write_text("".join(f"{key}={value}\n" for key, value in settings.items()))
+        self.address = settings["SipUAIP"], ports
         self.environment = {**os.environ, "KESTROVA_BIN": f"{home}/bin/"}
         self.process = None
 
@@ -108,7 +109,7 @@ class Quorvel:
             question = message("OPTIONS sip:127.0.0.1 SIP/2.0", common(asker, "ready", "OPTIONS", 1))
             while time.monotonic() < end and self.process.poll() is None:
                 with contextlib.suppress(TimeoutError, ConnectionError):
-                    asker.sendto(question, ("127.0.0.1", self.sip))
+                    asker.sendto(question, self.address)
                     asker.recv(4096)
                     return True
         return False
