@@ -56,16 +56,15 @@ class BindingFileTest : public ::testing::Test {
     table.saveBindingFiles();
   }
 
+  int upTo(int limit) { return static_cast<int>(random() % static_cast<unsigned>(limit)); }
+
   TestInstallation installation;
+  std::mt19937 random{7};
 };
 
 // ---- The image ----
 
 TEST_F(BindingFileTest, BothFilesAreTheImageOfTheTableAfterEveryKindOfChange) {
-  std::mt19937 random(7);
-  const auto upTo = [&random](int limit) {
-    return static_cast<int>(random() % static_cast<unsigned>(limit));
-  };
   BindingTable table;
   table.saveBindingFiles();
   ASSERT_EQ(TestInstallation::read(file()).size(), 8U);
@@ -100,10 +99,7 @@ TEST_F(BindingFileTest, BothFilesAreTheImageOfTheTableAfterEveryKindOfChange) {
 
 // The main loop saves a large table in parts and changes it between them.
 TEST_F(BindingFileTest, TableMayChangeInEveryWayBetweenThePartsOfASave) {
-  std::mt19937 random(5);
-  const auto upTo = [&random](int limit) {
-    return static_cast<int>(random() % static_cast<unsigned>(limit));
-  };
+  random.seed(5);
   BindingTable table;
   const std::unique_ptr<sBinding[], FreeDeleter> scratch(
       static_cast<sBinding*>(std::calloc(kMaxBindings, sizeof(sBinding))));
@@ -489,7 +485,6 @@ struct sGeneration {
 }
 
 TEST_F(BindingFileTest, KillingTheProcessAtAnyMomentLeavesACompleteFile) {
-  std::mt19937 random(11);
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
   int lastGeneration = 0;
@@ -499,7 +494,7 @@ TEST_F(BindingFileTest, KillingTheProcessAtAnyMomentLeavesACompleteFile) {
     if (child == 0) saveUntilKilled(ready[1]);
     char byte;
     ASSERT_EQ(read(ready[0], &byte, 1), 1);
-    usleep(static_cast<useconds_t>(random() % 8000));
+    usleep(static_cast<useconds_t>(upTo(8000)));
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
 
