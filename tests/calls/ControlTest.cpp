@@ -131,9 +131,56 @@ TEST_F(ControlTest, TraceFollowsARedirectionAndShowsNoSecret) {
   EXPECT_EQ(order, "13200") << trace.text;
   EXPECT_EQ(trace.text.find("hush"), std::string::npos) << trace.text;
   EXPECT_EQ(occurrences(trace.text, "shown"), 2) << trace.text;
-  EXPECT_NE(controlAsGiven({"trace", "none", "--log", log.string() + ".gz"}, {{"KESTROVA_BIN", bin}})
-                .text.find("has no message of that Call-ID"),
-            std::string::npos);
+  // Torn, it is shown as far as it goes, or found wanting.
+  const std::string packed = readFile(log.string() + ".gz");
+  writeFile(log.string() + ".gz", packed.substr(0, packed.size() - 4));
+  for (const char* id : {"second", "none"}) {
+    const Answer torn = controlAsGiven({"trace", id, "--log", log.string() + ".gz"}, {{"KESTROVA_BIN", bin}});
+    const bool isThere = torn.text.find("Call-ID: second") != std::string::npos;
+    EXPECT_EQ(torn.status, isThere ? 0 : 1) << torn.text;
+    EXPECT_EQ(isThere, torn.text.find("has no message of that Call-ID") == std::string::npos) << torn.text;
+    EXPECT_EQ(occurrences(torn.text, ".gz cannot be unpacked to its end\n"), 1) << torn.text;
+  }
+}
+
+// Records as a process cuts them: before, at and behind a message's end.
+TEST_F(ControlTest, TraceSaysWhatTheLogHoldsNoMoreOf) {
+  const std::string head = "*** Got from 127.0.0.1:5060:\n";
+  const std::string start = "INVITE sip:a@b SIP/2.0\r\nCall-ID: long\r\n";
+  std::string log, expected;
+  const auto add = [&](const std::string& lines, std::size_t length, bool isCut) {
+    log += "Mon Nov 23 12:00:00 2026\n INFO in MySip::x, " + (head + start + lines + "\n").substr(0, length) +
+           "\n";
+    expected += isCut ? 'x' : '-';
+  };
+  for (const char* const name : {"Content-Length: ", "l : ", "X: 1\r\nCONTENT-LENGTH:"}) {
+    const std::string lines = std::string(name) + "10\r\n\r\nv=0\r\nt=0\r\n";
+    const std::size_t whole = (head + start + lines).size();
+    for (const std::size_t length : {whole - 11, whole - 10, whole - 1, whole, whole + 1})
+      add(lines, length, length < whole);
+  }
+  add("l: 99999999999999999999\r\n\r\n", 1999, true);
+  add("\r\n" + std::string(1900, 'x'), 1998, false);
+  add("\r\n" + std::string(1999, 'x'), 1999, true);
+  add("X: " + std::string(1999, 'x'), 1999, true);
+  const std::filesystem::path path = scratch.path() / "errLog";
+  writeFile(path, log);
+  for (const bool isJson : {false, true}) {
+    std::vector<std::string> words = {"trace", "long", "--log", path.string()};
+    if (isJson) words.insert(words.begin(), "--json");
+    const std::string text = controlAsGiven(words, {{"KESTROVA_BIN", scratch.path().string() + "/"}}).text;
+    const std::regex pattern(isJson ? "\"cut\": (true|false), \"text\""
+                                    : "\nINVITE |\\(the log holds no more of it\\)\n");
+    std::string marks;
+    for (std::sregex_iterator found(text.begin(), text.end(), pattern), end; found != end; ++found)
+      if (isJson)
+        marks += (*found)[1] == "true" ? 'x' : '-';
+      else if (found->str()[0] == '\n')
+        marks += '-';
+      else
+        marks.back() = 'x';
+    EXPECT_EQ(marks, expected) << text;
+  }
 }
 
 TEST_F(ControlTest, AProcessThatDoesNotAnswerIsGivenUp) {

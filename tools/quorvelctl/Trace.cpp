@@ -2,6 +2,8 @@
 // written with SipDebug=1.
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -14,6 +16,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "app/config/Log.h"
 #include "common/Handle.h"
 #include "sip/MySip.h"
 #include "tools/quorvelctl/Context.h"
@@ -99,7 +102,8 @@ class MessageReader {
   std::string last;  // a line that may be the next record's time
 };
 
-// The file, or what it holds when it is one that logrotate has compressed, and the program that says it.
+// The file, or what it holds when it is one that logrotate has compressed, and the program that says it: 0 if
+// none is needed, -1 if it cannot be started.
 File openLog(const std::string& path, pid_t& child) {
   if (!path.ends_with(".gz")) return File(std::fopen(path.c_str(), "re"));
   int ends[2];
@@ -109,15 +113,26 @@ File openLog(const std::string& path, pid_t& child) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, in.get(), STDOUT_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   std::string words[] = {"gzip", "-dc", "--", path};
   char* const arguments[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(), nullptr};
   const bool isRunning = posix_spawnp(&child, "gzip", &actions, nullptr, arguments, environ) == 0;
   posix_spawn_file_actions_destroy(&actions);
+  if (!isRunning) child = -1;
   return isRunning ? File(fdopen(out.release(), "r")) : File();
 }
 
-// False: none of the files can be read.
-bool forEachMessage(const std::vector<std::string>& paths, const std::function<void(const sTraced&)>& use) {
+// Waits for its end. False: not all that the file once held was said.
+bool isUnpacked(pid_t child) {
+  int status = 0;
+  while (child > 0 && waitpid(child, &status, 0) < 0)
+    if (errno != EINTR) return false;
+  return child > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// False: none of the files can be read. Which of them hold less than they should is said if that is wished.
+bool forEachMessage(const std::vector<std::string>& paths, bool bSay,
+                    const std::function<void(const sTraced&)>& use) {
   bool isAnyRead = false;
   MessageReader reader(use);
   for (const std::string& path : paths) {
@@ -131,7 +146,8 @@ bool forEachMessage(const std::vector<std::string>& paths, const std::function<v
     std::free(line);
     reader.end();
     file.reset();
-    while (child > 0 && waitpid(child, nullptr, 0) < 0 && errno == EINTR) continue;
+    if (child != 0 && !isUnpacked(child) && bSay)
+      std::fprintf(stderr, "%s cannot be unpacked to its end\n", shownText(path).c_str());
   }
   return isAnyRead;
 }
@@ -190,16 +206,47 @@ bool isOfPhone(const sTraced& message, const std::string& name) {
   return false;
 }
 
+// How long the body is by its header, if that says so; a number too large to be read is longer than any body.
+std::optional<std::size_t> contentLength(std::string_view head) {
+  for (const std::string_view name : {"\nContent-Length", "\nl"})
+    for (std::size_t at = 0; (at = findFolded(head, name, at)) != std::string_view::npos;) {
+      at = std::min(head.find_first_not_of(" \t", at + name.size()), head.size());
+      if (head.substr(at, 1) != ":") continue;
+      const std::size_t digits = std::min(head.find_first_not_of(" \t", at + 1), head.size());
+      std::size_t length = SIZE_MAX;
+      const auto read = std::from_chars(head.data() + digits, head.data() + head.size(), length);
+      if (read.ec != std::errc::invalid_argument) return length;
+    }
+  return std::nullopt;
+}
+
+// Does the log lack the message's end? Whatever a record was cut to, a line feed of its own follows.
+bool isCut(const sTraced& message) {
+  constexpr std::string_view kEmptyLine = "\r\n\r\n";
+  const std::string_view text = message.text;
+  const std::size_t headEnd = text.find(kEmptyLine);
+  if (headEnd == std::string_view::npos) return true;
+  if (const auto length = contentLength(text.substr(0, headEnd)))
+    return text.size() - headEnd - kEmptyLine.size() <= *length;
+  const std::size_t head = (message.bSent ? kSending : kGot).size() + message.address.size() + 2;  // ":\n"
+  return head + text.size() - 1 >= static_cast<std::size_t>(Log::kMaxMessageLength);
+}
+
 void print(const sContext& context, const sTraced& message, bool first) {
-  const std::string text = masked(message.text);
+  std::string text = masked(message.text);
+  const bool bCut = isCut(message);
   if (!context.bJson) {
     const std::string head = message.time + (message.bSent ? " -> " : " <- ") + message.address;
+    if (bCut) text += std::string(text.ends_with('\n') ? "" : "\n") + "(the log holds no more of it)\n";
     std::printf("%s\n%s\n", shownText(head).c_str(), shownText(text).c_str());
     return;
   }
-  std::printf("%s\n  {\"time\": %s, \"sent\": %s, \"address\": %s, \"call_id\": %s, \"text\": %s}",
-              first ? "" : ",", jsonText(message.time).c_str(), message.bSent ? "true" : "false",
-              jsonText(message.address).c_str(), jsonText(message.callId).c_str(), jsonText(text).c_str());
+  const auto word = [](bool is) { return is ? "true" : "false"; };
+  std::printf(
+      "%s\n  {\"time\": %s, \"sent\": %s, \"address\": %s, \"call_id\": %s, \"cut\": %s, \"text\": %s}",
+      first ? "" : ",", jsonText(message.time).c_str(), word(message.bSent),
+      jsonText(message.address).c_str(), jsonText(message.callId).c_str(), word(bCut),
+      jsonText(text).c_str());
 }
 
 struct sWish {
@@ -237,7 +284,7 @@ int traceCall(const sContext& context) {
   const std::vector<std::string> paths = wish->logs.empty() ? logPaths(context) : wish->logs;
   std::set<std::string> wanted = {wish->callId};
   Legs all;
-  const bool isRead = forEachMessage(paths, [&](const sTraced& message) {
+  const bool isRead = forEachMessage(paths, true, [&](const sTraced& message) {
     all.add(message);
     if (!wish->phone.empty() && isOfPhone(message, wish->phone)) wanted.insert(message.callId);
   });
@@ -252,7 +299,7 @@ int traceCall(const sContext& context) {
     if (context.bJson && shown == 0) std::printf("[");
     print(context, message, shown++ == 0);
   };
-  if (!legs.empty()) (void)forEachMessage(paths, show);
+  if (!legs.empty()) (void)forEachMessage(paths, false, show);
   if (shown == 0) return nothingFound(paths, *wish);
   if (context.bJson) std::puts("]");
   return kYes;
