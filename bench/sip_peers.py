@@ -134,7 +134,18 @@ class Quorvel:
         return resident, len(list((folder / "fd").iterdir())), len(list((folder / "task").iterdir())), calls
 
     def end(self):
-        if self.process.poll() is None:
+        """Stops it, kills it when that does not help, and raises what a sanitizer has written about it."""
+        if self.process and self.process.poll() is None:
+            with contextlib.suppress(RuntimeError, subprocess.TimeoutExpired):
+                self.control("stop")
+                self.process.wait(PATIENCE)
+        self.kill()
+        output = (self.home / "output").read_text(errors="replace") if self.process else ""
+        if re.search("Sanitizer|runtime error:", output):
+            raise RuntimeError(output)
+
+    def kill(self):
+        if self.process and self.process.poll() is None:
             self.process.kill()
             self.process.wait()
         for name in ("KestrovaQuorvel", "KestrovaQuorvelNumActiveCalls", "KestrovaTmpLog"):
