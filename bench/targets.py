@@ -325,10 +325,11 @@ def table(heading, rows):
 
 
 def print_aims(aims):
-    """Aims as a list, each met or missed. True when all are met."""
+    """Aims as a list, each met, missed, or (None) not comparable. True when all are met."""
     print()
+    aims = list(aims)
     for text, met in aims:
-        print(f"- {'met' if met else 'MISSED'}: {text}")
+        print(f"- {'not comparable' if met is None else 'met' if met else 'MISSED'}: {text}")
     return all(met for _, met in aims)
 
 
