@@ -113,7 +113,7 @@ TEST_F(ControlTest, TraceFollowsARedirectionAndShowsNoSecret) {
   const char* const secrets =
       "Proxy-Authorization:\r\n Digest hush1\r\nAuthentication-Info: rspauth=hush2\r\n"
       "From: <sip:100:hush3@127.0.0.1:5060>\r\nRefer-To: <sip:a@b?Authorization=hush4&X=shown1>\r\n"
-      "\r\na=crypto:1 AES inline:hush5\r\nk=clear:hush6\r\na=ptime:shown2\r\n";
+      "\r\na=crypto:1 AES inline:hush5\r\nk=clear:\rhush6\r\na=ptime:shown2\r\n";
   const std::filesystem::path log = scratch.path() / "errLog.1";
   writeFile(log, record("Got from", invite, "caller", secrets) + record("Sending to", invite, "first") +
                      record("Got from", "SIP/2.0 302 Moved", "first") +

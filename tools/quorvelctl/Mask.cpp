@@ -13,6 +13,12 @@ bool equalFolded(char a, char b) {
   return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
 }
 
+// Where a line ends that goes on at that place; a lone carriage return ends none.
+std::size_t endOfLine(std::string_view text, std::size_t from) {
+  const std::size_t end = std::min(text.find('\n', from), text.size());
+  return end > from && text[end - 1] == '\r' ? end - 1 : end;
+}
+
 // Where a header's value ends: at a line end that no blank follows (RFC 3261, 7.3.1).
 std::size_t endOfHeader(std::string_view text, std::size_t from) {
   std::size_t end = text.find('\n', from);
@@ -22,13 +28,9 @@ std::size_t endOfHeader(std::string_view text, std::size_t from) {
   return end > from && text[end - 1] == '\r' ? end - 1 : end;
 }
 
-std::size_t endOfLine(std::string_view text, std::size_t from) {
-  return std::min(text.find_first_of("\r\n", from), text.size());
-}
-
 // Of a header that a URI carries (RFC 3261, 19.1.1).
 std::size_t endOfParameter(std::string_view text, std::size_t from) {
-  return std::min(text.find_first_of("&> \"\r\n", from), text.size());
+  return std::min(text.find_first_of("&> \"", from), endOfLine(text, from));
 }
 
 struct sSecret {
@@ -55,7 +57,7 @@ void maskPasswords(std::string& text) {
   for (const std::string_view scheme : {"sip:", "sips:"})
     for (std::size_t at = 0; (at = findFolded(text, scheme, at)) != std::string::npos;) {
       at += scheme.size();
-      const std::size_t end = text.find_first_of("@<>\" \t\r\n", at);
+      const std::size_t end = text.find_first_of("@<>\" \t\n", at);
       const std::size_t colon = text.find(':', at);
       if (end != std::string::npos && text[end] == '@' && colon < end)
         text.replace(colon + 1, end - colon - 1, kMask);
@@ -71,7 +73,9 @@ std::size_t findFolded(std::string_view text, std::string_view what, std::size_t
 }
 
 std::string masked(std::string text) {
+  text.insert(0, 1, '\n');  // its first line begins as the others do
   for (const sSecret& secret : kSecrets) maskBehind(text, secret);
   maskPasswords(text);
+  text.erase(0, 1);
   return text;
 }
