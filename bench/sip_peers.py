@@ -13,6 +13,7 @@ import subprocess
 import time
 
 PACKET = 480   # bytes of mu-law, 60 ms: so that all calls of a process at once are not too much for one Python
+TABLE_KB = 10_000  # those of phones, bindings and media have more, heap and stacks less
 PATIENCE = 20  # seconds until an answer counts as missing
 # Bytes of mu-law that come back as they were: 0x7F, the negative zero, does not.
 TALK = bytes(byte if byte != 0x7F else 0x55 for byte in range(256))
@@ -126,12 +127,18 @@ class Quorvel:
             raise RuntimeError(f"quorvelctl {' '.join(words)}: {done.stdout}{done.stderr}")
         return done.stdout
 
+    def memory(self):
+        """Resident kB: all of it, and without the tables that are made at the start, whose pages come in as they are first
+        used, over hours, and which cannot grow."""
+        maps = pathlib.Path(f"/proc/{self.process.pid}/smaps").read_text()
+        sizes = [tuple(map(int, found)) for found in re.findall(r"^Size: +(\d+).*\n(?:.*\n){2}Rss: +(\d+)", maps, re.MULTILINE)]
+        return sum(rss for _, rss in sizes), sum(rss for size, rss in sizes if size < TABLE_KB)
+
     def state(self):
-        """Resident kB, descriptors, threads, calls up."""
+        """Resident kB without the tables, descriptors, threads, calls up."""
         folder = pathlib.Path(f"/proc/{self.process.pid}")
-        resident = int(re.search(r"VmRSS:\s+(\d+)", (folder / "status").read_text())[1])
         calls = int(re.search(r"(\d+) calls? up", self.control("status"))[1])
-        return resident, len(list((folder / "fd").iterdir())), len(list((folder / "task").iterdir())), calls
+        return self.memory()[1], len(list((folder / "fd").iterdir())), len(list((folder / "task").iterdir())), calls
 
     def end(self):
         """Stops it, kills it when that does not help, and raises what a sanitizer has written about it."""
