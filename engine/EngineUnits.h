@@ -45,6 +45,7 @@ static_assert(kMaxFrameBytes == 4096);
 
 inline constexpr int kUnityQ7 = 128;        // a gain of 1
 inline constexpr int kSampleLimit = 32512;  // samples are kept within +-32512 everywhere inside the engine
+inline constexpr int kLargestSpread = 2 * kSampleLimit;  // between the largest and the smallest sample
 
 constexpr int percentToQ7(int iPercent) {
   return iPercent * kUnityQ7 / 100;

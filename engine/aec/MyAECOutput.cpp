@@ -11,7 +11,6 @@ constexpr int kAudibleSpeaker = 31;  // spread of what the loudspeaker played fo
 constexpr int kAudibleSpan = 199;    // of the active set's span
 constexpr int kLowEcho = 16;         // 1/1024 of the microphone: 36 dB below it
 constexpr int kStaysLowEcho = 31;
-constexpr float kLargestSpread = 65535;  // both rails
 
 }  // namespace
 
@@ -118,7 +117,7 @@ void MyAEC::writeFrequencyDomainEcho() {
                         frequencyFilter.residualPower() > fResidualLimit;
   psEchoRing.judge(!bMatters);
   // Spread of a sine of that power.
-  iEchoLevel = static_cast<int>(std::min(std::sqrt(8 * frequencyFilter.echoPower()), kLargestSpread));
+  iEchoLevel = static_cast<int>(std::min<float>(std::sqrt(8 * frequencyFilter.echoPower()), kLargestSpread));
   const auto uCount = static_cast<std::size_t>(kCycleSamples * pMic->rateFactor());
   psEchoRing.writeAtFullRate({frequencyFilter.estimate(), uCount}, {frequencyFilter.microphone(), uCount});
 }

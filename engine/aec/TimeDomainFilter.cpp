@@ -136,8 +136,7 @@ void TimeDomainFilter::runBlocks(const sAecCycle& now, sAecCoefSet& s, bool bAda
 
 void TimeDomainFilter::measureResidual(sAecCoefSet& s, const std::array<float, kCycleSamples>& e) {
   // A set that diverges may leave more than a sample can hold.
-  constexpr float kLargestSpread = 65535;
-  const auto level = [&](float f) { return static_cast<int>(std::min(f, kLargestSpread)); };
+  const auto level = [&](float f) { return static_cast<int>(std::min<float>(f, kLargestSpread)); };
   const auto [pLow, pHigh] = std::minmax_element(e.begin(), e.end());
   float fSum = 0;
   for (const float fError : e) fSum += std::abs(fError);

@@ -15,8 +15,7 @@ constexpr std::array<sDetection, 5> psDetection{{{7.0F, 5, 25, false},
                                                  {4.0F, 17, 20, true}}};
 
 // Histogram of good-verb spreads: 100 bins over the largest spread there is.
-constexpr int kLargestSpread = 2 * kSampleLimit;  // 65024
-constexpr int kAmpBinWidth = 656;                 // kLargestSpread / 99
+constexpr int kAmpBinWidth = 656;  // kLargestSpread / 99
 constexpr int kReferencePercent = 90;
 
 }  // namespace
