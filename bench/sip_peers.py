@@ -63,14 +63,26 @@ def port_of(peer):
     return peer.getsockname()[1]
 
 
+RESERVED = {}  # first port of a block: sockets that keep other tests from it
+
+
 def free_ports(count):
-    """The first of that many ports that are free, even, below those that the kernel gives out."""
+    """The first of that many ports that are free, even, below those that the kernel gives out. They are ours until they are
+    given back: media ports are bound during calls only, so that a test beside this one would think them free."""
     for base in random.sample(range(10000, 23000, 2), 200):
-        with contextlib.ExitStack() as stack, contextlib.suppress(OSError):
+        with contextlib.ExitStack() as reserved, contextlib.ExitStack() as tried, contextlib.suppress(OSError):
             for port in range(base, base + count):
-                stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM)).bind(("127.0.0.1", port))
+                tried.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM)).bind(("127.0.0.1", port))
+                if port % 2 == 0:  # every block has the first of a pair
+                    reserved.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM)).bind(("127.0.85.1", port))
+            RESERVED[base] = reserved.pop_all()
             return base
     raise RuntimeError("no free ports")
+
+
+def give_back(base):
+    if base in RESERVED:
+        RESERVED.pop(base).close()
 
 
 class Quorvel:
@@ -155,5 +167,6 @@ class Quorvel:
         if self.process and self.process.poll() is None:
             self.process.kill()
             self.process.wait()
+        give_back(self.sip)
         for name in ("KestrovaQuorvel", "KestrovaQuorvelNumActiveCalls", "KestrovaTmpLog"):
             pathlib.Path(f"/tmp/{name}{self.name}").unlink(missing_ok=True)
