@@ -43,6 +43,19 @@ def common(peer, call, method, cseq, to="<sip:200@127.0.0.1>", display=""):
             ("Call-ID", call), ("CSeq", f"{cseq} {method}"), ("Max-Forwards", "70")]
 
 
+def pbx_answer(request, sip, media, status="200 OK"):
+    """What a PBX with those ports for SIP and media says to a request in the end; None where it says nothing."""
+    method = request.split(" ", 1)[0]
+    if method not in ("INVITE", "BYE", "REGISTER", "OPTIONS", "CANCEL"):
+        return None
+    to = header(request, "To")
+    copied = {name: header(request, name) for name in ("Via", "From", "To", "Call-ID", "CSeq")}
+    copied["To"] = to if ";tag=" in to else f"{to};tag=pbx"
+    copied["Contact"] = (f"{header(request, 'Contact')};expires={header(request, 'Expires')}" if method == "REGISTER" else
+                         f"<sip:200@127.0.0.1:{sip}>")
+    return message(f"SIP/2.0 {status}", copied.items(), sdp(media) if method == "INVITE" else "")
+
+
 def audio(ssrc, sequence):
     """A packet that no other one of any call is like."""
     return hashlib.shake_128(f"{ssrc}/{sequence}".encode()).digest(PACKET).translate(TALK)
