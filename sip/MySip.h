@@ -379,7 +379,9 @@ class MySip {
   void handleOKForNOTIFYMsg(int slot, std::string_view msg);
   void handleNOTIFYMsgWithUnknownCallID(std::string_view msg, const sockaddr_in& from);
   void handleMoveMsg(int slot, std::string_view msg);
-  bool reviewMoveStorage(int slot);  // true when a new INVITE was sent
+  // Invites the next contact of a redirection, if one is left and the call still wants an answer. True when
+  // it did.
+  bool reviewMoveStorage(int slot);
 
   // ---- 17 Bound phones ----
 
@@ -565,6 +567,7 @@ class MySip {
 
   // Progress.cpp
   bool isAnswerToOurInvite(int slot, const char* function);
+  bool isLateAnswerOfAnotherFork(int slot, std::string_view msg, const char* function);
   void relayProvisional(int slot, std::string_view msg, const char* statusLine, const char* function);
   int takeAnswer(int slot, std::string_view msg, const char* function);
   void takeRouteOfAnswer(int slot, std::string_view msg);

@@ -14,13 +14,27 @@ bool MySip::isAnswerToOurInvite(int slot, const char* function) {
   return false;
 }
 
+// A PBX may ring several phones with one INVITE. What another one still says after the call was answered, or
+// what the network brings late, must not put its tag into the dialog that stands.
+bool MySip::isLateAnswerOfAnotherFork(int slot, std::string_view msg, const char* function) {
+  const sPhone& leg = phone(slot);
+  std::string_view known;
+  std::string_view tag;
+  if (!leg.bAnswered || leg.bReInviteInProgress || !extractTag(leg.pcRemoteTag, known) ||
+      !extractTag(extractToken("To:", 200, msg), tag) || tag == known) {
+    return false;
+  }
+  Log::info(function, "phone %d is in a call, a late answer of another destination is ignored\n", slot);
+  return true;
+}
+
 void MySip::relayProvisional(int slot, std::string_view msg, const char* statusLine, const char* function) {
   sPhone& other = partnerOf(slot);
   if (!other.bInUse) {
     Log::error(function, "original phone %d is not during a call\n", phone(slot).iPairIndex);
     return;
   }
-  if (!isAnswerToOurInvite(slot, function)) return;
+  if (!isAnswerToOurInvite(slot, function) || isLateAnswerOfAnotherFork(slot, msg, function)) return;
   learnExternalIP(slot, msg);
   learnRemoteTag(phone(slot), msg);
   sendResponse(other, statusLine, other.iInviteCSeq, "INVITE", false);
@@ -78,7 +92,7 @@ void MySip::handleSessionProgressMsg(int slot, std::string_view msg) {
     relayProvisional(slot, msg, "SIP/2.0 183 Session Progress", kFunction);
     return;
   }
-  if (takeAnswer(slot, msg, kFunction) != 0) return;
+  if (isLateAnswerOfAnotherFork(slot, msg, kFunction) || takeAnswer(slot, msg, kFunction) != 0) return;
   takeRouteOfAnswer(slot, msg);
   prepareAndSendSessionProgress(otherSlot);
   eraseOneTimeRoutingMsgAndDestinationIP(other);
@@ -114,11 +128,17 @@ void MySip::handleOKForInviteMsg(int slot, std::string_view msg) {
 }
 
 void MySip::handleErrorForInviteMsg(int slot, std::string_view msg) {
-  if (!phone(slot).bInUse || !isAnswerToOurInvite(slot, "MySip::handleErrorForInviteMsg")) return;
+  constexpr const char* kFunction = "MySip::handleErrorForInviteMsg";
+  sPhone& other = partnerOf(slot);
+  if (!other.bInUse) {
+    Log::error(kFunction, "original phone %d is not during a call\n", phone(slot).iPairIndex);
+    return;
+  }
+  if (!isAnswerToOurInvite(slot, kFunction)) return;
   learnRemoteTag(phone(slot), msg);
   if (reviewMoveStorage(slot)) return;
   markTerminating(slot);
-  relayErrorStatus(partnerOf(slot), partnerOf(slot).pcRemoteVia, msg, "MySip::handleErrorForInviteMsg");
+  relayErrorStatus(other, other.pcRemoteVia, msg, kFunction);
   closeRtpSessionPair(phone(slot).iPairIndex, slot);
 }
 

@@ -145,7 +145,7 @@ void MySip::handleErrorForReInviteMsg(int slot, std::string_view msg) {
   learnRemoteTag(phone(slot), msg);
   sPhone& partner = partnerOf(slot);
   // An INVITE with credentials may have been redirected; the caller waits for the first answer still.
-  if (!isAnswered(partner) && reviewMoveStorage(slot)) return;
+  if (reviewMoveStorage(slot)) return;
   relayErrorStatus(partner, hasBye(partner) ? partner.pcPrevRemoteVia : partner.pcRemoteVia, msg, kError);
   stopReInviteAndRollBack(slot, phone(slot).iPairIndex);
 }

@@ -78,6 +78,8 @@ void MySip::handleMoveMsg(int slot, std::string_view msg) {
 
 bool MySip::reviewMoveStorage(int slot) {
   sPhone& leg = phone(slot);
+  // Whoever has hung up is not called elsewhere, and a call that stands does not move.
+  if (leg.bTerminating || leg.bAnswered) return false;
   while (!leg.pcMoveContacts.empty()) {
     const FixedText<3001> contact = takeNextContact(leg.pcMoveContacts);
     sSipUri uri;

@@ -301,6 +301,10 @@ TEST_F(CallTest, LateAnswersAreAcknowledgedOrLogged) {
   fromPbx(replaced(respond(pairInvite, "180 Ringing"), header(pairInvite, "Call-ID"), "unknown@x"));
   EXPECT_EQ(installation.logCount("WARNING in MySip::analyzeSipMessage, no match for Ringing Msg\n"), 1);
   fromPbx(respond(pairInvite, "181 Call Is Being Forwarded"));
+  fromPbx(respond(pairInvite, "180 Ringing", "carl1"));
+  fromPbx(respond(pairInvite, "183 Session Progress", "carl1", "", sdp(5000, "0")));
+  EXPECT_EQ(installation.logCount("a late answer of another destination is ignored\n"), 2);
+  EXPECT_EQ(sip->phone(kPair).pcRemoteTag, ";tag=bob1");
   expectSilence();
   EXPECT_EQ(sip->numActiveCalls(), 1);
 }

@@ -120,6 +120,45 @@ TEST_F(RedirectionTest, RedirectionsThatDoNotEndAreGivenUp) {
   EXPECT_EQ(firstLine(atCaller()), "SIP/2.0 480 Temporarily Unavailable");
 }
 
+TEST_F(RedirectionTest, ContactsThatAreLeftWhenTheCallEndsOrIsAnsweredStayQuiet) {
+  enum class End { eCancel, eGivenUp, eBye, eOurBye, eAnswer };
+  for (const End end : {End::eCancel, End::eGivenUp, End::eBye, End::eOurBye, End::eAnswer}) {
+    SCOPED_TRACE(static_cast<int>(end));
+    start();
+    callerAnswer.clear();
+    ring();
+    LoopbackPeer second;
+    fromPbx(respond(pairInvite, "302 Moved Temporarily", "bob1",
+                    contactOfPbx() +
+                        replaced(contactOfPbx(), std::to_string(pbx.port()), std::to_string(second.port()))));
+    atPbx();
+    std::string waiting = atPbx();
+    EXPECT_EQ(firstLine(waiting), "INVITE sip:200@127.0.0.1 SIP/2.0");
+    if (end == End::eCancel) {
+      fromCaller(callerRequest("CANCEL", 1));
+      EXPECT_EQ(header(atPbx(), "CSeq"), "1 CANCEL");
+    } else if (end == End::eGivenUp) {
+      passSeconds(60);
+    } else if (end == End::eAnswer) {
+      fromPbx(respond(waiting, "200 OK", "f", contactOfPbx(), sdp(LoopbackPeer::freePortPair(), "0")));
+      callerAnswer = atCaller();
+      waiting = relayReInvite(invite.sdp);
+      fromPbx(respond(waiting, "183 Session Progress", "", "", sdp(LoopbackPeer::freePortPair(), "0")));
+      atCaller();
+    } else {
+      end == End::eBye ? fromCaller(build(callerWithin("BYE", 2))) : sip->initiateCallTermination(kOrig);
+      EXPECT_TRUE(firstLine(atPbx()).starts_with("BYE "));
+      if (end == End::eOurBye) atCaller();
+    }
+    fromPbx(respond(waiting, "487 Request Terminated", "f"));
+    EXPECT_EQ(firstLine(atCaller()), "SIP/2.0 487 Request Terminated");
+    expectSilence();
+    EXPECT_TRUE(second.quiet());
+    EXPECT_EQ(sip->phone(kPair).pcCallID, header(waiting, "Call-ID"));
+    sip->closeRtpSessionPair(kOrig, kPair);
+  }
+}
+
 TEST_F(RedirectionTest, OnlyTheLastInviteOfACallThatIsNotAnsweredCanBeRedirected) {
   start();
   ring();
