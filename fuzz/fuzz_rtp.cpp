@@ -48,7 +48,7 @@ void checkRecord(const sRtpSessionPair& record) {
     require(std::is_sorted(entries.begin(), entries.begin() + count,
                            [](const auto& left, const auto& right) { return left.iSeq < right.iSeq; }));
     require(record.iOutRingAvailable[side] >= 0 && record.iOutRingAvailable[side] <= kOutRingSamples);
-    require(record.iFrameFill[side] >= 0 && record.iFrameFill[side] < kMaxFrameSamples);
+    require(record.iFrameFill[side] >= 0 && record.iFrameFill[side] < kWidebandFrameSamples);
     require(record.pcDtmfDigits[side].size() <= kMaxDtmfDigits);
     require(record.iPacketsLost[side] <= record.iPacketsReceived[side]);
   }

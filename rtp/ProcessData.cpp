@@ -21,7 +21,7 @@ constexpr int kDtmfBufferBytes = 100;
 constexpr int kMaxPayloadBytes = kMessageBufferBytes;
 
 int frameSamples(const sRtpSessionPair& record) {
-  return record.iSampleRate == 8000 ? kMaxFrameSamples / 2 : kMaxFrameSamples;
+  return record.iSampleRate == 8000 ? kWidebandFrameSamples / 2 : kWidebandFrameSamples;
 }
 
 std::uint16_t channelOf(int side, int pair) {

@@ -30,10 +30,10 @@ using PerSide = std::array<T, 2>;
 
 inline constexpr int kMessageBufferBytes = 2000;  // one datagram of at most 1999 bytes
 inline constexpr int kMaxDatagramBytes = kMessageBufferBytes - 1;
-inline constexpr int kNumMessageBuffers = 30;   // as many as the queue has slots
-inline constexpr int kJitterBufferEntries = 5;  // four wait for a gap to be filled, the fifth ends the wait
-inline constexpr int kMaxFrameSamples = 64;     // 4 ms at 16 kHz; 32 samples at 8 kHz
-inline constexpr int kOutRingSamples = 800;     // 100 ms at 8 kHz, 50 ms at 16 kHz
+inline constexpr int kNumMessageBuffers = 30;     // as many as the queue has slots
+inline constexpr int kJitterBufferEntries = 5;    // four wait for a gap to be filled, the fifth ends the wait
+inline constexpr int kWidebandFrameSamples = 64;  // 4 ms at 16 kHz; 32 samples at 8 kHz
+inline constexpr int kOutRingSamples = 800;       // 100 ms at 8 kHz, 50 ms at 16 kHz
 inline constexpr int kMaxDtmfDigits = 99;
 inline constexpr std::uint8_t kNoTelephoneEventPT = 255;  // payload types have 7 bits
 
@@ -96,8 +96,8 @@ struct sPairRecordings {
 // Linear samples between decoder and encoder, at iSampleRate.
 struct sPairSamples {
   PerSide<int> iFrameFill{};
-  PerSide<std::array<std::int16_t, kMaxFrameSamples>> psFrame;   // the engine frame being assembled
-  PerSide<std::array<std::int16_t, kOutRingSamples>> psOutRing;  // processed, not yet encoded
+  PerSide<std::array<std::int16_t, kWidebandFrameSamples>> psFrame;  // the engine frame being assembled
+  PerSide<std::array<std::int16_t, kOutRingSamples>> psOutRing;      // processed, not yet encoded
   PerSide<int> iOutRingWrite{};
   PerSide<int> iOutRingAvailable{};
   PerSide<int> iOutRingRead{};

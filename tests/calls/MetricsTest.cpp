@@ -227,6 +227,11 @@ TEST_F(MetricsTest, TotalsOutliveTheFilesTheyWereReadFrom) {
   fs::remove(logFile());
   refuse("1");
   EXPECT_EQ(refused(), 10) << "deleted";
+  fs::rename(logFile().parent_path(), scratch.path() / "hidden");
+  EXPECT_EQ(refused(), 10);
+  for (const char* each : {"draining", "registrations_missing"})
+    EXPECT_EQ(metricIn(figures, each), -1) << each << " is told without a log";
+  fs::rename(scratch.path() / "hidden", logFile().parent_path());
   std::ofstream(logFile(), std::ios::app) << " WARNING in MySip::reportTroubles, new calls ref";
   EXPECT_EQ(refused(), 10);
   std::ofstream(logFile(), std::ios::app) << "used: 1 with 486, 0 with 503\n";

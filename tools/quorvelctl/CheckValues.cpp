@@ -5,6 +5,7 @@
 #include <span>
 
 #include "app/config/Settings.h"
+#include "engine/EngineUnits.h"
 #include "engine/Kestrova.h"
 #include "rtp/MyRtp.h"
 #include "rtp/RtpHeader.h"
@@ -45,7 +46,6 @@ struct sThreshold {
 
 // Five packets of the largest size wait for the one before them; 8 time stamps a millisecond in every codec.
 constexpr double kHighestJitterMs = kJitterBufferEntries * (kMaxDatagramBytes - kRtpHeaderBytes) / 8.0;
-constexpr double kHighestSpread = 65535;  // between the largest and the smallest 16-bit sample
 constexpr double kHighestDelayMs = 1000;  // what is later counts as a gap
 constexpr double kHighestGainPercent = 500;
 // Of the packets that came: each counts at most one that did not.
@@ -148,8 +148,8 @@ void checkThresholds(Findings& findings) {
        {"ThresholdToHighlightDelay", value(iThresholdToHighlightDelay), kHighestDelayMs},
        {"ThresholdToHighlightJitter", value(iThresholdToHighlightJitter), kHighestJitterMs},
        {"ThresholdToHighlightAGCCoef", value(iThresholdToHighlightAGCCoef), kHighestGainPercent},
-       {"ThresholdToHighlightEchoLevel", value(iThresholdToHighlightEchoLevel), kHighestSpread},
-       {"ThresholdToHighlightNoiseLevel", value(iThresholdToHighlightNoiseLevel), kHighestSpread}}};
+       {"ThresholdToHighlightEchoLevel", value(iThresholdToHighlightEchoLevel), kLargestSpread},
+       {"ThresholdToHighlightNoiseLevel", value(iThresholdToHighlightNoiseLevel), kLargestSpread}}};
   for (const sThreshold& threshold : thresholds) {
     if (threshold.dValue > threshold.dHighest || std::isnan(threshold.dValue))
       findings.warn(threshold.pcKey, "never triggers: no figure reaches it");

@@ -85,6 +85,15 @@ sProcessState stateOf(pid_t process) {
   return state;
 }
 
+// What only the log tells, so without one nothing is said.
+void addTold(MetricsText& out, const sContext& context, const MetricsTotals& totals) {
+  const auto isReadable = [](const std::string& path) { return access(path.c_str(), R_OK) == 0; };
+  if (std::ranges::none_of(logPaths(context), isReadable)) return;
+  out.add("draining", "gauge", "1 while new calls are refused.", totals.of("draining"));
+  out.add("registrations_missing", "gauge", "Registrations of its own identities that it cannot get.",
+          totals.of("missing"));
+}
+
 void addProcess(MetricsText& out, const sContext& context, const MetricsTotals& totals,
                 std::optional<pid_t> process) {
   out.add("up", "gauge", "1 while the process runs.", process ? 1 : 0);
@@ -98,9 +107,7 @@ void addProcess(MetricsText& out, const sContext& context, const MetricsTotals& 
     out.add("calls_allowed", "gauge", "Calls that can be up at once.", *pending.callsAllowed);
   if (const auto calls = askActiveCalls(context, *process))
     out.add("active_calls", "gauge", "Calls that are up.", *calls);
-  out.add("draining", "gauge", "1 while new calls are refused.", totals.of("draining"));
-  out.add("registrations_missing", "gauge", "Registrations of its own identities that it cannot get.",
-          totals.of("missing"));
+  addTold(out, context, totals);
   const sProcessState state = stateOf(*process);
   out.add("cpu_seconds_total", "counter", "CPU time of the process.", state.dCpuSeconds);
   out.add("resident_memory_bytes", "gauge", "Resident memory.", state.dResidentBytes);
