@@ -65,23 +65,6 @@ int bringUp(const ConfigurationPath& configuration) {
   return kExitDone;
 }
 
-// The main loop may return while calls are up, when the instance lock is lost: their media threads must be
-// gone before the tables they use are.
-void closeOpenMedia() {
-  // Two calls may share a Call-ID, so that one is closed in the other's name: look again until none is left.
-  for (int pair = myRtp.iMaxPairIndex; pair >= 0;) {
-    const sRtpSessionPair& call = myRtp.psPairs[static_cast<std::size_t>(pair)];
-    if (!call.bInUse) {
-      --pair;
-      continue;
-    }
-    const FixedText<100> first = call.pcCallID[0];
-    const FixedText<100> second = call.pcCallID[1];
-    if (myRtp.closeSessionPair(first.c_str(), second.c_str()) != 0) --pair;
-  }
-  myRtp.finishEndings();
-}
-
 int run(std::span<char* const> arguments) {
   ConfigurationPath configuration;
   if (!takeInstanceName(arguments) || !findInstallation(std::getenv("KESTROVA_BIN")) ||
@@ -93,7 +76,7 @@ int run(std::span<char* const> arguments) {
   if (status != kExitDone) return status;
   mySip.pGenerateStatistics = [] { statisticsGeneration.generateRealTimeStatistics(); };
   mySip.mainLoop();
-  closeOpenMedia();
+  myRtp.closeAll();  // calls may be up when the instance lock was lost
   return kExitDone;
 }
 

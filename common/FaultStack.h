@@ -7,6 +7,15 @@
 #include <csignal>
 #include <cstddef>
 
+// What a thread is started with: signals are for the main thread, which runs the handlers. Faults stay
+// deliverable where they happen.
+inline sigset_t signalsBlockedInThreads() {
+  sigset_t signals;
+  sigfillset(&signals);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP}) sigdelset(&signals, fault);
+  return signals;
+}
+
 class FaultStack {
  public:
   FaultStack() {

@@ -15,7 +15,7 @@ namespace {
 constexpr const char* kFunction = "StatisticsGeneration::generateRealTimeStatistics";
 // What stands around the table, and as many rows as there can be calls: two names, of 165 characters that may
 // each become five, and 15 figures of at most 40 characters with their cells.
-constexpr std::size_t kMaxPageBytes = 8'192 + 127 * (2 * 5 * 165 + 15 * 40 + 200);
+constexpr std::size_t kMaxPageBytes = 8'192 + kMostCalls * (2 * 5 * 165 + 15 * 40 + 200);
 constexpr const char* kAverageTitle = "Real Time Average Statistics On Active Channels";
 constexpr const char* kExtremeTitle = "Real Time Extreme Statistics On Active Channels";
 

@@ -52,9 +52,8 @@ sCallFigures MyRtp::figuresOf(int side, int pair) const {
   const std::int64_t packets = std::max<int>(record.iPacketsReceived[side], 1);
   const int unitsPerMs = psCodecTiming[record.psCodecs[side][0].eCodec].iRtcpUnitsPerMs;
   const std::int64_t samples = std::max<std::int64_t>(record.iProcessedSamples[side], 1);
-  const double framesPerSample = record.iSampleRate == 8000 ? 32.0 : 64.0;
   const auto frameAverage = [&](double sum) {
-    return static_cast<int>(sum / static_cast<double>(samples) * framesPerSample);
+    return static_cast<int>(sum / static_cast<double>(samples) * samplesPerFrame(record.iSampleRate));
   };
   sCallFigures figures;
   figures.iConfidentVoicePercent = static_cast<int>(record.iConfidentVoiceSamples[side] * 100 / samples);

@@ -37,9 +37,19 @@ int MyRtp::findRtpIndex(const char* callId1, const char* callId2) {
 }
 
 int MyRtp::closeSessionPair(const char* callId1, const char* callId2) {
+  const int pair = findOpenPair(callId1, callId2);
+  return pair >= 0 && closePair(pair) ? pair : -1;
+}
+
+// By index, since two pairs may share a Call-ID.
+void MyRtp::closeAll() {
+  for (int pair = iMaxPairIndex; pair >= 0; --pair)
+    if (psPairs[pair].bInUse) (void)closePair(pair);
+  finishEndings();
+}
+
+bool MyRtp::closePair(int pair) {
   try {
-    const int pair = findOpenPair(callId1, callId2);
-    if (pair < 0) return -1;
     sRtpSessionPair& record = psPairs[pair];
     stopThread(pair);
     for (sRtpQueuedMsg& slot : record.psQueue) {
@@ -50,13 +60,13 @@ int MyRtp::closeSessionPair(const char* callId1, const char* callId2) {
     closeRecordings(pair);
     writeClosingLine(pair);
     leaveTable(pair);
-    if (isLearning(pair) && endInBackground(pair)) return pair;
+    if (isLearning(pair) && endInBackground(pair)) return true;
     endPair(pair);
     pairIndex.release(pair);
-    return pair;
+    return true;
   } catch (...) {
     Log::error("MyRtp::closeSessionPair", "exception caught");
-    return -1;
+    return false;
   }
 }
 

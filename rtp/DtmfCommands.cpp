@@ -14,10 +14,6 @@ constexpr unsigned char kEndBit = 0x80;
 
 using Setting = FixedText<300>;
 
-std::uint16_t channelOf(int side, int pair) {
-  return static_cast<std::uint16_t>(2 * pair + side);
-}
-
 // The name in prefix + name + suffix, somewhere in the digits; absent when the two do not occur in this
 // order, or when nothing was configured that could occur.
 struct sNamedCommand {

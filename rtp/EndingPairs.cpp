@@ -12,13 +12,6 @@ namespace {
 
 constexpr const char* kFunction = "MyRtp::closeSessionPair";
 
-std::uint16_t channelOf(int side, int pair) {
-  return static_cast<std::uint16_t>(2 * pair + side);
-}
-
-// In no other pair can a voice be registered.
-constexpr int kPairsWithChannels = (KESTROVA_MAX_CHANNEL + 1) / 2;
-
 }  // namespace
 
 bool MyRtp::isLearning(int pair) const {

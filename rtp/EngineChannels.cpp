@@ -109,14 +109,14 @@ void MyRtp::fillKestrovaInitAEC(sKestrovaInit& init, int pair) const {
       basic ? std::uint16_t{0} : narrowed<std::uint16_t>(iAECMinOutputPercentageDuringEcho);
 }
 
-// The channel of a side is 2 * pair + side, for noise and echo alike. A channel that could not be initialised
-// is given back at once, so that closing finds only channels that run.
+// A channel that could not be initialised is given back at once, so that closing finds only channels that
+// run.
 bool MyRtp::startEngineChannels(int pair) {
   constexpr const char* kFunction = "MyRtp::openSessionPair";
   sRtpSessionPair& record = psPairs[pair];
   const std::uint8_t startBypassed = iStartWithFilterActivated == 0 ? 1 : 0;
   for (int side = 0; side < 2; ++side) {
-    const auto channel = static_cast<std::uint16_t>(2 * pair + side);
+    const std::uint16_t channel = channelOf(side, pair);
     sKestrovaInit init;
     if (shouldProcessFrame(side, pair)) {
       fillKestrovaInitNoise(init, pair);

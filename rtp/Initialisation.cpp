@@ -16,8 +16,6 @@ namespace {
 
 constexpr const char* kFunction = "MyRtp::init";
 
-constexpr int kG722BitRate = 64000;
-
 void threadPool(sRtpSessionPair& pair) {
   pair.pcFreeMsg = pair.pcMsgBuffers[0].data();
   for (int i = 0; i < kNumMessageBuffers; ++i) {

@@ -15,7 +15,8 @@
 #include <cstdint>
 #include <type_traits>
 
-inline constexpr int kGWBQmfTaps = 24;  // of the transmit and the receive QMF (G.722 clause 3.1)
+inline constexpr int kG722BitRate = 64000;  // of payload type 9 (RFC 3551, section 4.5.2)
+inline constexpr int kGWBQmfTaps = 24;      // of the transmit and the receive QMF (G.722 clause 3.1)
 
 // Adaptive predictor and quantiser scale of one sub-band (G.722 clauses 3.5 and 3.6). The names of the
 // Recommendation stand behind each field, without the L or H that tells the sub-bands apart there.

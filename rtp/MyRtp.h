@@ -16,9 +16,10 @@
 // 11  Call quality          rtp/CallQuality.cpp
 //
 // Threads: sections 1 to 4 and calcMOS run on the SIP thread, sections 5 to 10 and calcJitterStatistics on
-// the media thread of the pair they name. A registration that is still running when its call ends is stopped
-// on a thread of its own, after the media thread was joined, since deriving a voice and storing it would hold
-// up all calls. "Side" is 0 or 1, "pair" an index of psPairs.
+// the media thread of the pair they name, which also fills initialisation records of section 4 when a key
+// command restarts a channel: the settings these read are safe to share. A registration that is still running
+// when its call ends is stopped on a thread of its own, after the media thread was joined, since deriving a
+// voice and storing it would hold up all calls. "Side" is 0 or 1, "pair" an index of psPairs.
 #pragma once
 
 #include <array>
@@ -71,6 +72,16 @@ constexpr std::int64_t descriptorsFor(std::int64_t calls) {
   return calls * kPerCall + kOfTheProcess;
 }
 
+inline constexpr int kMostCalls = 127;
+static_assert(descriptorsFor(kMostCalls) <= kMaxDescriptors &&
+              descriptorsFor(kMostCalls + 1) > kMaxDescriptors);
+
+// The engine's channel of a side, for noise and echo alike; further pairs have none.
+constexpr std::uint16_t channelOf(int side, int pair) {
+  return static_cast<std::uint16_t>(2 * pair + side);
+}
+inline constexpr int kPairsWithChannels = (KESTROVA_MAX_CHANNEL + 1) / 2;
+
 inline constexpr int kMaxToneBytes = 16000;  // 2 s; one byte is one 8 kHz sample time in every codec
 
 // A tone encoded in one codec.
@@ -122,7 +133,7 @@ class MyRtp {
 
   // Opens a pair and starts its media thread. The pair's index, or -1. After a failure the slot stays in use
   // with what was opened so far; closeSessionPair releases it.
-  int openSessionPair(const sSessionPairRequest& request);
+  [[nodiscard]] int openSessionPair(const sSessionPairRequest& request);
   // Stops and releases the open pair that carries either Call-ID on either side. Its index, or -1 (silently)
   // when there is none. Does not wait for the media thread's time-out, nor for a registration that the call
   // leaves running: the slot is free again when that has ended. One that ends by its own length in that very
@@ -130,6 +141,8 @@ class MyRtp {
   int closeSessionPair(const char* callId1, const char* callId2);
   // Waits until the registrations of all closed pairs have ended.
   void finishEndings();
+  // Closes every open pair and waits for its registrations: no thread uses the tables any more.
+  void closeAll();
   // Index of the open pair that carries either Call-ID on either side, lowest first; -1, logged, when none.
   int findRtpIndex(const char* callId1, const char* callId2);
   // Refills the descriptor set from the pair's four sockets.
@@ -240,6 +253,7 @@ class MyRtp {
   bool openSockets(int pair);
   bool startThread(int pair);
   int findOpenPair(const char* callId1, const char* callId2) const;
+  [[nodiscard]] bool closePair(int pair);
   void stopThread(int pair);
   void closeSockets(int side, int pair);
   void leaveTable(int pair);

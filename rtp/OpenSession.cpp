@@ -11,20 +11,24 @@
 #include "common/Clock.h"
 #include "common/FaultStack.h"
 #include "common/Handle.h"
+#include "common/Port.h"
 #include "rtp/MyRtp.h"
 
 namespace {
 
 constexpr const char* kFunction = "MyRtp::openSessionPair";
 constexpr std::size_t kThreadStackBytes = 5'000'000;  // the engine keeps its work areas on the stack
-constexpr int kG722BitRate = 64000;
+
+int rtcpPortOf(int rtpPort) {
+  return rtpPort <= kHighestPort ? rtpPort + 1 : rtpPort;  // RFC 3550, section 11
+}
 
 // A port outside 0..65535 gives port 0, to which nothing can be sent.
 sockaddr_in addressOf(in_addr ip, int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr = ip;
-  address.sin_port = port >= 0 && port <= 65535 ? htons(static_cast<in_port_t>(port)) : in_port_t{0};
+  address.sin_port = port >= 0 && port <= kHighestPort ? htons(static_cast<in_port_t>(port)) : in_port_t{0};
   return address;
 }
 
@@ -97,20 +101,12 @@ bool hasG722(const CodecList& codecs, int numCodecs) {
                      [](const sCodecNegotiationList_t& entry) { return entry.eCodec == eCodecG722; });
 }
 
-// Media threads take no signal: handlers run on the main thread. Faults stay deliverable where they happen.
-sigset_t blockedSignals() {
-  sigset_t signals;
-  sigfillset(&signals);
-  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP}) sigdelset(&signals, fault);
-  return signals;
-}
-
 const pthread_attr_t* threadAttributes() {
   static const pthread_attr_t attributes = [] {
     pthread_attr_t result;
     pthread_attr_init(&result);
     pthread_attr_setstacksize(&result, kThreadStackBytes);
-    const sigset_t signals = blockedSignals();
+    const sigset_t signals = signalsBlockedInThreads();
     pthread_attr_setsigmask_np(&result, &signals);
     return result;
   }();
@@ -152,7 +148,7 @@ int MyRtp::openSessionPair(const sSessionPairRequest& request) {
 int MyRtp::takeFreeSlot(const sSessionPairRequest& request) {
   freeEnded(false);
   int pair = pairIndex.firstFree();
-  if (pair < 0 || (request.iCleaningType != 0 && 2 * pair + 1 > KESTROVA_MAX_CHANNEL)) {
+  if (pair < 0 || (request.iCleaningType != 0 && pair >= kPairsWithChannels)) {
     finishEndings();
     pair = pairIndex.firstFree();
   }
@@ -178,15 +174,15 @@ void MyRtp::storeLegs(int pair, const sSessionPairRequest& request, in_addr own)
     const in_addr remote = parseIP(leg.pcRemoteIP);
     record.iLocalRtpPort[side] = leg.iLocalRtpPort;
     record.sLocalRtpAddr[side] = addressOf(own, leg.iLocalRtpPort);
-    record.iLocalRtcpPort[side] = leg.iLocalRtpPort + 1;
-    record.sLocalRtcpAddr[side] = addressOf(own, leg.iLocalRtpPort + 1);
+    record.iLocalRtcpPort[side] = rtcpPortOf(leg.iLocalRtpPort);
+    record.sLocalRtcpAddr[side] = addressOf(own, rtcpPortOf(leg.iLocalRtpPort));
     record.iRemoteRtpPort[side] = leg.iRemoteRtpPort;
     record.sRemoteRtpAddr[side] = addressOf(remote, leg.iRemoteRtpPort);
-    record.iRemoteRtcpPort[side] = leg.iRemoteRtpPort + 1;
-    record.sRemoteRtcpAddr[side] = addressOf(remote, leg.iRemoteRtpPort + 1);
+    record.iRemoteRtcpPort[side] = rtcpPortOf(leg.iRemoteRtpPort);
+    record.sRemoteRtcpAddr[side] = addressOf(remote, rtcpPortOf(leg.iRemoteRtpPort));
     record.iNonAudioPort[side] = std::max(leg.iNonAudioPort, 0);
     record.sRemoteNonAudioAddr[side] = addressOf(remote, leg.iNonAudioPort);
-    record.sRemoteNonAudioRtcpAddr[side] = addressOf(remote, leg.iNonAudioPort + 1);
+    record.sRemoteNonAudioRtcpAddr[side] = addressOf(remote, rtcpPortOf(leg.iNonAudioPort));
   }
   cutLoops(record, own);
 }

@@ -20,14 +20,6 @@ constexpr int kDtmfBufferBytes = 100;
 
 constexpr int kMaxPayloadBytes = kMessageBufferBytes;
 
-int frameSamples(const sRtpSessionPair& record) {
-  return record.iSampleRate == 8000 ? kWidebandFrameSamples / 2 : kWidebandFrameSamples;
-}
-
-std::uint16_t channelOf(int side, int pair) {
-  return static_cast<std::uint16_t>(2 * pair + side);
-}
-
 // What a frame counts as when the engine says nothing about it.
 sKestrovaFrameResult untouchedFrame(int bytes) {
   sKestrovaFrameResult result{};
@@ -85,7 +77,7 @@ void MyRtp::processData(int side, int pair, char* payload, int payloadLen, SUPPO
     const int bytes = decodeIntoFrame(side, pair, payload + consumed, length - consumed, codec);
     if (bytes == 0) break;
     consumed += bytes;
-    if (record.iFrameFill[side] >= frameSamples(record)) {
+    if (record.iFrameFill[side] >= samplesPerFrame(record.iSampleRate)) {
       record.iFrameFill[side] = 0;  // first, so that a frame that fails is not filled further
       handleFrame(side, pair);
     }
@@ -103,7 +95,7 @@ int MyRtp::decodeIntoFrame(int side, int pair, const char* payload, int remainin
   sRtpSessionPair& record = psPairs[pair];
   const bool narrowband = record.iSampleRate == 8000;
   int& fill = record.iFrameFill[side];
-  const int room = frameSamples(record) - fill;
+  const int room = samplesPerFrame(record.iSampleRate) - fill;
   std::int16_t* const target = record.psFrame[side].data() + fill;
   if (codec == eCodecG722) {
     const int bytes = std::min(remaining, narrowband ? room : room / 2);
@@ -124,7 +116,7 @@ int MyRtp::decodeIntoFrame(int side, int pair, const char* payload, int remainin
 void MyRtp::handleFrame(int side, int pair) {
   sRtpSessionPair& record = psPairs[pair];
   std::int16_t* const frame = record.psFrame[side].data();
-  const int samples = frameSamples(record);
+  const int samples = samplesPerFrame(record.iSampleRate);
   const int frameBytes = 2 * samples;
   sKestrovaFrameResult result = untouchedFrame(frameBytes);
   writeSamples(record.pfOrigRecording[side].pfFile, frame, frameBytes);
@@ -142,7 +134,7 @@ void MyRtp::handleFrame(int side, int pair) {
 
 void MyRtp::handleRegistrationFrame(int side, int pair, sKestrovaFrameResult& result) {
   sRtpSessionPair& record = psPairs[pair];
-  const int samples = frameSamples(record);
+  const int samples = samplesPerFrame(record.iSampleRate);
   int& recorded = record.iRegistrationSamples[side];
   recorded += samples;
   if (recorded > kRegistrationMaxSamples) {
@@ -161,7 +153,7 @@ void MyRtp::handleRegistrationFrame(int side, int pair, sKestrovaFrameResult& re
 void MyRtp::handleEngineFrame(int side, int pair, sKestrovaFrameResult& result) {
   sRtpSessionPair& record = psPairs[pair];
   std::int16_t* const frame = record.psFrame[side].data();
-  const int bytes = 2 * frameSamples(record);
+  const int bytes = 2 * samplesPerFrame(record.iSampleRate);
   const std::uint16_t channel = channelOf(side, pair);
   const int other = 1 - side;
   int failure = 0;

@@ -156,7 +156,7 @@ void MyRtp::doRegistration(int side, int pair, std::string_view name) {
   }
   record.tRegistrationStart[side] = Clock::steadyTime().tv_sec;
   if (record.bRegistering[side]) doAbortRegistration(side, pair);
-  const auto channel = static_cast<std::uint16_t>(2 * pair + side);
+  const std::uint16_t channel = channelOf(side, pair);
   sKestrovaInit init;
   fillKestrovaInitNoise(init, pair);
   init.bStartRegistration = 1;
@@ -190,7 +190,7 @@ void MyRtp::doStopRegistration(int side, int pair) {
     return;
   }
   record.bRegistering[side] = false;
-  const auto channel = static_cast<std::uint16_t>(2 * pair + side);
+  const std::uint16_t channel = channelOf(side, pair);
   const File raw = std::move(record.pfRegistrationRaw[side]);
   const File wave = std::move(record.pfRegistrationWave[side]);
   File data = std::move(record.pfRegistrationData[side]);
@@ -214,7 +214,7 @@ void MyRtp::doAbortRegistration(int side, int pair) {
     return;
   }
   record.bRegistering[side] = false;
-  if (KestrovaCompleteRegistration(static_cast<std::uint16_t>(2 * pair + side), nullptr) != 0) {
+  if (KestrovaCompleteRegistration(channelOf(side, pair), nullptr) != 0) {
     Log::warning(kFunction, "unable to complete registration\n");
   }
   closeFiles(record, side);

@@ -37,6 +37,10 @@ inline constexpr int kOutRingSamples = 800;       // 100 ms at 8 kHz, 50 ms at 1
 inline constexpr int kMaxDtmfDigits = 99;
 inline constexpr std::uint8_t kNoTelephoneEventPT = 255;  // payload types have 7 bits
 
+constexpr int samplesPerFrame(int sampleRate) {
+  return sampleRate == 8000 ? kWidebandFrameSamples / 2 : kWidebandFrameSamples;
+}
+
 // A datagram that waits for the packet path.
 struct sRtpQueuedMsg {
   char* pcMsg = nullptr;  // buffer of the pool; null: the slot is free

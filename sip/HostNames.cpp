@@ -11,19 +11,18 @@
 
 #include "app/config/Log.h"
 #include "common/Clock.h"
+#include "common/FaultStack.h"
 
 namespace {
 
 constexpr const char* kFunction = "HostNames::find";
 
-// Signals are for the main thread; a new thread takes over the mask of the one that starts it.
+// A new thread takes over the mask of the one that starts it.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP}) sigdelset(&all, fault);
-    pthread_sigmask(SIG_BLOCK, &all, &before);
+    const sigset_t signals = signalsBlockedInThreads();
+    pthread_sigmask(SIG_BLOCK, &signals, &before);
   }
   ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
   SignalsBlocked(const SignalsBlocked&) = delete;

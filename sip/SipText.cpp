@@ -10,6 +10,7 @@
 #include <span>
 
 #include "app/config/Log.h"
+#include "common/Port.h"
 #include "sip/HeaderLines.h"
 #include "sip/MySip.h"
 
@@ -18,7 +19,6 @@ namespace {
 constexpr auto kNotFound = std::string_view::npos;
 constexpr std::size_t kMaxSearchLength = 9999;
 constexpr std::string_view kLineEnd = "\r\n";
-constexpr int kMaxPort = 65535;
 
 constexpr bool isBlank(char character) {
   return character == ' ' || character == '\t';
@@ -301,7 +301,7 @@ bool MySip::readDecimal(std::string_view text, int& out) {
 
 bool MySip::readPort(std::string_view text, int& out) {
   int port = 0;
-  if (!readDecimal(text, port) || port < 0 || port > kMaxPort) return false;
+  if (!readDecimal(text, port) || port < 0 || port > kHighestPort) return false;
   out = port;
   return true;
 }

@@ -1,6 +1,7 @@
 #include <array>
 #include <cerrno>
 
+#include "app/config/Guarded.h"
 #include "app/config/KeyRegistry.h"
 #include "app/config/KeyValue.h"
 #include "app/config/Log.h"
@@ -67,11 +68,7 @@ bool applyDefaults() {
 
 int MyConfiguration::readParams(const char* path, bool reload) {
   constexpr int kFailure = 2;
-  try {
-    if (!readLines(path, reload) || !applyDefaults()) return kFailure;
-    return analyzeCommandKeys();
-  } catch (...) {
-    Log::error(kReadParams, "exception caught");
-    return kFailure;
-  }
+  return guarded(kReadParams, kFailure, [&] {
+    return readLines(path, reload) && applyDefaults() ? analyzeCommandKeys() : kFailure;
+  });
 }

@@ -254,6 +254,7 @@ void Log::fromSignalHandler(Level level, const char* function, const char* messa
 }
 
 void Log::rememberTimeZone() {
+  tzset();  // ctime_r and localtime_r never look whether the zone was changed
   const std::time_t now = Clock::now();
   tm local{};
   if (localtime_r(&now, &local) != nullptr)

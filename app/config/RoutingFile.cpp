@@ -1,16 +1,17 @@
 #include <optional>
 
+#include "app/config/Guarded.h"
 #include "app/config/Log.h"
 #include "app/config/MyConfiguration.h"
 #include "app/config/Scan.h"
 #include "app/config/TextFile.h"
+#include "common/Port.h"
 
 namespace {
 
 constexpr const char* kFunction = "MyConfiguration::readSipRoutingFile";
 constexpr int kFailure = 1;
 constexpr std::string_view kFieldEnd = "::";
-constexpr int kHighestPort = 65535;
 
 // Takes the text before the next "::" off the line, with that mark. Nothing when there is none.
 std::optional<std::string_view> takeField(std::string_view& line) {
@@ -90,10 +91,5 @@ int MyConfiguration::readSipRoutingLine(std::string_view line) {
 }
 
 int MyConfiguration::readSipRoutingFile(const char* path) {
-  try {
-    return readRows(path);
-  } catch (...) {
-    Log::error(kFunction, "exception caught");
-    return kFailure;
-  }
+  return guarded(kFunction, kFailure, [&] { return readRows(path); });
 }

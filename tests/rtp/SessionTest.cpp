@@ -234,6 +234,13 @@ TEST_F(SessionTest, PairsAreFoundByEitherCallIdAndSlotsAreUsedFromTheLowest) {
   EXPECT_EQ(myRtp.iMaxPairIndex, 0);
   EXPECT_EQ(second.open(), 1);
   EXPECT_EQ(installation.logCount("unable to find session pair"), 1);
+
+  // Two pairs with one Call-ID, behind another.
+  third.request.sLeg[0].pcCallID = second.callId[1].c_str();
+  EXPECT_EQ(third.open(), 2);
+  myRtp.closeAll();
+  EXPECT_EQ(myRtp.iMaxPairIndex, -1);
+  for (int pair = 0; pair < 3; ++pair) EXPECT_FALSE(myRtp.psPairs[pair].bThreadToJoin) << pair;
 }
 
 // 508 ports of our own, so that other tests do not run into them.

@@ -247,7 +247,8 @@ int checkConfiguration(const sContext& context) {
   takeRecords();
 
   if (checkLines(findings, context.configuration)) {
-    for (const auto check : {checkStart, checkDigits, checkThresholds, checkCommands, checkCalls})
+    for (const auto check :
+         {checkStart, checkDigits, checkNoiseChannel, checkThresholds, checkCommands, checkCalls})
       check(findings);
     checkPaths(findings, context);
     checkName(findings, context);

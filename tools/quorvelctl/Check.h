@@ -58,6 +58,7 @@ void checkPortIsFree(Findings& findings, const sContext& context, bool isUserGue
 void checkPorts(Findings& findings);  // CheckValues.cpp
 void checkSizes(Findings& findings);
 void checkDigits(Findings& findings);
+void checkNoiseChannel(Findings& findings);
 void checkThresholds(Findings& findings);
 void checkCommands(Findings& findings);  // CheckCalls.cpp: rules and patterns
 void checkCalls(Findings& findings);     // settings without which a call is not what was meant

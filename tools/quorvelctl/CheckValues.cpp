@@ -5,6 +5,7 @@
 #include <span>
 
 #include "app/config/Settings.h"
+#include "common/Port.h"
 #include "engine/EngineUnits.h"
 #include "engine/Kestrova.h"
 #include "rtp/MyRtp.h"
@@ -13,9 +14,6 @@
 #include "tools/quorvelctl/Check.h"
 
 namespace {
-
-constexpr int kHighestPort = 65535;
-constexpr int kCallsOfEngine = (KESTROVA_MAX_CHANNEL + 1) / 2;  // a channel for each side
 
 std::string text(std::string_view view) {
   return std::string(view);
@@ -80,10 +78,10 @@ void checkPorts(Findings& findings) {
 }
 
 void checkSizes(Findings& findings) {
-  if (iNumCallsToFilter > kCallsOfEngine && (iNeedToDoNoiseCancellation != 0 || iNeedToDoAEC != 0))
+  if (iNumCallsToFilter > kPairsWithChannels && (iNeedToDoNoiseCancellation != 0 || iNeedToDoAEC != 0))
     findings.warn(
         "NumCallsToFilter",
-        "the voice engine has room for " + std::to_string(kCallsOfEngine) +
+        "the voice engine has room for " + std::to_string(kPairsWithChannels) +
             " calls: a call to be processed while as many others are up stays silent; start more instances");
   const std::int64_t needed = descriptorsFor(iNumCallsToFilter);
   if (needed > kMaxDescriptors)
@@ -140,6 +138,16 @@ void checkDigits(Findings& findings) {
                   "activation without a name cannot be dialled");
 }
 
+// What a side's noise channel does, echo cancellation alone does not.
+void checkNoiseChannel(Findings& findings) {
+  if (iNeedToDoNoiseCancellation != 0 || iNeedToDoAEC == 0) return;
+  for (const auto& [key, value] :
+       {std::pair("NeedToDoAGC", iNeedToDoAGC.load()), std::pair("NeedToCheckDTMF", iNeedToCheckDTMF.load()),
+        std::pair("CancelAcousticShock", iCancelAcousticShock.load())})
+    if (value != 0 && findings.lineOf(key) > 0)
+      findings.warn(key, "has no effect, since NeedToDoNoiseCancellation is 0");
+}
+
 void checkThresholds(Findings& findings) {
   if (pcRealTimeAverageStatisticsFile.empty() && pcRealTimeExtremeStatisticsFile.empty()) return;
   const auto value = [](int threshold) { return static_cast<double>(threshold); };
@@ -161,8 +169,12 @@ void checkThresholds(Findings& findings) {
     findings.warn("ThresholdToHighlightMOS", "never triggers: no call is worse than 0.69");
   constexpr double kUnchangedGainPercent = 100;
   const char* const gain = "ThresholdToHighlightAGCCoef";
-  if (iNeedToDoAGC == 0 && findings.lineOf(gain) > 0 && iThresholdToHighlightAGCCoef > kUnchangedGainPercent)
-    findings.warn(gain, "never triggers: NeedToDoAGC is 0, and the gain stays at 100");
+  const char* const withoutGain = iNeedToDoAGC == 0                 ? "NeedToDoAGC"
+                                  : iNeedToDoNoiseCancellation == 0 ? "NeedToDoNoiseCancellation"
+                                                                    : nullptr;
+  if (withoutGain != nullptr && findings.lineOf(gain) > 0 &&
+      iThresholdToHighlightAGCCoef > kUnchangedGainPercent)
+    findings.warn(gain, std::string("never triggers: ") + withoutGain + " is 0, and the gain stays at 100");
   const char* const echo = "ThresholdToHighlightEchoLevel";
   if (iNeedToDoAEC == 0 && findings.lineOf(echo) > 0 && iThresholdToHighlightEchoLevel > 0)
     findings.warn(echo, "never triggers: NeedToDoAEC is 0, and no echo is looked for");
