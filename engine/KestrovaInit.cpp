@@ -5,7 +5,6 @@
 #endif
 #include <memory>
 #include <string_view>
-#include <utility>
 
 #include "engine/ApiSupport.h"
 #include "engine/Glob.h"
@@ -75,6 +74,19 @@ void startRegistration(MyChannel& channel) {
   channel.pRegistration = std::make_unique<Registration>(channel);
   channel.pRegistration->start();
 }
+
+// However its end goes, the registration is over. Until then the channel has it: what waits in the queues is
+// handed to it.
+struct RegistrationEnds {
+  MyChannel& channel;
+  explicit RegistrationEnds(MyChannel& owner) : channel(owner) {}
+  ~RegistrationEnds() {
+    channel.bRegistrationRunning = false;
+    channel.pRegistration.reset();
+  }
+  RegistrationEnds(const RegistrationEnds&) = delete;
+  RegistrationEnds& operator=(const RegistrationEnds&) = delete;
+};
 
 // Without a speaker every voice counts, as after the init.
 bool loadSpeaker(MyChannel& channel, const sAPISpeaker* pSpeaker) {
@@ -180,11 +192,12 @@ int KestrovaCompleteRegistration(uint16_t channel, uint32_t* size) {
   MyChannel& noise = api::noiseChannel(channel);
   if (!noise.isInitialized() || !noise.pRegistration) return kBadChannelOrProcessing;
   return guarded(kBadChannelOrProcessing, [&] {
-    const std::unique_ptr<Registration> ending = std::move(noise.pRegistration);
+    const RegistrationEnds atTheEnd{noise};
+    Registration& ending = *noise.pRegistration;
     if (size == nullptr)
-      return ending->discard() == Registration::Outcome::kLearned ? kSuccess : kBadChannelOrProcessing;
+      return ending.discard() == Registration::Outcome::kLearned ? kSuccess : kBadChannelOrProcessing;
     noise.registrationOutcome = Registration::Outcome::kNoMemory;  // unless it comes to its end
-    noise.registrationOutcome = ending->stop(false);
+    noise.registrationOutcome = ending.stop(false);
     if (!noise.bRegistrationCompleted) return kBadChannelOrProcessing;
     *size = profileBytes(noise.pSourceSeparation->patternRecords());
     return kSuccess;

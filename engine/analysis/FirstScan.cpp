@@ -196,7 +196,7 @@ const sSegment* FirstScan::findSegment(int iTime) const {
 
 void FirstScan::shiftOneSegment() {
   if (iClosed == 0) return;
-  if (pMyChannel->pRegistration) pMyChannel->pRegistration->insertNewSegment(closedSegment(0));
+  if (pMyChannel->bRegistrationRunning) pMyChannel->pRegistration->insertNewSegment(closedSegment(0));
   iOldest = (iOldest + 1) % kSegments;
   --iClosed;
 }

@@ -99,7 +99,7 @@ class FirstScan {
   [[nodiscard]] bool isActive() const { return iReleased >= 0; }
   // The segment that contains a sample time, the newest first, or null.
   [[nodiscard]] const sSegment* findSegment(int iTime) const;
-  // Removes the oldest closed segment.
+  // Removes the oldest closed segment; a registration that is running gets it.
   void shiftOneSegment();
   [[nodiscard]] int closedSegments() const { return iClosed; }
   // The closed segments, 0 the oldest.

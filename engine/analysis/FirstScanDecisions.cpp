@@ -142,7 +142,7 @@ void FirstScan::learnFrom(sSegment& segment) {
   pMyChannel->pMyFilters->buildFFTHistogram(segment.histogram, segment.iEndTime + 1 - iPeriod,
                                             segment.iEndTime);
   segment.bHasHistogram = true;
-  if (pMyChannel->pRegistration) pMyChannel->pRegistration->handleProcessingForSegment(segment);
+  pMyChannel->pRegistration->handleProcessingForSegment(segment);
 }
 
 void FirstScan::markVerb(const sSegment& segment, bool bSelf) {

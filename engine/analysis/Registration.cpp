@@ -163,7 +163,6 @@ void Registration::handleProcessingForSegment(const sSegment& segment) {
   if (bPending) learnPending();
   bPending = true;
   iPendingIdentity = segment.iIdentity;
-  pendingEnd = segment.last;
   iPendingTime = segment.iEndTime;
   iPendingAmp = channel.pCycleInformation->calcAmp(segment.last, kLevelCycles);
 }
@@ -177,7 +176,6 @@ void Registration::handleProcessingForCycle() {
     const int iAmp = cycles.calcAmp(next, kLevelCycles);
     if (iAmp <= iPendingAmp) break;
     iPendingAmp = iAmp;
-    pendingEnd = next;
     iPendingTime = cycles.at(next).EndIndex;
   }
   learnPending();

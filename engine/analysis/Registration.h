@@ -1,5 +1,5 @@
 // Learns a talker's voice from the voiced segments that the detector finds while he speaks. A channel owns
-// one while its talker is being learned (MyChannel::bRegistrationRunning).
+// one while its talker is being learned, that is, at least while MyChannel::bRegistrationRunning is set.
 //
 //   segment ends  -> handleProcessingForSegment   it waits until the level after it has stopped rising
 //   no input left -> handleProcessingForCycle     work on the waiting one
@@ -61,7 +61,6 @@ class Registration {
 
   bool bPending = false;
   int iPendingIdentity = 0;
-  cHandle pendingEnd = 0;
   int iPendingAmp = 0;
   int iPendingTime = 0;  // sample time of its end: the ring may have come round
 };

@@ -236,6 +236,13 @@ TEST_F(LearnedVoiceTest, TwoTalkersByTurnsAreRefusedAndOneIsNotHoweverShortHeSpe
   EXPECT_EQ(learn(talk(12, kHigh, kHighThroat, 15)), KESTROVA_REGISTRATION_LEARNED);
 }
 
+TEST_F(LearnedVoiceTest, TheLastVerbsCountLikeTheFirst) {
+  Samples heard = silence(4000);
+  for (int i = 0; i < 8; ++i) (heard += voice(2800, 8000, kDeep, 9000)) += silence(1600);
+  EXPECT_EQ(learn(mixed(heard, gaussianNoise(heard.size(), 5, 16))), KESTROVA_REGISTRATION_LEARNED);
+  EXPECT_EQ(KestrovapMyChannels[0].psSpeakerData->iPitchEntries, 8 * 4) << "each glides through four";
+}
+
 TEST_F(LearnedVoiceTest, ThreeSureVerbsAreNeededAndAThousandAreKept) {
   ASSERT_EQ(initVoice(nullptr, true), 0);
   Registration& registration = *KestrovapMyChannels[0].pRegistration;
