@@ -30,7 +30,7 @@ bool readSubscribeExpiry(std::string_view msg, std::string_view contact, int& ex
 
 // The header's value, or nothing, without a log record, when the message does not have it.
 std::string_view optionalHeader(std::string_view msg, std::string_view name) {
-  return MySip::contains(msg, name) ? MySip::extractToken(name, 3000, msg) : std::string_view();
+  return MySip::contains(msg, name) ? MySip::extractHeader(name, 3000, msg) : std::string_view();
 }
 
 bool hasSubscription(const sBinding& record, std::string_view phoneCallId) {

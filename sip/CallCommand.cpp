@@ -32,16 +32,16 @@ std::size_t closingQuote(std::string_view text) {
 }
 
 // The part of a From or To value that holds the display name: what follows a double quote, or everything
-// before '<', or before "sip:" where there is no '<'.
+// before '<', or before "sip:" where there is no '<'. It does not go beyond the value's first line.
 struct sDisplayPart {
-  std::string_view text;  // from the name's first character to the end of the value
+  std::string_view text;  // from the name's first character to the end of the line
   bool bQuoted = false;
 
-  explicit sDisplayPart(std::string_view value) : text(value) {
-    const std::size_t quote = value.substr(0, value.find('<')).find('"');
+  explicit sDisplayPart(std::string_view value) : text(value.substr(0, value.find_first_of("\r\n"))) {
+    const std::size_t quote = text.substr(0, text.find('<')).find('"');
     if (quote == std::string_view::npos) return;
     bQuoted = true;
-    text = value.substr(quote + 1);
+    text.remove_prefix(quote + 1);
   }
 
   // The text up to the end of the display part. False: the closing quote is missing.
@@ -132,7 +132,7 @@ int MySip::analyzeFromStringAndCommandInInviteMessage(int orig, std::string_view
 }
 
 // The display name may carry a command: destination, separator, type, separator, name. `display` (from its
-// first character to the end of the header) is moved on to the name.
+// first character to the end of its line) is moved on to the name.
 int MySip::takeExplicitCommand(int orig, std::string_view from, std::string_view& display, bool quoted,
                                bool& found) {
   const std::string_view separator = pcSeparator;

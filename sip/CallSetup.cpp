@@ -61,7 +61,7 @@ int MySip::chooseOrigSlot(std::string_view msg, const sockaddr_in& from) {
 int MySip::chooseOrigSlotByPairPhoneName(std::string_view msg, const sockaddr_in& from) {
   const bool fromBoundPhone = doesAddressAppearInBindingTable(from);
   FixedText<kSipNameCapacity> user;
-  const std::string_view header = extractToken(fromBoundPhone ? "From:" : "To:", 200, msg);
+  const std::string_view header = extractHeader(fromBoundPhone ? "From:" : "To:", 200, msg);
   extractShortSipName(header, user);
   bool mayCall = true;
   if (!fromBoundPhone) {
@@ -134,11 +134,11 @@ void MySip::beginOrigLeg(int orig, const sockaddr_in& from, std::string_view rep
 
 int MySip::readInviteOfCaller(int orig, std::string_view msg, bool& barred) {
   sPhone& leg = phone(orig);
-  setCallID(orig, extractToken("Call-ID:", 100, msg));
+  setCallID(orig, callIdOf(msg));
   takeVia(msg, leg.pcRemoteVia);
   removeRport(leg.pcRemoteVia);
-  const std::string_view to = extractToken("To:", 200, msg);
-  const std::string_view from = extractToken("From:", 200, msg);
+  const std::string_view to = extractHeader("To:", 200, msg);
+  const std::string_view from = extractHeader("From:", 200, msg);
 
   if (analyzeFromStringAndCommandInInviteMessage(orig, from, to) != 0) {
     Log::error(kFunction, "error analyzing the From String\n");
@@ -171,7 +171,7 @@ int MySip::readMediaAndContactOfCaller(int orig, std::string_view msg) {
     return 1;
   }
   sSipUri contact;
-  if (analyzeHeaderUri(extractToken("Contact:", 200, msg), contact, kFunction) != 0) return 1;
+  if (analyzeHeaderUri(extractHeader("Contact:", 200, msg), contact, kFunction) != 0) return 1;
   phone(orig).pcRemoteContact = contact.pcFullUri;
   return 0;
 }
@@ -231,7 +231,7 @@ void MySip::collectPreservedHeaders(std::string_view msg, FixedText<500>& out, c
     const std::size_t length = out.size();
     bool fits = length + name.size() + 2 <= kRoom;
     if (fits) {
-      const std::string_view value = extractToken(name, kMaxMessageLength, msg);
+      const std::string_view value = extractHeader(name, kMaxMessageLength, msg);
       fits = value.size() < kValueRoom - length && length + name.size() + 1 + value.size() + 2 <= kRoom;
       if (fits) fits = out.append(name) && out.append(" ") && out.append(value) && out.append("\r\n");
     }
@@ -246,7 +246,7 @@ void MySip::collectPreservedHeaders(std::string_view msg, FixedText<500>& out, c
 
 void MySip::takeReplaces(std::string_view msg, FixedText<500>& forOrig, FixedText<500>& forPair) {
   if (!contains(msg, "Replaces:")) return;
-  const std::string_view value = extractToken("Replaces:", 500, msg);
+  const std::string_view value = extractHeader("Replaces:", 500, msg);
   if (value.empty()) return;
   FixedText<520> line;
   (void)line.assign("Replaces: ");

@@ -136,7 +136,7 @@ void MySip::analyzeSipMessage(std::string_view text, const sockaddr_in& from) {
   sSipMessage msg;
   msg.text = text;
   msg.sFrom = from;
-  msg.callId = extractToken("Call-ID:", 100, text);
+  msg.callId = callIdOf(text);
   if (msg.callId.empty()) {
     Log::error(kFunction, "Unable to locate callID... \n");
     return;

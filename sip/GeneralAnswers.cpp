@@ -14,11 +14,11 @@ struct sCopiedHeaders {
   FixedText<50> pcCSeq;
 
   explicit sCopiedHeaders(std::string_view msg) {
-    pcCallID.assignCut(MySip::extractToken("Call-ID:", 100, msg));
+    pcCallID.assignCut(MySip::callIdOf(msg));
     MySip::takeVia(msg, pcVia);
-    pcTo.assignCut(MySip::extractToken("To:", 200, msg));
-    pcFrom.assignCut(MySip::extractToken("From:", 200, msg));
-    pcCSeq.assignCut(MySip::extractToken("CSeq:", 50, msg));
+    pcTo.assignCut(MySip::extractHeader("To:", 200, msg));
+    pcFrom.assignCut(MySip::extractHeader("From:", 200, msg));
+    pcCSeq.assignCut(MySip::extractHeader("CSeq:", 50, msg));
   }
 };
 

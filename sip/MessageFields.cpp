@@ -1,5 +1,4 @@
 // Small questions that several handlers ask of a message.
-#include <algorithm>
 #include <strings.h>
 
 #include "app/config/Log.h"
@@ -31,8 +30,8 @@ bool MySip::readRequestCSeq(std::string_view msg, int& cseq, const char* functio
 int MySip::contentLengthOf(std::string_view message) {
   constexpr std::string_view kName = "Content-Length:";
   int length = 0;
-  if (contains(message, kName) && readDecimal(extractToken(kName, 50, message), length))
-    return std::max(length, 0);
+  if (contains(message, kName) && readDecimal(extractToken(kName, 50, message), length) && length >= 0)
+    return length;
   return static_cast<int>(bodyOf(message).size());
 }
 

@@ -151,6 +151,13 @@ class MySip {
   // Value of the header `name` (written with its colon), found anywhere in the message; consecutive lines of
   // that header are one value. Empty, and logged, when absent or not shorter than `capacity`.
   static std::string_view extractToken(std::string_view name, std::size_t capacity, std::string_view message);
+  // The same for what is kept or passed on: the value ends before the first CR or LF that does not begin a
+  // further line of that very header. A line that merely contains the name, or one of the body, would become
+  // a header of its own behind us, in our name.
+  static std::string_view extractHeader(std::string_view name, std::size_t capacity,
+                                        std::string_view message);
+  // The Call-ID, of which there is one line. Empty, and logged, like extractToken's.
+  static std::string_view callIdOf(std::string_view message);
   // Every Via value of the message in order, whatever stands between its lines (RFC 3261 8.2.6.2), as one
   // value of several lines. Empty, and logged, when there is none or they do not fit.
   static void takeVia(std::string_view message, FixedText<1000>& out);
@@ -161,7 +168,7 @@ class MySip {
   // Writes compact header names out. False, and `message` unchanged, when the result would exceed 2,999
   // characters.
   static bool translateCompactHeaders(FixedText<3000>& message);
-  // Analyses the text from its first character, which begins "sip:". 0, or 1.
+  // Analyses the text from its first character, which begins "sip:". 0, or 1; a URI has no line breaks.
   static int analyzeURIString(std::string_view text, sSipUri& out, HostLookup lookup = HostLookup::eNo);
   static void extractShortSipName(std::string_view text, FixedText<kSipNameCapacity>& out);
   static void extractFarEndURI(std::string_view message, FixedText<200>& out);
@@ -191,8 +198,8 @@ class MySip {
   static bool isMethod(std::string_view firstLine, std::string_view start);
   // CSeq number and header value. False, and logged for `function`, when the number cannot be read.
   static bool readCSeq(std::string_view message, int& number, std::string_view& text);
-  // Content-Length, or the body's own length where the header is missing or unreadable (RFC 3261 18.3 for
-  // UDP).
+  // Content-Length, or the body's own length where the header is missing, unreadable or negative (RFC 3261
+  // 18.3 for UDP).
   static int contentLengthOf(std::string_view message);
   // The same for requests of a call, logged as "error, reading seq from ...".
   static bool readRequestCSeq(std::string_view msg, int& cseq, const char* function);

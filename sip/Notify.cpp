@@ -10,7 +10,7 @@ namespace {
 // "Name: value" with CR LF, appended when the message has the header.
 void appendHeader(MessageText& out, const char* name, std::string_view msg) {
   if (!MySip::contains(msg, name)) return;
-  const std::string_view value = MySip::extractToken(name, 3000, msg);
+  const std::string_view value = MySip::extractHeader(name, 3000, msg);
   if (value.empty()) return;
   // Room enough: one received message cannot fill a quarter of the text.
   (void)out.appendFormat("%s %.*s\r\n", name, static_cast<int>(value.size()), value.data());
@@ -20,7 +20,7 @@ void appendHeader(MessageText& out, const char* name, std::string_view msg) {
 // are left out.
 void appendEvent(MessageText& out, std::string_view msg) {
   if (!MySip::contains(msg, "Event:")) return;
-  if (MySip::contains(MySip::extractToken("Event:", 3000, msg), "refer;")) {
+  if (MySip::contains(MySip::extractHeader("Event:", 3000, msg), "refer;")) {
     (void)out.append("Event: refer\r\n");
   } else {
     appendHeader(out, "Event:", msg);

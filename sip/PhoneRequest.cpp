@@ -4,11 +4,11 @@
 
 bool sPhoneRequest::read(std::string_view msg, const char* function) {
   MySip::takeVia(msg, via);
-  cseq = MySip::extractToken("CSeq:", 50, msg);
-  callId = MySip::extractToken("Call-ID:", 100, msg);
-  to = MySip::extractToken("To:", 200, msg);
-  from = MySip::extractToken("From:", 200, msg);
-  contact = MySip::extractToken("Contact:", 3000, msg);
+  cseq = MySip::extractHeader("CSeq:", 50, msg);
+  callId = MySip::callIdOf(msg);
+  to = MySip::extractHeader("To:", 200, msg);
+  from = MySip::extractHeader("From:", 200, msg);
+  contact = MySip::extractHeader("Contact:", 3000, msg);
   for (const std::string_view value : {via.view(), cseq, callId, to, from, contact}) {
     if (!value.empty()) continue;
     Log::error(function, "Unable to extract data\n");

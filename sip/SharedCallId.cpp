@@ -18,8 +18,8 @@ struct sTags {
   explicit sTags(const sSipMessage& msg) : bRequest(msg.iStatus == 0) {
     std::string_view from;
     std::string_view to;
-    (void)MySip::extractTag(MySip::extractToken("From:", 200, msg.text), from);
-    (void)MySip::extractTag(MySip::extractToken("To:", 200, msg.text), to);
+    (void)MySip::extractTag(MySip::extractHeader("From:", 200, msg.text), from);
+    (void)MySip::extractTag(MySip::extractHeader("To:", 200, msg.text), to);
     ours = bRequest ? to : from;
     theirs = bRequest ? from : to;
   }
@@ -61,11 +61,11 @@ bool MySip::isOwnInvite(const sPhone& leg, const sSipMessage& msg) {
 // Would our own INVITE, taken as a new call, go to the PBX, from where it came back? It would come back for
 // ever.
 bool MySip::wouldReturn(const sSipMessage& msg) {
-  const std::string_view to = extractToken("To:", 200, msg.text);
+  const std::string_view to = extractHeader("To:", 200, msg.text);
   sSipUri caller;
   sSipUri dialled;
   sCommandChoice choice;
-  if (analyzeHeaderUri(extractToken("From:", 200, msg.text), caller, "MySip::analyzeSipMessage") != 0 ||
+  if (analyzeHeaderUri(extractHeader("From:", 200, msg.text), caller, "MySip::analyzeSipMessage") != 0 ||
       analyzeHeaderUri(to, dialled, "MySip::analyzeSipMessage") != 0 ||
       chooseCommand(caller.pcName, to, choice) != 0)
     return true;

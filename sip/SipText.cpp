@@ -222,9 +222,23 @@ std::string_view MySip::extractToken(std::string_view name, std::size_t capacity
   return message.substr(start, end - start);
 }
 
+std::string_view MySip::extractHeader(std::string_view name, std::size_t capacity, std::string_view message) {
+  const std::string_view value = extractToken(name, capacity, message);
+  std::size_t end = value.find_first_of(kLineEnd);
+  while (end != kNotFound && value.substr(end).starts_with(kLineEnd) &&
+         isMethod(value.substr(end + kLineEnd.size()), name))
+    end = value.find_first_of(kLineEnd, end + kLineEnd.size());
+  return value.substr(0, end);
+}
+
+std::string_view MySip::callIdOf(std::string_view message) {
+  const std::string_view value = extractHeader("Call-ID:", 100, message);
+  return value.substr(0, value.find(kLineEnd));
+}
+
 void MySip::takeVia(std::string_view message, FixedText<1000>& out) {
   constexpr std::string_view kName = "Via:";
-  const std::string_view first = extractToken(kName, out.maxLength() + 1, message);
+  const std::string_view first = extractHeader(kName, out.maxLength() + 1, message);
   out.assignCut(first);
   if (first.empty()) return;
   HeaderLines lines(message, static_cast<std::size_t>(first.data() + first.size() - message.data()));

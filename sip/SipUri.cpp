@@ -1,9 +1,8 @@
 // SIP URIs and the headers that carry them: name, port, address, parameters; Via, Replaces and names
 // rewritten.
 //
-//   sip:1234;phone-context=x@10.0.0.9:5080;transport=udp>      (the text ends at '>' or with its last
-//   character)
-//       name               part of the name  port
+//     sip:1234;phone-context=x@10.0.0.9:5080;transport=udp>    ends at '>' or with the text
+//         name                the rest  port
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
@@ -38,6 +37,11 @@ std::string_view uriWithoutScheme(std::string_view text) {
   // A header value without brackets may come with its line end.
   const std::size_t last = text.find_last_not_of(" \r\n");
   return text.substr(0, last == kNotFound ? 0 : last + 1);
+}
+
+// Passed on, the rest of such a text would be header lines of its own.
+bool hasLineBreak(std::string_view uri) {
+  return uri.find_first_of("\r\n") != kNotFound;
 }
 
 bool readUriPort(std::string_view text, int& out) {
@@ -125,6 +129,7 @@ int MySip::analyzeURIString(std::string_view text, sSipUri& out, HostLookup look
   out = sSipUri{};
   out.pcIP = pcSipProxyIP;
   const std::string_view uri = uriWithoutScheme(text);
+  if (hasLineBreak(uri)) return 1;
   if (!out.pcFullUri.assign(uri)) {
     Log::warning(kAnalyze, "URI to big in %.*s\n", static_cast<int>(text.size()), text.data());
     out.pcFullUri.assignCut(uri);
@@ -159,12 +164,13 @@ void MySip::extractFarEndURI(std::string_view message, FixedText<200>& out) {
   constexpr const char* kFunction = "MySip::extractFarEndURI";
   out.clear();
   const std::size_t scheme = stristr(message, kScheme);
+  const std::size_t start = scheme + kScheme.size();
   const std::size_t end = stristr(message, " SIP/2.0");
-  if (scheme == kNotFound || end == kNotFound || end < scheme + kScheme.size()) {
+  if (scheme == kNotFound || end == kNotFound || end < start ||
+      hasLineBreak(message.substr(start, end - start))) {
     Log::error(kFunction, "error analyzing the RURI\n");
     return;
   }
-  const std::size_t start = scheme + kScheme.size();
   const std::string_view uri = message.substr(start, end - start);
   if (uri.size() > out.maxLength()) Log::warning(kFunction, "Size of RURI is too long.\n");
   out.assignCut(uri);

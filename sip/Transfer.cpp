@@ -28,7 +28,7 @@ void MySip::handleREFERMsg(int slot, std::string_view msg) {
   if (!leg.bInUse) return;
   takeVia(msg, leg.pcReferVia);
   removeRport(leg.pcReferVia);
-  const std::string_view received = extractToken("Refer-To:", kReferToRoom, msg);
+  const std::string_view received = extractHeader("Refer-To:", kReferToRoom, msg);
   if (received.empty()) return;
   leg.pcReferTo.assignCut(received);
   int cseq = 0;

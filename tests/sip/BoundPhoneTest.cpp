@@ -265,10 +265,9 @@ TEST_F(BoundPhoneTest, SequenceNumbersRunOverTheirEnd) {
 TEST_F(BoundPhoneTest, SubscriptionIsRelayedAndItsNotifiesComeBack) {
   startAsProxy();
   registerPhone();
-  Request subscribe =
-      phoneRequest("SUBSCRIBE", 1,
-                   "Event: dialog\r\nSupported: eventlist\r\nAccept: application/x\r\nExpires: 600\r\n"
-                   "Proxy-Authorization: Digest x\r\n");
+  Request subscribe = phoneRequest("SUBSCRIBE", 1,
+                                   "Event: dialog\r\nSupported: eventlist\r\nAccept: application/x\r\n"
+                                   "X: y;Accept: z\r\nExpires: 600\r\nProxy-Authorization: Digest x\r\n");
   subscribe.uri = "sip:202@pbx.example";
   subscribe.to = "<sip:202@pbx.example>";
   fromCaller(build(subscribe));

@@ -80,6 +80,10 @@ TEST_F(SetUpTest, UnusableInviteIsLoggedDroppedAndLeavesTheSlotFree) {
       {"\"Alice\"", "\"7@x##1\"", "unable to find cleaning type in"},
       {"From: \"Alice\" <sip", longDestination.c_str(), "destination too long 166\n"},
       {"To: <sip:", "To: <tel:", "unable to find sip: in To string: <tel:200"},
+      // What a name or URI would bring into our INVITE as header lines of its own.
+      {"\"Alice\"", "\"7@x\r\nX: y;From:##1##A\"", "unable to find sip: in \"7@x\n"},
+      {"\"Alice\"", "\"7@x\r\nFrom: y##1##A\"", "unable to find display name in \"7@x"},
+      {"To: <sip:", "To: <sip:7\r\nTo: <sip:", "error analyzing the URI String sip:7"},
       {"m=audio", "m=audio x", "unable to analyze audio in SDP for phone 0 - terminating the call\n"},
       {"Contact: <sip:", "Contact: <tel:", "unable to find sip: in the string: <tel:100"},
   };
@@ -152,6 +156,7 @@ TEST_F(SetUpTest, PreservedHeadersAreCarriedWhileTheyFit) {
   }
   preserve({"X-B:", "X-Absent:"});
   start();
+  invite.extraHeaders = "X-B: b\r\nX-Other: c;X-B: d\r\n";
   fromCaller(inviteText());
   EXPECT_NE(atPbx().find("\r\nX-B: b\r\nContent-Length: "), std::string::npos);
 }

@@ -69,22 +69,31 @@ TEST_F(TextTest, SearchHandlesEmptyTextsAndRefusesTooLongOnes) {
 }
 
 TEST_F(TextTest, HeaderValueIsFoundAnywhereAndSpansLinesOfTheSameName) {
-  const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
-      {"blanks skipped, any case", "To:", "X: 1\r\nTO:   <sip:a@b>\r\n\r\n", "<sip:a@b>"},
-      {"not anchored to the line start", "To:", "Refer-To: x\r\nTo: y\r\n\r\n", "x\r\nTo: y"},
-      {"earlier text wins", "To:", "Refer-To: x\r\nA: 1\r\nTo: y\r\n\r\n", "x"},
-      {"two lines", "Via:", "Via: a\r\nVia: b\r\nCSeq: 1\r\n\r\n", "a\r\nVia: b"},
-      {"three lines", "Via:", "Via: a\r\nvia: b\r\nVia:c\r\nX: 1\r\n\r\n", "a\r\nvia: b\r\nVia:c"},
-      {"a separated line is left out", "Via:", "Via: a\r\nVia: b\r\nX: 1\r\nVia: c\r\n\r\n", "a\r\nVia: b"},
+  const char* const same = nullptr;
+  // Why, name, message, value; and what of it may be passed on, if not all.
+  const std::tuple<const char*, const char*, const char*, const char*, const char*> cases[] = {
+      {"blanks skipped, any case", "To:", "X: 1\r\nTO:   <sip:a@b>\r\n\r\n", "<sip:a@b>", same},
+      {"not anchored to the line start", "To:", "Refer-To: x\r\nTo: y\r\n\r\n", "x\r\nTo: y", same},
+      {"earlier text wins", "To:", "Refer-To: x\r\nA: 1\r\nTo: y\r\n\r\n", "x", same},
+      {"two lines", "Via:", "Via: a\r\nVia: b\r\nCSeq: 1\r\n\r\n", "a\r\nVia: b", same},
+      {"three lines", "Via:", "Via: a\r\nvia: b\r\nVia:c\r\nX: 1\r\n\r\n", "a\r\nvia: b\r\nVia:c", same},
+      {"a separated line is left out", "Via:", "Via: a\r\nVia: b\r\nX: 1\r\nVia: c\r\n\r\n", "a\r\nVia: b",
+       same},
       {"the name in the following line's value", "Via:", "Via: a\r\nX: Via: b\r\nY: 1\r\n\r\n",
-       "a\r\nX: Via: b"},
-      {"the name again in its own line", "Via:", "Via: a Via: b\r\nX: 1\r\n\r\n", "a Via: b"},
-      {"empty value", "To:", "To: \r\nCSeq: 1\r\n\r\n", ""},
-      {"last line of the message", "To:", "To: a\r\n", "a"},
-      {"not beyond the empty line", "To:", "To: a\r\n\r\nTo: body\r\n", "a"},
+       "a\r\nX: Via: b", "a"},
+      {"the same, later", "Via:", "Via: a\r\nvia: b\r\nX: Via: c\r\nY: 1\r\n\r\n", "a\r\nvia: b\r\nX: Via: c",
+       "a\r\nvia: b"},
+      {"a line of the body", "To:", "X: 1\r\n\r\nTo: a\nTo: b\r\n", "a\nTo: b", "a"},
+      {"the name again in its own line", "Via:", "Via: a Via: b\r\nX: 1\r\n\r\n", "a Via: b", same},
+      {"empty value", "To:", "To: \r\nCSeq: 1\r\n\r\n", "", same},
+      {"last line of the message", "To:", "To: a\r\n", "a", same},
+      {"not beyond the empty line", "To:", "To: a\r\n\r\nTo: body\r\n", "a", same},
   };
-  for (const auto& [why, name, message, value] : cases)
+  for (const auto& [why, name, message, value, own] : cases) {
     EXPECT_EQ(MySip::extractToken(name, 100, message), value) << why;
+    EXPECT_EQ(MySip::extractHeader(name, 100, message), own == same ? value : own) << why;
+  }
+  EXPECT_EQ(MySip::callIdOf("Call-ID: a@b\r\nCall-ID: c\r\n\r\n"), "a@b");
   EXPECT_EQ(installation.log(), "");
 }
 
@@ -190,6 +199,8 @@ TEST_F(TextTest, UriWithABadPartIsRefused) {
     EXPECT_EQ(MySip::analyzeURIString(text, uri), 1) << text;
     EXPECT_TRUE(logged(std::string("ERROR in MySip::analyzeURIString, ") + message)) << text;
   }
+  sSipUri uri;
+  EXPECT_EQ(MySip::analyzeURIString("sip:a;x\r\nX: y@b>", uri), 1);
 }
 
 TEST_F(TextTest, UriLengthsAreBounded) {
@@ -240,11 +251,12 @@ TEST_F(TextTest, FarEndUriIsTheRequestUri) {
   MySip::extractFarEndURI("INVITE sip:" + std::string(200, 'u') + " SIP/2.0\r\n", uri);
   EXPECT_EQ(uri.view(), std::string(199, 'u'));
   EXPECT_TRUE(logged("WARNING in MySip::extractFarEndURI, Size of RURI is too long.\n"));
-  for (const char* bad : {"INVITE tel:1 SIP/2.0\r\n", "INVITE sip:1\r\n", "X: SIP/2.0\r\nFrom: sip:1\r\n"}) {
+  for (const char* bad : {"INVITE tel:1 SIP/2.0\r\n", "INVITE sip:1\r\n", "X: SIP/2.0\r\nFrom: sip:1\r\n",
+                          "INVITE sip:1\r\nX: y\r\nVia: SIP/2.0/UDP h\r\n"}) {
     MySip::extractFarEndURI(bad, uri);
     EXPECT_EQ(uri, "") << bad;
   }
-  EXPECT_EQ(installation.logCount("ERROR in MySip::extractFarEndURI, error analyzing the RURI\n"), 3);
+  EXPECT_EQ(installation.logCount("ERROR in MySip::extractFarEndURI, error analyzing the RURI\n"), 4);
 }
 
 TEST_F(TextTest, EveryViaIsTakenWhateverStandsBetween) {
@@ -403,6 +415,7 @@ TEST_F(TextTest, TagIsCutOutOfItsHeader) {
   }
   EXPECT_EQ(MySip::bodyOf("A: 1\r\n\r\nx\r\n\r\ny"), "x\r\n\r\ny");
   EXPECT_EQ(MySip::bodyOf("A: 1\r\n"), "");
+  EXPECT_EQ(MySip::contentLengthOf("Content-Length: -9\r\n\r\nxy"), 2);
 }
 
 }  // namespace
