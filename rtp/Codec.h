@@ -39,6 +39,7 @@ inline constexpr std::array<sCodecRow, kNumCodecValues> kCodecRows{{
     {eCodecNotOffered, -1, "", {1, 8, 0.99F}},
 }};
 inline constexpr int kNumOfferedCodecs = 3;
+inline constexpr int kMaxPayloadType = 127;  // seven bits in the RTP header
 
 // One entry of a leg's codec list. Entry 0 of a list is the codec that is sent towards the leg.
 struct sCodecNegotiationList_t {

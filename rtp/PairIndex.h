@@ -10,6 +10,8 @@
 #include <new>
 #include <string_view>
 
+#include "common/TextHash.h"
+
 class PairIndex {
  public:
   using Key = std::uint64_t;
@@ -21,12 +23,8 @@ class PairIndex {
     return psRows != nullptr;
   }
 
-  // FNV-1a, 64 bits. Always odd: 0 marks a free slot.
-  static Key keyOf(std::string_view callId) {
-    Key key = 0xcbf29ce484222325U;
-    for (const char character : callId) key = (key ^ static_cast<unsigned char>(character)) * 0x100000001b3U;
-    return key | 1U;
-  }
+  // Always odd: 0 marks a free slot.
+  static Key keyOf(std::string_view callId) { return TextHash::of(callId) | 1U; }
 
   [[nodiscard]] int size() const { return iNumPairs; }
   // Lowest free slot, or -1.

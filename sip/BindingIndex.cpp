@@ -2,30 +2,24 @@
 
 #include <algorithm>
 
+#include "common/TextHash.h"
+
 namespace {
 
 char folded(char character) {
   return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
 }
 
-// FNV-1a, 64 bits (Fowler, Noll, Vo).
-constexpr std::uint64_t kFnvStart = 14695981039346656037ULL;
-std::uint64_t mix(std::uint64_t value, char character) {
-  return (value ^ static_cast<unsigned char>(character)) * 1099511628211ULL;
-}
-
 }  // namespace
 
 std::uint64_t BindingIndex::hash(std::string_view text) {
-  std::uint64_t value = kFnvStart;
-  for (const char character : text) value = mix(value, character);
-  return value;
+  return TextHash::of(text);
 }
 
 std::uint64_t BindingIndex::foldedHash(std::string_view text) {
-  std::uint64_t value = kFnvStart;
-  for (const char character : text) value = mix(value, folded(character));
-  return value;
+  TextHash hash;
+  for (const char character : text) hash.add(folded(character));
+  return hash.get();
 }
 
 void BindingIndex::reset() {

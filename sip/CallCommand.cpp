@@ -238,13 +238,17 @@ int MySip::analyzeToUri(std::string_view to, sSipUri& out, const char* function)
 int MySip::insertMatchingCmdData(int orig, int pair, std::string_view to, std::string_view destination,
                                  int type) {
   phone(orig).iCleaningType = phone(pair).iCleaningType = type;
+  return nameToCall(destination, to, phone(pair).pcRemoteSipName);
+}
+
+int MySip::nameToCall(std::string_view destination, std::string_view to, FixedText<kSipNameCapacity>& out) {
   if (destination != "*") {
-    phone(pair).pcRemoteSipName.assignCut(destination);
+    out.assignCut(destination);
     return 0;
   }
   sSipUri dialled;
   if (analyzeToUri(to, dialled, "MySip::insertMatchingCmdData") != 0) return 1;
-  phone(pair).pcRemoteSipName = dialled.pcName;
-  if (iSipProxyArchitecture != 0) replaceProxyIPInSipName(phone(pair).pcRemoteSipName);
+  out = dialled.pcName;
+  if (iSipProxyArchitecture != 0) replaceProxyIPInSipName(out);
   return 0;
 }

@@ -8,6 +8,8 @@
 #include <memory>
 #include <string_view>
 
+#include "common/TextHash.h"
+
 class CallIdIndex {
  public:
   // Allocates for `count` records, all without Call-ID. Throws std::bad_alloc.
@@ -31,14 +33,8 @@ class CallIdIndex {
     return -1;
   }
 
-  // FNV-1a, 64 bits (Fowler, Noll, Vo). The empty text gives 0, which no record in use has to match.
-  static std::uint64_t hash(std::string_view text) {
-    if (text.empty()) return 0;
-    std::uint64_t value = 14695981039346656037ULL;
-    for (const char character : text)
-      value = (value ^ static_cast<unsigned char>(character)) * 1099511628211ULL;
-    return value;
-  }
+  // The empty text gives 0, which no record in use has to match.
+  static std::uint64_t hash(std::string_view text) { return text.empty() ? 0 : TextHash::of(text); }
 
  private:
   std::unique_ptr<std::uint64_t[]> puHashes;

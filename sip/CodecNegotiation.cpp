@@ -8,7 +8,6 @@
 namespace {
 
 constexpr auto kNotFound = std::string_view::npos;
-constexpr int kMaxPayloadType = 127;  // seven bits in the RTP header
 
 // Position of a payload type among the formats of a media line: a word of its own with a blank before it (so
 // that the port, with which the line begins, is none), written without leading zeros. npos if it is not

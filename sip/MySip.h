@@ -560,6 +560,8 @@ class MySip {
                           bool& found);
   static int takeCallerTag(sPhone& leg, std::string_view from);
   static int analyzeToUri(std::string_view to, sSipUri& out, const char* function);
+  // A command's destination; "*" is the name in the To header.
+  static int nameToCall(std::string_view destination, std::string_view to, FixedText<kSipNameCapacity>& out);
 
   // MessageBuilder.cpp
   void sendSdpAnswer(int slot, const char* status);

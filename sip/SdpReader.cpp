@@ -1,8 +1,9 @@
 // Reading a peer's SDP into its leg: address, port, codecs, telephone events, hold, and a further media
 // section that is only relayed.
 //
-//   m=audio 4000 RTP/AVP 8 0 101      a section runs from its "m=" to the next one or to the end of the
-//   message a=rtpmap:101 telephone-event/8000 m=video 5000 RTP/AVP 96
+//     m=audio 4000 RTP/AVP 8 0 101           a section runs from its "m="
+//     a=rtpmap:101 telephone-event/8000
+//     m=video 5000 RTP/AVP 96                to the next one or to the end of the message
 #include <algorithm>
 #include <array>
 
@@ -16,9 +17,8 @@ constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kConnection = "c=IN IP4 ";
 constexpr std::size_t kAddressCapacity = 17;
 constexpr const char* kAnalyze = "MySip::analyzeMediaInSDP";
-constexpr std::string_view kNullAddress =
-    "0.0.0.0";                        // the older way to put a call on hold (RFC 3264 section 8.4)
-constexpr int kMaxPayloadType = 127;  // seven bits in the RTP header
+// The older way to put a call on hold (RFC 3264 section 8.4).
+constexpr std::string_view kNullAddress = "0.0.0.0";
 
 // ---- Non-audio section ----
 

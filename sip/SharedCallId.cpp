@@ -63,17 +63,11 @@ bool MySip::isOwnInvite(const sPhone& leg, const sSipMessage& msg) {
 bool MySip::wouldReturn(const sSipMessage& msg) {
   const std::string_view to = extractHeader("To:", 200, msg.text);
   sSipUri caller;
-  sSipUri dialled;
   sCommandChoice choice;
+  FixedText<kSipNameCapacity> name;
   if (analyzeHeaderUri(extractHeader("From:", 200, msg.text), caller, "MySip::analyzeSipMessage") != 0 ||
-      analyzeHeaderUri(to, dialled, "MySip::analyzeSipMessage") != 0 ||
-      chooseCommand(caller.pcName, to, choice) != 0)
+      chooseCommand(caller.pcName, to, choice) != 0 || nameToCall(choice.destination, to, name) != 0)
     return true;
-  FixedText<kSipNameCapacity> name = dialled.pcName;
-  if (choice.destination != "*")
-    name.assignCut(choice.destination);
-  else if (iSipProxyArchitecture != 0)
-    replaceProxyIPInSipName(name);
   return nextHopOf(name, msg.sFrom).kind == sNextHop::Kind::ePbx;
 }
 

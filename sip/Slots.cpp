@@ -5,7 +5,7 @@
 
 #include "app/config/Log.h"
 #include "common/Clock.h"
-#include "common/RandomSeed.h"
+#include "engine/Glob.h"
 #include "sip/MySip.h"
 
 namespace {
@@ -99,7 +99,7 @@ int nameSlot(sPhone& phone, int number, const sNaming& naming, ListReader& names
 int MySip::init(BindingFiles files) {
   try {
     if (allocateTables() != 0) return 2;
-    std::srand(randomSeed());
+    Glob::initRandomPackage();
     bAllPhonesActive = false;
     sTimeLastTick = sTimeLastRegistrationCheck = sTimeLastStatistics = 0;
     iNextOldCall = 0;

@@ -12,8 +12,7 @@
 #include "common/FixedText.h"
 #include "common/Relaxed.h"
 
-// ---- Limits of the configuration
-// -------------------------------------------------------------------------------
+// ---- Limits of the configuration ----
 
 inline constexpr int kMaxPhonesToAllocate = 1000;
 inline constexpr int kMaxExpressions = 10;
@@ -27,14 +26,12 @@ using Expression = FixedText<kExpressionCapacity>;
 using ExpressionList = std::array<Expression, kMaxExpressions>;
 using RuleText = FixedText<kSipNameCapacity>;
 
-// ---- File format
-// -----------------------------------------------------------------------------------------------
+// ---- File format ----
 
 inline int iConfigVersion;
 inline int iIPVersion;
 
-// ---- The PBX and our own addresses
-// -----------------------------------------------------------------------------
+// ---- The PBX and our own addresses ----
 
 inline FixedText<16> pcSipProxyIP;
 inline int iSipProxyPort;
@@ -45,8 +42,7 @@ inline int iRtpUAPortInitVal;
 inline FixedText<16> pcSipUAIPForBinding;
 inline int iSipProxyArchitecture;
 
-// ---- Call commands, refused and preserved
-// ----------------------------------------------------------------------
+// ---- Call commands, refused and preserved ----
 
 inline FixedText<10> pcSeparator;
 inline FixedText<2670> pcCmdBasedOnCallerID;
@@ -83,8 +79,7 @@ struct sSipRoutingRow {
 inline int iNumSipRoutingRecords;
 inline std::array<sSipRoutingRow, kMaxSipRoutingRows> psSipRoutingRows;
 
-// ---- Identities and registration
-// -------------------------------------------------------------------------------
+// ---- Identities and registration ----
 
 inline FixedText<100> pcTrunkName;
 inline int iRegisterTrunk;
@@ -101,8 +96,7 @@ inline FixedText<10000> pcPairPhonesSecret;
 inline int iRegisterExpiration;
 inline int iUseContactHeaderForFarEndAddressDuringRegistation;
 
-// ---- Call set-up and SDP
-// ---------------------------------------------------------------------------------------
+// ---- Call set-up and SDP ----
 
 inline int iNumCallsToFilter;
 inline int iInviteShouldMatchPairPhoneName;
@@ -116,8 +110,7 @@ inline int iRTPTimeoutWhenOnHoldInSeconds;
 inline int iSipDebug;
 inline SettingPath pcSimEmulatorInputFile;
 
-// ---- The voice engine (read when a channel is initialised, also by media threads)
-// ------------------------------
+// ---- The voice engine (read when a channel is initialised, also by media threads) ----
 
 inline Relaxed<int> iNeedToDoNoiseCancellation;
 inline Relaxed<int> iNeedToDoAEC;
@@ -143,8 +136,7 @@ inline Relaxed<int> iAECMinOutputPercentageDuringEcho;
 inline Relaxed<int> iAECHowlingLevel;
 inline Relaxed<int> iAECAggressiveLevel;
 
-// ---- DTMF commands, tones, recordings
-// --------------------------------------------------------------------------
+// ---- DTMF commands, tones, recordings ----
 
 inline SharedText<300> pcDTMFRegisterPrefix;  // key DTMFRegistraterPrefix
 inline SharedText<300> pcDTMFActivatePrefix;
@@ -156,8 +148,7 @@ inline SettingPath pcDTMFFailToneFile;
 inline SettingPath pcOrigRecordingLibrary;
 inline SettingPath pcCleanRecordingLibrary;
 
-// ---- Statistics
-// ------------------------------------------------------------------------------------------------
+// ---- Statistics ----
 
 inline SettingPath pcStatisticsFile;
 inline SettingPath pcRealTimeAverageStatisticsFile;
