@@ -68,5 +68,5 @@ class InputData {
   int iLaps = 0;
   bool bDcLocked = false;
   int iDcOffset = 0;
-  int iDcLockPosition = -1;  // samples received when the offset was locked, -1 until then
+  int iDcLockPosition = -1;  // for support: samples received when the offset was locked, -1 until then
 };

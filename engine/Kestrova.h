@@ -67,13 +67,14 @@ typedef struct sKestrovaInit {
   uint16_t sFrameUnits;              /* frame length in units of 32 samples, 1..8, else the init fails */
   uint16_t sInitialDelayUnits;       /* leading silence in units of 8 samples, at most 96 samples */
   uint8_t bCheckDTMF;                /* run DTMF detection */
-  uint8_t bRemoveNonSelfFrequencies; /* suppress frequencies foreign to the learned speaker */
-  uint16_t sCNGInitialValue;         /* comfort noise at the start, percent */
+  uint8_t bRemoveNonSelfFrequencies; /* take the background, and other voices than a learned one, off the
+                                      * spectrum; 0 only lowers pauses and measures no background */
+  uint16_t sCNGInitialValue;         /* comfort noise at the start, percent, 0..100 */
   uint16_t sCNGStep;                 /* comfort noise step, percent */
-  uint16_t sCNGEndValue;             /* comfort noise at the end, percent */
+  uint16_t sCNGEndValue;             /* comfort noise at the end, percent, 0..100 */
   uint16_t sBurstEndDecrease;   /* decrease of the speech gain per period after confident speech, percent */
   uint16_t sBurstEndMode;       /* periods per second; a period is 8000 / value samples */
-  uint16_t sBurstEndLowerValue; /* floor of the speech gain, percent */
+  uint16_t sBurstEndLowerValue; /* floor of the speech gain, percent, 0..100 */
   uint16_t sBurstEndStep;       /* bonus added to the speech-gain target, percent */
   uint16_t sMaxNumCyclesInDelayBuffer; /* 2..50 cycles of 32 samples */
   uint16_t sDetectAggressiveLevel;     /* 0..4 */
@@ -148,7 +149,8 @@ typedef struct sKestrovaAECStatus {
 
 int KestrovaVersion(uint32_t* version);
 
-/* Once per process. 2 when the API version is not 2, the CPU power is above 10 or memory is short. */
+/* Once per process. 2 when the API version is not 2, the CPU power is above 10 or memory is short. With the
+ * GNU C library the process's memory allocator is told to keep what channels free, up to 32 MB. */
 int KestrovaPackageInit(const sKestrovaPackage* package);
 
 /* Noise channel n. */

@@ -51,8 +51,7 @@ void reportFrame(const MyChannel& channel, sKestrovaFrameResult& result) {
   result.iDtmf = state == OutputData::kDtmf;
   result.iNoiseLevel = output.noise().iNoiseLevel;
   result.iGainPercent = output.agcCoef() * 100 / kUnityQ7;
-  result.iSpeakerMatch = channel.bBypassVAD ? channel.pCycleInformation->trackers().blockRange(2).spread()
-                                            : channel.pFirstScan->voiceLevel();
+  result.iSpeakerMatch = output.speechLevel();
 }
 
 int processNoise(std::uint16_t uChannel, const void* pIn, int iInBytes, void* pOut,

@@ -45,6 +45,7 @@ int MyChannel::init() {
   try {
     createComponents();
   } catch (const std::bad_alloc&) {
+    terminate();  // who asks for one component takes the others to be there
     return 1;
   }
   pMyClean->init(this);

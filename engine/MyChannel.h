@@ -116,7 +116,7 @@ class MyChannel {
   int sDetectAggressiveLevel = 0;  // 0..4
   int sCleanAggressiveLevel = 5;   // 5..12
   bool bRegistrationCompleted = false;
-  FixedText<256> pcSpeakerName = defaultSpeakerName();
+  FixedText<256> pcSpeakerName = defaultSpeakerName();  // for support: the console shows it
   // Spread of four cycles (largest maximum - smallest minimum) from which on they may hold speech.
   int iMinAmplitudeForPotentialSegment = 500;
   bool bRegistrationRunning = false;
@@ -157,7 +157,7 @@ class MyChannel {
   int iEchoGain = kUnityQ7;
   // Position of the last cycle analysed while iEchoGain was below unity; noise is measured only after it.
   int iLastEchoPosition = kNoEchoPosition;
-  MyChannel* pPartner = this;  // the channel whose output stage is shared
+  MyChannel* pPartner = this;  // whose output stage is shared: a channel shares its own
 
   static constexpr int kNoEchoPosition = -999999;
 

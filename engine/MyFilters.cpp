@@ -238,10 +238,9 @@ void MyFilters::addMagnitudes(int n, std::span<double> dSpectrum) const {
 
 // Zeros, as a muted line sends them, are no background; nor is what the echo stage has lowered.
 bool MyFilters::tellsBackground(int iFirst, int iLast, int iBlocks) const {
-  constexpr int kNoMeasurement = 1;
   const CycleInformation& cycles = *pMyChannel->pCycleInformation;
   return iFirst > pMyChannel->iLastEchoPosition &&
-         cycles.calcAmp(cycles.cycleOf(iLast), iBlocks) > kNoMeasurement;
+         cycles.calcAmp(cycles.cycleOf(iLast), iBlocks) > CycleInformation::kNoAmp;
 }
 
 // The background may have become quieter: a bin that stays below its noise for a while pulls the noise down.

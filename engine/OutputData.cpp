@@ -162,6 +162,8 @@ int OutputData::writeSilence(cHandle cycle) {
 
 int OutputData::writeDTMF(cHandle cycle) {
   if (!calcMiscIndexes(cycle)) return 0;
+  iSpeechCycles = 0;
+  bCertain = false;
   copyInput();
   applyGain(agcWhenOn());
   return finish(std::span(psCycle).first(static_cast<std::size_t>(iSamples)), kDtmf);

@@ -75,6 +75,8 @@ class OutputData {
   [[nodiscard]] int echoGain() const { return echo.iGain; }
   // What algorithm 0 takes for echo in the microphone, as a spread.
   [[nodiscard]] int basicEchoLevel() const { return echo.iBasicLevel; }
+  // The speaker's level, as a spread: the overall one when speech is not told from pauses; 0 before any.
+  [[nodiscard]] int speechLevel() const;
   // Samples at 8 kHz that were written as speech since the stream began, without and with confidence.
   [[nodiscard]] long speechSamples() const { return lSpeechSamples; }
   [[nodiscard]] long confidentSamples() const { return lConfidentSamples; }
@@ -94,7 +96,6 @@ class OutputData {
   void applyGain(int iGain);
 
   // Noise
-  [[nodiscard]] int speechLevel() const;
   void prepareNoise();
   void calcNoiseData();
   void updateSubtractFactor(int iLevel);
@@ -105,6 +106,7 @@ class OutputData {
   [[nodiscard]] sProtection protectionOfPauses() const;
   [[nodiscard]] sProtection protectionOfSpeech();
   void removeNoise();
+  void takeOverlap();
   void calcFrame(sOverlap& run, int iFrom, const sProtection& spared, sSpectralNoiseType& estimate);
 
   // Echo

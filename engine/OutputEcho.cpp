@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr int kBasicStep = 6;  // Q7 per cycle: the basic suppressor opens and closes within 85 ms
+constexpr int kBasicStep = 6;  // Q7 per cycle: the basic suppressor opens and closes within 88 ms
 constexpr int kCoefUnit = 1024;
 
 }  // namespace
@@ -35,13 +35,10 @@ int OutputData::writeAEC(cHandle cycle) {
 void OutputData::removeEcho(const MyAEC& aec) {
   if (aec.isEchoOutputActive() && aec.isEchoBySpectrum() && bSpectralAllowed) {
     calcFrames(overlap, iTime, {}, psNoise[0]);
-    for (int i = 0; i < iSamples; ++i) {
-      psCycle[static_cast<std::size_t>(i)] =
-          clampSample(static_cast<int>(overlap.pdSum[static_cast<std::size_t>(i)]));
-    }
+    takeOverlap();
     return;
   }
-  overlap.iSumTime = -1;
+  overlap.restart();
   copyInput();
   if (!aec.isEchoOutputActive()) return;
   const std::int64_t lFirst = static_cast<std::int64_t>(iTime) * pMyChannel->rateFactor();

@@ -12,7 +12,6 @@ constexpr int kRatioScale = 1024;    // noise to speaker ratios are held in 1/10
 constexpr int kStaysQuietBelow = 3;  // a background this far below the speaker needs no cleaning
 constexpr int kBecomesQuietBelow = 2;
 
-constexpr int kStateDepthCycles = 10;  // cycles kept back for re-testing a level jump
 constexpr int kRecentSamples = 40000;  // 5 s: a recent estimate is replaced only by a better one
 constexpr int kRecentExtraCycles = 30;
 constexpr int kBypassedRecentSamples = 16000;
@@ -33,7 +32,6 @@ constexpr float kCertainRise = 0.2F;  // steady noise does not reach it
 constexpr int kOnsetCycles = 15;      // 60 ms
 // With the decision bypassed no pause ends what is certain: as long as speech is held after a verb.
 constexpr int kBypassedCertainSamples = 1920;  // 240 ms
-constexpr int kNoMeasurement = 1;
 constexpr int kNoiseFrames = 3;
 
 }  // namespace
@@ -75,9 +73,7 @@ void OutputData::estimateNoise(int iLevel) {
   const bool bRecent = noise.hasEstimate() && iTime - noise.iLastNoisePosition < kRecentSamples;
   const int k = 2 * iBlocks;
   const int iExtra = bRecent ? kRecentExtraCycles : 0;
-  const auto& pSbt = pMyChannel->psSbt[0];
-  const int iDepth = pSbt ? pSbt->depthCycles() : kStateDepthCycles;
-  const int d = std::max(k, iDepth - pMyChannel->iMaxNumCyclesInDelayBuffer) + iExtra;
+  const int d = std::max(k, MySbt::kDepthCycles - pMyChannel->iMaxNumCyclesInDelayBuffer) + iExtra;
   const int iChecked = d + 2 * k;
   if (iTime <= kCycleSamples * iChecked) return;
   const CycleInformation& cycles = *pMyChannel->pCycleInformation;
@@ -86,7 +82,7 @@ void OutputData::estimateNoise(int iLevel) {
   if (iFirst - noise.iLastNoisePosition < kMinEstimateDistance && noise.hasEstimate()) return;
   if (iFirst <= pMyChannel->iLastEchoPosition || !cycles.containsNoiseOnly(current, iChecked)) return;
   const int iAmp = cycles.calcAmp(last, k + 1);
-  if (iAmp == kNoMeasurement || !isNoise(last, k, iLevel, iAmp, bRecent)) return;
+  if (iAmp == CycleInformation::kNoAmp || !isNoise(last, k, iLevel, iAmp, bRecent)) return;
   takeNoiseSpectrum(iFirst, iAmp);
 }
 
@@ -172,6 +168,11 @@ void OutputData::removeNoise() {
     return;
   }
   calcFrames(overlap, iTime, protection, psNoise[0]);
+  takeOverlap();
+}
+
+// The cycle's samples are what has been summed up for them.
+void OutputData::takeOverlap() {
   for (int i = 0; i < iSamples; ++i) {
     psCycle[static_cast<std::size_t>(i)] =
         clampSample(static_cast<int>(overlap.pdSum[static_cast<std::size_t>(i)]));

@@ -146,7 +146,8 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
     {"BurstEndLowerValue", eInteger, &iBurstEndLowerValue, preset("15"), kPercent, kReload, eEngine,
      "Lowest speech gain, in percent."},
     {"RemoveNonSelfFrequencies", eInteger, &iRemoveNonSelfFrequencies, preset("1"), kFlag, kReload, eEngine,
-     "1 removes frequencies that do not belong to the talker."},
+     "1 takes the background, and other voices than a learned one, off the spectrum; 0 only lowers pauses, "
+     "and no noise level is measured."},
     {"DOSExpressions", eExpressions, sExpressionTarget{&iNumberOfDOSExpressions, &pcDOSExpressions},
      none("9??@192.0.2.20;"), kAny, kStart, eCommands,
      "Patterns of callers whose calls are refused, each followed by a semicolon."},

@@ -79,13 +79,12 @@ sRange CycleInformation::calcMinMax(cHandle c, int n) const {
     const sCycleInformation& cycle = at(c);
     if (i == 0) range = {cycle.min, cycle.max};
     range = {std::min<int>(range.iLow, cycle.min), std::max<int>(range.iHigh, cycle.max)};
-    if (c == 0 && !bWrapped) break;
   }
   return range;
 }
 
 int CycleInformation::calcAmp(cHandle c, int n) const {
-  return std::max(1, calcMinMax(c, n).spread());
+  return std::max(kNoAmp, calcMinMax(c, n).spread());
 }
 
 int CycleInformation::calcMeanCrossing(cHandle c, int n) const {
@@ -153,7 +152,9 @@ bool CycleInformation::calculateCyclesInformation() {
   storeLevels(cycle, psSamples);
   if (!pMyChannel->isEchoMicrophone()) iLargestAmp = std::max(iLargestAmp, cycle.Amp);
   if (!pMyChannel->bIsAecChannel) analyseFluctuations(cycle, psSamples);
-  if (pMyChannel->iEchoGain < kUnityQ7) pMyChannel->iLastEchoPosition = cycle.EndIndex;
+  // A stretch may be analysed again, and not to its end.
+  if (pMyChannel->iEchoGain < kUnityQ7)
+    pMyChannel->iLastEchoPosition = std::max(pMyChannel->iLastEchoPosition, cycle.EndIndex);
   detectTone(cycle, psSamples);
   const std::span samples(psSamples, kCycleSamples);
   const int iMean = std::accumulate(samples.begin(), samples.end(), 0) / kCycleSamples;
@@ -194,7 +195,9 @@ void CycleInformation::analyseFluctuations(sCycleInformation& cycle, const std::
 }
 
 void CycleInformation::detectTone(sCycleInformation& cycle, const std::int16_t* psSamples) {
-  if (!pMyChannel->bCheckDTMF || cycle.EndIndex <= std::max(iLastToneFeed, kToneStartTime)) return;
+  // Digits are looked for on noise channels only.
+  if (!pMyChannel->bCheckDTMF || pMyChannel->bIsAecChannel) return;
+  if (cycle.EndIndex <= std::max(iLastToneFeed, kToneStartTime)) return;
   iLastToneFeed = cycle.EndIndex;
   MyDtmf& detector = *pMyChannel->pMyDtmf;
   cycle.bTone = detector.insertSampleForCycle(std::span(psSamples, kCycleSamples));

@@ -64,7 +64,8 @@ class CycleInformation {
 
   // Smallest minimum and largest maximum of the n cycles ending at c, as far as they are valid.
   [[nodiscard]] sRange calcMinMax(cHandle c, int n) const;
-  // Largest maximum - smallest minimum of those cycles; 1, the value of no measurement, when c is not valid.
+  // Largest maximum - smallest minimum of those cycles; kNoAmp when c is not valid.
+  static constexpr int kNoAmp = 1;  // flat, or no measurement: nobody divides by 0
   [[nodiscard]] int calcAmp(cHandle c, int n) const;
   // Sum of the mean crossings of those cycles.
   [[nodiscard]] int calcMeanCrossing(cHandle c, int n) const;

@@ -30,6 +30,7 @@ class MyChannel;
 
 class MySbt {
  public:
+  // Cycles that the stored state may lie back; the noise estimate keeps that far behind.
   static constexpr int kDepthCycles = 10;
   static constexpr int kStretchSamples = kDepthCycles * kCycleSamples;
   static constexpr int kMaxCandidates = 12;
@@ -43,8 +44,6 @@ class MySbt {
   void afterFrameProcessed();
   // The analysis runs over a test candidate, not over the stream.
   [[nodiscard]] bool isTesting() const { return bTesting; }
-  // Cycles that the stored state may lie back; the noise estimate keeps that far behind.
-  [[nodiscard]] static constexpr int depthCycles() { return kDepthCycles; }
 
   [[nodiscard]] bool existsJump() const;
   // Figures for measurements: jumps that were tested, and runs that were kept.

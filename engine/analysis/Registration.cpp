@@ -53,19 +53,15 @@ class PeriodHistogram {
     }
     return std::sqrt(dSum / std::max(1, entries()));
   }
-  // Empties the outer bin that lies farther from the mean; both when they are equally far. False when
-  // nothing would be left.
-  bool removeOutlier() {
+  // Empties the outer bin that lies farther from the mean; both when they are equally far.
+  void removeOutlier() {
     const auto occupied = [](int iCount) { return iCount > 0; };
     const auto low = std::find_if(piCount.begin(), piCount.end(), occupied);
     const auto high = std::find_if(piCount.rbegin(), piCount.rend(), occupied);
     const double dBelow = mean() - static_cast<double>(low - piCount.begin());
     const double dAbove = static_cast<double>(piCount.rend() - high - 1) - mean();
-    const int iRemoved = (dBelow >= dAbove ? *low : 0) + (dAbove >= dBelow ? *high : 0);
-    if (iRemoved >= entries()) return false;
     if (dBelow >= dAbove) *low = 0;
     if (dAbove >= dBelow) *high = 0;
-    return true;
   }
 
   std::array<int, kPitchBins> piCount{};
@@ -204,8 +200,7 @@ void Registration::end() {
 Registration::Outcome Registration::discard() {
   end();
   const VoiceOrNothing atTheEnd{channel};
-  if (isWeak()) return Outcome::kWeak;
-  return learnPitch(true) ? Outcome::kLearned : Outcome::kTooShort;
+  return isWeak() ? Outcome::kWeak : learnPitch(true);
 }
 
 Registration::Outcome Registration::stop(bool bFresh) {
@@ -218,7 +213,7 @@ Registration::Outcome Registration::stop(bool bFresh) {
 
 Registration::Outcome Registration::derive(bool bFresh) {
   if (isWeak()) return Outcome::kWeak;
-  if (!learnPitch(bFresh)) return Outcome::kTooShort;
+  if (const Outcome outcome = learnPitch(bFresh); outcome != Outcome::kLearned) return outcome;
   if (areTwoTalkers(splitTalkers(channel.pSourceSeparation->patterns()))) return Outcome::kMixed;
   learnHistograms();
   learnTemplates();
@@ -243,19 +238,20 @@ bool Registration::isWeak() const {
   return iVoice < kMinVoiceLevel || iVoice < kMinVoiceOverNoise * channel.pOutputData->noise().iNoiseLevel;
 }
 
-bool Registration::learnPitch(bool bFresh) {
+Registration::Outcome Registration::learnPitch(bool bFresh) {
   PeriodHistogram first;
   for (int i = 0; i < iSegments; ++i) {
     const sSegment& segment = psStore[static_cast<std::size_t>(i)];
     if (isSureVerb(segment, kMatchesOfSureVerb)) first.add(segment.lastMatch().period());
   }
-  if (first.entries() < kMinVerbs) return false;
+  if (first.entries() < kMinVerbs) return Outcome::kTooShort;
   while (first.entries() > 2) {
     const double dMean = first.mean();
     if (first.deviation() < kOneVoiceDeviation || dMean <= kShortestPeriod || dMean > kLongestPeriod - 1)
       break;
-    if (!first.removeOutlier()) break;
+    first.removeOutlier();
   }
+  if (first.entries() == 0) return Outcome::kMixed;  // two groups of the same size, and nothing between them
   sSpeakerData& speaker = *channel.psSpeakerData;
   if (bFresh) {
     speaker.piPitchHistogram.fill(0);
@@ -272,10 +268,10 @@ bool Registration::learnPitch(bool bFresh) {
   }
   speaker.piPitchHistogram = learned.piCount;
   speaker.iPitchEntries = learned.entries();
-  if (speaker.iPitchEntries == 0) return false;
+  if (speaker.iPitchEntries == 0) return Outcome::kTooShort;
   speaker.iPitchCentre = static_cast<int>(std::lround(learned.mean()));
   speaker.iPitchSpread = static_cast<int>(std::lround(oneVoice(learned.deviation())));
-  return true;
+  return Outcome::kLearned;
 }
 
 // Whether a verb's middle match lies in the learned range.

@@ -48,7 +48,7 @@ class Registration {
   void learnPending();
   void end();
   [[nodiscard]] Outcome derive(bool bFresh);
-  [[nodiscard]] bool learnPitch(bool bFresh);
+  [[nodiscard]] Outcome learnPitch(bool bFresh);
   void learnHistograms();
   void learnTemplates();
   [[nodiscard]] bool isWeak() const;

@@ -73,14 +73,14 @@ void SourceSeparation::init(MyChannel* pChannel) {
 void SourceSeparation::clean() {
   terminateDynamicInfo();
   scorer.learn(voice[0], {});
-  iLastLearned = -1;
-  iLastPeriod = 0;
   cleanHistory();
 }
 
 void SourceSeparation::cleanHistory() {
   for (sEntry& entry : entries) entry.iEndTime = kNever;
   iNewest = 0;
+  iLastLearned = -1;
+  iLastPeriod = 0;
   heard = TalkerEvidence{};
   fDefault.fill(1);
   gains.pause();
@@ -96,7 +96,7 @@ bool SourceSeparation::isActive() const {
 
 void SourceSeparation::analyzeDuringCleaning(cHandle cycle) {
   if (!isActive()) return;
-  // Ahead of the cycle as far as the signal has come: what follows helps to judge it.
+  // Ahead of the cycle as far as the signal has come, so that its verb is judged before it is written.
   analyseUpTo(std::max(pMyChannel->pCycleInformation->at(cycle).EndIndex,
                        pMyChannel->pCycleInformation->lastSampleTime()));
 }

@@ -6,7 +6,8 @@
 //     verdict on a self verb <- evidence of the latest voiced frames <-----+
 //     coefficients per bin of the frame that is cleaned <------------------+
 //
-// The analysis runs ahead of the cleaning by the channel's delay: a frame is judged by what follows it, too.
+// The analysis runs ahead of the cleaning by the channel's delay, so that a verb is judged before it is
+// written. A frame is judged by itself and by what was before it.
 #pragma once
 
 #include <array>

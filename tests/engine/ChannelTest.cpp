@@ -1,5 +1,7 @@
 // Channels from outside and inside: numbers, formats, settings, the alignment of an echo channel's streams.
 #include <numeric>
+#include <set>
+#include <utility>
 
 #include "engine/Glob.h"
 #include "engine/MyChannel.h"
@@ -37,6 +39,17 @@ TEST_F(ChannelTest, EveryFunctionRefusesAChannelNumberAboveFive) {
     EXPECT_EQ(KestrovaAECTerminate(c), 1);
     EXPECT_EQ(KestrovaGetAECInternalStatus(c, &uStatus), 1);
     EXPECT_EQ(KestrovaGetAECInternalStatusParameters(c, &parameters), 1);
+  }
+}
+
+TEST_F(ChannelTest, RandomNumbersReachBothTheirBoundsAndNothingBeyond) {
+  Glob::initRandomPackage();
+  for (const auto& [lo, hi] : {std::pair{5, 5}, {0, 1}, {-3, 3}}) {
+    std::set<int> drawn;
+    for (int i = 0; i < 1000; ++i) drawn.insert(Glob::getRandomInt(lo, hi));
+    EXPECT_EQ(*drawn.begin(), lo);
+    EXPECT_EQ(*drawn.rbegin(), hi);
+    EXPECT_EQ(drawn.size(), static_cast<std::size_t>(hi - lo + 1));
   }
 }
 

@@ -181,6 +181,10 @@ TEST_F(DetectionTest, ThePointsOfAVoiceRepeatAtItsPeriod) {
        {std::pair{64, true}, {62, true}, {128, true}, {32, false}, {45, false}, {96, false}}) {
     EXPECT_EQ(pointsRepeat(*first, *active, *channel.pInputData, iDistance, 0), bRepeats) << iDistance;
   }
+  EXPECT_EQ(
+      printed([&](std::FILE* pFile) { first->print(pFile), active->print(pFile); }),
+      "Prepared the following comparison element:\nCycleIndex=120 First=true MinFluctuationCalculated=6\n"
+      "Prepared the following comparison element:\nCycleIndex=124 First=false MinFluctuationCalculated=6\n");
 }
 
 TEST(OnsetGuardTest, PresumesForThirtyCyclesAndThenAsksForQuiet) {

@@ -243,14 +243,35 @@ TEST_F(LearnedVoiceTest, TheLastVerbsCountLikeTheFirst) {
   EXPECT_EQ(KestrovapMyChannels[0].psSpeakerData->iPitchEntries, 8 * 4) << "each glides through four";
 }
 
-TEST_F(LearnedVoiceTest, ThreeSureVerbsAreNeededAndAThousandAreKept) {
-  ASSERT_EQ(initVoice(nullptr, true), 0);
-  Registration& registration = *KestrovapMyChannels[0].pRegistration;
+sSegment sureVerb(int iPeriod) {
   sSegment verb;
   verb.type = kSelfVerb;
   verb.bGood = true;
   verb.iAmp = 9000;
   verb.iNumMatches = 7;
+  for (sMatch& match : verb.asMatch) match.iNear = match.iFar = iPeriod;
+  return verb;
+}
+
+TEST_F(LearnedVoiceTest, ThreeSureVerbsOfOneTalkerMakeAPitch) {
+  const std::pair<std::vector<int>, bool> pCases[] = {{{50, 50}, false},
+                                                      {{50, 50, 50}, true},
+                                                      {{40, 40, 80}, true},
+                                                      {{40, 50, 60}, true},
+                                                      {{40, 40, 80, 80}, false}};
+  for (const auto& [periods, bLearned] : pCases) {
+    ASSERT_EQ(initVoice(nullptr, true), 0);
+    process(0, silence(4000));
+    for (const int iPeriod : periods)
+      KestrovapMyChannels[0].pRegistration->insertNewSegment(sureVerb(iPeriod));
+    EXPECT_EQ(KestrovaCompleteRegistration(0, nullptr) == 0, bLearned) << ::testing::PrintToString(periods);
+  }
+}
+
+TEST_F(LearnedVoiceTest, AThousandSegmentsAreKept) {
+  ASSERT_EQ(initVoice(nullptr, true), 0);
+  Registration& registration = *KestrovapMyChannels[0].pRegistration;
+  const sSegment verb = sureVerb(50);
   registration.insertNewSegment(verb);
   EXPECT_EQ(registration.segments(), 0) << "nothing is known of the background yet";
   process(0, silence(4000));
