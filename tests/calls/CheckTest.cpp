@@ -4,9 +4,13 @@
 
 namespace {
 
-class CheckTest : public ControlFixture {};
+class CheckTest : public ControlFixture {
+ protected:
+  std::string other() const { return (scratch.path() / "other.conf").string(); }  // another instance's file
+};
 
-TEST_F(CheckTest, ConfigurationsAreCheckedExplainedAndReloaded) {
+// What a reload does not change is said, and which keys where the file of the start is known.
+TEST_F(CheckTest, AReloadSaysWhatWaitsForARestart) {
   start();
   EXPECT_NE(control({"explain", "100", "200", "7@127.0.0.1##2##Al"}).text.find("display name"),
             std::string::npos);
@@ -15,7 +19,6 @@ TEST_F(CheckTest, ConfigurationsAreCheckedExplainedAndReloaded) {
   EXPECT_EQ(reloaded.status, 0);
   EXPECT_TRUE(quorvel->logged("Going to reload configuration file"));
 
-  // What a reload does not change is said, and which keys where the file of the start is known.
   const std::filesystem::path loaded = quorvel->bin() / ("loaded" + quorvel->instanceName());
   const std::string first = readFile(quorvel->configuration());
   quorvel->writeConfiguration({{"DefaultCmd", "*##1"}, {"CPUPower", "4"}, {"NumCallsToFilter", "1"}});
@@ -28,13 +31,19 @@ TEST_F(CheckTest, ConfigurationsAreCheckedExplainedAndReloaded) {
   EXPECT_NE(state.find("[\"DefaultCmd\", \"CPUPower\", \"NumCallsToFilter\"]"), std::string::npos) << state;
   EXPECT_NE(state.find("\"calls_allowed\": 4"), std::string::npos) << state;
 
+  quorvel->writeConfiguration({{"CPUPower", "12"}});
+  EXPECT_EQ(control({"reload"}).status, 1);
+  EXPECT_EQ(quorvel->logCount("Going to reload configuration file"), 2);
+}
+
+TEST_F(CheckTest, ConfigurationsAreChecked) {
+  start();
   struct Case {
     int status;
     Settings settings;
     std::vector<std::string> found;
   };
   const std::string rtp = std::to_string(ports.relay());
-  const std::string other = (scratch.path() / "other.conf").string();
   // Sorted by key, as the file is written.
   const std::vector<Case> cases = {
       {0, {}, {"The configuration is valid."}},
@@ -150,40 +159,42 @@ TEST_F(CheckTest, ConfigurationsAreCheckedExplainedAndReloaded) {
        {"SipProxyPort: each is the PBX of the other", "SipUAPort: is in use on this host"}},
       {0,
        {{"SipUAPort", rtp}},
-       {"SipUAPort: lies among the RTP ports", "SipUAPort: lies among the RTP ports of " + other,
-        "RTP ports overlap those of " + other}},
+       {"SipUAPort: lies among the RTP ports", "SipUAPort: lies among the RTP ports of " + other(),
+        "RTP ports overlap those of " + other()}},
       {0,
        {{"SipUAIPForBinding", "0.0.0.0"}, {"StatisticsFile", "../log/../bin/statistics"}},
-       {"SipUAPort: is shared with " + other, "StatisticsFile: is shared with " + other}}};
+       {"SipUAPort: is shared with " + other(), "StatisticsFile: is shared with " + other()}}};
   writeFile(quorvel->bin() / "routing.conf", "127.0.0.1::1::2??;x\n127.0.0.1::2::\n");
   writeFile(quorvel->bin() / "tone", std::string(40000, ' '));
   writeFile(quorvel->bin() / "bad.conf", "127.0.0.1\n127.0.0.1::1::2;\n127.0.0.1::x::\n");
   quorvel->writeConfiguration({{"StatisticsFile", "statistics"}});
-  std::filesystem::copy(quorvel->configuration(), other);
+  std::filesystem::copy(quorvel->configuration(), other());
   for (const Case& each : cases) {
     quorvel->writeConfiguration(each.settings);
-    const Answer checked = control({"check", other});
+    const Answer checked = control({"check", other()});
     EXPECT_EQ(checked.status, each.status) << checked.text;
     for (const std::string& found : each.found)
       EXPECT_NE(checked.text.find(found), std::string::npos) << found << " is not in\n" << checked.text;
   }
-  writeFile(other, "CPUPower=11\nSipDebug 1\nSecret=\nSipUAPort=" + std::to_string(callee.port()) +
-                       "\nSipUAIPForBinding=127.0.0.1\n");
+}
+
+TEST_F(CheckTest, ErrorsOfAllFilesAreSaidWithLineAndKey) {
+  start();
+  writeFile(other(), "CPUPower=11\nSipDebug 1\nSecret=\nSipUAPort=" + std::to_string(callee.port()) +
+                         "\nSipUAIPForBinding=127.0.0.1\n");
   quorvel->writeConfiguration({{"CPUPower", "12"}});
-  const Answer bad = control({"--json", "check", other});
-  EXPECT_NE(
-      bad.text.find("{\"level\": \"error\", \"file\": \"" + other + "\", \"line\": 1, \"key\": \"CPUPower\""),
-      std::string::npos)
+  const Answer bad = control({"--json", "check", other()});
+  EXPECT_NE(bad.text.find("{\"level\": \"error\", \"file\": \"" + other() +
+                          "\", \"line\": 1, \"key\": \"CPUPower\""),
+            std::string::npos)
       << bad.text;
   EXPECT_NE(bad.text.find("quorvel.conf\", \"line\": 3, \"key\": \"CPUPower\""), std::string::npos);
   const Answer slips =
-      controlAsGiven({"-c", other, "check"}, {{"KESTROVA_BIN", quorvel->bin().string() + "/"}});
+      controlAsGiven({"-c", other(), "check"}, {{"KESTROVA_BIN", quorvel->bin().string() + "/"}});
   for (const char* found :
        {":2: warning: has no = sign and is ignored: SipDebug 1", ":3: warning: Secret: has no value",
         ":4: error: SipUAPort: is in use on this host"})
     EXPECT_NE(slips.text.find(found), std::string::npos) << slips.text;
-  EXPECT_EQ(control({"reload"}).status, 1);
-  EXPECT_EQ(quorvel->logCount("Going to reload configuration file"), 2);
 }
 
 // The settings of a file, for a PBX and a Quorvel on different hosts.
