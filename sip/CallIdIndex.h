@@ -18,9 +18,6 @@ class CallIdIndex {
     iCount = count;
   }
   void set(int record, std::string_view callId) { puHashes[static_cast<std::size_t>(record)] = hash(callId); }
-  void copy(int record, const CallIdIndex& other, int otherRecord) {
-    puHashes[static_cast<std::size_t>(record)] = other.puHashes[static_cast<std::size_t>(otherRecord)];
-  }
 
   // First record from `first` on, in index order, for which `isMatch(record)` holds among those with the
   // Call-ID's hash; -1 if none.
