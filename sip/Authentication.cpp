@@ -8,13 +8,9 @@
 
 namespace {
 
+constexpr const char* kAnswering = "MySip::sendAuthentication";
 constexpr std::size_t kMaxQuotedValue = 255;
-constexpr std::size_t kMaxFirstLine = 199;
 constexpr std::size_t kNoText = std::string_view::npos;
-
-std::string_view firstLineOf(std::string_view text) {
-  return text.substr(0, text.find("\r\n"));
-}
 
 std::size_t find(std::string_view text, std::string_view what, std::size_t from = 0) {
   const std::size_t at = from < text.size() ? MySip::stristr(text.substr(from), what) : kNoText;
@@ -36,40 +32,72 @@ bool readNumberAndMethod(std::string_view cseq, int& number, std::string_view& m
 // with a line end in it would bring header lines of its own into our request.
 bool readQuoted(std::string_view challenge, std::string_view start, const char* noStart, const char* noEnd,
                 std::string_view& out) {
-  constexpr const char* kFunction = "MySip::sendAuthentication";
   const std::size_t at = find(challenge, start);
   if (at == kNoText) {
-    Log::error(kFunction, "%s", noStart);
+    Log::error(kAnswering, "%s", noStart);
     return false;
   }
   const std::string_view rest = challenge.substr(at + start.size(), kMaxQuotedValue + 1);
   const std::size_t end = rest.find_first_of("\"\r\n");
   if (end == kNoText || rest[end] != '"') {
-    Log::error(kFunction, "%s", noEnd);
+    Log::error(kAnswering, "%s", noEnd);
     return false;
   }
   out = rest.substr(0, end);
   return true;
 }
 
-template <std::size_t N>
-FixedText<N> copyOf(std::string_view text) {
-  FixedText<N> copy;
-  copy.assignCut(text);
-  return copy;
-}
+// What a challenge asks for.
+struct sChallenge {
+  std::string_view realm;
+  std::string_view nonce;
+  bool bOfProxy = false;  // 407: the answer goes into Proxy-Authorization
 
-// A stored request taken apart around its branch and its CSeq line, which the answer to a challenge replaces.
-struct sRequestParts {
+  // False, and logged, when it cannot be answered.
+  bool read(std::string_view message) {
+    bOfProxy = MySip::statusCodeOf(MySip::firstLineOf(message)) != 401;
+    return readQuoted(message, "realm=\"", "unable to find realm in unauthorized msg\n",
+                      "unable to find end of realm in unauthorized msg\n", realm) &&
+           readQuoted(message, "nonce=\"", "unable to find nonce in unauthorized msg\n",
+                      "unable to find end of nonce in unauthorized msg\n", nonce);
+  }
+};
+
+// A stored request: its first line, and its text taken apart around the branch and the CSeq line, which the
+// answer to a challenge replaces.
+struct sChallengedRequest {
+  std::string_view method;
+  std::string_view uri;
   std::string_view toBranch;   // up to and including "branch="
   std::string_view toCSeq;     // from the end of the Via line up to "CSeq:"
-  std::string_view cseq;       // the CSeq value
   std::string_view afterCSeq;  // from the line after it
+  int iCSeq = 0;
+  std::string_view cseqMethod;
+
+  // False, and logged, when something is missing.
+  bool read(std::string_view request) { return readFirstLine(MySip::firstLineOf(request)) && split(request); }
+
+ private:
+  bool readFirstLine(std::string_view line) {
+    if (line.size() > kMaxFirstLine) {
+      Log::error(kAnswering, "status line too long\n");
+      return false;
+    }
+    const std::size_t methodEnd = line.find(' ');
+    const std::size_t uriStart = methodEnd == kNoText ? kNoText : line.find_first_not_of(' ', methodEnd);
+    if (uriStart == kNoText) {
+      Log::error(kAnswering, "unable to find Status & Uri in unahotized msg %.*s\n",
+                 static_cast<int>(line.size()), line.data());
+      return false;
+    }
+    method = line.substr(0, methodEnd);
+    uri = line.substr(uriStart, line.find(' ', uriStart) - uriStart);
+    return true;
+  }
 
   bool split(std::string_view request) {
-    constexpr const char* kFunction = "MySip::sendAuthentication";
     const auto missing = [](const char* what) {
-      Log::error(kFunction, "%s", what);
+      Log::error(kAnswering, "%s", what);
       return false;
     };
     constexpr std::string_view kBranch = "branch=";
@@ -84,11 +112,30 @@ struct sRequestParts {
     toCSeq = request.substr(viaEnd, cseqStart - viaEnd);
     const std::size_t cseqEnd = request.find("\r\n", cseqStart);
     if (cseqEnd == kNoText) return missing("Did not find end of CSeq\n");
-    cseq = request.substr(cseqStart + kCSeq.size(), cseqEnd - cseqStart - kCSeq.size());
     afterCSeq = request.substr(cseqEnd + 2);
-    return true;
+    const std::size_t valueStart = cseqStart + kCSeq.size();
+    return readCSeq(request.substr(valueStart, cseqEnd - valueStart));
+  }
+
+  bool readCSeq(std::string_view value) {
+    if (readNumberAndMethod(value, iCSeq, cseqMethod)) return true;
+    Log::error(kAnswering, "reading seq & requestfrom %.*s\n", static_cast<int>(value.size()), value.data());
+    return false;
   }
 };
+
+// The CSeq line with the identity's number, and the credentials. The longest values have 900 characters
+// together.
+FixedText<1200> credentialsOf(const sPhone& identity, const sChallenge& asked,
+                              const sChallengedRequest& request, const FixedText<33>& response) {
+  FixedText<1200> lines;
+  (void)lines.format(asked.bOfProxy ? kProxyAuthorizationTemplate : kAuthorizationTemplate, identity.iCSeq,
+                     copyOf<50>(request.cseqMethod).c_str(), identity.pcUserName.c_str(),
+                     copyOf<kMaxQuotedValue + 1>(asked.realm).c_str(),
+                     copyOf<kMaxQuotedValue + 1>(asked.nonce).c_str(), response.c_str(),
+                     copyOf<kMaxFirstLine + 1>(request.uri).c_str());
+  return lines;
+}
 
 }  // namespace
 
@@ -114,7 +161,7 @@ void MySip::handleUnauthorizedMsg(std::string_view msg, const sockaddr_in& from)
     identity->bPeerHeard = true;
     if (cseq == identity->iInviteCSeq) {
       learnRemoteTag(*identity, msg);
-      sendRequest(*identity, requestLine("ACK", identity->pcRemoteSipName).c_str(), cseq, "ACK", false);
+      sendOfInvite(*identity, "ACK", identity->pcRemoteSipName, false);
     } else if (cseq < identity->iInviteCSeq) {
       // Our ACK was lost: the INVITE with credentials is on its way, a second one would be a second call.
       acknowledgeRepeatedChallenge(*identity, identity->psLastMsgs[static_cast<std::size_t>(record)].pcMsg,
@@ -137,10 +184,7 @@ void MySip::acknowledgeRepeatedChallenge(sPhone& identity, std::string_view requ
     (void)remoteTag.append(";tag=");
     (void)remoteTag.append(tag);
   }
-  FixedText<30> ack;
-  (void)ack.format("%d ACK", cseq);
-  generalPrepareAndSendMsg(true, identity, requestLine("ACK", identity.pcRemoteSipName).c_str(), ack.c_str(),
-                           kNoBody, 0, false, remoteTag.c_str(), "", branch.c_str());
+  acknowledgeRefusal(identity, cseq, remoteTag, branch);
 }
 
 // The identity that sent the request with this Call-ID and CSeq, and the position in its ring; null if none
@@ -168,77 +212,46 @@ sPhone* MySip::findSender(std::string_view callId, int cseq, int& record) {
 
 void MySip::sendAuthentication(sPhone& identity, int ringIndex, std::string_view challenge,
                                const sockaddr_in& from) {
-  constexpr const char* kFunction = "MySip::sendAuthentication";
-  std::string_view realm;
-  std::string_view nonce;
-  if (!readQuoted(challenge, "realm=\"", "unable to find realm in unauthorized msg\n",
-                  "unable to find end of realm in unauthorized msg\n", realm) ||
-      !readQuoted(challenge, "nonce=\"", "unable to find nonce in unauthorized msg\n",
-                  "unable to find end of nonce in unauthorized msg\n", nonce)) {
+  sChallenge asked;
+  sChallengedRequest request;
+  if (!asked.read(challenge) ||
+      !request.read(identity.psLastMsgs[static_cast<std::size_t>(ringIndex)].pcMsg)) {
     return;
   }
-  const std::string_view request = identity.psLastMsgs[static_cast<std::size_t>(ringIndex)].pcMsg;
-  const std::string_view line = firstLineOf(request);
-  if (line.size() > kMaxFirstLine) {
-    Log::error(kFunction, "status line too long\n");
-    return;
-  }
-  const std::size_t methodEnd = line.find(' ');
-  const std::size_t uriStart = methodEnd == kNoText ? kNoText : line.find_first_not_of(' ', methodEnd);
-  if (uriStart == kNoText) {
-    Log::error(kFunction, "unable to find Status & Uri in unahotized msg %.*s\n",
-               static_cast<int>(line.size()), line.data());
-    return;
-  }
-  const std::string_view method = line.substr(0, methodEnd);
-  const std::string_view uri = line.substr(uriStart, line.find(' ', uriStart) - uriStart);
-
-  sRequestParts parts;
-  int storedCSeq = 0;
-  std::string_view cseqMethod;
-  if (!parts.split(request)) return;
-  if (!readNumberAndMethod(parts.cseq, storedCSeq, cseqMethod)) {
-    Log::error(kFunction, "reading seq & requestfrom %.*s\n", static_cast<int>(parts.cseq.size()),
-               parts.cseq.data());
-    return;
-  }
-  if (identity.iCSeq < storedCSeq) {
-    Log::error(kFunction, "Stored CSeq %d is greated than last sent CSeq %d\n", storedCSeq, identity.iCSeq);
+  if (identity.iCSeq < request.iCSeq) {
+    Log::error(kAnswering, "Stored CSeq %d is greated than last sent CSeq %d\n", request.iCSeq,
+               identity.iCSeq);
     return;
   }
   ++identity.iCSeq;
-  const bool isRegister = cseqMethod == "REGISTER";
-  if (isRegister) {
-    fillNewBranchData(identity.pcRegistrationBranch);
-    identity.iRegistrationCSeq = identity.iCSeq;
-  } else {
-    drawBranch(identity);
-  }
-  const FixedText<33> response =
-      prepareDigestResponse(identity.pcUserName, realm, identity.pcSecret, method, uri, nonce);
-  FixedText<1200> credentials;
-  const auto formatted =
-      statusCodeOf(firstLineOf(challenge)) == 401
-          ? credentials.format(kAuthorizationTemplate, identity.iCSeq, copyOf<50>(cseqMethod).c_str(),
-                               identity.pcUserName.c_str(), copyOf<256>(realm).c_str(),
-                               copyOf<256>(nonce).c_str(), response.c_str(), copyOf<200>(uri).c_str())
-          : credentials.format(kProxyAuthorizationTemplate, identity.iCSeq, copyOf<50>(cseqMethod).c_str(),
-                               identity.pcUserName.c_str(), copyOf<256>(realm).c_str(),
-                               copyOf<256>(nonce).c_str(), response.c_str(), copyOf<200>(uri).c_str());
+  const FixedText<100> branch = drawBranchOfAnswer(identity, request.cseqMethod);
+  const FixedText<33> response = prepareDigestResponse(identity.pcUserName, asked.realm, identity.pcSecret,
+                                                       request.method, request.uri, asked.nonce);
   MessageText text;
-  if (!formatted || !text.append(parts.toBranch) ||
-      !text.append(isRegister ? identity.pcRegistrationBranch.view() : identity.pcBranch.view()) ||
-      !text.append(parts.toCSeq) || !text.append(credentials) || !text.append(parts.afterCSeq)) {
-    Log::error(kFunction, "request with credentials is too long\n");
+  if (!text.append(request.toBranch) || !text.append(branch) || !text.append(request.toCSeq) ||
+      !text.append(credentialsOf(identity, asked, request, response)) || !text.append(request.afterCSeq)) {
+    Log::error(kAnswering, "request with credentials is too long\n");
     return;
   }
-  if (cseqMethod == "INVITE") identity.iInviteCSeq = identity.iCSeq;
+  if (request.cseqMethod == "INVITE") identity.iInviteCSeq = identity.iCSeq;
   sendSipMsg(nullptr, nullptr, {}, identity.iCSeq, text, from);
+}
+
+// A new branch for the request with credentials.
+FixedText<100> MySip::drawBranchOfAnswer(sPhone& identity, std::string_view method) {
+  if (method == "REGISTER") {
+    fillNewBranchData(identity.pcRegistrationBranch);
+    identity.iRegistrationCSeq = identity.iCSeq;
+    return copyOf<100>(identity.pcRegistrationBranch);
+  }
+  if (method != "INVITE") return drawRequestBranch(identity);
+  drawBranch(identity);
+  return identity.pcBranch;
 }
 
 // ---- Handing it on ----
 
-void MySip::generateUnauthorizedMsg(std::string_view challenge, const sockaddr_in& from) {
+void MySip::generateUnauthorizedMsg(std::string_view challenge, const sockaddr_in&) {
   constexpr const char* kFunction = "MySip::generateUnauthorizedMsg";
   const std::string_view callId = extractToken("Call-ID:", 100, challenge);
   const std::string_view cseqText = extractToken("CSeq:", 50, challenge);
@@ -261,7 +274,7 @@ void MySip::generateUnauthorizedMsg(std::string_view challenge, const sockaddr_i
            (ourTag.empty() || leg.pcLocalTag.view().ends_with(ourTag));
   });
   if (slot >= 0) {
-    handChallengeToPartner(slot, challenge, from, methodText.c_str());
+    handChallengeToPartner(slot, challenge, method);
   } else if (const int binding = findBindingByRelayedRegistration(callId, cseq); binding >= 0) {
     const sBinding& phoneOf = bindingAt(binding);
     const FixedText<2100> via = viaOfAnswer(phoneOf.pcPhoneVia, phoneOf.pcPhoneViaParams);
@@ -278,8 +291,7 @@ void MySip::generateUnauthorizedMsg(std::string_view challenge, const sockaddr_i
   }
 }
 
-void MySip::handChallengeToPartner(int slot, std::string_view challenge, const sockaddr_in&,
-                                   const char* method) {
+void MySip::handChallengeToPartner(int slot, std::string_view challenge, std::string_view method) {
   sPhone& leg = phone(slot);
   const sPhone& partner = partnerOf(slot);
   leg.bPeerHeard = true;
@@ -292,9 +304,11 @@ void MySip::handChallengeToPartner(int slot, std::string_view challenge, const s
   const FixedText<2100> via = viaOfAnswer(partner.pcRemoteVia, partner.pcViaParams);
   sendUnauthorizedMsg(
       challenge, via.c_str(), weInvited ? own.c_str() : peer.c_str(), weInvited ? peer.c_str() : own.c_str(),
-      partner.pcCallID.c_str(), partner.iRemoteInviteCSeq, method,
+      partner.pcCallID.c_str(), partner.iRemoteInviteCSeq, copyOf<50>(method).c_str(),
       partner.pcOneTimeDestinationHost.empty() ? partner.sRemoteAddress : partner.sOneTimeDestination);
-  if (leg.bReInviteInProgress && !leg.bReInviteFromThisLeg) stopReInviteAndRollBack(slot, leg.iPairIndex);
+  // A REFER or a BYE that is challenged meanwhile leaves the re-INVITE to its own answer.
+  if (method == "INVITE" && leg.bReInviteInProgress && !leg.bReInviteFromThisLeg)
+    stopReInviteAndRollBack(slot, leg.iPairIndex);
 }
 
 void MySip::sendUnauthorizedMsg(std::string_view challenge, const char* via, const char* fromHeader,

@@ -74,7 +74,7 @@ void MySip::handleRequestToSubscribeWithUs(std::string_view msg) {
   if (!request.readNumber(cseq, kFunction)) return;
 
   sSubscription& record = bindingAt(binding).subscription(entry);
-  record.pcPhoneRequestLine.assignCut(msg.substr(0, msg.find("\r\n")));
+  record.pcPhoneRequestLine.assignCut(firstLineOf(msg));
   keepPhoneRequest(record, request, expires);
   const bool isRepeat = takeSubscriptionDialog(bindingAt(binding), record, request, cseq);
   bindingChanged(binding);
@@ -159,7 +159,7 @@ void MySip::handleNOTIFYMsgOnBehalfOfBindedPhone(int binding, int entry, std::st
   int cseq = 0;
   if (!readRequestCSeq(msg, cseq, kNotify)) return;
   if (cseq == record.iNotifyCSeq) {
-    resendLastSipMsg(owner.psLastMsgs, owner.iLastMsgIndex, record.iNotifyRelayCSeq);
+    resendLastSipMsg(owner.psLastMsgs, owner.iLastMsgIndex, record.pcPhoneCallID, record.iNotifyRelayCSeq);
     return;
   }
   sPhoneRequest request;
@@ -196,9 +196,8 @@ void MySip::handleOKForNOTIFYOnBehalfOfBindedPhone(int binding, int entry, std::
 }
 
 void MySip::handleERRORForNOTIFYOnBehalfOfBindedPhone(int binding, int entry, std::string_view msg) {
-  constexpr std::size_t kMaxStatusLine = 199;
-  const std::string_view line = msg.substr(0, msg.find("\r\n"));
-  if (line.size() > kMaxStatusLine) {
+  const std::string_view line = firstLineOf(msg);
+  if (line.size() > kMaxFirstLine) {
     Log::error("MySip::handleERRORForNOTIFYOnBehalfOfBindedPhone", "request line smaller than %d\n",
                static_cast<int>(line.size()));
     return;

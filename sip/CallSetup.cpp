@@ -208,7 +208,10 @@ void MySip::beginDialog(int slot) {
   leg.pcRemoteTag.clear();
   // What was sent in an earlier call must not be sent again in this one; a REGISTER may still be challenged.
   for (sLastMsgData& stored : leg.psLastMsgs) {
-    if (stored.pcCallID.view() != leg.pcRegistrationCallID.view()) stored.iCSeq = -1;
+    if (stored.pcCallID == leg.pcRegistrationCallID.view()) continue;
+    stored.iCSeq = -1;
+    stored.pcCallID.clear();
+    stored.pcMsg.clear();
   }
 }
 

@@ -12,7 +12,6 @@
 namespace {
 
 constexpr const char* kFunction = "MySip::analyzeSipMessage";
-constexpr std::size_t kMaxFirstLine = 199;
 constexpr int kNoCSeq = -1;  // what a leg keeps where it has no number: no message may match it
 constexpr std::string_view kReloadWord = "800-QUORVEL-RELOAD";
 
@@ -141,7 +140,7 @@ void MySip::analyzeSipMessage(std::string_view text, const sockaddr_in& from) {
     Log::error(kFunction, "Unable to locate callID... \n");
     return;
   }
-  msg.firstLine = text.substr(0, text.find("\r\n"));
+  msg.firstLine = firstLineOf(text);
   if (msg.firstLine.size() > kMaxFirstLine) {
     Log::warning(kFunction, "status line too long\n");
     return;

@@ -18,13 +18,6 @@ const sockaddr_in& nextHop(const sPhone& leg) {
   return leg.pcOneTimeDestinationHost.empty() ? leg.sRemoteAddress : leg.sOneTimeDestination;
 }
 
-template <std::size_t N>
-FixedText<N> copyOf(std::string_view text) {
-  FixedText<N> copy;
-  copy.assignCut(text);
-  return copy;
-}
-
 }  // namespace
 
 FixedText<2100> MySip::viaOfAnswer(std::string_view via, std::string_view params) {
@@ -89,10 +82,26 @@ void MySip::generalPrepareAndSendMsg(bool asRequest, sPhone& leg, const char* fi
 }
 
 void MySip::sendRequest(sPhone& leg, const char* firstLine, int cseq, const char* method, bool store) {
+  sendRequestUnder(leg.pcBranch, leg.pcRemoteTag, leg, firstLine, cseq, method, store);
+}
+
+void MySip::sendRequestUnder(const FixedText<100>& branch, const FixedText<100>& remoteTag, sPhone& leg,
+                             const char* firstLine, int cseq, const char* method, bool store) {
   FixedText<30> cseqText;
   (void)cseqText.format("%d %s", cseq, method);
-  generalPrepareAndSendMsg(true, leg, firstLine, cseqText.c_str(), kNoBody, 0, store, leg.pcRemoteTag.c_str(),
-                           leg.pcRemoteVia.c_str(), leg.pcBranch.c_str());
+  generalPrepareAndSendMsg(true, leg, firstLine, cseqText.c_str(), kNoBody, 0, store, remoteTag.c_str(), "",
+                           branch.c_str());
+}
+
+void MySip::sendOfInvite(sPhone& leg, const char* method, std::string_view uri, bool store) {
+  sendRequestUnder(branchOfInvite(leg), leg.pcRemoteTag, leg, requestLine(method, uri).c_str(),
+                   leg.iInviteCSeq, method, store);
+}
+
+void MySip::acknowledgeRefusal(sPhone& leg, int cseq, const FixedText<100>& remoteTag,
+                               const FixedText<100>& branch) {
+  sendRequestUnder(branch, remoteTag, leg, requestLine("ACK", leg.pcRemoteSipName).c_str(), cseq, "ACK",
+                   false);
 }
 
 void MySip::sendResponse(sPhone& leg, const char* statusLine, int cseq, const char* method, bool store) {
@@ -113,9 +122,8 @@ void MySip::sendResponseWithVia(sPhone& leg, const char* statusLine, int cseq, c
 // The status line of an answer to our INVITE becomes, unchanged, that of our answer to the partner's.
 void MySip::relayErrorStatus(sPhone& partner, const FixedText<1000>& via, std::string_view msg,
                              const char* function) {
-  constexpr std::size_t kMaxStatusLine = 199;
-  const std::string_view line = msg.substr(0, msg.find("\r\n"));
-  FixedText<kMaxStatusLine + 1> status;
+  const std::string_view line = firstLineOf(msg);
+  FixedText<kMaxFirstLine + 1> status;
   if (status.assign(line)) {
     FixedText<30> cseq;
     (void)cseq.format("%d INVITE", partner.iInviteCSeq);

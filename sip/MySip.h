@@ -59,6 +59,17 @@ inline constexpr const char* kAllow = "INVITE,ACK,CANCEL,INFO,BYE";
 // message that would not fit here is not sent.
 using MessageText = FixedText<12000>;
 
+// Longest request or status line that is handled, in characters.
+inline constexpr std::size_t kMaxFirstLine = 199;
+
+// The text, or as much of it as fits.
+template <std::size_t N>
+FixedText<N> copyOf(std::string_view text) {
+  FixedText<N> copy;
+  copy.assignCut(text);
+  return copy;
+}
+
 // Whether a URI's host name is looked up. Only callers that go on to use the address ask for it; dotted
 // addresses are always read.
 enum class HostLookup { eNo, eYes };
@@ -192,6 +203,9 @@ class MySip {
   static bool extractTag(std::string_view headerValue, std::string_view& tag);
   // Body: everything after the first empty line.
   static std::string_view bodyOf(std::string_view message);
+  static std::string_view firstLineOf(std::string_view message) {
+    return message.substr(0, message.find("\r\n"));
+  }
   // Status code of a response's first line (RFC 3261, 7.2); 0 for a request.
   static int statusCodeOf(std::string_view firstLine);
   // Does a first line begin with the text (letters without regard to case)?
@@ -219,15 +233,16 @@ class MySip {
   // Sends one message and, if a ring is given, stores it there. Bytes sent, or -1.
   ssize_t sendSipMsg(MessageRing* ring, int* ringIndex, std::string_view callId, int cseq,
                      std::string_view text, const sockaddr_in& to);
-  // Sends the newest stored message with that CSeq again.
-  void resendLastSipMsg(const MessageRing& ring, int ringIndex, int cseq);
+  // Sends the newest stored message with that Call-ID and CSeq again. A pair leg's ring may hold a REGISTER
+  // whose number a request of the call has, too.
+  void resendLastSipMsg(const MessageRing& ring, int ringIndex, std::string_view callId, int cseq);
 
   // ---- 4 Main loop ----
 
   // Runs until shutdown completes or the instance lock is lost. An exception ends the process with status 1.
   void mainLoop();
-  // One pass of it (for tests): shutdown check, wait (at most `waitMilliseconds`), maintenance, one datagram.
-  // False: leave.
+  // One pass of it (for tests): shutdown check, maintenance, one datagram, then a part of the binding files
+  // or, with nothing to read or to write, a wait of at most `waitMilliseconds`. False: leave.
   bool mainLoopPass(int waitMilliseconds);
   // Reads the file's reloadable settings and restarts the media of running calls; logged when it cannot be
   // read, or is one that strangers' text gets into.
@@ -564,6 +579,13 @@ class MySip {
   static int nameToCall(std::string_view destination, std::string_view to, FixedText<kSipNameCapacity>& out);
 
   // MessageBuilder.cpp
+  void sendRequestUnder(const FixedText<100>& branch, const FixedText<100>& remoteTag, sPhone& leg,
+                        const char* firstLine, int cseq, const char* method, bool store);
+  // ACK or CANCEL of the INVITE that we sent last on the leg: with its CSeq and its branch.
+  void sendOfInvite(sPhone& leg, const char* method, std::string_view uri, bool store);
+  // ACK of an INVITE before that.
+  void acknowledgeRefusal(sPhone& leg, int cseq, const FixedText<100>& remoteTag,
+                          const FixedText<100>& branch);
   void sendSdpAnswer(int slot, const char* status);
   void sendResponseWithVia(sPhone& leg, const char* statusLine, int cseq, const char* method,
                            const FixedText<1000>& via);
@@ -588,8 +610,8 @@ class MySip {
   void acknowledgeRepeatedChallenge(sPhone& identity, std::string_view request, int cseq,
                                     std::string_view challenge);
   sPhone* findSender(std::string_view callId, int cseq, int& record);
-  void handChallengeToPartner(int slot, std::string_view challenge, const sockaddr_in& from,
-                              const char* method);
+  void handChallengeToPartner(int slot, std::string_view challenge, std::string_view method);
+  FixedText<100> drawBranchOfAnswer(sPhone& identity, std::string_view method);
 
   std::optional<std::int64_t> iDateOffset;  // seconds from the steady clock to the date, as last seen
 
@@ -607,7 +629,10 @@ class MySip {
   // ReInvite.cpp, Transfer.cpp, Notify.cpp
   bool admitReInvite(int slot, int cseq, bool hasCredentials, std::string_view msg, const sockaddr_in& from);
   void resendInvite(int slot);
-  void setReInviteAside(int slot);
+  void setInviteAside(int slot);
+  // Via and branch of the leg's INVITE, also when a BYE has overtaken it.
+  static const FixedText<1000>& viaOfInvite(const sPhone& leg);
+  static const FixedText<100>& branchOfInvite(const sPhone& leg);
   void beginReInvite(int slot);
   int takeReInvite(int slot, int cseq, std::string_view msg);
   void prepareToReInvite(int slot, std::string_view msg);

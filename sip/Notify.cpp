@@ -42,7 +42,7 @@ void MySip::handleNOTIFYMsg(int slot, std::string_view msg) {
   if (!readRequestCSeq(msg, cseq, "MySip::handleNOTIFYMsg")) return;
   leg.iRemoteInviteCSeq = std::max(leg.iRemoteInviteCSeq, cseq);
   if (cseq == leg.iNotifyCSeq) {
-    resendLastSipMsg(partner.psLastMsgs, partner.iLastMsgIndex, partner.iNotifyCSeq);
+    resendLastSipMsg(partner.psLastMsgs, partner.iLastMsgIndex, partner.pcCallID, partner.iNotifyCSeq);
     return;
   }
   leg.iNotifyCSeq = cseq;

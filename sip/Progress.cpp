@@ -138,7 +138,7 @@ void MySip::handleErrorForInviteMsg(int slot, std::string_view msg) {
   learnRemoteTag(phone(slot), msg);
   if (reviewMoveStorage(slot)) return;
   markTerminating(slot);
-  relayErrorStatus(other, other.pcRemoteVia, msg, kFunction);
+  relayErrorStatus(other, viaOfInvite(other), msg, kFunction);
   closeRtpSessionPair(phone(slot).iPairIndex, slot);
 }
 
@@ -157,7 +157,7 @@ void MySip::handleACKMsg(int slot, std::string_view msg) {
   }
   if (other.bInviteSentByUs) {
     prepareOneTimeRoutingMsgAndDestinationIP(otherSlot, msg);
-    sendRequest(other, requestLine("ACK", other.pcRemoteContact).c_str(), other.iInviteCSeq, "ACK", false);
+    sendOfInvite(other, "ACK", other.pcRemoteContact, false);
     eraseOneTimeRoutingMsgAndDestinationIP(other);
   } else {
     Log::warning(kFunction, "phone %d requested to send ACK but is not the originator\n", otherSlot);

@@ -23,6 +23,11 @@ bool hasBye(const sPhone& leg) {
   return leg.iByeCSeq >= 0 || leg.iRemoteByeCSeq >= 0;
 }
 
+// Has a BYE overtaken an INVITE that is still to be answered?
+bool isOvertaken(const sPhone& leg) {
+  return hasBye(leg) && (leg.bReInviteInProgress || !leg.bAnswered);
+}
+
 // Was the re-INVITE in progress sent on this leg? It was not where its SDP could not be read.
 bool wasRelayedOn(const sPhone& leg) {
   const sDialog& before = leg.sSavedDialog;
@@ -91,7 +96,8 @@ bool MySip::admitReInvite(int slot, int cseq, bool hasCredentials, std::string_v
 }
 
 void MySip::resendInvite(int slot) {
-  resendLastSipMsg(phone(slot).psLastMsgs, phone(slot).iLastMsgIndex, phone(slot).iInviteCSeq);
+  const sPhone& leg = phone(slot);
+  resendLastSipMsg(leg.psLastMsgs, leg.iLastMsgIndex, leg.pcCallID, leg.iInviteCSeq);
 }
 
 void MySip::beginReInvite(int slot) {
@@ -146,17 +152,25 @@ void MySip::handleErrorForReInviteMsg(int slot, std::string_view msg) {
   sPhone& partner = partnerOf(slot);
   // An INVITE with credentials may have been redirected; the caller waits for the first answer still.
   if (reviewMoveStorage(slot)) return;
-  relayErrorStatus(partner, hasBye(partner) ? partner.pcPrevRemoteVia : partner.pcRemoteVia, msg, kError);
+  relayErrorStatus(partner, viaOfInvite(partner), msg, kError);
   stopReInviteAndRollBack(slot, phone(slot).iPairIndex);
 }
 
 // A BYE brings a Via and a branch of its own, and is answered under them.
-void MySip::setReInviteAside(int slot) {
+void MySip::setInviteAside(int slot) {
   for (sPhone* leg : {&phone(slot), &partnerOf(slot)}) {
-    if (!leg->bReInviteInProgress) continue;
+    if (leg->bAnswered && !leg->bReInviteInProgress) continue;
     leg->pcPrevRemoteVia = leg->pcRemoteVia;
     leg->pcPrevBranch = leg->pcBranch;
   }
+}
+
+const FixedText<1000>& MySip::viaOfInvite(const sPhone& leg) {
+  return isOvertaken(leg) ? leg.pcPrevRemoteVia : leg.pcRemoteVia;
+}
+
+const FixedText<100>& MySip::branchOfInvite(const sPhone& leg) {
+  return isOvertaken(leg) ? leg.pcPrevBranch : leg.pcBranch;
 }
 
 void MySip::stopReInviteAndRollBack(int a, int b) {
@@ -188,11 +202,7 @@ void MySip::stopReInviteAndRollBack(int a, int b) {
 void MySip::sendACKOnFailedReInvite(int slot, std::string_view) {
   sPhone& leg = phone(slot);
   if (!isInCall(leg, slot, "MySip::sendACKOnFailedReInvite")) return;
-  FixedText<30> cseq;
-  (void)cseq.format("%d ACK", leg.iPrevInviteCSeq);
-  generalPrepareAndSendMsg(true, leg, requestLine("ACK", leg.pcRemoteSipName).c_str(), cseq.c_str(), kNoBody,
-                           0, false, leg.pcPrevRemoteTag.c_str(), leg.pcPrevRemoteVia.c_str(),
-                           leg.pcPrevBranch.c_str());
+  acknowledgeRefusal(leg, leg.iPrevInviteCSeq, leg.pcPrevRemoteTag, leg.pcPrevBranch);
 }
 
 void MySip::handleACKForPreviousFailedReInvite(int slot, std::string_view msg) {

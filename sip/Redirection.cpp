@@ -58,7 +58,7 @@ void MySip::handleMoveMsg(int slot, std::string_view msg) {
   }
   const auto tagBefore = leg.pcRemoteTag;
   learnRemoteTag(leg, msg);
-  sendRequest(leg, requestLine("ACK", leg.pcRemoteSipName).c_str(), leg.iInviteCSeq, "ACK", false);
+  sendOfInvite(leg, "ACK", leg.pcRemoteSipName, false);
   if (leg.bAnswered) leg.pcRemoteTag = tagBefore;  // of the dialog that stands
   sPhone& partner = partnerOf(slot);
   if (leg.bAnswered) {  // a call that stands does not move
@@ -101,7 +101,7 @@ bool MySip::inviteContact(int slot, const sSipUri& contact) {
   // After a redirection the old dialog has been acknowledged and is among the old calls already; after a
   // failure it is not. Its peer repeats the answer until somebody acknowledges it.
   if (findOldCall(leg.pcCallID) < 0) {
-    sendRequest(leg, requestLine("ACK", leg.pcRemoteSipName).c_str(), leg.iInviteCSeq, "ACK", false);
+    sendOfInvite(leg, "ACK", leg.pcRemoteSipName, false);
     moveCallToOldCalls(slot);
   }
   leg.pcRemoteSipName = contact.pcName;

@@ -2,6 +2,7 @@
 #include <bit>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 #include "app/config/Log.h"
 #include "common/Clock.h"
@@ -112,7 +113,9 @@ int MySip::init(BindingFiles files) {
       leg.pcViaParams.assignCut(";rport");
       leg.pcSecret = pcSecret;
       leg.iPairIndex = isOrigSlot(slot) ? slot + numOrigSlots() : slot - numOrigSlots();
-      leg.iRtpPort = iRtpUAPortInitVal + 2 * slot;
+      // A first port that is none gives none to any slot.
+      const std::int64_t port = std::int64_t{iRtpUAPortInitVal} + 2 * slot;
+      leg.iRtpPort = std::in_range<int>(port) ? static_cast<int>(port) : 0;
     }
     initTrunk();
     if (nameSlots() != 0) return 2;
@@ -134,7 +137,8 @@ int MySip::allocateTables() {
     // Zero bytes are an empty copy: no Call-ID. A copy's pages come into memory when its first call ends.
     psOldCalls.reset(static_cast<sPhone*>(std::calloc(slots, sizeof(sPhone))));
     psBindings.reset(static_cast<sBinding*>(std::calloc(kMaxBindings, sizeof(sBinding))));
-    piActiveRtpIndexes = std::make_unique<int[]>(static_cast<std::size_t>(iNumCallsToFilter));
+    // Not filled, either: a number that the relay will refuse must not take memory before it does.
+    piActiveRtpIndexes = std::make_unique_for_overwrite<int[]>(static_cast<std::size_t>(iNumCallsToFilter));
     slotIndex.allocate(iNumSlots);
     oldCallIndex.allocate(iNumSlots);
     if (psOldCalls && psBindings) return 0;
@@ -304,16 +308,10 @@ bool MySip::checkOldCalls(std::string_view callId, std::string_view firstLine, i
   }
   // An error response that repeats because its ACK was lost. Requests of an ended call get no answer.
   if (status < 300 || !contains(cseqText, "INVITE")) return true;
-  const FixedText<300> line = requestLine("ACK", copy.pcRemoteSipName);
-  FixedText<30> ack;
-  (void)ack.format("%d ACK", cseq);
   if (cseq == copy.iInviteCSeq) {
-    generalPrepareAndSendMsg(true, copy, line.c_str(), ack.c_str(), "\r\n\r\n", 0, false,
-                             copy.pcRemoteTag.c_str(), copy.pcRemoteVia.c_str(), copy.pcBranch.c_str());
+    sendOfInvite(copy, "ACK", copy.pcRemoteSipName, false);
   } else if (cseq == copy.iPrevInviteCSeq) {
-    generalPrepareAndSendMsg(true, copy, line.c_str(), ack.c_str(), "\r\n\r\n", 0, false,
-                             copy.pcPrevRemoteTag.c_str(), copy.pcPrevRemoteVia.c_str(),
-                             copy.pcPrevBranch.c_str());
+    acknowledgeRefusal(copy, cseq, copy.pcPrevRemoteTag, copy.pcPrevBranch);
   }
   return true;
 }

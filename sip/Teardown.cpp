@@ -32,7 +32,7 @@ void MySip::handleCancelMsg(int slot, std::string_view msg) {
 
   other.iCancelCSeq = other.iInviteCSeq;
   prepareOneTimeRoutingMsgAndDestinationIP(otherSlot, msg);
-  sendRequest(other, requestLine("CANCEL", other.pcRemoteSipName).c_str(), other.iInviteCSeq, "CANCEL", true);
+  sendOfInvite(other, "CANCEL", other.pcRemoteSipName, true);
   eraseOneTimeRoutingMsgAndDestinationIP(other);
 }
 
@@ -50,7 +50,7 @@ void MySip::handleOKForCANCELMsg(int slot, std::string_view) {
   if (other.bInviteSentByUs) {
     sendRequest(other, "SIP/2.0 200 OK", other.iCancelCSeq, "CANCEL", false);
   } else {
-    sendResponse(other, "SIP/2.0 200 OK", other.iCancelCSeq, "CANCEL", false);
+    sendResponseWithVia(other, "SIP/2.0 200 OK", other.iCancelCSeq, "CANCEL", viaOfInvite(other));
   }
 }
 
@@ -59,7 +59,7 @@ void MySip::handleBYEMsg(int slot, std::string_view msg) {
   const int otherSlot = leg.iPairIndex;
   sPhone& other = phone(otherSlot);
   if (!leg.bInUse) return;
-  if (!leg.bTerminating) setReInviteAside(slot);
+  if (!leg.bTerminating) setInviteAside(slot);
   takeVia(msg, leg.pcRemoteVia);  // also for a BYE that crosses ours: the ended call answers it
   removeRport(leg.pcRemoteVia);
   if (leg.bTerminating && leg.bByePending) return;
@@ -67,7 +67,7 @@ void MySip::handleBYEMsg(int slot, std::string_view msg) {
   if (!readRequestCSeq(msg, cseq, "MySip::handleBYEMsg")) return;
   leg.iRemoteInviteCSeq = std::max(leg.iRemoteInviteCSeq, cseq);
   if (leg.bTerminating && cseq == leg.iRemoteByeCSeq) {
-    resendLastSipMsg(other.psLastMsgs, other.iLastMsgIndex, other.iByeCSeq);
+    resendLastSipMsg(other.psLastMsgs, other.iLastMsgIndex, other.pcCallID, other.iByeCSeq);
     return;
   }
   markTerminating(slot);
@@ -111,7 +111,7 @@ void MySip::initiateCallTermination(int slot) {
   sPhone& other = partnerOf(slot);
   if (!leg.bTerminating) {
     markTerminating(slot);
-    setReInviteAside(slot);
+    setInviteAside(slot);
     for (sPhone* each : {&leg, &other}) {
       each->bByePending = true;
       beginBye(*each);

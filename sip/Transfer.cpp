@@ -35,7 +35,7 @@ void MySip::handleREFERMsg(int slot, std::string_view msg) {
   if (!readRequestCSeq(msg, cseq, kFunction)) return;
   leg.iRemoteInviteCSeq = std::max(leg.iRemoteInviteCSeq, cseq);
   if (cseq == leg.iReferCSeq) {
-    resendLastSipMsg(partner.psLastMsgs, partner.iLastMsgIndex, partner.iReferCSeq);
+    resendLastSipMsg(partner.psLastMsgs, partner.iLastMsgIndex, partner.pcCallID, partner.iReferCSeq);
     return;
   }
   FixedText<366> referTo;
@@ -61,9 +61,7 @@ FixedText<100> MySip::drawRequestBranch(sPhone& leg) {
   }
   FixedText<41> drawn;
   fillNewBranchData(drawn);
-  FixedText<100> branch;
-  branch.assignCut(drawn);
-  return branch;
+  return copyOf<100>(drawn);
 }
 
 // The Refer-To for the receiver of the REFER. False, and logged, when it cannot be given.

@@ -101,11 +101,11 @@ ssize_t MySip::sendSipMsg(MessageRing* ring, int* ringIndex, std::string_view ca
   return sent;
 }
 
-void MySip::resendLastSipMsg(const MessageRing& ring, int ringIndex, int cseq) {
+void MySip::resendLastSipMsg(const MessageRing& ring, int ringIndex, std::string_view callId, int cseq) {
   for (int back = 1; back <= kStoredMessages; ++back) {
     const sLastMsgData& record =
         ring[static_cast<std::size_t>((ringIndex + kStoredMessages - back) % kStoredMessages)];
-    if (record.iCSeq != cseq || record.pcMsg.empty()) continue;
+    if (record.iCSeq != cseq || record.pcCallID != callId) continue;
     sendSipMsg(nullptr, nullptr, {}, cseq, record.pcMsg, record.sAddress);
     return;
   }

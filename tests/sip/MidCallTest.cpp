@@ -139,34 +139,41 @@ TEST_F(MidCallTest, RefusedReInviteRestoresTheCallAndItsLateMessagesAreAnswered)
   EXPECT_EQ(header(atPbx(), "CSeq"), "3 INVITE") << "the next one is relayed again";
 }
 
-TEST_F(MidCallTest, ByeEndsACallWhoseReInviteIsPending) {
-  for (const bool weEndIt : {false, true}) {
-    SCOPED_TRACE(weEndIt);
+TEST_F(MidCallTest, ByeEndsACallWhoseInviteIsPending) {
+  for (const auto& [answered, weEndIt] :
+       {std::pair{true, false}, {true, true}, {false, false}, {false, true}}) {
+    SCOPED_TRACE((answered ? "re-INVITE" : "INVITE") + std::string(weEndIt ? ", our BYE" : ""));
     start();
     callerAnswer.clear();
-    answer();
-    const std::string relayed = relayReInvite(sdp(4000, "0", "a=sendonly\r\n"));
+    answered ? answer() : ring();
+    const std::string relayed = answered ? relayReInvite(sdp(4000, "0", "a=sendonly\r\n")) : pairInvite;
+    const std::string number = answered ? "2" : "1";
     const Request bye = callerWithin("BYE", 3);
     weEndIt ? sip->initiateCallTermination(kOrig) : fromCaller(build(bye));
     const std::string toPbx = atPbx();
     EXPECT_TRUE(firstLine(toPbx).starts_with("BYE ")) << toPbx;
     if (weEndIt) atCaller();
-    fromPbx(respond(relayed, "487 Request Terminated"));
+    fromPbx(respond(relayed, "487 Request Terminated", answered ? "" : "bob1"));
     const std::string refusal = atCaller();
-    EXPECT_EQ(firstLine(refusal) + branchOf(refusal), "SIP/2.0 487 Request Terminatedz9hG4bKINVITE2");
-    EXPECT_EQ(header(refusal, "CSeq"), "2 INVITE");
-    fromCaller(build(callerWithin("ACK", 2)));
+    EXPECT_EQ(firstLine(refusal), "SIP/2.0 487 Request Terminated");
+    EXPECT_EQ(branchOf(refusal), answered ? "z9hG4bKINVITE2" : branchOf(inviteText()));
+    EXPECT_EQ(header(refusal, "CSeq"), number + " INVITE");
+    fromCaller(build(callerWithin("ACK", answered ? 2 : 1)));
     const std::string ack = atPbx();
-    EXPECT_EQ(header(ack, "CSeq") + branchOf(ack), "2 ACK" + branchOf(relayed));
-    if (weEndIt) {
+    EXPECT_EQ(header(ack, "CSeq") + branchOf(ack), number + " ACK" + branchOf(relayed));
+    fromPbx(respond(relayed, "487 Request Terminated", answered ? "" : "bob1"));
+    EXPECT_EQ(atPbx(), ack) << "repeated";
+    if (weEndIt && answered) {
       passSeconds(1);
       EXPECT_EQ(atPbx(), toPbx) << "the same BYE, under its own branch";
       atCaller();
     }
     fromPbx(respond(toPbx, "200 OK"));
     if (weEndIt) continue;
-    const std::string ok = atCaller();
-    EXPECT_EQ(firstLine(ok) + branchOf(ok), "SIP/2.0 200 OKz9hG4bKBYE3");
+    if (answered) {
+      const std::string ok = atCaller();
+      EXPECT_EQ(firstLine(ok) + branchOf(ok), "SIP/2.0 200 OKz9hG4bKBYE3");
+    }
     fromCaller(build(bye));
     EXPECT_EQ(branchOf(atCaller()), "z9hG4bKBYE3");
   }
@@ -199,7 +206,16 @@ TEST_F(MidCallTest, OneReInviteAtATime) {
   Request refer = callerWithin("REFER", 4);
   refer.extraHeaders = "Refer-To: <sip:300@127.0.0.1>\r\n";
   fromCaller(build(refer));
-  EXPECT_NE(branchOf(atPbx()), branchOf(relayed));
+  const std::string toTransfer = atPbx();
+  EXPECT_NE(branchOf(toTransfer), branchOf(relayed));
+  // A challenge of the REFER concerns nothing but the REFER.
+  const std::string asked = "WWW-Authenticate: Digest realm=\"r\",nonce=\"n\"\r\n";
+  iSipProxyArchitecture = 1;
+  fromPbx(respond(toTransfer, "401 Unauthorized", "", asked));
+  EXPECT_EQ(header(atCaller(), "CSeq").substr(2), "REFER");
+  iSipProxyArchitecture = 0;
+  fromPbx(respond(toTransfer, "401 Unauthorized", "", asked));
+  EXPECT_TRUE(has(atPbx(), "\r\nAuthorization: Digest "));
 
   fromCaller(build(callerWithin("CANCEL", 2)));
   const std::string cancel = atPbx();

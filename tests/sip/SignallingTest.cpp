@@ -190,6 +190,8 @@ TEST_F(SignallingTest, ChallengeIsAnsweredOnceWithTheDigestOfTheChallengedReques
 
 TEST_F(SignallingTest, ChallengedInviteIsAcknowledgedAndSentAgainWithCredentials) {
   start();
+  sip->sendRegistration(sip->phone(2), 60);
+  EXPECT_EQ(header(atPbx(), "CSeq"), "2 REGISTER");
   fromCaller(inviteText());
   const std::string first = atPbx();
   fromPbx(respond(first, "407 Proxy Authentication Required", "c",
@@ -209,6 +211,9 @@ TEST_F(SignallingTest, ChallengedInviteIsAcknowledgedAndSentAgainWithCredentials
                   "Proxy-Authenticate: Digest realm=\"r\", nonce=\"n\"\r\n"));
   const std::string again = atPbx();
   EXPECT_EQ(header(again, "CSeq") + header(again, "Via"), "1 ACK" + header(first, "Via"));
+  expectSilence();
+  fromCaller(inviteText());
+  EXPECT_EQ(installation.logCount("Unable to locate message with CSeq=2\n"), 1) << "nor the old REGISTER";
   expectSilence();
   fromPbx(respond(pairInvite, "180 Ringing", "bob1"));
   EXPECT_EQ(header(atCaller(), "CSeq"), "1 INVITE");
