@@ -150,7 +150,7 @@ class MyChannel {
   int iAecHold2Samples = 0;
   int iAecMinOutput = 0;    // Q7
   int iAecDelayCycles = 0;  // cycles between the newest analysed cycle and the written one
-  // Samples by which the other stream of the echo channel may lag this entry's stream.
+  // Samples by which this entry's stream may lag the other one of the echo channel.
   int iLagLimit = 0;
   // Q7: output gain of the echo stage. The stage writes it on its microphone entry; in the combined mode the
   // noise channel behind it gets a copy.

@@ -48,7 +48,7 @@ struct sEchoSpan {
   [[nodiscard]] constexpr int startSamples() const { return iStart * kCycleSamples; }
   [[nodiscard]] constexpr int endSamples() const { return iEnd * kCycleSamples; }
 
-  // From the settings AECTailType and the tail start: steps of 1 s upwards, of 50 ms downwards.
+  // From the settings AECTailType and the tail start: steps of 0.5 s upwards, of 50 ms downwards.
   static constexpr sEchoSpan ofTail(int iTailType, int iTailStart) {
     const int iRawEnd = iTailType >= 0 ? 125 * iTailType + 100 : (-25 * iTailType + 1) / 2;
     const int iEnd = std::clamp(iRawEnd, kMinCycles, kMaxCycles);

@@ -88,8 +88,8 @@ void CoarseFilter::findPeak(bool bBelieve) {
   constexpr int kAgreeing = 22;          // of the latest 30 cycles
   constexpr int kForgottenAfter = 2500;  // cycles with loudspeaker sound, 10 s: there is no echo any more
   constexpr int kSame = 3;               // taps: 1.5 ms
-  constexpr float kSpkActive = 900;      // mean square at the quarter rate
-  if (dPower < static_cast<double>(kSpkActive) * 200) return;
+  constexpr double kSpkActive = 180000;  // energy over all taps: mean square 100 with 1,800 of them
+  if (dPower < kSpkActive) return;
   const auto uTaps = static_cast<std::size_t>(iTaps);
   std::array<lanes::Vector, 2> sums{};
   std::array<lanes::Vector, 2> most{};

@@ -33,7 +33,8 @@ bool EchoRing::gather(std::span<const float> fMic, std::span<const float> fEcho,
   }
   iGathered += static_cast<int>(fMic.size());
   if (iGathered < kBlockSamples) return false;
-  block = {static_cast<int>(fMicHigh - fMicLow), static_cast<int>(std::min(fEchoHigh - fEchoLow, 65534.0F))};
+  block = {static_cast<int>(fMicHigh - fMicLow),
+           static_cast<int>(std::min<float>(fEchoHigh - fEchoLow, kLargestSpread))};
   resetBlocks();
   return true;
 }

@@ -279,7 +279,7 @@ void FrequencyFilter::adopt() {
 }
 
 void FrequencyFilter::rollBack() {
-  // The used set is known to be close: a tenth of its power may still be wrong.
+  // The used set is known to be close: this part of its power may still be wrong.
   constexpr float kLikelyError = 0.03F;
   W[kAdapted] = W[kUsed];
   for (sEnergies* pEnergies : {&brief, &lasting})

@@ -17,6 +17,7 @@ constexpr int kStrongHold = 1200;
 constexpr int kHold = 400;
 constexpr int kStrongPeak = 350000;
 constexpr int kSpkLoud = 5001;
+constexpr int kMicFullScale = kLargestSpread * 9 / 10;  // the low levels' limit is beyond what there is
 
 }  // namespace
 
@@ -135,7 +136,8 @@ bool HowlingDetector::isBroadband(bool bAfterHold, int iMicAmp, int iSpkAmp10) c
   const int iRatio = bAfterHold ? limits.iRatio * 8 / 10 : limits.iRatio;
   return iPeaks <= iMostPeaks && iLowPeaks <= iMostPeaks / 2 && iPeak >= limits.iPeak &&
          ratioPercent() >= iRatio && iHighLevel >= limits.iHighBand &&
-         iMicAmp >= (bAfterHold ? limits.iAmp / 2 : limits.iAmp) && iSpkAmp10 >= kSpkLoud;
+         iMicAmp >= (bAfterHold ? limits.iAmp / 2 : std::min(limits.iAmp, kMicFullScale)) &&
+         iSpkAmp10 >= kSpkLoud;
 }
 
 // One line that keeps its place and does not fade for a time that no vowel lasts, loud in both directions.
@@ -171,7 +173,11 @@ void HowlingDetector::checkHowlingConditions(sAecCycle& now, int iSpkAmp10, bool
     return;
   }
   const bool bSure = bFilterSure && now.iTalkScore == score::kFarSilentNearActive;
-  if (iLevelSetting <= 9 && (bSure || now.bMicAboveEcho)) return;
+  if (iLevelSetting <= 9 && (bSure || now.bMicAboveEcho)) {
+    iBroadbandStart = -1;
+    iSteadyCycles = 0;
+    return;
+  }
   transform(now);
   followBands();
   const bool bTonal = isTonal(bAfterHold);

@@ -32,7 +32,7 @@ void MyAEC::clean() {
   timeResidual.clean(kCycleSamples);
   const auto uFullRate = static_cast<std::size_t>(kCycleSamples * pMic->rateFactor());
   frequencyResidual.clean(frequencyFilter.supportsRate() ? uFullRate : kCycleSamples);
-  talk.clean(pMic->iAecAggressiveLevel, pMic->iAecTalkHoldSamples, pMic->iAecHold2Samples, pMic->iAecMaxCoef);
+  talk.clean(pMic->iAecAggressiveLevel, pMic->iAecTalkHoldSamples, pMic->iAecHold2Samples);
   howling.clean(pMic, pMic->iAecHowlingLevel);
   breathing.clean();
   history.clean(pMic->iAecMinOutput, pMic->iAecSupressionHold);

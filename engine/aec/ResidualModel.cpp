@@ -104,7 +104,8 @@ void ResidualModel::measure(bool bSpkActive) {
   if (bSpkActive && hasSeenEcho() && iLearnt < kLearningCycles) ++iLearnt;
 }
 
-// Steps up and down in the ratio that leaves eight of nine residuals below the leak.
+// Steps up and down in the ratio that leaves two of three residuals below the leak, eight of nine while it is
+// being found.
 void ResidualModel::learn(std::size_t b, float fExcessDb) {
   constexpr float kFastUpDb = 0.5F;
   constexpr float kUpDb = 0.04F;
@@ -113,6 +114,6 @@ void ResidualModel::learn(std::size_t b, float fExcessDb) {
   constexpr float kDownPart = 0.12F;
   const bool bFast = isLearning() && fRemaining < 0.5F;
   const float fUp = bFast ? kFastUpDb : fEvidence > kTalkEvidence ? kTalkUpDb : kUpDb;
-  const float fDown = kDownPart * std::max(bFast ? kFastUpDb : 4 * kUpDb, 0.0F);
+  const float fDown = kDownPart * (bFast ? kFastUpDb : 4 * kUpDb);
   fLeakDb[b] = std::clamp(fLeakDb[b] + (fExcessDb > 0 ? fUp : -fDown), kLeastLeakDb, 6.0F);
 }

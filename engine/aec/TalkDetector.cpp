@@ -7,6 +7,8 @@
 namespace {
 
 constexpr int kUnityCoupling = 1024;
+// A loudspeaker that hardly speaks beside a loud echo would tell of any: 24 dB, more than telephones have.
+constexpr int kLargestCoupling = 16 * kUnityCoupling;
 constexpr int kAudibleMic = 40;  // spread below which nobody hears an echo
 
 // Evidence in dB, as ResidualModel gives it, and the score it earns.
@@ -29,12 +31,11 @@ constexpr std::array<sGrade, 12> psGrades{{{6.0F, score::kTwiceTheEcho},
 
 }  // namespace
 
-void TalkDetector::clean(int iAggressiveLevel, int iTalkHoldSamples, int iHold2Samples, int iMaxCoef) {
+void TalkDetector::clean(int iAggressiveLevel, int iTalkHoldSamples, int iHold2Samples) {
   *this = TalkDetector{};
   fThreshold = static_cast<float>(1500 - 50 * iAggressiveLevel) / 1000;
   iTalkHold = iTalkHoldSamples;
   iStrongHold = iHold2Samples;
-  iMaxCoupling = std::max(iMaxCoef, 1);
 }
 
 int TalkDetector::echoPercent(const ResidualModel& residual) {
@@ -100,11 +101,9 @@ int TalkDetector::scoreOf(const sAecCycle& now, const ResidualModel& residual, b
     if (iByCoupling != 0) return iByCoupling;
     return scoreOfResidual(residual.evidence(), residual, now);
   }
-  // No filter has found echo. What is louder than any echo could be is talk; of the rest nothing is known,
+  // No filter has found echo. What is far louder than the loudspeaker is talk; of the rest nothing is known,
   // and what is not known to be echo passes.
-  const int iExpected =
-      static_cast<int>(static_cast<std::int64_t>(now.iSpkReachAmp) * iMaxCoupling / kUnityCoupling);
-  if (!now.bWeak && now.iMicAmp > 2 * iExpected) return score::kTwiceTheEcho;
+  if (!now.bWeak && now.iMicAmp > 2 * now.iSpkReachAmp) return score::kTwiceTheEcho;
   return now.bMicActive ? 20 : 4;
 }
 
@@ -130,7 +129,7 @@ void TalkDetector::updateCoupling(const sAecCycle& now, bool bFilterGood, const 
   if (!bFilterGood || now.iMicAmp <= 6000 || now.iSpkSpanAmp <= 3000 || echoPercent(residual) >= 60) return;
   const int iRatio = static_cast<int>(static_cast<std::int64_t>(now.iMicAmp) * kUnityCoupling /
                                       std::max(1, now.iSpkSpanAmp));
-  iCoupling = std::min(std::max(iCoupling * 1023 / 1024, iRatio), iMaxCoupling);
+  iCoupling = std::min(std::max(iCoupling * 1023 / 1024, iRatio), kLargestCoupling);
 }
 
 // ---- Holds

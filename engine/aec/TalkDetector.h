@@ -9,8 +9,8 @@
 
 class TalkDetector {
  public:
-  // iAggressiveLevel 0..20: the higher, the more has to be left over for it to count as talk.
-  void clean(int iAggressiveLevel, int iTalkHoldSamples, int iHold2Samples, int iMaxCoef);
+  // iAggressiveLevel 0..20: the higher, the less has to be left over for it to count as talk.
+  void clean(int iAggressiveLevel, int iTalkHoldSamples, int iHold2Samples);
 
   // Sets score, flags and holds of the time-domain side.
   void checkNearEndTalk(sAecCycle& now, const ResidualModel& residual, const sAecCoefSet& active,
@@ -40,7 +40,6 @@ class TalkDetector {
   float fThreshold = 1;  // 1500 - 50 x level per mille
   int iTalkHold = 2000;
   int iStrongHold = 2000;
-  int iMaxCoupling = 1024;
   int iCoupling = 0;
   int iStrongCycles = 0;
   int iStrongAmp = 0;

@@ -108,6 +108,14 @@ TEST_F(EchoTest, EchoIsCancelledAtEveryDelayOfTheSpanAndRate) {
   }
 }
 
+TEST_F(EchoTest, TheBasicAlgorithmsLargestCouplingMakesNoTalkOfTheOthersEcho) {
+  const Samples far = syllables(28000, 6000, 1);
+  const Samples echo = mixed(echoOf(far, 300, 0.3), gaussianNoise(far.size(), 5, 2));
+  sKestrovaInit init = echoInit(7);
+  init.sAecMaxCoef = 10;
+  EXPECT_GT(erle(echo, cancel(far, echo, init), 20000), 30);
+}
+
 TEST_F(EchoTest, EveryAlgorithmLowersEchoAlthoughTheMicrophonesPacketsComeFirst) {
   const Samples far = syllables(20000, 2500, 3);
   const Samples echo = mixed(echoOf(far, 800, 0.3), gaussianNoise(far.size(), 5, 4));
