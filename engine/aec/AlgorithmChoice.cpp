@@ -39,11 +39,7 @@ bool AlgorithmChoice::isBad(const sAecCycle& now, const FrequencyFilter& filter)
 // better; the better the filter cancels, the more freely.
 bool AlgorithmChoice::frequencyDomainWins(const FrequencyFilter& filter, const sAecCoefSet& active) const {
   using enum FrequencyFilter::Ratio;
-  const float fLeeway =
-      iCyclesSinceSwitch <= 15 || filter.speakerPower() <= 1000 ||
-              (filter.speakerPower() <= 3000 && filter.residualPower() * 9 <= filter.echoPower())
-          ? 0.2F
-          : 0.0F;
+  const float fLeeway = iCyclesSinceSwitch <= 15 || filter.isHardlyHeard() ? 0.2F : 0.0F;
   const auto beats = [&](float fNow, float fLasting) {
     const auto less = [&](FrequencyFilter::Ratio which, float fMargin, int iFigure) {
       return filter.ratio(which) * 1000 < fMargin * static_cast<float>(iFigure);

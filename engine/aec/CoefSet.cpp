@@ -53,12 +53,11 @@ void sAecCoefSet::estimate(const float* fSpeaker, std::span<float, 16> fEcho) co
   for (std::size_t j = 0; j < 16; ++j) fEcho[j] = y[j / 4][j % 4] / kCouplingOne;
 }
 
-float sAecCoefSet::blockUpdateAecCoefs(const float* fSpeaker, std::span<const float, 16> fError, float fMu,
-                                       float fPower, const StepProfile& profile) {
+void sAecCoefSet::blockUpdateAecCoefs(const float* fSpeaker, std::span<const float, 16> fError, float fMu,
+                                      float fPower, const StepProfile& profile) {
   // Sixteen taps at a time, whose sums stay in registers while the block's sixteen errors pass. The
   // loudspeaker runs forward and the taps run backward: tap k meets fSpeaker[length - 1 - k + j].
   const float fScale = 0.25F * fMu / (fPower / 4);
-  lanes::Vector most{};
   lanes::Vector mostRaw{};
   for (int k = 0; k < iLength; k += 16) {
     std::array<lanes::Vector, 4> c;
@@ -75,18 +74,15 @@ float sAecCoefSet::blockUpdateAecCoefs(const float* fSpeaker, std::span<const fl
       const lanes::Vector raw = __builtin_shufflevector(c[3 - v], c[3 - v], 3, 2, 1, 0) * fScale;
       const lanes::Vector step = lanes::clamped(raw * fWeight, kLargestStep);
       mostRaw = lanes::larger(mostRaw, lanes::magnitude(raw));
-      most = lanes::larger(most, lanes::magnitude(step));
       lanes::Vector tap;
       std::memcpy(&tap, pfTap + 4 * v, sizeof tap);
       tap += step;
       std::memcpy(pfTap + 4 * v, &tap, sizeof tap);
     }
   }
-  const float fLargest = lanes::largest(most);
   const float fLargestRaw = lanes::largest(mostRaw);
   constexpr float kLargestRawKept = 1e7F;
   iLargestRawStep = std::max(iLargestRawStep, static_cast<int>(std::min(fLargestRaw, kLargestRawKept) * 128));
-  return fLargest;
 }
 
 // ---- Shape

@@ -68,9 +68,9 @@ struct sAecCoefSet {
   // Echo estimates of the 16 samples whose loudspeaker samples begin at fSpeaker: fSpeaker[15 + length - 1]
   // is x(n - start) of the last of them.
   void estimate(const float* fSpeaker, std::span<float, 16> fEcho) const;
-  // One block update; returns the largest step taken, at most kLargestStep.
-  float blockUpdateAecCoefs(const float* fSpeaker, std::span<const float, 16> fError, float fMu, float fPower,
-                            const StepProfile& profile);
+  // One block update; no tap moves by more than kLargestStep.
+  void blockUpdateAecCoefs(const float* fSpeaker, std::span<const float, 16> fError, float fMu, float fPower,
+                           const StepProfile& profile);
   // Peak and shape of the taps.
   void updateTapStatistics();
   // The step profile by the shape of the taps: weights follow the magnitudes, none below 1/iDivisor.

@@ -61,7 +61,7 @@ void CoarseFilter::push(const std::array<float, kCycleSamples>& fSpk,
 void CoarseFilter::adapt(float fMic) {
   constexpr float kStep = 0.6F;
   constexpr double kLeastMeanSquare = 400;  // a loudspeaker at -64 dB and below excites nothing
-  if (dPower < kLeastMeanSquare * 200) return;
+  if (dPower < kLeastMeanSquare * kShortestSpan) return;
   const float* __restrict x = fHistory.data() + iNewest;
   float* __restrict w = fTaps.data();
   constexpr std::size_t kParallel = 8;
@@ -88,8 +88,8 @@ void CoarseFilter::findPeak(bool bBelieve) {
   constexpr int kAgreeing = 22;          // of the latest 30 cycles
   constexpr int kForgottenAfter = 2500;  // cycles with loudspeaker sound, 10 s: there is no echo any more
   constexpr int kSame = 3;               // taps: 1.5 ms
-  constexpr double kSpkActive = 180000;  // energy over all taps: mean square 100 with 1,800 of them
-  if (dPower < kSpkActive) return;
+  constexpr double kSpkActive = 900;     // mean square
+  if (dPower < kSpkActive * kShortestSpan) return;
   const auto uTaps = static_cast<std::size_t>(iTaps);
   std::array<lanes::Vector, 2> sums{};
   std::array<lanes::Vector, 2> most{};
@@ -214,7 +214,7 @@ void DelaySearch::countEvent(const sAecCycle& now, int iRise) {
           ? static_cast<int>(std::min<std::int64_t>(std::int64_t{iMicAmp} * 1024 / iCoupling / 8, 8000))
           : 1000;
   const int s = iMicAmp > iPrevMicAmp ? 1 : -1;
-  for (int d = 1; d < span.cycles(); ++d) {
+  for (int d = 1; d <= span.cycles(); ++d) {
     if (iAmp[static_cast<std::size_t>(d)] == kUnknownAmp) continue;
     iVotes[static_cast<std::size_t>(d)] += s * vote(now, d, iThreshold, iRise);
   }
@@ -229,7 +229,7 @@ void DelaySearch::punishSilentLags() {
   constexpr int kLeastVotes = -200;  // a minute on mute must not outlive its end
   if (iMicAmp > kQuietMic) return;
   const int iLoud = std::max(16 * iMicAmp, 8000);
-  for (int d = 1; d < span.cycles(); ++d) {
+  for (int d = 1; d <= span.cycles(); ++d) {
     const int a = iAmp[static_cast<std::size_t>(d)];
     int& iCount = iVotes[static_cast<std::size_t>(d)];
     if (a != kUnknownAmp && a > iLoud) iCount = std::max(iCount - 16, std::min(iCount, kLeastVotes));
@@ -238,7 +238,7 @@ void DelaySearch::punishSilentLags() {
 
 void DelaySearch::findBest() {
   const auto pFirst = iVotes.begin() + 1;
-  const auto pBest = std::max_element(pFirst, pFirst + std::max(1, span.cycles() - 1));
+  const auto pBest = std::max_element(pFirst, pFirst + span.cycles());
   iBestVotes = *pBest;
   iVoted = iBestVotes > 0 ? (static_cast<int>(pBest - iVotes.begin()) + span.iStart - 1) * kCycleSamples : -1;
 }

@@ -32,6 +32,8 @@ class CoarseFilter {
   static constexpr int kDecimation = 4;
   static constexpr int kPerCycle = kCycleSamples / kDecimation;
   static constexpr int kMaxTaps = sEchoSpan::kMaxCycles * kPerCycle;
+  // Taps of the shortest span: as much sound as fills it at a level excites a longer one as well.
+  static constexpr int kShortestSpan = sEchoSpan::kMinCycles * kPerCycle;
   static constexpr int kRecent = 30;  // cycles whose peaks must agree
 
   void decimate(const std::array<float, kCycleSamples>& fIn, float& fMemory, float& fLast,
@@ -69,6 +71,8 @@ class DelaySearch {
   // The filters seem to have lost the path.
   void searchAnew() { coarse.relearn(); }
 
+  // The best estimate there is, -1 without any: that from the coupling, else that from the votes.
+  [[nodiscard]] int delay() const { return coupledDelay() >= 0 ? coupledDelay() : votedDelay(); }
   // Estimate from the votes in samples, -1 while there is none.
   [[nodiscard]] int votedDelay() const { return iVoted; }
   [[nodiscard]] int bestVotes() const { return iBestVotes; }
@@ -99,8 +103,8 @@ class DelaySearch {
   int iCompared = 0;  // sample time of the microphone cycle to be compared next
   int iMicAmp = 1;    // its level, and that of the cycle before
   int iPrevMicAmp = 1;
-  std::array<int, kLags + 1>
-      iAmp{};  // loudspeaker level by lag; lag d is d - 1 cycles beyond the span's start
+  // Loudspeaker level by lag, and before the last lag; lag d is d - 1 cycles beyond the span's start.
+  std::array<int, kLags + 2> iAmp{};
   std::array<int, kLags + 1> iVotes{};
   int iEvents = 0;
   int iBestVotes = 0;

@@ -8,7 +8,7 @@ namespace {
 constexpr int kBlockSamples = 128;
 constexpr int kWeightFall = 24;  // Q7 per block
 constexpr int kWeightRise = 64;
-constexpr int kEstimateLimit = 32767;
+constexpr float kEstimateLimit = 32767;
 
 }  // namespace
 
@@ -54,8 +54,8 @@ void EchoRing::startCycle(int iFirst) {
   while (iEchoRingTime < lWanted) write(0, 0);
 }
 
-void EchoRing::write(int iEcho, int iMic) {
-  int iLimited = std::clamp(iEcho, -kEstimateLimit, kEstimateLimit);
+void EchoRing::write(float fEcho, int iMic) {
+  auto iLimited = static_cast<int>(std::lround(std::clamp(fEcho, -kEstimateLimit, kEstimateLimit)));
   if ((iLimited < 0) != (iMic < 0)) {
     iLimited = 0;
   } else if (std::abs(iLimited) > std::abs(iMic)) {
@@ -68,9 +68,7 @@ void EchoRing::write(int iEcho, int iMic) {
 
 void EchoRing::writeAtFullRate(std::span<const float> fEcho, std::span<const float> fMic) {
   for (std::size_t i = 0; i < fEcho.size(); ++i) {
-    const float fKept =
-        std::clamp(fEcho[i], -static_cast<float>(kEstimateLimit), static_cast<float>(kEstimateLimit));
-    write(static_cast<int>(std::lround(fKept)), static_cast<int>(fMic[i]));
+    write(fEcho[i], static_cast<int>(fMic[i]));
   }
 }
 
@@ -84,9 +82,8 @@ void EchoRing::writeEstimate(std::span<const float> fEcho, std::span<const float
   for (std::size_t i = 0; i < fEcho.size(); ++i) {
     for (int k = 1; k <= iFactor; ++k) {
       const float fPart = static_cast<float>(k) / static_cast<float>(iFactor);
-      const float fKept = std::clamp(fPreviousEcho + fPart * (fEcho[i] - fPreviousEcho), -32767.0F, 32767.0F);
       const std::size_t uMic = i * static_cast<std::size_t>(iFactor) + static_cast<std::size_t>(k - 1);
-      write(static_cast<int>(std::lround(fKept)), static_cast<int>(fMic[uMic]));
+      write(fPreviousEcho + fPart * (fEcho[i] - fPreviousEcho), static_cast<int>(fMic[uMic]));
     }
     fPreviousEcho = fEcho[i];
   }

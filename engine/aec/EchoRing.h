@@ -48,7 +48,7 @@ class EchoRing {
   void startCycle(int iFirst);
 
  private:
-  void write(int iEcho, int iMic);
+  void write(float fEcho, int iMic);
 
   std::array<std::int16_t, kSamples> psEchoRing{};
   int iEchoRingPos = 0;

@@ -67,6 +67,10 @@ class FrequencyFilter {
   [[nodiscard]] float speakerPower() const { return fSpkPower; }
   [[nodiscard]] float residualPower() const { return fResidualPower; }
   [[nodiscard]] float echoPower() const { return fEchoPower; }
+  // The loudspeaker is faint, or it is not loud and next to nothing is left of its echo.
+  [[nodiscard]] bool isHardlyHeard() const {
+    return fSpkPower <= 1000 || (fSpkPower <= 3000 && fResidualPower * 9 <= fEchoPower);
+  }
   [[nodiscard]] float micPower() const { return fMicPower; }
   [[nodiscard]] int pathChanges() const { return iPathChanges; }
   // Whether the used set's estimate is still found in the microphone, whoever else talks: talk adds to what

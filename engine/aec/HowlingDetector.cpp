@@ -57,6 +57,11 @@ void HowlingDetector::transform(const sAecCycle& now) {
   }
 }
 
+void HowlingDetector::interrupt() {
+  iBroadbandStart = -1;
+  iSteadyCycles = 0;
+}
+
 int HowlingDetector::largest(int iFrom, int iTo) const {
   return *std::max_element(iMagnitude.begin() + iFrom, iMagnitude.begin() + iTo);
 }
@@ -70,6 +75,11 @@ void HowlingDetector::followBands() {
 
 int HowlingDetector::ratioPercent() const {
   return static_cast<int>(std::int64_t{iHighLevel} * 100 / std::max(1, iLowLevel));
+}
+
+// Every limit of the ratio is relaxed after the hold.
+bool HowlingDetector::hasRatio(int iLeast, bool bAfterHold) const {
+  return ratioPercent() >= (bAfterHold ? iLeast * 8 / 10 : iLeast);
 }
 
 bool HowlingDetector::isTonal(bool bAfterHold) const {
@@ -133,10 +143,9 @@ bool HowlingDetector::isBroadband(bool bAfterHold, int iMicAmp, int iSpkAmp10) c
     if (k < kHighFrom) ++iLowPeaks;
   }
   const int iMostPeaks = bAfterHold ? 2 * std::max(1, limits.iPeakCount) : std::max(1, limits.iPeakCount);
-  const int iRatio = bAfterHold ? limits.iRatio * 8 / 10 : limits.iRatio;
+  const int iLeastAmp = bAfterHold ? limits.iAmp / 2 : std::min(limits.iAmp, kMicFullScale);
   return iPeaks <= iMostPeaks && iLowPeaks <= iMostPeaks / 2 && iPeak >= limits.iPeak &&
-         ratioPercent() >= iRatio && iHighLevel >= limits.iHighBand &&
-         iMicAmp >= (bAfterHold ? limits.iAmp / 2 : std::min(limits.iAmp, kMicFullScale)) &&
+         hasRatio(limits.iRatio, bAfterHold) && iHighLevel >= limits.iHighBand && iMicAmp >= iLeastAmp &&
          iSpkAmp10 >= kSpkLoud;
 }
 
@@ -168,14 +177,13 @@ void HowlingDetector::checkHowlingConditions(sAecCycle& now, int iSpkAmp10, bool
   const bool bAfterHold = now.iFirst > now.iHowlingHoldEnd;
   const std::int64_t a2 = std::int64_t{now.iMicAmp} * now.iMicAmp;
   if (a2 < (bAfterHold ? limits.lPowerFloor : limits.lPowerFloor / 2)) {
-    iBroadbandStart = -1;
-    iSteadyCycles = iLowLevel = iHighLevel = 0;
+    interrupt();
+    iLowLevel = iHighLevel = 0;
     return;
   }
   const bool bSure = bFilterSure && now.iTalkScore == score::kFarSilentNearActive;
   if (iLevelSetting <= 9 && (bSure || now.bMicAboveEcho)) {
-    iBroadbandStart = -1;
-    iSteadyCycles = 0;
+    interrupt();
     return;
   }
   transform(now);
@@ -188,7 +196,8 @@ void HowlingDetector::checkHowlingConditions(sAecCycle& now, int iSpkAmp10, bool
   const bool bSteady = isSteadyLine(now, iSpkAmp10);
   if (!bTonal && !bBroadband && !bSteady) return;
   now.bHowling = true;
-  const bool bStrong = bBroadband && largest(0, kBins) > kStrongPeak && ratioPercent() >= limits.iStrongRatio;
+  const bool bStrong =
+      bBroadband && largest(0, kBins) > kStrongPeak && hasRatio(limits.iStrongRatio, bAfterHold);
   const int iHold = bTonal ? kTonalHold : bStrong ? kStrongHold : kHold;
   now.iHowlingHoldEnd = std::max(now.iHowlingHoldEnd, now.iFirst + iHold);
 }

@@ -30,13 +30,15 @@ class HowlingDetector {
     int iHighBand = 0;
     int iRatio = 0;  // percent, high to low band
     int iStrongRatio = 0;
-    int iAmp = 0;
+    int iAmp = 0;       // of the microphone
     int iAveraged = 1;  // cycles over which the bands' levels are averaged
     int iSplitBin = 25;
     int iPeak = 0;
     int iPeakCount = 0;
   };
 
+  // What was heard until now is no part of a howl.
+  void interrupt();
   void transform(const sAecCycle& now);
   void followBands();
   [[nodiscard]] bool isTonal(bool bAfterHold) const;
@@ -45,6 +47,7 @@ class HowlingDetector {
   [[nodiscard]] bool isSteadyLine(const sAecCycle& now, int iSpkAmp10);
   [[nodiscard]] int largest(int iFrom, int iTo) const;
   [[nodiscard]] int ratioPercent() const;
+  [[nodiscard]] bool hasRatio(int iLeast, bool bAfterHold) const;
 
   const MyChannel* pChannel = nullptr;
   int iLevelSetting = 0;

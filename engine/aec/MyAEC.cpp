@@ -16,12 +16,10 @@ constexpr int kTalkTail = 160;  // samples for which a room still sounds beyond 
 // ---- Life
 
 void MyAEC::clean() {
-  MyChannel* const pKept = pMic;
-  pSpk = pKept->pSpkChannel;
   iAecMode = sAecMode::ofAlgorithm(pMic->iAecAlgorithm);
   echoSpan = sEchoSpan::ofTail(pMic->iAecTailType, pMic->iAecTailStart);
   now = sAecCycle{};
-  speaker.clean(pSpk);
+  speaker.clean(pMic->pSpkChannel);
   levels.clean(pMic);
   delaySearch.clean(pMic, &speaker, echoSpan);
   frequencyFilter.clean(pMic, &speaker, echoSpan);
@@ -109,8 +107,7 @@ void MyAEC::searchDelay() {
   delaySearch.setCalm(choice.preferred() == kFrequencyDomain && frequencyFilter.matches() &&
                       frequencyFilter.ratio(FrequencyFilter::kUsedNow) < kCancelled);
   delaySearch.updateEchoDelayParams(now, bMayCount);
-  const int iCoupled = delaySearch.coupledDelay();
-  now.iEchoDelay = iCoupled >= 0 ? iCoupled : delaySearch.votedDelay();
+  now.iEchoDelay = delaySearch.delay();
 }
 
 // An echo far above its average stands out: then only large changes of level say where it comes from.
@@ -179,8 +176,7 @@ void MyAEC::performFrequencyDomainAnalysis() {
   if (frequencyFilter.pathChanges() != iPathChanges) {
     iPathChanges = frequencyFilter.pathChanges();
     frequencyResidual.relearn();
-    // What was taken for talk was the echo by its new path.
-    now.iFdHoldEnd = std::min(now.iFdHoldEnd, now.iFirst - 1);
+    TalkDetector::endFrequencyDomainHold(now);
   }
   const bool bSilent = isFarSilent(frequencyFilter.bulkDelay(), frequencyFilter.endDelay());
   const auto uSamples = static_cast<std::size_t>(kCycleSamples * pMic->rateFactor());
@@ -264,10 +260,7 @@ bool MyAEC::isOnStablePath() const {
 
 void MyAEC::updateSupression() {
   if (isOnStablePath()) {
-    const float fPower = frequencyFilter.speakerPower();
-    const bool bLow = !iAecMode.hasFrequencyDomain() || fPower <= 1000 ||
-                      (fPower <= 3000 && frequencyFilter.residualPower() * 9 <= frequencyFilter.echoPower());
-    history.updateOnStablePath(now, bLow);
+    history.updateOnStablePath(now, !iAecMode.hasFrequencyDomain() || frequencyFilter.isHardlyHeard());
   } else if (choice.selected() == kFrequencyDomain) {
     history.fd_updateSupressionCoef(now, frequencyFilter.isReady());
   } else {

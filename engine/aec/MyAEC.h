@@ -93,7 +93,6 @@ class MyAEC {
   [[nodiscard]] int ageOf(cHandle cycle) const;
 
   MyChannel* pMic = nullptr;
-  MyChannel* pSpk = nullptr;
   sAecMode iAecMode;
   sEchoSpan echoSpan;
   sAecCycle now;

@@ -15,7 +15,6 @@ class SpeakerHistory {
  public:
   void clean(const MyChannel* pSpkChannel);
 
-  [[nodiscard]] const MyChannel& channel() const { return *pChannel; }
   // Sample time of the newest sample, -1 before any.
   [[nodiscard]] int newest() const;
   // Copies samples from iFrom on at 8 kHz. False when some of them are not in the ring.

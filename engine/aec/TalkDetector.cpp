@@ -45,8 +45,12 @@ int TalkDetector::echoPercent(const ResidualModel& residual) {
 void TalkDetector::resetTimers(sAecCycle& now) {
   now.iStrongHoldEnd = std::min(now.iStrongHoldEnd, now.iFirst - 1);
   now.iTalkHoldEnd = std::min(now.iTalkHoldEnd, now.iFirst - 1);
-  now.iFdHoldEnd = std::min(now.iFdHoldEnd, now.iFirst - 1);
+  endFrequencyDomainHold(now);
   iStrongCycles = 0;
+}
+
+void TalkDetector::endFrequencyDomainHold(sAecCycle& now) {
+  now.iFdHoldEnd = std::min(now.iFdHoldEnd, now.iFirst - 1);
 }
 
 // ---- The score
@@ -197,7 +201,7 @@ void TalkDetector::checkFrequencyDomainTalk(sAecCycle& now, const ResidualModel&
                                             bool bFarSilent) const {
   now.iFdScore = scoreOf(now, residual, bFarSilent);
   now.bFdNearEndTalk = now.iFdScore > 0;
-  if (now.bPathLost) now.iFdHoldEnd = std::min(now.iFdHoldEnd, now.iFirst - 1);
+  if (now.bPathLost) endFrequencyDomainHold(now);
   const int iHeldFrom = residual.isLearning() ? score::kAboveEcho : 50;
   if (now.iFdScore >= iHeldFrom && !bFarSilent) {
     const int iHold = now.iFdScore >= score::kAboveEcho ? iTalkHold : iTalkHold / 2;

@@ -24,6 +24,8 @@ class TalkDetector {
   [[nodiscard]] static int echoPercent(const ResidualModel& residual);
   // Forgets which talk holds are running.
   void resetTimers(sAecCycle& now);
+  // What was taken for talk was echo.
+  static void endFrequencyDomainHold(sAecCycle& now);
 
  private:
   [[nodiscard]] int scoreOf(const sAecCycle& now, const ResidualModel& residual, bool bFarSilent) const;

@@ -79,7 +79,6 @@ void TimeDomainFilter::updateReference(const sAecCycle& now) {
 bool TimeDomainFilter::runSets(sAecCycle& now, bool bAdapt) {
   constexpr int kSpkForAlternative = 5000;
   iSmallestResidual = kUnknownPeak;
-  fLargestStep = 0;
   const bool bRan = calcEchoAndConverge(now, kTest, bAdapt);
   calcEchoAndConverge(now, kActive, false);
   const sAecCoefSet& alternative = set(kAlternative);
@@ -125,9 +124,7 @@ void TimeDomainFilter::runBlocks(const sAecCycle& now, sAecCoefSet& s, bool bAda
     for (std::size_t j = b; j < b + kBlockSamples; ++j) signals.e[j] = now.fMic[j] - signals.y[j];
     if (!bAdapt) continue;
     const std::span<const float, kBlockSamples> error(signals.e.data() + b, kBlockSamples);
-    const float fStep =
-        s.blockUpdateAecCoefs(signals.x.data() + b, error, static_cast<float>(dMu), fPower, profile);
-    fLargestStep = std::max(fLargestStep, fStep);
+    s.blockUpdateAecCoefs(signals.x.data() + b, error, static_cast<float>(dMu), fPower, profile);
   }
   if (!bAdapt) return;
   ++s.iAdaptations;
@@ -196,7 +193,7 @@ void TimeDomainFilter::calcStepProfile(const sAecCycle& now, const sAecCoefSet& 
   if (bLost) {
     fFactor = 10;
   } else if (!now.bMicQuiet && iBlocks <= 9 && set(kTest).r[3] <= 599) {
-    fFactor = static_cast<float>(std::clamp(8 * std::min(now.iSpkAmp, 65535) / now.iSpkAverageAmp, 4, 8));
+    fFactor = static_cast<float>(std::clamp(8 * now.iSpkAmp / now.iSpkAverageAmp, 4, 8));
   }
   for (float& fWeight : profile) fWeight *= fFactor / 8;
 }

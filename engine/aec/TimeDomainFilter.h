@@ -35,14 +35,9 @@ class TimeDomainFilter {
   [[nodiscard]] const sAecCoefSet& set(int i) const { return asCoefSet[static_cast<std::size_t>(i)]; }
   [[nodiscard]] sAecCoefSet& set(int i) { return asCoefSet[static_cast<std::size_t>(i)]; }
   [[nodiscard]] const std::array<float, kCycleSamples>& estimate() const { return fEstimate; }
-  // Largest step of a tap in the cycle, at most 500.
-  [[nodiscard]] float largestStep() const { return fLargestStep; }
   [[nodiscard]] int smallestResidual() const { return iSmallestResidual; }
   [[nodiscard]] double stepSize() const { return dMu; }
   [[nodiscard]] bool isDiverging() const { return bDivergence; }
-  [[nodiscard]] bool isSearching() const { return bSearching; }
-  [[nodiscard]] int delayRangeStart() const { return iRangeStart; }
-  [[nodiscard]] int delayRangeEnd() const { return iRangeEnd; }
 
   // Used by the tests of the parts. False when the loudspeaker is too faint in the set's span for it to run.
   bool calcEchoAndConverge(sAecCycle& now, int iSet, bool bAdapt);
@@ -114,7 +109,6 @@ class TimeDomainFilter {
   std::array<sAecCoefSet, kSets> asCoefSet{};
   std::array<float, kCycleSamples> fEstimate{};
   int iSmallestResidual = 1;
-  float fLargestStep = 0;
   StepProfile profile{};
 
   double dMu = 0.3;

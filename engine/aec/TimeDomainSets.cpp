@@ -117,7 +117,7 @@ void TimeDomainFilter::stepAlternative(const sAecCycle& now) {
 
 // Since when the estimate of the delay has been the same.
 void TimeDomainFilter::followEstimate(const sAecCycle& now) {
-  const int iNow = pSearch->coupledDelay() >= 0 ? pSearch->coupledDelay() : pSearch->votedDelay();
+  const int iNow = pSearch->delay();
   if ((iNow < 0) == (iEstimate < 0) && std::abs(iNow - iEstimate) <= kStableWithin) return;
   iEstimate = iNow;
   iEstimateSince = now.iLast;
@@ -146,7 +146,7 @@ void TimeDomainFilter::considerMove(sAecCycle& now) {
 // covers the estimate, only set 7 goes there.
 void TimeDomainFilter::updateDelayNLengthUsingEchoDelay(sAecCycle& now, bool bAlternativeOnly) {
   constexpr int kMargin = 64;
-  const int iDelay = pSearch->coupledDelay() >= 0 ? pSearch->coupledDelay() : pSearch->votedDelay();
+  const int iDelay = pSearch->delay();
   if (iDelay < 0) return;
   const int iLast = std::min(iDelay + kMargin, span.endSamples() - 1);
   const auto covers = [&](int i) { return iDelay >= set(i).iStart && iLast <= set(i).end(); };

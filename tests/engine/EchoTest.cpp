@@ -100,20 +100,14 @@ TEST_F(EchoTest, ModesAndSpansFollowTheSettings) {
 TEST_F(EchoTest, EchoIsCancelledAtEveryDelayOfTheSpanAndRate) {
   for (const auto& [iRate, iDelay] : {std::pair{8000, 100}, {8000, 6500}, {16000, 4100}}) {
     const auto uCount = static_cast<std::size_t>(7 * iRate / 2);
-    const Samples far = syllables(uCount, 2500, 1, iRate);
+    const Samples far = syllables(uCount, 4000, 1, iRate);
     const Samples micSamples = mixed(echoOf(far, iDelay, 0.3, iRate), gaussianNoise(uCount, 5, 2));
-    const Samples out = cancel(far, micSamples, echoInit(7, iRate));
-    EXPECT_GT(erle(micSamples, out, uCount * 5 / 7), 30) << iRate << " " << iDelay;
+    sKestrovaInit init = echoInit(7, iRate);
+    init.sAecMaxCoef = 10;  // bounds the basic algorithm's coupling alone
+    const Samples out = cancel(far, micSamples, init);
+    EXPECT_GT(erle(micSamples, out, uCount * 5 / 7), 50) << iRate << " " << iDelay;
     EXPECT_NEAR(aec().cycle().iEchoDelay, iDelay, 40);
   }
-}
-
-TEST_F(EchoTest, TheBasicAlgorithmsLargestCouplingMakesNoTalkOfTheOthersEcho) {
-  const Samples far = syllables(28000, 6000, 1);
-  const Samples echo = mixed(echoOf(far, 300, 0.3), gaussianNoise(far.size(), 5, 2));
-  sKestrovaInit init = echoInit(7);
-  init.sAecMaxCoef = 10;
-  EXPECT_GT(erle(echo, cancel(far, echo, init), 20000), 30);
 }
 
 TEST_F(EchoTest, EveryAlgorithmLowersEchoAlthoughTheMicrophonesPacketsComeFirst) {
@@ -218,11 +212,15 @@ TEST_F(EchoTest, ALateLoudspeakerNeitherEndsTheFrequencyDomainFilterNorKeepsItFr
   }
 }
 
-TEST_F(EchoTest, ALoopHowlsHoweverFarAheadTheMicrophoneIs) {
-  const Samples far = tone(4000, 1300, 8000);
-  for (const int iLead : {0, 480}) {
-    (void)cancel(far, far, echoInit(7), iLead);
-    EXPECT_TRUE(aec().cycle().bHowling) << iLead;
+TEST_F(EchoTest, ALoopHowlsHoweverFarAheadTheMicrophoneIsAndAtAnyLevel) {
+  const Samples whistle = tone(4000, 1300, 8000);
+  const Samples twoLines = mixed(tone(4000, 2200, 17000), tone(4000, 3000, 17000));
+  for (const auto& [far, iLead, iLevel] :
+       {std::tuple{whistle, 0, 10}, {whistle, 480, 10}, {twoLines, 0, 10}, {twoLines, 0, 9}}) {
+    sKestrovaInit init = echoInit(7);
+    init.sAecHowlingLevel = static_cast<std::uint16_t>(iLevel);
+    (void)cancel(far, far, init, iLead);
+    EXPECT_TRUE(aec().cycle().bHowling) << iLead << " " << iLevel;
   }
 }
 
@@ -358,7 +356,7 @@ TEST(CoefSetTest, StepsAreClippedWithTheirSign) {
   std::vector<float> x(kMaxTaps + 31, 30000.0F);
   std::array<float, 16> e;
   e.fill(-30000);
-  EXPECT_EQ(set.blockUpdateAecCoefs(x.data(), e, 1.2F, 1000, profile), 500);
+  set.blockUpdateAecCoefs(x.data(), e, 1.2F, 1000, profile);
   for (int k = 0; k < kMaxTaps; ++k) ASSERT_EQ(set.fTaps[static_cast<std::size_t>(k)], -500);
 }
 
