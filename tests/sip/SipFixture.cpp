@@ -16,6 +16,11 @@ std::string next(LoopbackPeer& peer, const char* who) {
   return {};
 }
 
+// Below those that the system hands out, so that nobody gets one by chance, and others for each test process.
+int firstMediaPort() {
+  return 10'000 + 16 * (getpid() % 500);
+}
+
 }  // namespace
 
 SipFixture::SipFixture() : iSipPort(LoopbackPeer::freePortPair()) {
@@ -26,7 +31,7 @@ SipFixture::SipFixture() : iSipPort(LoopbackPeer::freePortPair()) {
       "NeedToCheckDTMF=0\nCPUPower=5\nDetectAggressiveLevel=2\nCleanAggressiveLevel=10\nAECAlgorithm=basic\n"
       "DefaultCmd=*##0\nSipProxyPort=" +
       std::to_string(pbx.port()) + "\nSipUAPort=" + std::to_string(iSipPort) +
-      "\nRtpUAPortInitVal=" + std::to_string(LoopbackPeer::freePortPair()) + "\n";
+      "\nRtpUAPortInitVal=" + std::to_string(firstMediaPort()) + "\n";
   EXPECT_EQ(myConfiguration.readParams(installation.write("quorvel.conf", configuration).c_str(), false), 0)
       << installation.log();
   EXPECT_EQ(myConfiguration.writeTmpFile(), 0);
