@@ -146,7 +146,7 @@ void MySip::handleUnauthorizedMsg(std::string_view msg, const sockaddr_in& from)
     generateUnauthorizedMsg(msg, from);
     return;
   }
-  const std::string_view callId = extractToken("Call-ID:", 100, msg);
+  const std::string_view callId = callIdOf(msg);
   std::string_view cseqText;
   int cseq = 0;
   if (!readCSeq(msg, cseq, cseqText)) {
@@ -253,7 +253,7 @@ FixedText<100> MySip::drawBranchOfAnswer(sPhone& identity, std::string_view meth
 
 void MySip::generateUnauthorizedMsg(std::string_view challenge, const sockaddr_in&) {
   constexpr const char* kFunction = "MySip::generateUnauthorizedMsg";
-  const std::string_view callId = extractToken("Call-ID:", 100, challenge);
+  const std::string_view callId = callIdOf(challenge);
   const std::string_view cseqText = extractToken("CSeq:", 50, challenge);
   int cseq = 0;
   std::string_view method;

@@ -80,8 +80,12 @@ int MySip::analyzeHeaderUri(std::string_view value, sSipUri& out, const char* fu
     logWithText(function, "unable to find sip: in the string:", value);
     return 1;
   }
-  if (analyzeURIString(value.substr(start), out, lookup) != 0) {
-    logWithText(function, "error analyzing the URI String", value.substr(start));
+  std::string_view uri = value.substr(start);
+  // Without brackets it ends with its line, behind which the header may have a further value.
+  if (value.substr(0, start).find('<') == std::string_view::npos)
+    uri = uri.substr(0, uri.find_first_of("\r\n"));
+  if (analyzeURIString(uri, out, lookup) != 0) {
+    logWithText(function, "error analyzing the URI String", uri);
     return 1;
   }
   return 0;

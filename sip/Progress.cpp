@@ -117,7 +117,7 @@ void MySip::handleOKForInviteMsg(int slot, std::string_view msg) {
   }
   if (takeAnswer(slot, msg, kFunction) != 0) return;
   sSipUri contact;
-  if (analyzeHeaderUri(extractToken("Contact:", 200, msg), contact, kFunction) != 0) return;
+  if (analyzeHeaderUri(extractHeader("Contact:", 200, msg), contact, kFunction) != 0) return;
   leg.pcRemoteContact = contact.pcFullUri;
   takeRouteOfAnswer(slot, msg);
   prepareAndSendOKForInvite(otherSlot);

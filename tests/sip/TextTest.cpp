@@ -201,6 +201,8 @@ TEST_F(TextTest, UriWithABadPartIsRefused) {
   }
   sSipUri uri;
   EXPECT_EQ(MySip::analyzeURIString("sip:a;x\r\nX: y@b>", uri), 1);
+  EXPECT_EQ(MySip::analyzeHeaderUri("sip:a@127.0.0.1:5070\r\nContact: <sip:b@127.0.0.2>", uri, "x"), 0);
+  EXPECT_EQ(uri.pcFullUri, "a@127.0.0.1:5070");
 }
 
 TEST_F(TextTest, UriLengthsAreBounded) {
