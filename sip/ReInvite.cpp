@@ -156,8 +156,10 @@ void MySip::handleErrorForReInviteMsg(int slot, std::string_view msg) {
   stopReInviteAndRollBack(slot, phone(slot).iPairIndex);
 }
 
-// A BYE brings a Via and a branch of its own, and is answered under them.
+// A BYE brings a Via and a branch of its own, and is answered under them. A second one finds those of the
+// first.
 void MySip::setInviteAside(int slot) {
+  if (hasBye(phone(slot))) return;
   for (sPhone* leg : {&phone(slot), &partnerOf(slot)}) {
     if (leg->bAnswered && !leg->bReInviteInProgress) continue;
     leg->pcPrevRemoteVia = leg->pcRemoteVia;

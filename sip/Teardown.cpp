@@ -59,7 +59,7 @@ void MySip::handleBYEMsg(int slot, std::string_view msg) {
   const int otherSlot = leg.iPairIndex;
   sPhone& other = phone(otherSlot);
   if (!leg.bInUse) return;
-  if (leg.iByeCSeq < 0 && leg.iRemoteByeCSeq < 0) setInviteAside(slot);
+  setInviteAside(slot);
   takeVia(msg, leg.pcRemoteVia);  // also for a BYE that crosses ours: the ended call answers it
   removeRport(leg.pcRemoteVia);
   if (leg.bTerminating && leg.bByePending) return;

@@ -182,10 +182,7 @@ void HowlingDetector::checkHowlingConditions(sAecCycle& now, int iSpkAmp10, bool
     return;
   }
   const bool bSure = bFilterSure && now.iTalkScore == score::kFarSilentNearActive;
-  if (iLevelSetting <= 9 && (bSure || now.bMicAboveEcho)) {
-    interrupt();
-    return;
-  }
+  if (iLevelSetting <= 9 && (bSure || now.bMicAboveEcho)) return;
   transform(now);
   followBands();
   const bool bTonal = isTonal(bAfterHold);
