@@ -143,7 +143,7 @@ FixedText<1200> credentialsOf(const sPhone& identity, const sChallenge& asked,
 
 void MySip::handleUnauthorizedMsg(std::string_view msg, const sockaddr_in& from) {
   if (iSipProxyArchitecture != 0) {
-    generateUnauthorizedMsg(msg, from);
+    generateUnauthorizedMsg(msg);
     return;
   }
   const std::string_view callId = callIdOf(msg);
@@ -158,18 +158,30 @@ void MySip::handleUnauthorizedMsg(std::string_view msg, const sockaddr_in& from)
   sPhone* identity = findSender(callId, cseq, record);
   if (identity == nullptr) return;
   if (contains(cseqText, "INVITE")) {
+    const std::string_view request = identity->psLastMsgs[static_cast<std::size_t>(record)].pcMsg;
     identity->bPeerHeard = true;
-    if (cseq == identity->iInviteCSeq) {
-      learnRemoteTag(*identity, msg);
-      sendOfInvite(*identity, "ACK", identity->pcRemoteSipName, false);
-    } else if (cseq < identity->iInviteCSeq) {
+    if (cseq != identity->iInviteCSeq) {
       // Our ACK was lost: the INVITE with credentials is on its way, a second one would be a second call.
-      acknowledgeRepeatedChallenge(*identity, identity->psLastMsgs[static_cast<std::size_t>(record)].pcMsg,
-                                   cseq, msg);
+      acknowledgeRepeatedChallenge(*identity, request, cseq, msg);
+      return;
+    }
+    learnRemoteTag(*identity, msg);
+    sendOfInvite(*identity, "ACK", identity->pcRemoteSipName, false);
+    if (identity->bTerminating || request.starts_with("CANCEL ")) {
+      endWithdrawnInvite(phone(identity->iPairIndex).iPairIndex);
       return;
     }
   }
   sendAuthentication(*identity, record, msg, from);
+}
+
+// A CANCEL or a BYE has overtaken the INVITE that is challenged: with credentials it would let a phone ring
+// for a caller who has gone.
+void MySip::endWithdrawnInvite(int slot) {
+  sPhone& partner = partnerOf(slot);
+  relayErrorStatus(partner, viaOfInvite(partner), "SIP/2.0 487 Request Terminated",
+                   "MySip::endWithdrawnInvite");
+  if (partner.bReInviteInProgress) stopReInviteAndRollBack(slot, phone(slot).iPairIndex);
 }
 
 void MySip::acknowledgeRepeatedChallenge(sPhone& identity, std::string_view request, int cseq,
@@ -251,7 +263,7 @@ FixedText<100> MySip::drawBranchOfAnswer(sPhone& identity, std::string_view meth
 
 // ---- Handing it on ----
 
-void MySip::generateUnauthorizedMsg(std::string_view challenge, const sockaddr_in&) {
+void MySip::generateUnauthorizedMsg(std::string_view challenge) {
   constexpr const char* kFunction = "MySip::generateUnauthorizedMsg";
   const std::string_view callId = callIdOf(challenge);
   const std::string_view cseqText = extractToken("CSeq:", 50, challenge);
@@ -301,13 +313,16 @@ void MySip::handChallengeToPartner(int slot, std::string_view challenge, std::st
   (void)own.format("<sip:%s>%s", partner.pcSipName.c_str(), partner.pcLocalTag.c_str());
   (void)peer.format("<sip:%s>%s", partner.pcRemoteSipName.c_str(), partner.pcRemoteTag.c_str());
   const bool weInvited = partner.bInviteSentByUs;
-  const FixedText<2100> via = viaOfAnswer(partner.pcRemoteVia, partner.pcViaParams);
+  const bool isOfInvite = method == "INVITE";  // which another request of the partner may have overtaken
+  const FixedText<2100> via =
+      viaOfAnswer(isOfInvite ? viaOfInvite(partner) : partner.pcRemoteVia, partner.pcViaParams);
   sendUnauthorizedMsg(
       challenge, via.c_str(), weInvited ? own.c_str() : peer.c_str(), weInvited ? peer.c_str() : own.c_str(),
-      partner.pcCallID.c_str(), partner.iRemoteInviteCSeq, copyOf<50>(method).c_str(),
+      partner.pcCallID.c_str(), isOfInvite ? partner.iInviteCSeq : partner.iRemoteInviteCSeq,
+      copyOf<50>(method).c_str(),
       partner.pcOneTimeDestinationHost.empty() ? partner.sRemoteAddress : partner.sOneTimeDestination);
   // A REFER or a BYE that is challenged meanwhile leaves the re-INVITE to its own answer.
-  if (method == "INVITE" && leg.bReInviteInProgress && !leg.bReInviteFromThisLeg)
+  if (isOfInvite && leg.bReInviteInProgress && !leg.bReInviteFromThisLeg)
     stopReInviteAndRollBack(slot, leg.iPairIndex);
 }
 

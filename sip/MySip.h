@@ -380,7 +380,7 @@ class MySip {
   static FixedText<33> prepareDigestResponse(std::string_view user, std::string_view realm,
                                              std::string_view password, std::string_view method,
                                              std::string_view uri, std::string_view nonce);
-  void generateUnauthorizedMsg(std::string_view challenge, const sockaddr_in& from);
+  void generateUnauthorizedMsg(std::string_view challenge);
   void sendUnauthorizedMsg(std::string_view challenge, const char* via, const char* fromHeader,
                            const char* toHeader, const char* callId, int cseq, const char* method,
                            const sockaddr_in& destination);
@@ -609,6 +609,7 @@ class MySip {
   // Authentication.cpp
   void acknowledgeRepeatedChallenge(sPhone& identity, std::string_view request, int cseq,
                                     std::string_view challenge);
+  void endWithdrawnInvite(int slot);
   sPhone* findSender(std::string_view callId, int cseq, int& record);
   void handChallengeToPartner(int slot, std::string_view challenge, std::string_view method);
   FixedText<100> drawBranchOfAnswer(sPhone& identity, std::string_view method);

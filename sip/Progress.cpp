@@ -37,7 +37,7 @@ void MySip::relayProvisional(int slot, std::string_view msg, const char* statusL
   if (!isAnswerToOurInvite(slot, function) || isLateAnswerOfAnotherFork(slot, msg, function)) return;
   learnExternalIP(slot, msg);
   learnRemoteTag(phone(slot), msg);
-  sendResponse(other, statusLine, other.iInviteCSeq, "INVITE", false);
+  sendResponseWithVia(other, statusLine, other.iInviteCSeq, "INVITE", viaOfInvite(other));
 }
 
 void MySip::handleTryingMsg(int slot, std::string_view msg) {

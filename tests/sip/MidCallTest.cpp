@@ -292,6 +292,57 @@ TEST_F(MidCallTest, CallerAnswersTheChallengeOfThePbx) {
   }
 }
 
+// The caller's end and the challenge pass each other on the way.
+TEST_F(MidCallTest, ChallengedInviteOfACallerWhoHasGoneIsNotSentAgain) {
+  enum class Gone { eCancel, eBye, eOurBye, eCancelOfReInvite };
+  const auto challenged = [](const std::string& request) {
+    return respond(request, "407 Proxy Authentication Required", "c",
+                   "Proxy-Authenticate: Digest realm=\"r\", nonce=\"n\"\r\n");
+  };
+  for (const Gone gone : {Gone::eCancel, Gone::eBye, Gone::eOurBye, Gone::eCancelOfReInvite}) {
+    for (const bool proxy : {false, true}) {
+      SCOPED_TRACE(static_cast<int>(gone) * 10 + (proxy ? 1 : 0));
+      iSipProxyArchitecture = proxy ? 1 : 0;
+      start();
+      callerAnswer.clear();
+      const bool isReInvite = gone == Gone::eCancelOfReInvite;
+      isReInvite ? answer() : fromCaller(inviteText());
+      const std::string request = isReInvite ? relayReInvite(invite.sdp) : atPbx();
+      const std::string cseq = isReInvite ? "2" : "1";
+      if (gone == Gone::eOurBye) {
+        sip->initiateCallTermination(kOrig);
+        atCaller();
+      } else {
+        fromCaller(gone == Gone::eBye ? build(callerWithin("BYE", 2))
+                                      : callerRequest("CANCEL", isReInvite ? 2 : 1));
+      }
+      atPbx();
+      fromPbx(respond(request, "180 Ringing", "c"));
+      const std::string ringing = atCaller();
+      fromPbx(challenged(request));
+      const std::string end = atCaller();
+      EXPECT_EQ(firstLine(end),
+                proxy ? "SIP/2.0 407 Proxy Authentication Required" : "SIP/2.0 487 Request Terminated");
+      for (const std::string& answer : {ringing, end}) {
+        EXPECT_EQ(header(answer, "CSeq"), cseq + " INVITE");
+        EXPECT_EQ(branchOf(answer), isReInvite ? "z9hG4bKINVITE2" : invite.branch);
+      }
+      if (!proxy) {
+        for (const char* when : {"at once", "repeated"}) {
+          const std::string ack = atPbx();
+          EXPECT_EQ(header(ack, "CSeq") + branchOf(ack), cseq + " ACK" + branchOf(request)) << when;
+          fromPbx(challenged(request));
+        }
+        while (caller.receive(std::chrono::milliseconds(0))) continue;
+        atPbx();
+      }
+      expectSilence();
+      EXPECT_FALSE(sip->phone(kOrig).bReInviteInProgress || sip->phone(kPair).bReInviteInProgress);
+      sip->closeRtpSessionPair(kOrig, kPair);
+    }
+  }
+}
+
 // ---- Transfer ----
 
 TEST_F(MidCallTest, BlindTransferAndItsProgressPassAcross) {
