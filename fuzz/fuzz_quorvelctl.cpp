@@ -142,6 +142,7 @@ bool isHarmless(std::string_view text) {
 }
 
 // The messages in what a trace printed: one text, from which the lines with times and addresses are taken.
+// The digits that stand for a byte are no letters of the text behind it.
 std::vector<std::string> shownMessages(std::string_view printed) {
   std::string text;
   while (!printed.empty()) {
@@ -151,6 +152,7 @@ std::vector<std::string> shownMessages(std::string_view printed) {
     text += '\n';
     printed.remove_prefix(std::min(line.size() + 1, printed.size()));
   }
+  for (std::size_t at = 0; (at = text.find("\\x", at)) != std::string::npos; ++at) text.replace(at, 4, "?");
   return {text};
 }
 

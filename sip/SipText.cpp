@@ -262,6 +262,8 @@ void MySip::unfoldHeaders(std::span<char> text) {
     text[end] = text[end + 1] = ' ';
     for (std::size_t at = line; at < view.size() && isBlank(view[at]); ++at) text[at] = ' ';
   }
+  // A head that was cut off ends with a line without end.
+  if (line > 0) std::ranges::replace_if(text.subspan(line), isLineBreak, ' ');
 }
 
 bool MySip::translateCompactHeaders(FixedText<3000>& message) {

@@ -283,6 +283,7 @@ TEST_F(TextTest, FoldedHeaderLinesAreJoinedAndLoneLineBreaksAreBlanks) {
   EXPECT_EQ(unfolded("A\r\n "), "A   ");
   EXPECT_EQ(unfolded("A\nx\r\nTo: a\rb\nX: c\r\n\nd\r\r\n\r\nv\n\r"),
             "A x\r\nTo: a b X: c\r\n d \r\n\r\nv\n\r");
+  EXPECT_EQ(unfolded("A\r\nVia: b\rc\n"), "A\r\nVia: b c ") << "cut off";
   EXPECT_EQ(unfolded("no\nline\r"), "no\nline\r") << "not one header line";
 }
 
