@@ -55,37 +55,48 @@ bool isOfThisHost(in_addr ip) {
          bind(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
-// Would it arrive at a socket of this very pair? Other pairs' sockets are as good as any far end.
-bool isOwnSocket(const sPairLegs& legs, const sockaddr_in& to, in_addr own) {
-  const auto isLocalPort = [port = ntohs(to.sin_port)](int local) { return port == local; };
-  if (std::none_of(legs.iLocalRtpPort.begin(), legs.iLocalRtpPort.end(), isLocalPort) &&
-      std::none_of(legs.iLocalRtcpPort.begin(), legs.iLocalRtcpPort.end(), isLocalPort)) {
-    return false;
-  }
-  const in_addr_t ip = to.sin_addr.s_addr;
-  if (ip == INADDR_ANY) return false;  // nothing is sent there
+bool isOwnAddress(in_addr ip, in_addr own) {
   in_addr announced{};
-  if (ip == own.s_addr || (inet_aton(pcSipUAIP.c_str(), &announced) != 0 && ip == announced.s_addr))
-    return true;
-  return own.s_addr == INADDR_ANY && isOfThisHost(to.sin_addr);
+  return ip.s_addr == own.s_addr ||
+         (inet_aton(pcSipUAIP.c_str(), &announced) != 0 && ip.s_addr == announced.s_addr) ||
+         (own.s_addr == INADDR_ANY && isOfThisHost(ip));
 }
 
-// A far end that gives one of the pair's own ports as its own would have each packet circle between the legs,
-// and take a whole core, for as long as the call lasts.
-void cutLoops(sPairLegs& legs, in_addr own) {
+// Why nothing may be sent there; null when it may. Sockets of other pairs are as good as any far end.
+const char* reasonNotToSend(const sPairLegs& legs, const sockaddr_in& to, in_addr own) {
+  const int port = ntohs(to.sin_port);
+  if (to.sin_addr.s_addr == INADDR_ANY || port == 0) return nullptr;  // nothing is
+  const auto has = [port](const PerSide<int>& ports) {
+    return std::ranges::find(ports, port) != ports.end();
+  };
+  if (has(legs.iLocalRtpPort) || has(legs.iLocalRtcpPort)) {
+    // Each packet would circle between the legs, and take a whole core, for as long as the call lasts.
+    if (isOwnAddress(to.sin_addr, own)) return "would come back to the same call";
+  }
+  // Strangers' packets would arrive there from our address.
+  in_addr pbx{};
+  if ((port == iSipUAPort && isOwnAddress(to.sin_addr, own)) ||
+      (port == iSipProxyPort && inet_aton(pcSipProxyIP.c_str(), &pbx) != 0 &&
+       to.sin_addr.s_addr == pbx.s_addr)) {
+    return "would be taken for SIP";
+  }
+  return nullptr;
+}
+
+void cutForbiddenAddresses(sPairLegs& legs, in_addr own) {
   for (int side = 0; side < 2; ++side) {
-    bool bLoop = false;
+    const char* why = nullptr;
     for (PerSide<sockaddr_in>* addresses : {&legs.sRemoteRtpAddr, &legs.sRemoteRtcpAddr,
                                             &legs.sRemoteNonAudioAddr, &legs.sRemoteNonAudioRtcpAddr}) {
       sockaddr_in& to = (*addresses)[side];
-      if (!isOwnSocket(legs, to, own)) continue;
+      const char* const reason = reasonNotToSend(legs, to, own);
+      if (reason == nullptr) continue;
       to.sin_addr.s_addr = INADDR_ANY;
-      bLoop = true;
+      why = reason;
     }
-    if (bLoop) {
-      Log::warning(kFunction,
-                   "media for %s at port %d would come back to the same call, nothing is sent there\n",
-                   legs.pcPartyName[side].c_str(), legs.iRemoteRtpPort[side]);
+    if (why != nullptr) {
+      Log::warning(kFunction, "media for %s at port %d %s, nothing is sent there\n",
+                   legs.pcPartyName[side].c_str(), legs.iRemoteRtpPort[side], why);
     }
   }
 }
@@ -184,7 +195,7 @@ void MyRtp::storeLegs(int pair, const sSessionPairRequest& request, in_addr own)
     record.sRemoteNonAudioAddr[side] = addressOf(remote, leg.iNonAudioPort);
     record.sRemoteNonAudioRtcpAddr[side] = addressOf(remote, rtcpPortOf(leg.iNonAudioPort));
   }
-  cutLoops(record, own);
+  cutForbiddenAddresses(record, own);
 }
 
 void MyRtp::storeCodecs(int pair, const sSessionPairRequest& request) {

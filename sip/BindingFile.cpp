@@ -15,7 +15,8 @@
 namespace {
 
 constexpr std::int32_t kTrailer = 12345;
-constexpr mode_t kFileMode = 0666;  // less the process's umask, as fopen creates files
+constexpr std::int32_t kMaxRelayCSeq = 1 << 30;  // the rest is enough to count on
+constexpr mode_t kFileMode = 0666;               // less the process's umask, as fopen creates files
 // A FIFO or device in the file's place must not make the main loop wait.
 constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK;
 
@@ -98,6 +99,10 @@ bool repairTail(sBinding& record) {
   for (sLastMsgData& stored : record.psLastMsgs) damaged |= terminateAll(stored.pcMsg, stored.pcCallID);
   if (record.iLastMsgIndex < 0 || record.iLastMsgIndex >= kStoredMessages) {
     record.iLastMsgIndex = 0;
+    damaged = true;
+  }
+  if (record.iRelayCSeqCounter < 0 || record.iRelayCSeqCounter > kMaxRelayCSeq) {
+    record.iRelayCSeqCounter = 1;
     damaged = true;
   }
   return damaged;

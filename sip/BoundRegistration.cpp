@@ -63,17 +63,15 @@ struct sContactAddress {
       Log::error(kFunction, "%s%.*s\n", why, static_cast<int>(contact.size()), contact.data());
       return false;
     };
-    const std::size_t start = MySip::stristr(contact, "sip:");
-    if (contact.empty() || start == std::string_view::npos)
-      return refuse("unable to find sip: in To string: ");
     // Only an address that is going to be used is worth asking the name service.
     const bool isUsed = iUseContactHeaderForFarEndAddressDuringRegistation == 1;
     sSipUri uri;
-    if (MySip::analyzeURIString(contact.substr(start), uri, isUsed ? HostLookup::eYes : HostLookup::eNo) !=
-            0 ||
-        (isUsed && !uri.bHasAddress)) {
-      return refuse("error analyzing the URI String ");  // the proxy's address would stand for the phone's
+    if (MySip::analyzeHeaderUri(contact, uri, kFunction, isUsed ? HostLookup::eYes : HostLookup::eNo,
+                                "unable to find sip: in To string:") != 0) {
+      return false;
     }
+    if (isUsed && !uri.bHasAddress)  // the proxy's address would stand for the phone's
+      return refuse("error analyzing the URI String ");
     const std::string_view name = uri.pcName;
     const std::size_t at = name.find('@');
     if (at == std::string_view::npos) return refuse("unable to find @ in To string: ");
@@ -84,8 +82,13 @@ struct sContactAddress {
     in_addr dotted{};
     pcIP = uri.pcIP;
     if (inet_pton(AF_INET, pcHost.c_str(), &dotted) == 1) pcIP.assignCut(host);
+    // Bound, the PBX would count as a phone, whose calls reach no other; ours would come back to ourselves.
+    if (isUsed && (isAt(pcSipProxyIP, iSipProxyPort) || isAt(pcSipUAIP, iSipUAPort)))
+      return refuse("no phone is reached at ");
     return true;
   }
+
+  bool isAt(std::string_view ip, int port) const { return pcIP == ip && iPort == port; }
 };
 
 }  // namespace

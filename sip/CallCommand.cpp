@@ -8,6 +8,7 @@ namespace {
 constexpr const char* kFromFunction = "MySip::analyzeFromStringAndCommandInInviteMessage";
 constexpr const char* kToFunction = "MySip::analyzeToStringInInviteMessage";
 constexpr const char* kFindFunction = "MySip::findMatchingCommand";
+constexpr const char* kNoSipInTo = "unable to find sip: in To string:";
 constexpr std::size_t kMaxDisplayName = 99;
 
 void logWithText(const char* function, const char* what, std::string_view text) {
@@ -73,23 +74,6 @@ bool readDisplayName(const sDisplayPart& part, std::string_view value, const cha
 }
 
 }  // namespace
-
-int MySip::analyzeHeaderUri(std::string_view value, sSipUri& out, const char* function, HostLookup lookup) {
-  const std::size_t start = value.empty() ? std::string_view::npos : stristr(value, "sip:");
-  if (start == std::string_view::npos) {
-    logWithText(function, "unable to find sip: in the string:", value);
-    return 1;
-  }
-  std::string_view uri = value.substr(start);
-  // Without brackets it ends with its line, behind which the header may have a further value.
-  if (value.substr(0, start).find('<') == std::string_view::npos)
-    uri = uri.substr(0, uri.find_first_of("\r\n"));
-  if (analyzeURIString(uri, out, lookup) != 0) {
-    logWithText(function, "error analyzing the URI String", uri);
-    return 1;
-  }
-  return 0;
-}
 
 int MySip::analyzeToStringInInviteMessage(int orig, std::string_view to) {
   sPhone& leg = phone(orig);
@@ -198,7 +182,7 @@ int MySip::chooseCommand(std::string_view caller, std::string_view to, sCommandC
   }
   if (iNumCmdBasedOnDestination > 0) {
     sSipUri dialled;
-    if (analyzeToUri(to, dialled, kFindFunction) != 0) return 1;
+    if (analyzeHeaderUri(to, dialled, kFindFunction, HostLookup::eNo, kNoSipInTo) != 0) return 1;
     for (int rule = 0; rule < iNumCmdBasedOnDestination; ++rule) {
       const auto i = static_cast<std::size_t>(rule);
       if (!sipNameMatchRegularExpression(dialled.pcName, ppcCmdBasedOnDestinationFilter[i])) continue;
@@ -226,19 +210,6 @@ int MySip::findMatchingCommand(int orig, int pair, std::string_view to) {
   return 1;
 }
 
-int MySip::analyzeToUri(std::string_view to, sSipUri& out, const char* function) {
-  const std::size_t start = to.empty() ? std::string_view::npos : stristr(to, "sip:");
-  if (start == std::string_view::npos) {
-    logWithText(function, "unable to find sip: in To string:", to);
-    return 1;
-  }
-  if (analyzeURIString(to.substr(start), out) != 0) {
-    logWithText(function, "error analyzing the URI String", to.substr(start));
-    return 1;
-  }
-  return 0;
-}
-
 int MySip::insertMatchingCmdData(int orig, int pair, std::string_view to, std::string_view destination,
                                  int type) {
   phone(orig).iCleaningType = phone(pair).iCleaningType = type;
@@ -251,7 +222,8 @@ int MySip::nameToCall(std::string_view destination, std::string_view to, FixedTe
     return 0;
   }
   sSipUri dialled;
-  if (analyzeToUri(to, dialled, "MySip::insertMatchingCmdData") != 0) return 1;
+  if (analyzeHeaderUri(to, dialled, "MySip::insertMatchingCmdData", HostLookup::eNo, kNoSipInTo) != 0)
+    return 1;
   out = dialled.pcName;
   if (iSipProxyArchitecture != 0) replaceProxyIPInSipName(out);
   return 0;

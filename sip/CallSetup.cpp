@@ -19,7 +19,8 @@ void beginLeg(sPhone& leg, std::time_t now) {
   leg.iByeCSeq = leg.iRemoteByeCSeq = leg.iReferCSeq = leg.iNotifyCSeq = -1;
   leg.iRemoteInviteCSeq = -1;
   leg.pcMoveContacts.clear();
-  leg.iNumRedirections = 0;
+  leg.iNumMoveContacts = 0;
+  leg.iSecondsWithoutMedia = 0;
   leg.bPeerHeard = false;
   leg.iSdpVersion = 1;
   leg.iNumRoutes = 0;

@@ -1,6 +1,8 @@
 #include "sip/HostNames.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
+#include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
@@ -44,13 +46,13 @@ struct HostNames::sRunning {
 };
 
 bool HostNames::find(std::string_view name, FixedText<16>& ip) {
-  for (auto& place : psRunning) takeResult(place, std::chrono::milliseconds(0));
+  for (auto& place : psRunning) takeResult(place, 0);
   const sEntry* entry = findEntry(name);
   // An address stays in use while it is asked for again: a dialog must not change its road every minute.
   if (entry == nullptr || !isFresh(*entry)) {
     std::shared_ptr<sRunning>* const place = begin(name);
     if (place != nullptr && (entry == nullptr || entry->pcIP.empty())) {
-      takeResult(*place, kLongestWait);
+      waitFor(*place);
       entry = findEntry(name);
     }
   }
@@ -114,11 +116,23 @@ std::shared_ptr<HostNames::sRunning>* HostNames::begin(std::string_view name) {
   }
 }
 
-void HostNames::takeResult(std::shared_ptr<sRunning>& place, std::chrono::milliseconds wait) {
+void HostNames::waitFor(std::shared_ptr<sRunning>& place) {
+  const std::int64_t begin = Clock::monotonicNanoseconds();
+  if (begin - iWaitingSince >= kSecond) {
+    iWaitingSince = begin;
+    iWaited = 0;
+  }
+  takeResult(place, std::max<std::int64_t>(kLongestWait - iWaited, 0));
+  iWaited += Clock::monotonicNanoseconds() - begin;
+}
+
+void HostNames::takeResult(std::shared_ptr<sRunning>& place, std::int64_t wait) {
   if (place == nullptr) return;
   {
     std::unique_lock lock(place->mutex);
-    if (!place->finished.wait_for(lock, wait, [&place] { return place->bFinished; })) return;
+    if (!place->finished.wait_for(lock, std::chrono::nanoseconds(wait),
+                                  [&place] { return place->bFinished; }))
+      return;
   }
   sEntry& entry = entryFor(place->pcName.view());
   if (place->iError == 0)

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <array>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string_view>
@@ -24,9 +23,10 @@ class HostNames {
   [[nodiscard]] bool find(std::string_view name, FixedText<16>& ip);
 
  private:
-  // /etc/hosts and a name server nearby answer well within it; a call is not heard to be delayed by it.
-  static constexpr std::chrono::milliseconds kLongestWait{20};
   static constexpr std::int64_t kSecond = 1'000'000'000;
+  // In each second, for all names together: /etc/hosts and a name server nearby answer well within it, a call
+  // is not heard to be delayed by it, and a message that carries many names does not hold up the others.
+  static constexpr std::int64_t kLongestWait = kSecond / 50;
   static constexpr std::int64_t kKnownFor = 60 * kSecond;
   static constexpr std::int64_t kUnknownFor = 10 * kSecond;
   static constexpr std::size_t kHostCapacity = 256;  // a name has at most 253 characters (RFC 1035, 2.3.4)
@@ -44,11 +44,14 @@ class HostNames {
   sEntry* findEntry(std::string_view name);
   sEntry& entryFor(std::string_view name);
   static bool isFresh(const sEntry& entry);
+  void waitFor(std::shared_ptr<sRunning>& place);
   std::shared_ptr<sRunning>* begin(std::string_view name);
-  void takeResult(std::shared_ptr<sRunning>& place, std::chrono::milliseconds wait);
+  void takeResult(std::shared_ptr<sRunning>& place, std::int64_t wait);
 
   Lookup lookup;
   std::array<std::shared_ptr<sRunning>, kLookups> psRunning;  // null: free
   std::array<sEntry, kEntries> psEntries;
   std::size_t uNextEntry = 0;  // the oldest gives way
+  std::int64_t iWaitingSince = -kSecond;
+  std::int64_t iWaited = 0;  // since then
 };

@@ -247,26 +247,34 @@ void MySip::sweepMedia() {
 void MySip::checkMedia(int orig, const sRtpSessionPair& pair) {
   constexpr const char* kFunction = "MySip::mainLoop";
   const int partner = phone(orig).iPairIndex;
+  const bool onHold = phone(orig).bOnHold || phone(partner).bOnHold;
+  const int limit = onHold ? iRTPTimeoutWhenOnHoldInSeconds : iRTPTimeoutInSeconds;
+  const auto cancel = [&](int seconds) {
+    Log::warning(kFunction,
+                 "going to cancel call (OnHold=%s) due to RTP/RTCP inactivity (%d) between %s and %s\n",
+                 onHold ? "true" : "false", seconds, phone(orig).pcRemoteSipName.c_str(),
+                 phone(partner).pcRemoteSipName.c_str());
+    initiateCallTermination(orig);
+  };
+  int& secondsWithout = phone(orig).iSecondsWithoutMedia;
   if (!pair.bThreadRunning) {
-    restartRtpSession(orig, partner);
+    if (++secondsWithout > limit)  // nobody can hear when both have gone
+      cancel(secondsWithout - 1);
+    else
+      restartRtpSession(orig, partner);
     return;
   }
+  secondsWithout = 0;
   if (const auto errors = pair.iSelectErrors.read(); errors && *errors > kMaxSelectErrors) {
     Log::warning(kFunction, "going to cancel call due to many select errors %d %d\n", orig, partner);
     markTerminating(orig);
     closeRtpSessionPair(orig, partner);
     return;
   }
-  const bool onHold = phone(orig).bOnHold || phone(partner).bOnHold;
-  const int limit = onHold ? iRTPTimeoutWhenOnHoldInSeconds : iRTPTimeoutInSeconds;
   for (const PublishedCounter& side : pair.iInactiveSeconds) {
     const auto seconds = side.read();
     if (!seconds || *seconds < limit) continue;
-    Log::warning(kFunction,
-                 "going to cancel call (OnHold=%s) due to RTP/RTCP inactivity (%d) between %s and %s\n",
-                 onHold ? "true" : "false", *seconds, phone(orig).pcRemoteSipName.c_str(),
-                 phone(partner).pcRemoteSipName.c_str());
-    initiateCallTermination(orig);
+    cancel(*seconds);
     return;
   }
 }

@@ -217,9 +217,10 @@ class MySip {
   static int contentLengthOf(std::string_view message);
   // The same for requests of a call, logged as "error, reading seq from ...".
   static bool readRequestCSeq(std::string_view msg, int& cseq, const char* function);
-  // The first URI of a header value. 0, or 1 after logging for `function`.
+  // The first URI of a header value. 0, or 1 after logging for `function`; `missing` when it has none.
   static int analyzeHeaderUri(std::string_view value, sSipUri& out, const char* function,
-                              HostLookup lookup = HostLookup::eNo);
+                              HostLookup lookup = HostLookup::eNo,
+                              const char* missing = "unable to find sip: in the string:");
   // Takes the tag of the message's To header, if it has one, as the leg's remote tag.
   static void learnRemoteTag(sPhone& leg, std::string_view msg);
 
@@ -574,7 +575,6 @@ class MySip {
   int takeExplicitCommand(int orig, std::string_view from, std::string_view& display, bool quoted,
                           bool& found);
   static int takeCallerTag(sPhone& leg, std::string_view from);
-  static int analyzeToUri(std::string_view to, sSipUri& out, const char* function);
   // A command's destination; "*" is the name in the To header.
   static int nameToCall(std::string_view destination, std::string_view to, FixedText<kSipNameCapacity>& out);
 

@@ -13,7 +13,7 @@ constexpr std::string_view kContact = "Contact:";
 
 // What the other party is told, since "moved" would make it try the Contact that we answer with: our own.
 constexpr std::string_view kNowhereToGo = "SIP/2.0 480 Temporarily Unavailable";
-constexpr int kMaxRedirections = 10;  // per call: two servers may redirect to each other
+constexpr int kMaxContacts = 10;  // that a call looks at: two servers may redirect to each other
 
 // Takes the first contact out of the list, in which each is followed by a comma or by the name of the next
 // header line.
@@ -32,17 +32,6 @@ FixedText<3001> takeNextContact(FixedText<3001>& contacts) {
     contacts.assignCut(all.substr(std::min(all.size(), nextName + kContact.size() + blankAfterName)));
   }
   return contact;
-}
-
-bool readContact(const FixedText<3001>& contact, sSipUri& out) {
-  const std::size_t start = MySip::stristr(contact, "sip:");
-  if (start == std::string_view::npos) {
-    Log::error(kFunction, "unable to find sip: in %s\n", contact.c_str());
-    return false;
-  }
-  if (MySip::analyzeURIString(contact.view().substr(start), out, HostLookup::eYes) == 0) return true;
-  Log::error(kFunction, "error analyzing the URI String %s\n", contact.c_str());
-  return false;
 }
 
 }  // namespace
@@ -81,9 +70,19 @@ bool MySip::reviewMoveStorage(int slot) {
   // Whoever has hung up is not called elsewhere, and a call that stands does not move.
   if (leg.bTerminating || leg.bAnswered) return false;
   while (!leg.pcMoveContacts.empty()) {
+    if (leg.iNumMoveContacts >= kMaxContacts) {
+      Log::warning(kFunction, "more than %d contacts for %s, the others are not tried\n", kMaxContacts,
+                   leg.pcRemoteSipName.c_str());
+      leg.pcMoveContacts.clear();
+      break;
+    }
+    ++leg.iNumMoveContacts;
     const FixedText<3001> contact = takeNextContact(leg.pcMoveContacts);
     sSipUri uri;
-    if (readContact(contact, uri) && inviteContact(slot, uri)) return true;
+    if (analyzeHeaderUri(contact, uri, kFunction, HostLookup::eYes, "unable to find sip: in") == 0 &&
+        inviteContact(slot, uri)) {
+      return true;
+    }
   }
   return false;
 }
@@ -92,12 +91,11 @@ bool MySip::reviewMoveStorage(int slot) {
 bool MySip::inviteContact(int slot, const sSipUri& contact) {
   sPhone& leg = phone(slot);
   const bool isOurself = contact.pcIP == pcSipUAIP.view() && contact.iPort == iSipUAPort;
-  if (leg.iNumRedirections >= kMaxRedirections || (isOurself && getBindingIndex(contact.pcName) < 0)) {
+  if (isOurself && getBindingIndex(contact.pcName) < 0) {
     Log::warning(kFunction, "contact %s is not tried, it leads round in a circle\n",
                  contact.pcFullUri.c_str());
     return false;
   }
-  ++leg.iNumRedirections;
   // After a redirection the old dialog has been acknowledged and is among the old calls already; after a
   // failure it is not. Its peer repeats the answer until somebody acknowledges it.
   if (findOldCall(leg.pcCallID) < 0) {

@@ -72,17 +72,9 @@ void MySip::prepareOneTimeRoutingMsgAndDestinationIP(int slot, std::string_view 
     (void)leg.pcOneTimeRoutingMsg.appendFormat("Route: %s\r\n",
                                                leg.ppcRoutes[static_cast<std::size_t>(i)].c_str());
   }
-  const std::string_view next = leg.ppcRoutes[1];
-  const std::size_t start = next.empty() ? std::string_view::npos : stristr(next, "sip:");
-  if (start == std::string_view::npos) {
-    Log::error(kFunction, "unable to find sip: in %s\n", leg.ppcRoutes[1].c_str());
-    return;
-  }
   sSipUri uri;
-  if (analyzeURIString(next.substr(start), uri, HostLookup::eYes) != 0) {
-    Log::error(kFunction, "error analyzing the URI String %s\n", leg.ppcRoutes[1].c_str());
+  if (analyzeHeaderUri(leg.ppcRoutes[1], uri, kFunction, HostLookup::eYes, "unable to find sip: in") != 0)
     return;
-  }
   // A host that is not known (yet) is not the PBX: the request then takes the road of the dialog so far.
   if (!uri.bHasAddress) return;
   leg.pcOneTimeDestinationHost.assignCut(uri.pcIP);

@@ -216,6 +216,8 @@ std::size_t MySip::findNextMediaSection(std::string_view text, std::size_t posit
 }
 
 int MySip::analyzeMediaInSDP(int slot, std::string_view msg) {
+  constexpr int kMaxSections = 20;  // each bad one is a record in the log
+  int sections = 0;
   int result = 0;
   phone(slot).bAudioSectionSeen = false;
   bool isAudio = false;
@@ -236,6 +238,10 @@ int MySip::analyzeMediaInSDP(int slot, std::string_view msg) {
     }
     start = next;
     isAudio = nextIsAudio;
+    if (start != kNotFound && ++sections == kMaxSections) {
+      Log::warning(kAnalyze, "only %d media sections of phone %d are read\n", kMaxSections, slot);
+      break;
+    }
   }
   // What is left must have a media section, or the partner would be sent an SDP without one.
   const sPhone& leg = phone(slot);

@@ -140,22 +140,24 @@ int MySip::analyzeURIString(std::string_view text, sSipUri& out, HostLookup look
   return 1;
 }
 
+int MySip::analyzeHeaderUri(std::string_view value, sSipUri& out, const char* function, HostLookup lookup,
+                            const char* missing) {
+  const auto fail = [function](const char* what, std::string_view text) {
+    Log::error(function, "%s %.*s\n", what, static_cast<int>(text.size()), text.data());
+    return 1;
+  };
+  const std::size_t start = stristr(value, kScheme);
+  if (start == kNotFound) return fail(missing, value);
+  std::string_view uri = value.substr(start);
+  // Without brackets it ends with its line, behind which the header may have a further value.
+  if (value.substr(0, start).find('<') == kNotFound) uri = uri.substr(0, uri.find_first_of("\r\n"));
+  return analyzeURIString(uri, out, lookup) == 0 ? 0 : fail("error analyzing the URI String", uri);
+}
+
 void MySip::extractShortSipName(std::string_view text, FixedText<kSipNameCapacity>& out) {
-  constexpr const char* kFunction = "MySip::extractShortSipName";
-  out.clear();
-  const std::size_t start = stristr(text, kScheme);
-  if (start == kNotFound) {
-    Log::error(kFunction, "unable to find sip: in the string: %.*s\n", static_cast<int>(text.size()),
-               text.data());
-    return;
-  }
-  const std::string_view uriText = text.substr(start);
   sSipUri uri;
-  if (analyzeURIString(uriText, uri) != 0) {
-    Log::error(kFunction, "error analyzing the URI String %.*s\n", static_cast<int>(uriText.size()),
-               uriText.data());
-    return;
-  }
+  out.clear();
+  if (analyzeHeaderUri(text, uri, "MySip::extractShortSipName") != 0) return;
   const std::string_view name = uri.pcName;
   out.assignCut(name.substr(0, name.find('@')));
 }

@@ -128,9 +128,10 @@ struct sPhoneTail {
   FixedText<202> pcOneTimeDestinationHost;
   sockaddr_in sOneTimeDestination{};
 
-  int iRegistrationCSeq = 0;  // CSeq of the last REGISTER of this identity
-  int iNumRedirections = 0;   // contacts of 3xx answers that the call has tried
-  bool bPeerHeard = false;    // something has answered the call's INVITE
+  int iRegistrationCSeq = 0;     // CSeq of the last REGISTER of this identity
+  int iNumMoveContacts = 0;      // contacts of 3xx answers that the call has looked at
+  int iSecondsWithoutMedia = 0;  // of an orig leg whose session pair cannot be opened
+  bool bPeerHeard = false;       // something has answered the call's INVITE
 };
 
 // One call leg, and at the same time one SIP identity of ours. Slots 0 to N/2 - 1 are orig phones (they face

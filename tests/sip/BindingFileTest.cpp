@@ -1,5 +1,6 @@
 // The binding files: their image, what is written when, damage, full disks, and a process that is killed.
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -303,6 +304,8 @@ TEST_F(BindingFileTest, RecordsFullOfGarbageAreRepairedNotTrusted) {
   std::memcpy(image.data() + 4 + kRecord, &numbers[1], 4);
   for (const int subscriptions : {-1, 51, 50}) {
     SCOPED_TRACE(subscriptions);
+    const int counter = subscriptions == 50 ? INT_MAX : subscriptions;  // one more must be a number
+    std::memcpy(image.data() + 4 + 626296, &counter, 4);
     std::memcpy(image.data() + 4 + 12888, &subscriptions, 4);
     installation.clearLog();
     installation.write("binding", image);
@@ -310,6 +313,7 @@ TEST_F(BindingFileTest, RecordsFullOfGarbageAreRepairedNotTrusted) {
     ASSERT_EQ(table.iNumBindings, 1);
     EXPECT_EQ(table.bindingAt(0).iNumSubscriptions, subscriptions == 50 ? 50 : 0);
     EXPECT_EQ(table.bindingAt(0).iLastMsgIndex, 0);
+    EXPECT_EQ(table.bindingAt(0).iRelayCSeqCounter, subscriptions == 51 ? 51 : 1);
     EXPECT_EQ(std::strlen(table.bindingAt(0).pcPhoneVia.c_str()), 999U);
     EXPECT_EQ(installation.logCount("1 of 1 bindings in the file"), 1);
     table.saveBindingFiles();

@@ -164,7 +164,8 @@ TEST_F(BoundPhoneTest, AddressIsTheSourceOrAsConfiguredTheContact) {
     start();
     LoopbackPeer elsewhere;
     Request request = phoneRequest("REGISTER", 1);
-    request.contact = "<sip:201@127.0.0.1:" + std::to_string(elsewhere.port()) + ">";
+    request.contact = "sip:201@127.0.0.1:" + std::to_string(elsewhere.port()) +
+                      "\r\nContact: sip:201@127.0.0.1:9";  // the first of several counts
     fromCaller(build(request));
     EXPECT_EQ(firstLine((useContact != 0 ? elsewhere : caller).receive().value_or("")), "SIP/2.0 200 Ok");
     EXPECT_EQ(phone().pcContactIP, "127.0.0.1");
@@ -174,11 +175,19 @@ TEST_F(BoundPhoneTest, AddressIsTheSourceOrAsConfiguredTheContact) {
   // A host without address must not be bound to the PBX's, which would then count as a phone of ours.
   Request request = phoneRequest("REGISTER", 1);
   request.callId = request.to = "<sip:202@phone.example>";
-  request.contact = "<sip:202@nobody.invalid>";
-  fromCaller(build(request));
-  EXPECT_EQ(installation.logCount("error analyzing the URI String <sip:202@nobody.invalid>\n"), 1);
-  EXPECT_EQ(sip->iNumBindings, 1);
-  expectSilence();
+  const std::string atPort = "<sip:202@127.0.0.1:";
+  for (const auto& [contact, log] :
+       {std::pair<std::string, const char*>{"<sip:202@nobody.invalid>",
+                                            "error analyzing the URI String <sip:202"},
+        {atPort + std::to_string(pbx.port()) + ">", "no phone is reached at <sip:202"},
+        {atPort + std::to_string(iSipPort) + ">", "no phone is reached at <sip:202"}}) {
+    request.contact = contact;
+    installation.clearLog();
+    fromCaller(build(request));
+    EXPECT_EQ(installation.logCount(log), 1) << installation.log();
+    EXPECT_EQ(sip->iNumBindings, 1);
+    expectSilence();
+  }
 }
 
 TEST_F(BoundPhoneTest, ProxyRegistersThePhoneWithThePbxAndRelaysTheChallenge) {

@@ -341,6 +341,30 @@ TEST_F(CallTest, SilentMediaEndsTheCallAndByesRepeatUntilTheSlotsAreReleased) {
   EXPECT_FALSE(sip->phone(0).bInUse || sip->phone(2).bInUse);
 }
 
+// Whether the parties are still there cannot be heard then.
+TEST_F(CallTest, MediaThatCannotBeOpenedIsTriedAgainAndEndsTheCallInTheEnd) {
+  iRTPTimeoutInSeconds = 3;
+  for (const int seconds : {2, 4}) {
+    SCOPED_TRACE(seconds);
+    start();
+    {
+      const LoopbackPeer other(static_cast<in_port_t>(sip->phone(kPair).iRtpPort));
+      answer();
+      passSeconds(seconds);
+    }
+    if (seconds == 2) {
+      passSeconds(2);
+      expectSilence();
+      EXPECT_EQ(installation.logCount("going to cancel call"), 0);
+      sip->closeRtpSessionPair(kOrig, kPair);
+    } else {
+      EXPECT_TRUE(firstLine(atCaller()).starts_with("BYE ")) << installation.log();
+      EXPECT_TRUE(firstLine(atPbx()).starts_with("BYE "));
+      EXPECT_EQ(installation.logCount("due to RTP/RTCP inactivity (3)"), 1);
+    }
+  }
+}
+
 TEST_F(CallTest, SetUpWithoutAnswerIsGivenUpAfterAMinuteAndReleasedAfterAnother) {
   start();
   const std::string silence =
