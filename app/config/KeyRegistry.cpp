@@ -79,7 +79,9 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
      "First local RTP port; phone number i, from 0, uses this plus 2 i for RTP and the port after it for "
      "RTCP."},
     {"Separator", eWord, text(pcSeparator), required("##"), kAny, kStart, eCommands,
-     "Text between destination and processing type in a command."},
+     "Text between destination and processing type in a command. A caller's display name that contains it is "
+     "such a command: destination, separator, type, separator, name (300@192.0.2.10##3##Ann). It goes before "
+     "all rules, so no name should contain it."},
     {"CmdBasedOnCallerID", eListWord, text(pcCmdBasedOnCallerID), none("1??@192.0.2.20=*##1;"), kAny, kStart,
      eCommands,
      "At most 10 rules pattern=command;, where the pattern is matched with the caller's SIP name and a ? "
@@ -142,7 +144,7 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
     {"CNGEndValue", eInteger, &iCNGEndValue, preset("15"), kPercent, kReload, eEngine,
      "Comfort noise that a long pause ends with, in percent of the background noise."},
     {"BurstEndDecrease", eInteger, &iBurstEndDecrease, preset("40"), kPercent, kReload, eEngine,
-     "Decrease of the speech gain per period after the last certain speech, in percent."},
+     "Decrease of the speech gain per second after the last certain speech, in percent."},
     {"BurstEndLowerValue", eInteger, &iBurstEndLowerValue, preset("15"), kPercent, kReload, eEngine,
      "Lowest speech gain, in percent."},
     {"RemoveNonSelfFrequencies", eInteger, &iRemoveNonSelfFrequencies, preset("1"), kFlag, kReload, eEngine,
@@ -150,7 +152,7 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
      "and no noise level is measured."},
     {"DOSExpressions", eExpressions, sExpressionTarget{&iNumberOfDOSExpressions, &pcDOSExpressions},
      none("9??@192.0.2.20;"), kAny, kStart, eCommands,
-     "Patterns of callers whose calls are refused, each followed by a semicolon."},
+     "Patterns of callers whose calls are refused with 503, each followed by a semicolon."},
     {"AOSExpressions", eExpressions, sExpressionTarget{&iNumberOfAOSExpressions, &pcAOSExpressions},
      none("911@192.0.2.20;"), kAny, kStart, eCommands,
      "Patterns of callers who are served although DOSExpressions refuses them."},
@@ -160,8 +162,8 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
     {"CleanRecordingLibrary", ePath, text(pcCleanRecordingLibrary), none("../recordings/"), kAny, kReload,
      eRecordings,
      "Directory, with its final slash, for recordings of the processed audio; empty means no recording."},
-    {"StatisticsFile", ePath, text(pcStatisticsFile), none("../log/statistics"), kAny, kReload, eStatistics,
-     "File that gets a line per call; empty means none."},
+    {"StatisticsFile", ePath, text(pcStatisticsFile), none("../statistics/main.log"), kAny, kReload,
+     eStatistics, "File that gets a line per call; empty means none."},
     {"DTMFRegistraterPrefix", eWord, text(pcDTMFRegisterPrefix), inSample("abcde", "*1*"), kAny, kReload,
      eDtmf, "Digits that start the registration of the talker's voice; a name and DTMFSuffix follow."},
     {"DTMFActivatePrefix", eWord, text(pcDTMFActivatePrefix), inSample("abcde", "*2*"), kAny, kReload, eDtmf,
@@ -196,10 +198,10 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
     {"ThresholdToHighlightMOS", eFloat, &fThresholdToHighlightMOS, preset("3.6"), kAny, kReload, eStatistics,
      "Estimated MOS down from which the pages show it in red."},
     {"RealTimeAverageStatisticsFile", ePath, text(pcRealTimeAverageStatisticsFile),
-     none("../www/average.html"), kAny, kReload, eStatistics,
+     none("../statistics/average.html"), kAny, kReload, eStatistics,
      "HTML page with the averages of running calls; empty means that it is not written."},
     {"RealTimeExtremeStatisticsFile", ePath, text(pcRealTimeExtremeStatisticsFile),
-     none("../www/extreme.html"), kAny, kReload, eStatistics,
+     none("../statistics/extreme.html"), kAny, kReload, eStatistics,
      "HTML page with the extremes of running calls; empty means that it is not written."},
     {"RefreshRateOfRealTimeStatistics",
      eInteger,
@@ -215,7 +217,7 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
     {"PairPhonesNamePrefix", eWord, text(pcPairPhonesNamePrefix), preset("KestrovaPair"), kAny, kStart,
      eIdentities, "Start of the generated names of the phones that place our own calls."},
     {"RTPTimeoutInSeconds", eInteger, &iRTPTimeoutInSeconds, preset("30"), kAny, kStart, eCalls,
-     "Seconds without media after which a call is ended."},
+     "Seconds after which a call is ended when one side sends neither RTP nor RTCP."},
     {"AECAlgorithm",
      eWord,
      text(pcAECAlgorithm),
@@ -233,7 +235,7 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
     {"CanHaveDifferentIPForDifferentMedia", eInteger, &iCanHaveDifferentIPForDifferentMedia, preset("0"),
      kFlag, kStart, eCalls, "1 lets the media sections of one session description have different addresses."},
     {"RTPTimeoutWhenOnHoldInSeconds", eInteger, &iRTPTimeoutWhenOnHoldInSeconds, preset("300"), kAny, kStart,
-     eCalls, "Seconds without media after which a call on hold is ended."},
+     eCalls, "Seconds after which a call on hold is ended when one side sends neither RTP nor RTCP."},
     {"PairPhoneShouldImpersonateTheOriginator", eInteger, &iPairPhoneShouldImpersonateTheOriginator,
      preset("0"), kFlag, kStart, eCalls,
      "1 shows the called party the caller's identity instead of our phone's."},
@@ -255,11 +257,19 @@ constexpr std::array<sKey, kNumKeys> kKeys = std::to_array<sKey>({
      kStart, eCommands,
      "Rules as in CmdBasedOnCallerID, matched with the dialled SIP name; tried after those."},
     {"OrigPhonesSecret", eListWord, text(pcOrigPhonesSecret), none("secret1;secret2;secret3;"), kAny, kStart,
-     eIdentities, "Passwords of the phones that face the callers, each followed by a semicolon."},
+     eIdentities,
+     "Passwords of the phones of OrigPhonesName, in their order, each followed by a semicolon; without that "
+     "list Secret counts."},
     {"PairPhonesSecret", eListWord, text(pcPairPhonesSecret), none("secret1;secret2;secret3;"), kAny, kStart,
-     eIdentities, "Passwords of the phones that place our own calls, each followed by a semicolon."},
+     eIdentities,
+     "Passwords of the phones of PairPhonesName, in their order, each followed by a semicolon; without that "
+     "list Secret counts."},
     {"InviteShouldMatchPairPhoneName", eInteger, &iInviteShouldMatchPairPhoneName, preset("0"), kFlag, kStart,
-     eCalls, "1 gives a call to the pair of phones whose second phone has the name of the phone concerned."},
+     eCalls,
+     "1 takes the pair of phones whose second phone has the name of the registered caller, or else of the "
+     "called "
+     "phone, which then must have registered with us; without one, or when it is taken, the caller hears "
+     "busy."},
     {"NumCallsToFilter", eInteger, &iNumCallsToFilter, preset("3"), kPositive, kStart, eCalls,
      "Most calls at the same time, at most 127; further ones hear busy. The voice engine has room for "
      "three."},

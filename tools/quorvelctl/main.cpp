@@ -21,11 +21,12 @@ constexpr std::array kCommands = {
              drainInstance, false},
     sCommand{"reload", "", "check the configuration file and have the process read it again", 0, 0,
              reloadInstance},
-    sCommand{"stop", "[SECONDS]", "drain for at most that long (default 0), then hang up and end the process",
-             0, 1, stopInstance, false},
-    sCommand{"trace", "CALL-ID | --phone NAME",
-             "SIP of a call or registration, both legs; needs SipDebug=1; --log FILE: in older logs", 1, 99,
-             traceCall},
+    sCommand{"stop", "[SECONDS]", "end the process; with a time, wait that long for running calls first", 0,
+             1, stopInstance, false},
+    sCommand{
+        "trace", "CALL-ID | --phone NAME",
+        "SIP of a call, registration or subscription, all legs; needs SipDebug=1; --log FILE: in older logs",
+        1, 99, traceCall},
     sCommand{"metrics", "[FILE]", "the state of the instance for a Prometheus textfile collector", 0, 1,
              writeMetrics},
 };
