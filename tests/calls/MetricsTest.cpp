@@ -174,8 +174,13 @@ TEST_F(MetricsTest, TotalsOutliveTheFilesTheyWereReadFrom) {
   const auto refuse = [&](const std::string& calls) {
     logTrouble("new calls refused: " + calls + " with 486, 0 with 503");
   };
+  // Then its pair is in use by a call whose media cannot be opened.
   const auto closeCall = [&](int session) {
-    std::ofstream(statistics, std::ios::app) << " Closed session (" << session << ") (7 seconds).\n";
+    std::ofstream(statistics, std::ios::app) << " Open session (" << session << "): a<->b\n";
+    read();
+    for (int second = 7; second >= 0; second -= 7)
+      std::ofstream(statistics, std::ios::app)
+          << " Closed session (" << session << ") (" << second << " seconds).\n";
   };
   refuse("3");
   logRecord("INFO in sigUsr2Handle, Got shutdown request");
@@ -199,6 +204,7 @@ TEST_F(MetricsTest, TotalsOutliveTheFilesTheyWereReadFrom) {
   // Early media, in which the caller says nothing, and the call that goes on from it; another's; dialled
   // again.
   const std::string early =
+      "12:00:00\n Open session (3): a<->b\n"
       "12:00:01\n Closed session (3) (0 seconds). a->b:  Confident Voice (0%) Max AGC (0) CallID (x). b->a: ";
   for (const auto& [opened, silent] : {std::pair("12:00:01\n Open session (2): a<->b\n", 2),
                                        {"12:00:01\n Open session (3): a<->c\n", 3},

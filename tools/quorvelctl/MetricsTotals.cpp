@@ -23,6 +23,7 @@ constexpr double kMaxOffset = 1e15;  // exact in a double
 constexpr double kMostSeconds = 1e7;
 constexpr double kMostMos = 5;
 constexpr double kMostPercent = 100;
+constexpr double kMostPairs = 1000;
 
 // FNV-1a.
 std::uint32_t hashOf(std::string_view text) {
@@ -153,11 +154,15 @@ void MetricsTotals::readStatistics(const std::string& path) {
 
 void MetricsTotals::addStatisticsLine(std::string_view line) {
   if (!line.starts_with(' ')) time = line;
+  const auto pair = static_cast<int>(numberBehind(line, " session (", kMostPairs));
+  const std::string open = "open_" + std::to_string(pair);
   if (line.starts_with(" Open session (")) {
     ++numbers["opened"];
+    numbers[open] = 1;
     countSilence(time + partiesIn(line, "): ", "<->"));
   }
-  if (!line.starts_with(" Closed session (")) return;
+  // Media that cannot be opened is closed, and tried again, every second.
+  if (!line.starts_with(" Closed session (") || numbers.erase(open) == 0) return;
   countSilence("");
   silence.timeAndParties = time + partiesIn(line, "seconds). ", "->");
   ++numbers["closed"];
